@@ -1,0 +1,48 @@
+// tarvix::Application: the running application as the host exposes it to shared modules.
+// The host implements it over its own application object and registers it as a service.
+//
+// Thread safety: as the host's implementation documents; the library calls it on the main
+// thread.
+//
+// Example:
+//   auto app = services.safeGet<tarvix::Application>();
+//   if (app->applicationState() == tarvix::ApplicationState::active) { ... }
+#pragma once
+
+#include <any>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "tarvix/service.h"
+
+namespace tarvix {
+
+enum class ApplicationState { active = 0, inactive = 1, background = 2 };
+
+enum class InterfaceOrientation {
+  unknown = 0,
+  portrait = 1,
+  portraitUpsideDown = 2,
+  landscapeLeft = 4,
+  landscapeRight = 3,
+};
+
+class Application : public virtual Service {
+ public:
+  using OpenOptions = std::map<std::string, std::any>;
+
+  // The key window as an opaque handle of the host's; null when there is none.
+  [[nodiscard]] virtual std::shared_ptr<void> applicationWindow() const = 0;
+  [[nodiscard]] virtual ApplicationState applicationState() const = 0;
+  [[nodiscard]] virtual InterfaceOrientation statusBarOrientation() const = 0;
+  [[nodiscard]] virtual bool isIdleTimerDisabled() const = 0;
+  virtual void setIdleTimerDisabled(bool disabled) = 0;
+  [[nodiscard]] virtual bool canOpenURL(std::string_view url) const = 0;
+  virtual void open(std::string_view url) = 0;
+  virtual void open(std::string_view url, const OpenOptions& options, std::function<void(bool)> completion) = 0;
+};
+
+}  // namespace tarvix

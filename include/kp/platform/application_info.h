@@ -1,0 +1,48 @@
+// kp::ApplicationInfo: facts about the running application and device that the service
+// parameters and the cache paths use. The host fills in what it knows at start-up; the rest
+// keeps Linux defaults (kernel name and release, DMI product name, locale and time zone of
+// the environment).
+//
+// Thread safety: current() and setCurrent() may be called from any thread.
+//
+// Example:
+//   auto info = kp::ApplicationInfo::current();
+//   info.identifier = "com.example.weather";
+//   info.version = "5.2.0";
+//   kp::ApplicationInfo::setCurrent(info);
+//   std::filesystem::path caches = kp::cachesDirectory();  // ~/.cache/com.example.weather
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace kp {
+
+enum class UserInterfaceIdiom { unspecified = -1, phone = 0, pad = 1, tv = 2, carPlay = 3, mac = 5, vision = 6 };
+
+struct ApplicationInfo {
+  std::string identifier;  // reverse-domain bundle identifier
+  std::string name;        // display name
+  std::string version;     // marketing version, "5.2.0"
+  std::string build;       // build number
+  UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;
+  double screenScale = 1.0;
+  std::string systemName;        // "Linux"
+  std::string systemVersion;     // kernel release
+  std::string deviceModel;       // DMI product name or machine type
+  std::string localeIdentifier;  // "en_US"
+  std::string timeZone;          // "Europe/Berlin"
+
+  // The facts in force: the host's, or the defaults read from the system on first use.
+  [[nodiscard]] static ApplicationInfo current();
+  static void setCurrent(ApplicationInfo info);
+  // Defaults for this system, with identifier "com.kp.app".
+  [[nodiscard]] static ApplicationInfo systemDefaults();
+};
+
+// $XDG_CACHE_HOME (else ~/.cache) joined with the application identifier. Not created here.
+[[nodiscard]] std::filesystem::path cachesDirectory();
+// $XDG_CONFIG_HOME (else ~/.config) joined with the application identifier. Not created here.
+[[nodiscard]] std::filesystem::path configurationDirectory();
+
+}  // namespace kp

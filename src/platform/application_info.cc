@@ -1,0 +1,59 @@
+// Application facts: host-set values over system defaults.
+#include "kp/platform/application_info.h"
+
+#include <mutex>
+#include <optional>
+
+#include "platform/env.h"
+
+namespace kp {
+namespace {
+
+std::mutex gInfoMutex;
+std::optional<ApplicationInfo> gInfo;  // guarded by gInfoMutex
+
+std::filesystem::path xdgDirectory(const char* variable, const char* fallback) {
+  auto& env = platform::Env::current();
+  std::filesystem::path base;
+  if (auto value = env.variable(variable); value && !value->empty() && value->front() == '/') {
+    base = *value;
+  } else {
+    base = env.homeDirectory() / fallback;
+  }
+  return base / ApplicationInfo::current().identifier;
+}
+
+}  // namespace
+
+ApplicationInfo ApplicationInfo::systemDefaults() {
+  auto& env = platform::Env::current();
+  const auto facts = env.systemFacts();
+  ApplicationInfo info;
+  info.identifier = "com.kp.app";
+  info.name = "KPApp";
+  info.version = "1.0";
+  info.build = "1";
+  info.systemName = facts.systemName;
+  info.systemVersion = facts.systemVersion;
+  info.deviceModel = facts.model;
+  info.localeIdentifier = env.localeIdentifier();
+  info.timeZone = env.timeZoneName();
+  return info;
+}
+
+ApplicationInfo ApplicationInfo::current() {
+  std::lock_guard lock(gInfoMutex);
+  if (!gInfo) gInfo = systemDefaults();
+  return *gInfo;
+}
+
+void ApplicationInfo::setCurrent(ApplicationInfo info) {
+  std::lock_guard lock(gInfoMutex);
+  gInfo = std::move(info);
+}
+
+std::filesystem::path cachesDirectory() { return xdgDirectory("XDG_CACHE_HOME", ".cache"); }
+
+std::filesystem::path configurationDirectory() { return xdgDirectory("XDG_CONFIG_HOME", ".config"); }
+
+}  // namespace kp

@@ -1,0 +1,16 @@
+// The per-thread binding chain behind TaskLocal.
+#include "kp/platform/task_local.h"
+
+namespace kp {
+namespace {
+thread_local TaskLocalSnapshot tCurrentBindings;
+}  // namespace
+
+const TaskLocalSnapshot& currentTaskLocalBindings() noexcept { return tCurrentBindings; }
+
+ScopedTaskLocalBindings::ScopedTaskLocalBindings(TaskLocalSnapshot snapshot) noexcept
+    : previous_(std::exchange(tCurrentBindings, std::move(snapshot))) {}
+
+ScopedTaskLocalBindings::~ScopedTaskLocalBindings() { tCurrentBindings = std::move(previous_); }
+
+}  // namespace kp

@@ -1,0 +1,71 @@
+// Subcommand registry and argument helpers of kpcore.
+//
+// A subcommand is a function from its arguments to an exit status. It prints plain text,
+// or JSON when --json is given, and reports failure as one line on standard error through
+// CommandError.
+//
+// Example (in its own file):
+//   namespace {
+//   int runHello(kpcore::Args& args) { std::cout << "hello\n"; return 0; }
+//   const kpcore::Registration reg{"hello", "Say hello", "kpcore hello", runHello};
+//   }
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kpcore {
+
+// A failure that ends the subcommand with exit status 1 (or `status`) and its message.
+struct CommandError : std::runtime_error {
+  explicit CommandError(const std::string& message, int exitStatus = 1)
+      : std::runtime_error(message), status(exitStatus) {}
+  int status;
+};
+
+class Args {
+ public:
+  explicit Args(std::vector<std::string> args) : args_(std::move(args)) {}
+  // Removes and returns the value of `--name VALUE` or `--name=VALUE`; nothing when absent.
+  std::optional<std::string> option(std::string_view name);
+  // Every value of a repeatable option, in order.
+  std::vector<std::string> options(std::string_view name);
+  // Removes `--name` and tells whether it was there.
+  bool flag(std::string_view name);
+  // Removes and returns the next positional argument.
+  std::optional<std::string> positional();
+  // REQUIRES: all options were taken. Fails on anything left over.
+  void expectEnd() const;
+  [[nodiscard]] bool empty() const { return args_.empty(); }
+
+ private:
+  std::vector<std::string> args_;
+};
+
+using Command = std::function<int(Args&)>;
+
+struct Registration {
+  Registration(std::string name, std::string summary, std::string usage, Command run);
+};
+
+struct CommandInfo {
+  std::string name;
+  std::string summary;
+  std::string usage;
+  Command run;
+};
+
+[[nodiscard]] const std::vector<CommandInfo>& commands();
+
+// Reads all of standard input, or of `path` when given ("-" also means standard input).
+[[nodiscard]] std::string readInput(const std::optional<std::string>& path);
+
+// Text as a JSON string literal.
+[[nodiscard]] std::string jsonQuote(std::string_view text);
+
+}  // namespace kpcore
