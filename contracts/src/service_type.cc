@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "tarvix/service.h"
 
@@ -13,7 +14,11 @@ namespace {
 bool isIdentifierChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
 
 // Drops every "name::" qualifier, keeping template arguments: "a::B<c::D, 3>" -> "B<D, 3>".
-std::string stripQualifiers(const std::string& name) {
+std::string stripQualifiers(std::string name) {
+  static constexpr std::string_view kAnonymous = "(anonymous namespace)::";
+  for (auto pos = name.find(kAnonymous); pos != std::string::npos; pos = name.find(kAnonymous, pos)) {
+    name.erase(pos, kAnonymous.size());
+  }
   std::string out;
   out.reserve(name.size());
   std::size_t i = 0;

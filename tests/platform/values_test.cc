@@ -1,0 +1,119 @@
+// Value types of the platform layer: URL, date, error, application facts, type names.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "kp/platform/application_info.h"
+#include "kp/platform/data.h"
+#include "kp/platform/date.h"
+#include "kp/platform/error.h"
+#include "kp/platform/url.h"
+#include "support/assertion_capture.h"
+#include "tarvix/service_container.h"
+
+namespace {
+
+TEST(Url, KeepsComponentsAsWrittenWithPercentEscapes) {
+  auto url = kp::Url::parse("https://user:pw@api.example.com:8443/a%2Fb/c%20d?x=1%262&y#frag");
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->scheme(), "https");
+  EXPECT_EQ(url->user(), "user");
+  EXPECT_EQ(url->password(), "pw");
+  EXPECT_EQ(url->host(), "api.example.com");
+  EXPECT_EQ(url->port(), 8443);
+  EXPECT_EQ(url->path(), "/a%2Fb/c%20d");
+  EXPECT_EQ(url->query(), "x=1%262&y");
+  EXPECT_EQ(url->fragment(), "frag");
+
+  auto bare = kp::Url::parse("http://[::1]/?");
+  ASSERT_TRUE(bare);
+  EXPECT_EQ(bare->host(), "[::1]");
+  EXPECT_FALSE(bare->port());
+  EXPECT_EQ(bare->query(), "");  // present but empty
+  EXPECT_FALSE(kp::Url::parse("http://h/")->query());
+
+  EXPECT_FALSE(kp::Url::parse("http://bad host/"));
+  EXPECT_FALSE(kp::Url::parse("http://h:99999/"));
+
+  auto redirected = kp::Url::parse("../x?y=1")->resolvedAgainst(*kp::Url::parse("http://h/a/b/c"));
+  ASSERT_TRUE(redirected);
+  EXPECT_EQ(redirected->absoluteString(), "http://h/a/x?y=1");
+  EXPECT_EQ(url->withQuery("q=%41").absoluteString(), "https://user:pw@api.example.com:8443/a%2Fb/c%20d?q=%41#frag");
+  EXPECT_EQ(url->withQuery(std::nullopt).query(), std::nullopt);
+}
+
+TEST(Date, ReferenceDatesAndIso8601RoundTrip) {
+  const auto ref = kp::Date::fromTimeIntervalSinceReferenceDate(0);
+  EXPECT_EQ(ref.timeIntervalSince1970(), 978307200.0);
+  EXPECT_EQ(ref.iso8601(), "2001-01-01T00:00:00Z");
+  const auto d = kp::Date::fromTimeIntervalSince1970(1700000000.25);
+  EXPECT_EQ(d.iso8601(true), "2023-11-14T22:13:20.250Z");
+  EXPECT_EQ(kp::Date::fromIso8601("2023-11-14T22:13:20.250Z"), d);
+  EXPECT_EQ(kp::Date::fromIso8601("2023-11-15T00:13:20.25+02:00"), d);
+  EXPECT_EQ(kp::Date::fromTimeIntervalSince1970(-1).iso8601(), "1969-12-31T23:59:59Z");
+  for (const char* bad : {"", "2023-13-01T00:00:00Z", "2023-02-30T00:00:00Z", "2023-01-01T00:00:00", "2023-01-01"}) {
+    EXPECT_FALSE(kp::Date::fromIso8601(bad)) << bad;
+  }
+  EXPECT_NEAR(kp::Date::fromTimePoint(d.timePoint()).timeIntervalSince1970(), d.timeIntervalSince1970(), 1e-6);
+}
+
+TEST(Error, DescriptionFallsBackToDomainAndCode) {
+  auto e = kp::Error::make("KPRequest", 100, "The request failed.");
+  EXPECT_EQ(e->localizedDescription(), "The request failed.");
+  auto generic = kp::Error::make(std::string(kp::Error::kURLErrorDomain), -1001, kp::Error::UserInfo{}, e);
+  EXPECT_EQ(generic->localizedDescription(),
+            "The operation couldn\u2019t be completed. (NSURLErrorDomain error -1001.)");
+  EXPECT_EQ(generic->underlyingError(), e);
+  EXPECT_EQ(kp::hexString(kp::Data{0x00, 0xab, 0xff}), "00abff");
+}
+
+TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
+  const auto saved = kp::ApplicationInfo::current();
+  auto info = kp::ApplicationInfo::systemDefaults();
+  EXPECT_EQ(info.systemName, "Linux");
+  EXPECT_FALSE(info.deviceModel.empty());
+  info.identifier = "com.example.weather";
+  kp::ApplicationInfo::setCurrent(info);
+  const char* savedXdg = std::getenv("XDG_CACHE_HOME");
+  ::setenv("XDG_CACHE_HOME", "/tmp/kp-xdg", 1);
+  EXPECT_EQ(kp::cachesDirectory(), std::filesystem::path("/tmp/kp-xdg/com.example.weather"));
+  ::setenv("XDG_CACHE_HOME", "relative/ignored", 1);  // not absolute: fall back to the home folder
+  EXPECT_EQ(kp::cachesDirectory().filename(), "com.example.weather");
+  EXPECT_NE(kp::cachesDirectory().string().find(".cache"), std::string::npos);
+  if (savedXdg) {
+    ::setenv("XDG_CACHE_HOME", savedXdg, 1);
+  } else {
+    ::unsetenv("XDG_CACHE_HOME");
+  }
+  kp::ApplicationInfo::setCurrent(saved);
+}
+
+namespace app::model {
+struct Item {};
+class Clock : public virtual tarvix::Service {
+ public:
+  virtual int now() = 0;
+};
+template <class T>
+class Cache : public virtual tarvix::Service {};
+}  // namespace app::model
+
+class Unregistered final : public tarvix::ServiceContainer {
+ public:
+  void registerFactory(const std::vector<tarvix::ServiceType>&, const tarvix::ServiceType&, Factory) override {}
+  std::shared_ptr<void> safeGet(const tarvix::ServiceType& type) override {
+    throw std::runtime_error("Unable to get " + type.name() + " service.");
+  }
+};
+
+TEST(Contracts, TypeNamesAreUnqualifiedAndGetReportsFailures) {
+  EXPECT_EQ(tarvix::ServiceType::of<app::model::Clock>().name(), "Clock");
+  EXPECT_EQ(tarvix::ServiceType::of<app::model::Cache<app::model::Item>>().name(), "Cache<Item>");
+  kp::test::AssertionCapture capture;
+  Unregistered container;
+  EXPECT_EQ(container.get<app::model::Clock>(), nullptr);
+  ASSERT_EQ(capture.messages().size(), 1u);
+  EXPECT_EQ(capture.messages()[0], "Unable to get Clock service.");
+}
+
+}  // namespace
