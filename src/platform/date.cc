@@ -107,7 +107,8 @@ std::optional<Date> Date::fromIso8601(std::string_view text) {
                            std::chrono::day{static_cast<unsigned>(day)}};
   if (!ymd.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
   const long long dayCount = sys_days{ymd}.time_since_epoch().count();
-  const double seconds = static_cast<double>(dayCount * 86400 + hour * 3600 + minute * 60 + second - offset);
+  const long long secondOfDay = 3600LL * hour + 60LL * minute + second - offset;
+  const double seconds = static_cast<double>(dayCount * 86400 + secondOfDay);
   return Date(seconds + fraction);
 }
 

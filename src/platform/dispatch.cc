@@ -20,6 +20,7 @@
 
 #include "kp/platform/task_local.h"
 #include "platform/env.h"
+#include "platform/no_destructor.h"
 
 namespace asio = boost::asio;
 
@@ -42,14 +43,14 @@ auto carryingBindings(Run run) {
 class TimerService {
  public:
   static TimerService& shared() {
-    // Never destroyed: queues and timers may still be used while statics are torn down.
-    static auto* service = new TimerService();
+    // Queues and timers may still be used while statics are torn down.
+    static internal::NoDestructor<TimerService> service;
     return *service;
   }
+  TimerService() : guard_(asio::make_work_guard(context_)), thread_([this] { context_.run(); }) {}
   asio::io_context& context() { return context_; }
 
  private:
-  TimerService() : guard_(asio::make_work_guard(context_)), thread_([this] { context_.run(); }) {}
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> guard_;
   std::thread thread_;
@@ -104,7 +105,7 @@ void DispatchQueue::asyncAfter(Duration delay, Work work) {
 }
 
 const std::shared_ptr<DispatchQueue>& globalQueue() {
-  static const auto* queue = new std::shared_ptr<DispatchQueue>(std::make_shared<GlobalQueue>());
+  static internal::NoDestructor<std::shared_ptr<DispatchQueue>> queue(std::make_shared<GlobalQueue>());
   return *queue;
 }
 
@@ -126,7 +127,7 @@ void runInBackground(Work work) { globalQueue()->async(std::move(work)); }
 
 void runOnce(std::string_view token, const std::function<void()>& block) {
   static std::mutex mutex;
-  static auto* seen = new std::set<std::string, std::less<>>();
+  static internal::NoDestructor<std::set<std::string, std::less<>>> seen;
   {
     std::lock_guard lock(mutex);
     if (!seen->emplace(token).second) return;
@@ -151,7 +152,7 @@ struct MainQueue::Impl {
 };
 
 const std::shared_ptr<MainQueue>& MainQueue::shared() {
-  static const auto* queue = new std::shared_ptr<MainQueue>(new MainQueue());
+  static internal::NoDestructor<std::shared_ptr<MainQueue>> queue(std::shared_ptr<MainQueue>(new MainQueue()));
   return *queue;
 }
 
@@ -261,7 +262,8 @@ std::shared_ptr<SerialQueue> SerialQueue::make(std::string label, std::shared_pt
 
 SerialQueue::SerialQueue(std::string label, std::shared_ptr<DispatchQueue> target) : impl_(std::make_unique<Impl>()) {
   impl_->label = std::move(label);
-  impl_->target = target ? std::move(target) : globalQueue();
+  impl_->target = std::move(target);
+  if (!impl_->target) impl_->target = globalQueue();
 }
 
 SerialQueue::~SerialQueue() = default;
@@ -337,8 +339,13 @@ void SerialQueue::sync(const std::function<void()>& work) {
   }
   std::unique_lock lock(impl_->mutex);
   SyncTurn mine;
-  impl_->items.push_back(Item{{}, {}, &mine});
-  if (!impl_->owned) {
+  if (!impl_->owned && impl_->items.empty()) {
+    impl_->owned = true;  // idle queue: the common case, no bookkeeping needed
+    mine.granted = true;
+  } else {
+    impl_->items.push_back(Item{{}, {}, &mine});
+  }
+  if (!mine.granted && !impl_->owned) {
     // Nobody runs the queue: run what was posted before this call, in order, on this
     // thread. A sync() caller ahead in line inherits ownership and we wait for our turn.
     impl_->owned = true;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <atomic>
 
+#include "platform/no_destructor.h"
+
 namespace kp {
 
 struct NotificationCenter::Observation::Entry {
@@ -23,7 +25,7 @@ NotificationCenter::NotificationCenter() = default;
 NotificationCenter::~NotificationCenter() = default;
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-  static auto* center = new NotificationCenter();
+  static internal::NoDestructor<NotificationCenter> center;
   return *center;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <vector>
 
 #include "platform/env.h"
 
@@ -24,14 +25,21 @@ class LinuxEnv final : public Env {
   bool isProcessInitialThread() const noexcept override { return ::gettid() == ::getpid(); }
 
   std::optional<std::string> variable(std::string_view name) const override {
-    const char* value = std::getenv(std::string(name).c_str());
+    // The library never sets variables; a host that does so concurrently owns that race.
+    const char* value = std::getenv(std::string(name).c_str());  // NOLINT(concurrency-mt-unsafe)
     if (value == nullptr) return std::nullopt;
     return std::string(value);
   }
 
   std::filesystem::path homeDirectory() const override {
     if (auto home = variable("HOME"); home && !home->empty()) return *home;
-    if (const passwd* pw = ::getpwuid(::getuid()); pw != nullptr && pw->pw_dir != nullptr) return pw->pw_dir;
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr &&
+        found->pw_dir != nullptr) {
+      return found->pw_dir;
+    }
     return "/tmp";
   }
 
