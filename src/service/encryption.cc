@@ -1,6 +1,8 @@
 // The payload cipher over OpenSSL EVP, hand-written Base64 and percent-encoding, SHA-1.
 #include "kp/service/encryption.h"
 
+#include "service/cipher.h"
+
 #include <openssl/evp.h>
 
 #include <array>
@@ -27,8 +29,14 @@ constexpr int kStatusDecodeError = -4304;
 constexpr std::size_t kKeySize = 32;
 constexpr std::size_t kBlockSize = 16;
 
+[[noreturn]] void fatal(const char* what) {
+  std::fprintf(stderr, "kp: fatal: %s\n", what);
+  std::fflush(stderr);
+  std::abort();
+}
+
 [[noreturn]] void fatal(const char* what, long long detail) {
-  std::fprintf(stderr, "kp: fatal: %s (%lld)\n", what, detail);
+  std::fprintf(stderr, "kp: fatal: %s %lld\n", what, detail);
   std::fflush(stderr);
   std::abort();
 }
@@ -36,13 +44,13 @@ constexpr std::size_t kBlockSize = 16;
 const EVP_CIPHER* aes256Cbc() {
   // Fetched once: an implicit fetch on every call costs more than encrypting a short query.
   static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
-  if (cipher == nullptr) fatal("AES-256-CBC is not available from OpenSSL", 0);
+  if (cipher == nullptr) fatal("AES-256-CBC is not available from OpenSSL");
   return cipher;
 }
 
 const EVP_MD* sha1() {
   static EVP_MD* const md = EVP_MD_fetch(nullptr, "SHA1", nullptr);
-  if (md == nullptr) fatal("SHA-1 is not available from OpenSSL", 0);
+  if (md == nullptr) fatal("SHA-1 is not available from OpenSSL");
   return md;
 }
 
@@ -53,13 +61,13 @@ struct CipherContextDeleter {
 // One context per thread, reset by every initialisation; saves an allocation per call.
 EVP_CIPHER_CTX* threadCipherContext() {
   thread_local std::unique_ptr<EVP_CIPHER_CTX, CipherContextDeleter> ctx(EVP_CIPHER_CTX_new());
-  if (!ctx) fatal("cannot allocate a cipher context", 0);
+  if (!ctx) fatal("cannot allocate a cipher context");
   return ctx.get();
 }
 
 // Runs the cipher over `in` into `out` (which has room for in.size() + 16 bytes); returns the
 // status and sets `written`.
-int runCipher(bool encrypt, const std::array<unsigned char, kKeySize + 1>& key, std::span<const std::uint8_t> in,
+int runCipher(bool encrypt, const detail::CipherKey& key, std::span<const std::uint8_t> in,
               std::uint8_t* out, std::size_t& written) {
   static constexpr unsigned char kZeroIv[kBlockSize] = {};
   EVP_CIPHER_CTX* ctx = threadCipherContext();
@@ -89,27 +97,14 @@ int runCipher(bool encrypt, const std::array<unsigned char, kKeySize + 1>& key, 
 std::optional<Data> crypt(bool encrypt, std::span<const std::uint8_t> bytes, std::string_view key) {
   // The key is a C string: it ends at the first NUL byte, is zero-padded to 32 bytes, and a
   // longer key is refused rather than truncated.
-  std::array<unsigned char, kKeySize + 1> keyBuffer{};
   const std::size_t nul = key.find('\0');
   const std::size_t keyLength = nul == std::string_view::npos ? key.size() : nul;
   if (keyLength > kKeySize) return std::nullopt;
-  std::memcpy(keyBuffer.data(), key.data(), keyLength);
-
-  if (bytes.size() > std::numeric_limits<std::size_t>::max() - kBlockSize) {
-    fatal("arithmetic overflow sizing the cipher output", static_cast<long long>(bytes.size()));
-  }
-  Data out = Data::zeros(bytes.size() + kBlockSize);
-  std::size_t written = 0;
-  const int status = runCipher(encrypt, keyBuffer, bytes, out.data(), written);
-  OPENSSL_cleanse(keyBuffer.data(), keyBuffer.size());
-  if (status < 0) fatal("AES-256 cipher failed with status", status);
-  if (status > 0) {
-    // "Failed to Encrypt with AES256 (<status>)" belongs on the core log channel, whose
-    // levels are silent in this library; EVP reports no such status in any case.
-    return std::nullopt;
-  }
-  out.resize(written);
-  return out;
+  detail::CipherKey keyBytes{};
+  std::memcpy(keyBytes.data(), key.data(), keyLength);
+  auto result = detail::aes256Crypt(encrypt, bytes, keyBytes);
+  OPENSSL_cleanse(keyBytes.data(), keyBytes.size());
+  return result;
 }
 
 // ---- Base64 -------------------------------------------------------------------------------
@@ -256,6 +251,23 @@ std::optional<boost::json::value> parseJsonContainer(std::string_view text) {
 
 }  // namespace
 
+std::optional<Data> detail::aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key) {
+  if (bytes.size() > std::numeric_limits<std::size_t>::max() - kBlockSize) {
+    fatal("arithmetic overflow sizing the cipher output", static_cast<long long>(bytes.size()));
+  }
+  Data out = Data::zeros(bytes.size() + kBlockSize);
+  std::size_t written = 0;
+  const int status = runCipher(encrypt, key, bytes, out.data(), written);
+  if (status < 0) fatal("AES-256 cipher failed with status", status);
+  if (status > 0) {
+    // "Failed to Encrypt with AES256 (<status>)" belongs on the core log channel, whose
+    // levels are silent in this library; EVP reports no such status in any case.
+    return std::nullopt;
+  }
+  out.resize(written);
+  return out;
+}
+
 std::optional<Data> aes256Encrypt(std::span<const std::uint8_t> bytes, std::string_view key) {
   return crypt(true, bytes, key);
 }
@@ -365,7 +377,7 @@ std::string hashSha1(std::span<const std::uint8_t> bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_Digest(bytes.data(), bytes.size(), digest, &length, sha1(), nullptr) != 1) {
-    fatal("SHA-1 digest failed", 0);
+    fatal("SHA-1 digest failed");
   }
   return hexString({digest, length});
 }

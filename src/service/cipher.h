@@ -1,0 +1,20 @@
+// Internal: the payload cipher with the key already prepared as 32 raw bytes. The public
+// functions prepare the key from a string; tests use this to run published vectors whose keys
+// contain NUL bytes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "kp/platform/data.h"
+
+namespace kp::detail {
+
+using CipherKey = std::array<std::uint8_t, 32>;
+
+// AES-256-CBC, zero IV, PKCS#7. Stops the program on a negative cipher status.
+[[nodiscard]] std::optional<Data> aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key);
+
+}  // namespace kp::detail
