@@ -1,8 +1,6 @@
 // The payload cipher over OpenSSL EVP, hand-written Base64 and percent-encoding, SHA-1.
 #include "kp/service/encryption.h"
 
-#include "service/cipher.h"
-
 #include <openssl/evp.h>
 
 #include <array>
@@ -13,6 +11,8 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+
+#include "service/cipher.h"
 
 namespace kp {
 namespace {
@@ -67,8 +67,8 @@ EVP_CIPHER_CTX* threadCipherContext() {
 
 // Runs the cipher over `in` into `out` (which has room for in.size() + 16 bytes); returns the
 // status and sets `written`.
-int runCipher(bool encrypt, const detail::CipherKey& key, std::span<const std::uint8_t> in,
-              std::uint8_t* out, std::size_t& written) {
+int runCipher(bool encrypt, const detail::CipherKey& key, std::span<const std::uint8_t> in, std::uint8_t* out,
+              std::size_t& written) {
   static constexpr unsigned char kZeroIv[kBlockSize] = {};
   EVP_CIPHER_CTX* ctx = threadCipherContext();
   if (EVP_CipherInit_ex2(ctx, aes256Cbc(), key.data(), kZeroIv, encrypt ? 1 : 0, nullptr) != 1) {
@@ -95,15 +95,10 @@ int runCipher(bool encrypt, const detail::CipherKey& key, std::span<const std::u
 }
 
 std::optional<Data> crypt(bool encrypt, std::span<const std::uint8_t> bytes, std::string_view key) {
-  // The key is a C string: it ends at the first NUL byte, is zero-padded to 32 bytes, and a
-  // longer key is refused rather than truncated.
-  const std::size_t nul = key.find('\0');
-  const std::size_t keyLength = nul == std::string_view::npos ? key.size() : nul;
-  if (keyLength > kKeySize) return std::nullopt;
-  detail::CipherKey keyBytes{};
-  std::memcpy(keyBytes.data(), key.data(), keyLength);
-  auto result = detail::aes256Crypt(encrypt, bytes, keyBytes);
-  OPENSSL_cleanse(keyBytes.data(), keyBytes.size());
+  auto keyBytes = detail::prepareKey(key);
+  if (!keyBytes) return std::nullopt;
+  auto result = detail::aes256Crypt(encrypt, bytes, *keyBytes);
+  OPENSSL_cleanse(keyBytes->data(), keyBytes->size());
   return result;
 }
 
@@ -251,20 +246,36 @@ std::optional<boost::json::value> parseJsonContainer(std::string_view text) {
 
 }  // namespace
 
-std::optional<Data> detail::aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key) {
+std::optional<detail::CipherKey> detail::prepareKey(std::string_view key) {
+  // The key is a C string: it ends at the first NUL byte, is zero-padded to 32 bytes, and a
+  // longer key is refused rather than truncated.
+  const std::size_t nul = key.find('\0');
+  const std::size_t keyLength = nul == std::string_view::npos ? key.size() : nul;
+  if (keyLength > kKeySize) return std::nullopt;
+  CipherKey keyBytes{};
+  std::memcpy(keyBytes.data(), key.data(), keyLength);
+  return keyBytes;
+}
+
+std::optional<Data> detail::aes256CryptReportingStatus(bool encrypt, std::span<const std::uint8_t> bytes,
+                                                       const CipherKey& key, int& status) {
   if (bytes.size() > std::numeric_limits<std::size_t>::max() - kBlockSize) {
     fatal("arithmetic overflow sizing the cipher output", static_cast<long long>(bytes.size()));
   }
   Data out = Data::zeros(bytes.size() + kBlockSize);
   std::size_t written = 0;
-  const int status = runCipher(encrypt, key, bytes, out.data(), written);
-  if (status < 0) fatal("AES-256 cipher failed with status", status);
-  if (status > 0) {
-    // "Failed to Encrypt with AES256 (<status>)" belongs on the core log channel, whose
-    // levels are silent in this library; EVP reports no such status in any case.
-    return std::nullopt;
-  }
+  status = runCipher(encrypt, key, bytes, out.data(), written);
+  if (status != kStatusSuccess) return std::nullopt;
   out.resize(written);
+  return out;
+}
+
+std::optional<Data> detail::aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key) {
+  int status = kStatusSuccess;
+  auto out = aes256CryptReportingStatus(encrypt, bytes, key, status);
+  if (status < 0) fatal("AES-256 cipher failed with status", status);
+  // A positive status would be reported as "Failed to Encrypt with AES256 (<status>)" on the
+  // core log channel, whose levels are silent in this library; EVP reports none.
   return out;
 }
 
