@@ -1,0 +1,59 @@
+// kp::HttpRequestConfig: the per-request transfer settings (parameters, body, headers, verb,
+// timeout, certificate trust, entity tag). One per request; configure it before execution.
+//
+// Thread safety: not locked; configure on one thread.
+//
+// Example:
+//   auto config = std::make_shared<kp::HttpRequestConfig>();
+//   config->method = kp::HttpRequestMethod::post;
+//   config->addQuery("52.5", "lat");
+//   config->addBody(kp::HttpRequestParameter{"units", "metric"});
+//   config->setHeader("application/x-www-form-urlencoded", "Content-Type");
+#pragma once
+
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "kp/platform/data.h"
+#include "kp/platform/date.h"
+#include "kp/request/http_request_method.h"
+#include "kp/request/http_request_parameter.h"
+
+namespace kp {
+
+class HttpRequestConfig {
+ public:
+  // Encoded in this order; duplicates are kept.
+  std::vector<HttpRequestParameter> queryParameters;
+  // When non-empty, the body is these parameters and bodyData is ignored.
+  std::vector<HttpRequestParameter> bodyParameters;
+  std::optional<Data> bodyData;
+  std::map<std::string, std::string> headers;
+  HttpRequestMethod method = HttpRequestMethod::get;
+  TimeInterval timeoutInterval = 10.0;
+  bool acceptUntrustedSSLCertificate = false;
+  // Sent as "If-None-Match" when present and non-empty.
+  std::optional<std::string> etag;
+
+  void addQuery(HttpRequestParameter parameter) { queryParameters.push_back(std::move(parameter)); }
+  void addQuery(std::span<const HttpRequestParameter> parameters) {
+    queryParameters.insert(queryParameters.end(), parameters.begin(), parameters.end());
+  }
+  void addQuery(std::optional<std::string> value, std::string name) {
+    queryParameters.emplace_back(std::move(name), std::move(value));
+  }
+  void addBody(HttpRequestParameter parameter) { bodyParameters.push_back(std::move(parameter)); }
+  void addBody(std::span<const HttpRequestParameter> parameters) {
+    bodyParameters.insert(bodyParameters.end(), parameters.begin(), parameters.end());
+  }
+  void addBody(std::optional<std::string> value, std::string name) {
+    bodyParameters.emplace_back(std::move(name), std::move(value));
+  }
+  // Replaces an earlier value of the same field (field names compare exactly here).
+  void setHeader(std::string value, const std::string& field) { headers[field] = std::move(value); }
+};
+
+}  // namespace kp

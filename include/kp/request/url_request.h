@@ -1,0 +1,67 @@
+// kp::UrlRequest: the wire request handed to the session layer: URL, verb, timeout, cache
+// policy, header fields and an optional body. A plain value.
+//
+// Header fields keep their order of first setting; their names compare without regard to
+// case, and setting a field that exists replaces its value in place (keeping the first
+// spelling of the name).
+//
+// Thread safety: a value type.
+//
+// Example:
+//   kp::UrlRequest request(*kp::Url::parse("https://example.com/a"));
+//   request.httpMethod = "POST";
+//   request.setValue("text/plain", "Content-Type");
+//   request.value("content-type");   // "text/plain"
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "kp/platform/data.h"
+#include "kp/platform/date.h"
+#include "kp/platform/url.h"
+
+namespace kp {
+
+enum class UrlRequestCachePolicy : int {
+  useProtocolCachePolicy = 0,
+  reloadIgnoringLocalCacheData = 1,
+  returnCacheDataElseLoad = 2,
+  returnCacheDataDontLoad = 3,
+};
+
+class UrlRequest {
+ public:
+  using HeaderField = std::pair<std::string, std::string>;
+
+  static constexpr TimeInterval kDefaultTimeoutInterval = 60.0;
+
+  explicit UrlRequest(Url requestUrl) : url(std::move(requestUrl)) {}
+
+  Url url;
+  std::string httpMethod = "GET";
+  TimeInterval timeoutInterval = kDefaultTimeoutInterval;
+  UrlRequestCachePolicy cachePolicy = UrlRequestCachePolicy::useProtocolCachePolicy;
+  std::optional<Data> httpBody;
+
+  [[nodiscard]] const std::vector<HeaderField>& allHTTPHeaderFields() const noexcept { return headers_; }
+  // Replaces every header field by `fields`.
+  void setAllHTTPHeaderFields(const std::map<std::string, std::string>& fields);
+  // Sets (or, with nothing, removes) one field.
+  void setValue(std::optional<std::string> value, std::string_view field);
+  // Appends to an existing field as ", value", or adds the field.
+  void addValue(std::string_view value, std::string_view field);
+  [[nodiscard]] std::optional<std::string> value(std::string_view field) const;
+
+  friend bool operator==(const UrlRequest&, const UrlRequest&) = default;
+
+ private:
+  std::vector<HeaderField>::iterator find(std::string_view field);
+  std::vector<HeaderField> headers_;
+};
+
+}  // namespace kp

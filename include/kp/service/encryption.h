@@ -1,0 +1,114 @@
+// The payload cipher of the service protocol and the text encodings around it.
+//
+// The cipher is AES-256-CBC with a zero IV and PKCS#7 padding. The key is the key string's
+// UTF-8 bytes, cut at the first NUL byte and right-padded with zero bytes to 32; a key of more
+// than 32 bytes is refused (nothing comes back), never truncated. This construction is the
+// wire contract with the servers and must not change.
+//
+// A failing cipher call stops the program (std::abort, with the status on standard error):
+// decrypting bytes that are not a whole number of blocks, or whose padding is wrong (as with
+// a wrong key), is treated as a programming error, not as a soft failure. Callers that
+// decrypt untrusted bytes must check them first.
+//
+// Thread safety: every function here is a pure function of its arguments.
+//
+// Example:
+//   std::optional<kp::Data> sealed = kp::aes256Encrypt(kp::Data::fromString("hi").bytes(), key);
+//   std::optional<std::string> text = kp::aes256EncryptString("a=1&b=2", key);  // Base64
+//   std::optional<kp::Url> url = kp::TarvixServiceEncryptionHelper::encrypt(plainUrl, key);
+#pragma once
+
+#include <boost/json/value.hpp>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "kp/platform/data.h"
+#include "kp/platform/url.h"
+
+namespace kp {
+
+// ---- Byte-buffer cipher -------------------------------------------------------------------
+
+// Ciphertext of `bytes` (always a whole number of 16-byte blocks, at least one), or nothing
+// when the key is longer than 32 bytes.
+[[nodiscard]] std::optional<Data> aes256Encrypt(std::span<const std::uint8_t> bytes, std::string_view key);
+// Plaintext of `bytes`, or nothing when the key is longer than 32 bytes. Stops the program
+// when `bytes` is not valid ciphertext for the key (see above).
+[[nodiscard]] std::optional<Data> aes256Decrypt(std::span<const std::uint8_t> bytes, std::string_view key);
+
+// ---- Base64 -------------------------------------------------------------------------------
+
+enum class Base64EncodingOptions : unsigned {
+  none = 0,
+  // Lines of 64 characters joined by CR LF, no line break after the last line.
+  lineLength64Characters = 1,
+};
+enum class Base64DecodingOptions : unsigned {
+  none = 0,
+  // Characters outside the alphabet (line breaks among them) are skipped.
+  ignoreUnknownCharacters = 1,
+};
+
+[[nodiscard]] std::string base64Encode(std::span<const std::uint8_t> bytes,
+                                       Base64EncodingOptions options = Base64EncodingOptions::none);
+// The same text as bytes.
+[[nodiscard]] Data base64EncodedData(std::span<const std::uint8_t> bytes,
+                                     Base64EncodingOptions options = Base64EncodingOptions::none);
+// Nothing when the text is not Base64: an unknown character without the option, an alphabet
+// character after "=" padding, or a count of alphabet and padding characters that is not a
+// multiple of four.
+[[nodiscard]] std::optional<Data> base64Decode(std::string_view text,
+                                               Base64DecodingOptions options = Base64DecodingOptions::none);
+
+// ---- String helpers -----------------------------------------------------------------------
+
+// Base64 (no line breaks) of the ciphertext of the UTF-8 text; nothing when the key is refused.
+[[nodiscard]] std::optional<std::string> aes256EncryptString(std::string_view text, std::string_view key);
+
+// The query-value encoding: percent-encodes (upper-case %XX) exactly the characters
+//   { } ! * ' " ( ) ; : @ & = + $ , / ? % # [ ] < > and space
+// and leaves every other byte as it is, non-ASCII and control characters included.
+[[nodiscard]] std::string urlEncodeQueryParameter(std::string_view text);
+// Appends the encoding of `text` to `out`.
+void appendUrlEncodedQueryParameter(std::string& out, std::string_view text);
+
+// ---- Hashes -------------------------------------------------------------------------------
+
+// SHA-1 of the bytes as 40 lower-case hex digits.
+[[nodiscard]] std::string hashSha1(std::span<const std::uint8_t> bytes);
+// SHA-1 of the text's UTF-8 bytes as 40 lower-case hex digits.
+[[nodiscard]] std::string hashSha1(std::string_view text);
+// Two lower-case hex digits per byte; empty for no bytes.
+[[nodiscard]] inline std::string hexadecimalString(std::span<const std::uint8_t> bytes) { return hexString(bytes); }
+
+// ---- Service payloads ---------------------------------------------------------------------
+
+// Applies the cipher to the four places of the service protocol. All operations are static.
+class TarvixServiceEncryptionHelper {
+ public:
+  TarvixServiceEncryptionHelper() = delete;
+
+  // scheme://host[path]?data=<encoded Base64 of the ciphertext of the percent-decoded query>.
+  // A URL with an explicit port gets the authority "host:<port>" (the literal word "host").
+  // An empty or undecodable query is dropped; user, password and fragment never survive.
+  // A URL without scheme, host or path comes back unchanged.
+  [[nodiscard]] static std::optional<Url> encrypt(const Url& url, std::string_view key);
+  // "data=" + encoded Base64 of the ciphertext of the string as given; the string itself when
+  // the key or the string is empty, or when the key is refused.
+  [[nodiscard]] static std::string encryptParameterString(std::string_view parameterString, std::string_view key);
+  // Base64 of the ciphertext in 64-character lines joined by CR LF; nothing when the key is
+  // refused.
+  [[nodiscard]] static std::optional<Data> encryptData(std::span<const std::uint8_t> data, std::string_view key);
+  // Base64-decodes skipping unknown characters, then decrypts.
+  [[nodiscard]] static std::optional<Data> decryptRawData(std::span<const std::uint8_t> data, std::string_view key);
+  // decryptRawData, then the plaintext parsed as a JSON object or array (nothing if it is not
+  // JSON). When decoding or decryption yields nothing, the body itself is parsed as JSON
+  // instead, so that a plain JSON answer is accepted.
+  [[nodiscard]] static std::optional<boost::json::value> decryptData(std::span<const std::uint8_t> data,
+                                                                     std::string_view key);
+};
+
+}  // namespace kp

@@ -1,0 +1,78 @@
+// Building the wire request and the cache key of a request.
+#include "kp/request/url_request_factory.h"
+
+#include "kp/service/encryption.h"
+
+namespace kp {
+namespace {
+
+const HttpRequestConfig& configOf(const HttpRequestType& request) {
+  static const HttpRequestConfig kEmpty;
+  const auto& config = request.httpConfig();
+  return config ? *config : kEmpty;
+}
+
+bool isUsableKey(const std::optional<std::string_view>& key) { return key && !key->empty(); }
+
+}  // namespace
+
+Url UrlRequestFactory::append(std::span<const HttpRequestParameter> queryParameters, const Url& url) {
+  if (queryParameters.empty()) return url;
+  std::string text;
+  text.reserve(url.absoluteString().size() + 1 + queryParameters.size() * 24);
+  text = url.absoluteString();
+  text.push_back(text.find('?') == std::string::npos ? '?' : '&');
+  HttpRequestParameter::appendParameterString(text, queryParameters, true);
+  auto parsed = Url::parse(text);
+  return parsed ? std::move(*parsed) : url;
+}
+
+UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
+                                               std::optional<std::string_view> queryEncryptionKey,
+                                               std::optional<std::string_view> bodyEncryptionKey) {
+  const HttpRequestConfig& config = configOf(request);
+  Url url = append(config.queryParameters, request.url());
+  if (isUsableKey(queryEncryptionKey)) {
+    if (auto encrypted = TarvixServiceEncryptionHelper::encrypt(url, *queryEncryptionKey)) url = std::move(*encrypted);
+  }
+
+  UrlRequest wire(std::move(url));
+  wire.httpMethod = httpVerb(config.method);
+  wire.timeoutInterval = config.timeoutInterval;
+
+  const bool bodyKeyGiven = isUsableKey(bodyEncryptionKey);
+  if (!config.bodyParameters.empty()) {
+    std::string body = HttpRequestParameter::makeParameterString(config.bodyParameters, true);
+    if (bodyKeyGiven) body = TarvixServiceEncryptionHelper::encryptParameterString(body, *bodyEncryptionKey);
+    wire.httpBody = Data::fromString(body);
+  } else if (config.bodyData) {
+    if (bodyKeyGiven) {
+      wire.httpBody = TarvixServiceEncryptionHelper::encryptData(config.bodyData->bytes(), *bodyEncryptionKey);
+    } else {
+      wire.httpBody = config.bodyData;
+    }
+  }
+
+  wire.setAllHTTPHeaderFields(config.headers);
+  if (config.etag && !config.etag->empty()) wire.setValue(*config.etag, "If-None-Match");
+  return wire;
+}
+
+std::string HttpRequestTypeCacheKeyGenerator::generate(const HttpRequestType& request) {
+  const HttpRequestConfig& config = configOf(request);
+  std::string key = request.completeUrl().absoluteString();
+  if (config.bodyData) {
+    key += "bodyDataHash=";
+    key += hashSha1(config.bodyData->bytes());
+    return key;
+  }
+  for (const HttpRequestParameter& parameter : config.bodyParameters) {
+    if (!parameter.value()) continue;
+    key += parameter.name();
+    key.push_back('=');
+    key += *parameter.value();
+  }
+  return key;
+}
+
+}  // namespace kp

@@ -1,0 +1,29 @@
+// Internal: the payload cipher with the key already prepared as 32 raw bytes. The public
+// functions prepare the key from a string; tests use this to run published vectors whose keys
+// contain NUL bytes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "kp/platform/data.h"
+
+namespace kp::detail {
+
+using CipherKey = std::array<std::uint8_t, 32>;
+
+// The key string cut at its first NUL byte and zero-padded; nothing when longer than 32 bytes.
+[[nodiscard]] std::optional<CipherKey> prepareKey(std::string_view key);
+
+// AES-256-CBC, zero IV, PKCS#7. Stops the program on a negative cipher status.
+[[nodiscard]] std::optional<Data> aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key);
+
+// The same, but a failure only sets `status` (negative) and yields nothing. For tools that
+// inspect captured data, where damaged input must not stop the program.
+[[nodiscard]] std::optional<Data> aes256CryptReportingStatus(bool encrypt, std::span<const std::uint8_t> bytes,
+                                                             const CipherKey& key, int& status);
+
+}  // namespace kp::detail
