@@ -4,6 +4,7 @@
 #include "kp/request/http_request.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
+#include "support/service_payload.h"
 
 namespace kp {
 namespace {
@@ -11,19 +12,6 @@ namespace {
 const std::string kKey = "Hn4Xk9PzR2wLq7TbM5vC8dJs1YgF6uAe";
 
 std::shared_ptr<HttpRequest> requestFor(std::string_view url) { return HttpRequest::make(*Url::parse(url)); }
-
-std::string decryptEncoded(std::string_view encoded) {
-  std::string base64;
-  for (std::size_t i = 0; i < encoded.size(); ++i) {
-    if (encoded[i] == '%') {
-      base64.push_back(static_cast<char>(std::stoi(std::string(encoded.substr(i + 1, 2)), nullptr, 16)));
-      i += 2;
-    } else {
-      base64.push_back(encoded[i]);
-    }
-  }
-  return aes256Decrypt(base64Decode(base64)->bytes(), kKey)->toString();
-}
 
 TEST(HttpRequestMethod, RawValuesAndVerbs) {
   EXPECT_EQ(httpRequestMethodFromRawValue(2), HttpRequestMethod::delete_);
@@ -100,7 +88,7 @@ TEST(UrlRequestFactory, BodyRules) {
   EXPECT_EQ(UrlRequestFactory::createUrlRequest(*request).httpBody, Data::fromString("a=1%202&b="));
   const std::string body = UrlRequestFactory::createUrlRequest(*request, std::nullopt, kKey).httpBody->toString();
   ASSERT_EQ(body.rfind("data=", 0), 0u);
-  EXPECT_EQ(decryptEncoded(body.substr(5)), "a=1%202&b=");
+  EXPECT_EQ(kp::test::openEncodedValue(body.substr(5), kKey), "a=1%202&b=");
 }
 
 TEST(UrlRequestFactory, EncryptedQuery) {
@@ -110,7 +98,7 @@ TEST(UrlRequestFactory, EncryptedQuery) {
   const UrlRequest wire = UrlRequestFactory::createUrlRequest(*request, kKey, std::nullopt);
   const std::string prefix = "https://host:8443/p?data=";
   ASSERT_EQ(wire.url.absoluteString().rfind(prefix, 0), 0u) << wire.url.absoluteString();
-  EXPECT_EQ(decryptEncoded(wire.url.absoluteString().substr(prefix.size())), "a=1 2&b=x");
+  EXPECT_EQ(kp::test::openEncodedValue(wire.url.absoluteString().substr(prefix.size()), kKey), "a=1 2&b=x");
 }
 
 TEST(CacheKey, UrlThenBody) {

@@ -12,6 +12,7 @@
 #include <random>
 
 #include "service/cipher.h"
+#include "support/service_payload.h"
 
 namespace kp {
 namespace {
@@ -35,24 +36,6 @@ Data randomBytes(std::mt19937& rng, std::size_t count) {
 }
 
 const std::string kKey = "Qw7rT2mZx9LpB4nVc8KdS1hYf6GjU3aE";
-
-// The percent-decoded, Base64-decoded, decrypted text of an encoded "data" value.
-std::string openEncodedValue(std::string_view encoded) {
-  std::string base64;
-  for (std::size_t i = 0; i < encoded.size(); ++i) {
-    if (encoded[i] == '%') {
-      base64.push_back(static_cast<char>(std::stoi(std::string(encoded.substr(i + 1, 2)), nullptr, 16)));
-      i += 2;
-    } else {
-      base64.push_back(encoded[i]);
-    }
-  }
-  auto cipher = base64Decode(base64);
-  EXPECT_TRUE(cipher);
-  auto plain = aes256Decrypt(cipher->bytes(), kKey);
-  EXPECT_TRUE(plain);
-  return plain->toString();
-}
 
 TEST(Cipher, MatchesFips197Aes256Example) {
   detail::CipherKey key{};
@@ -177,7 +160,7 @@ TEST(ServiceEncryption, UrlQueryTravelsAsOneEncryptedParameter) {
   ASSERT_EQ(url->absoluteString().substr(0, prefix.size()), prefix);
   const std::string encoded = url->absoluteString().substr(prefix.size());
   EXPECT_EQ(encoded, urlEncodeQueryParameter(*aes256EncryptString("a=1&b= x", kKey)));
-  EXPECT_EQ(openEncodedValue(encoded), "a=1&b= x");
+  EXPECT_EQ(kp::test::openEncodedValue(encoded, kKey), "a=1&b= x");
 }
 
 TEST(ServiceEncryption, UrlShapes) {
@@ -202,7 +185,7 @@ TEST(ServiceEncryption, ParameterStringIsEncryptedAsGiven) {
   EXPECT_EQ(TarvixServiceEncryptionHelper::encryptParameterString("a=1", std::string(33, 'k')), "a=1");
   const std::string sealed = TarvixServiceEncryptionHelper::encryptParameterString("a=%20x", kKey);
   ASSERT_EQ(sealed.rfind("data=", 0), 0u);
-  EXPECT_EQ(openEncodedValue(sealed.substr(5)), "a=%20x");  // not percent-decoded first
+  EXPECT_EQ(kp::test::openEncodedValue(sealed.substr(5), kKey), "a=%20x");  // not percent-decoded first
 }
 
 TEST(ServiceEncryption, BodyDataAndResponses) {
