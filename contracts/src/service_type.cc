@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "tarvix/service.h"
 
@@ -13,12 +14,16 @@ namespace {
 bool isIdentifierChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
 
 // Drops every "name::" qualifier, keeping template arguments: "a::B<c::D, 3>" -> "B<D, 3>".
+// Anonymous namespaces ("(anonymous namespace)::") count as qualifiers too.
 std::string stripQualifiers(const std::string& name) {
+  static constexpr std::string_view kAnonymous = "(anonymous namespace)::";
   std::string out;
   out.reserve(name.size());
   std::size_t i = 0;
   while (i < name.size()) {
-    if (isIdentifierChar(name[i])) {
+    if (name.compare(i, kAnonymous.size(), kAnonymous) == 0) {
+      i += kAnonymous.size();
+    } else if (isIdentifierChar(name[i])) {
       std::size_t end = i;
       while (end < name.size() && isIdentifierChar(name[end])) ++end;
       if (name.compare(end, 2, "::") == 0) {
