@@ -1,6 +1,7 @@
 // Registration, resolution, merging and descriptions of the default service container.
 #include "kp/container/default_service_container.h"
 
+#include <cstdint>
 #include <utility>
 
 namespace kp {
@@ -111,14 +112,55 @@ std::shared_ptr<void> DefaultServiceContainer::resolve(const ServiceType& servic
     throw reentrantUse("resolve " + serviceType.name());
   }
   std::unique_lock lock(mutex_);
-  const auto entry = registeredTypes_.find(Identifier(serviceType));
-  if (entry == registeredTypes_.end()) {
+  Registration* registration = findRegistration(serviceType);
+  if (registration == nullptr) {
     lock.unlock();
     if (!required) return nullptr;
     throw Error::notRegistered(serviceType);
   }
-  if (entry->second.resolved) return entry->second.resolved;
-  return makeInstance(entry->second, serviceType, lock);
+  if (registration->resolved) return registration->resolved;
+  return makeInstance(*registration, serviceType, lock);
+}
+
+namespace {
+
+std::size_t slotOf(const std::type_info* type, std::size_t mask) noexcept {
+  auto bits = reinterpret_cast<std::uintptr_t>(type);
+  bits ^= bits >> 17;
+  bits *= 0x9E3779B97F4A7C15ULL;
+  return static_cast<std::size_t>(bits >> 32) & mask;
+}
+
+}  // namespace
+
+DefaultServiceContainer::Registration* DefaultServiceContainer::findRegistration(const ServiceType& serviceType) {
+  const std::type_info* type = &serviceType.typeInfo();
+  if (!fastIndex_.empty()) {
+    const std::size_t mask = fastIndex_.size() - 1;
+    for (std::size_t i = slotOf(type, mask);; i = (i + 1) & mask) {
+      const FastSlot& slot = fastIndex_[i];
+      if (slot.type == type) return slot.registration;
+      if (slot.type == nullptr) break;
+    }
+  }
+  const auto entry = registeredTypes_.find(Identifier(serviceType));
+  if (entry == registeredTypes_.end()) return nullptr;
+  // Entries are never removed and map nodes never move, so the address stays valid.
+  if (2 * (fastIndexCount_ + 1) > fastIndex_.size()) {
+    std::vector<FastSlot> grown(fastIndex_.empty() ? 16 : 2 * fastIndex_.size());
+    for (const FastSlot& slot : fastIndex_) {
+      if (slot.type == nullptr) continue;
+      std::size_t i = slotOf(slot.type, grown.size() - 1);
+      while (grown[i].type != nullptr) i = (i + 1) & (grown.size() - 1);
+      grown[i] = slot;
+    }
+    fastIndex_.swap(grown);
+  }
+  std::size_t i = slotOf(type, fastIndex_.size() - 1);
+  while (fastIndex_[i].type != nullptr) i = (i + 1) & (fastIndex_.size() - 1);
+  fastIndex_[i] = FastSlot{type, &entry->second};
+  ++fastIndexCount_;
+  return &entry->second;
 }
 
 std::shared_ptr<void> DefaultServiceContainer::makeInstance(Registration& registration, const ServiceType& serviceType,

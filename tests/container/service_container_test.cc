@@ -3,9 +3,12 @@
 
 #include <atomic>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kp/container/default_service_container.h"
@@ -134,6 +137,20 @@ TEST(ContainerTest, DescriptionsAndMerge) {
   EXPECT_EQ(merged->safeGet<A>(), firstInstance);
   EXPECT_EQ(second.safeGet<A>(), secondInstance);
   EXPECT_EQ(first.description(), "Services instance with 2 types registered.");
+}
+
+TEST(ContainerTest, ManyServiceTypesEachResolveToTheirOwnInstance) {
+  DefaultServiceContainer container;
+  [&]<int... I>(std::integer_sequence<int, I...>) {
+    (container.registerInstance<Box<std::integral_constant<int, I>>>(
+         std::make_shared<Box<std::integral_constant<int, I>>>()),
+     ...);
+    for (int round = 0; round < 2; ++round) {
+      std::vector<void*> seen{container.safeGet<Box<std::integral_constant<int, I>>>().get()...};
+      EXPECT_EQ(std::set<void*>(seen.begin(), seen.end()).size(), sizeof...(I));
+    }
+  }
+  (std::make_integer_sequence<int, 40>{});
 }
 
 TEST(ContainerTest, ConcurrentFirstResolutionRunsFactoryOnce) {

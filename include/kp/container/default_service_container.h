@@ -38,6 +38,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <typeinfo>
 #include <unordered_map>
 #include <vector>
 
@@ -125,6 +126,15 @@ class DefaultServiceContainer final : public tarvix::ServiceContainer {
 
   class FactoryRun;
   struct Snapshot;
+  // An open-addressing map from type_info addresses to registrations, in front of
+  // registeredTypes_: a pointer hash instead of hashing and comparing mangled names. A type
+  // met under another type_info address (another shared library) gets a slot of its own.
+  struct FastSlot {
+    const std::type_info* type = nullptr;
+    Registration* registration = nullptr;
+  };
+
+  [[nodiscard]] Registration* findRegistration(const tarvix::ServiceType& serviceType);
 
   [[nodiscard]] std::shared_ptr<void> resolve(const tarvix::ServiceType& serviceType, bool required);
   [[nodiscard]] std::shared_ptr<void> makeInstance(Registration& registration, const tarvix::ServiceType& serviceType,
@@ -139,6 +149,8 @@ class DefaultServiceContainer final : public tarvix::ServiceContainer {
   Table<Registration> registeredTypes_;                    // keyed by service type
   Table<Factory> instanceFactories_;                       // keyed by instance type
   Table<std::shared_ptr<tarvix::Service>> instanceCache_;  // keyed by instance type
+  std::vector<FastSlot> fastIndex_;                        // size: 0 or a power of two
+  std::size_t fastIndexCount_ = 0;
   std::atomic<std::size_t> registeredCount_{0};
   // The thread running a factory of this container, and what that factory makes; the two
   // types are read only by that thread.
