@@ -27,7 +27,8 @@ template <class Container>
 void registerEight(Container& c) {
   [&]<int... I>(std::integer_sequence<int, I...>) {
     (c.template registerInstance<Svc<I>>(std::make_shared<Impl<I>>()), ...);
-  }(std::make_integer_sequence<int, 8>{});
+  }
+  (std::make_integer_sequence<int, 8>{});
 }
 
 struct Baseline {
@@ -36,7 +37,8 @@ struct Baseline {
   Baseline() {
     [&]<int... I>(std::integer_sequence<int, I...>) {
       ((map[typeid(Svc<I>)] = std::static_pointer_cast<void>(std::make_shared<Impl<I>>())), ...);
-    }(std::make_integer_sequence<int, 8>{});
+    }
+    (std::make_integer_sequence<int, 8>{});
   }
   template <class S>
   std::shared_ptr<S> get() {

@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "kp/container/core_services.h"
 #include "kp/platform/dispatch.h"
 #include "support/assertion_capture.h"
 
@@ -170,47 +169,6 @@ TEST(WithTest, ReturnsAChangedCopy) {
   auto moved = with(original, [](Point& p) { p.x = 5; });
   EXPECT_EQ(moved.x, 5);
   EXPECT_EQ(original.x, 1);
-}
-
-class FakeApplication final : public tarvix::Application {
- public:
-  [[nodiscard]] std::shared_ptr<void> applicationWindow() const override { return window; }
-  [[nodiscard]] tarvix::ApplicationState applicationState() const override {
-    return tarvix::ApplicationState::background;
-  }
-  [[nodiscard]] tarvix::InterfaceOrientation statusBarOrientation() const override {
-    return tarvix::InterfaceOrientation::landscapeLeft;
-  }
-  [[nodiscard]] bool isIdleTimerDisabled() const override { return idle; }
-  void setIdleTimerDisabled(bool disabled) override { idle = disabled; }
-  [[nodiscard]] bool canOpenURL(std::string_view url) const override { return url.starts_with("https:"); }
-  void open(std::string_view url) override { opened = std::string(url); }
-  void open(std::string_view url, const OpenOptions& options, std::function<void(bool)> completion) override {
-    opened = std::string(url) + "#" + std::to_string(options.size());
-    completion(true);
-  }
-  std::shared_ptr<void> window = std::make_shared<int>(1);
-  bool idle = false;
-  std::string opened;
-};
-
-TEST(CoreServicesTest, BridgedApplicationForwardsToTheHost) {
-  auto host = std::make_shared<FakeApplication>();
-  BridgedApplication app(host);
-  EXPECT_EQ(app.applicationWindow(), host->window);
-  EXPECT_EQ(app.applicationState(), tarvix::ApplicationState::background);
-  EXPECT_EQ(app.statusBarOrientation(), tarvix::InterfaceOrientation::landscapeLeft);
-  app.setIdleTimerDisabled(true);
-  EXPECT_TRUE(app.isIdleTimerDisabled());
-  EXPECT_TRUE(app.canOpenURL("https://example.org"));
-  bool reported = false;
-  app.open("https://a", {{"k", 1}}, [&](bool ok) { reported = ok; });
-  EXPECT_EQ(host->opened, "https://a#1");
-  EXPECT_TRUE(reported);
-  EXPECT_THROW(BridgedApplication(nullptr), std::invalid_argument);
-
-  const auto before = std::chrono::system_clock::now();
-  EXPECT_GE(DefaultDateService().now(), before);
 }
 
 }  // namespace
