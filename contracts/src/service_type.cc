@@ -14,16 +14,16 @@ namespace {
 bool isIdentifierChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
 
 // Drops every "name::" qualifier, keeping template arguments: "a::B<c::D, 3>" -> "B<D, 3>".
-std::string stripQualifiers(std::string name) {
+// Anonymous namespaces ("(anonymous namespace)::") count as qualifiers too.
+std::string stripQualifiers(const std::string& name) {
   static constexpr std::string_view kAnonymous = "(anonymous namespace)::";
-  for (auto pos = name.find(kAnonymous); pos != std::string::npos; pos = name.find(kAnonymous, pos)) {
-    name.erase(pos, kAnonymous.size());
-  }
   std::string out;
   out.reserve(name.size());
   std::size_t i = 0;
   while (i < name.size()) {
-    if (isIdentifierChar(name[i])) {
+    if (name.compare(i, kAnonymous.size(), kAnonymous) == 0) {
+      i += kAnonymous.size();
+    } else if (isIdentifierChar(name[i])) {
       std::size_t end = i;
       while (end < name.size() && isIdentifierChar(name[end])) ++end;
       if (name.compare(end, 2, "::") == 0) {

@@ -36,6 +36,9 @@ class ServiceType {
   }
 
   [[nodiscard]] std::type_index index() const noexcept { return index_; }
+  // The type_info this identity was made from. Equal types may have distinct type_info
+  // objects across shared libraries: compare with ==, or index(), for identity.
+  [[nodiscard]] const std::type_info& typeInfo() const noexcept { return *typeInfo_; }
   [[nodiscard]] std::shared_ptr<void> cast(const std::shared_ptr<Service>& instance) const { return cast_(instance); }
   // The unqualified name, also inside template arguments: "Cache<Item>" for
   // app::Cache<app::model::Item>.

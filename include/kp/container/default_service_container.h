@@ -1,0 +1,162 @@
+// kp::DefaultServiceContainer: the library's service container. For one or more service types
+// (interfaces) it registers an instance type and the factory that makes it; resolving a service
+// type gives the one shared instance of its instance type, made on first resolution and kept
+// for the life of the container.
+//
+// Three tables: which instance type answers for each service type (keyed by service type), the
+// factory of each instance type and the instance made for it (both keyed by instance type).
+// Service types registered with the same instance type share one factory and one instance.
+// Registrations only add: a service type that is already registered fails with the
+// duplicate-registration error, leaving the service types before it in the same call
+// registered (there is no rollback) and storing no factory. Registering an instance type
+// again replaces its factory; an instance already made stays in use.
+//
+// Errors: DefaultServiceContainer::Error (a TarvixError) for an unregistered service type, a
+// duplicate registration and an instance that does not implement the requested type; the
+// factory's own exceptions pass through unchanged. A failed resolution caches nothing.
+//
+// Thread safety: any thread may register and resolve. Registration and resolution hold one
+// non-re-entrant lock for the whole operation, including the run of a factory. A factory that
+// resolves or registers through the container that is running it (directly or through
+// Services) gets ReentrantUseError instead of waiting for itself; it may use other containers.
+// merge() and the descriptions take the lock briefly (or read directly when called from a
+// factory of the same container).
+//
+// Example:
+//   auto container = std::make_shared<kp::DefaultServiceContainer>();
+//   container->register_<Clock, TimeSource>([](tarvix::ServiceContainer&) {
+//     return std::make_shared<SystemClock>();
+//   });
+//   std::shared_ptr<Clock> clock = container->safeGet<Clock>();
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <typeinfo>
+#include <unordered_map>
+#include <vector>
+
+#include "kp/container/tarvix_error.h"
+#include "tarvix/service_container.h"
+
+namespace kp {
+
+class DefaultServiceContainer final : public tarvix::ServiceContainer {
+ public:
+  // The key of the three tables: one type, equal to another exactly when it wraps the same
+  // type.
+  class ServiceIdentifier {
+   public:
+    explicit ServiceIdentifier(const tarvix::ServiceType& type) noexcept : type_(type) {}
+    [[nodiscard]] const tarvix::ServiceType& type() const noexcept { return type_; }
+    // The unqualified name of the wrapped type.
+    [[nodiscard]] std::string description() const { return type_.name(); }
+    friend bool operator==(const ServiceIdentifier& a, const ServiceIdentifier& b) noexcept {
+      return a.type_ == b.type_;
+    }
+
+   private:
+    tarvix::ServiceType type_;
+  };
+  struct ServiceIdentifierHash {
+    std::size_t operator()(const ServiceIdentifier& id) const noexcept {
+      return std::hash<tarvix::ServiceType>{}(id.type());
+    }
+  };
+
+  class Error : public TarvixError {
+   public:
+    using TarvixError::TarvixError;
+    // `instanceType` is the instance type of the registration being attempted.
+    [[nodiscard]] static Error duplicateRegistration(const tarvix::ServiceType& serviceType,
+                                                     const tarvix::ServiceType& instanceType);
+    [[nodiscard]] static Error notRegistered(const tarvix::ServiceType& serviceType);
+    [[nodiscard]] static Error failedCast(const tarvix::ServiceType& instanceType,
+                                          const tarvix::ServiceType& serviceType);
+  };
+
+  // A factory used the container that is running it. Names the service type it asked for and
+  // the instance type whose factory was running.
+  class ReentrantUseError final : public Error {
+   public:
+    using Error::Error;
+  };
+
+  DefaultServiceContainer();
+  ~DefaultServiceContainer() override;
+  DefaultServiceContainer(const DefaultServiceContainer&) = delete;
+  DefaultServiceContainer& operator=(const DefaultServiceContainer&) = delete;
+
+  void registerFactory(const std::vector<tarvix::ServiceType>& serviceTypes, const tarvix::ServiceType& instanceType,
+                       Factory factory) override;
+  [[nodiscard]] std::shared_ptr<void> safeGet(const tarvix::ServiceType& serviceType) override;
+  using tarvix::ServiceContainer::safeGet;
+
+  // Like safeGet(), but null when `serviceType` is not registered here (other failures still
+  // throw). From a factory of this container it answers null for unregistered types and
+  // throws ReentrantUseError for registered ones.
+  [[nodiscard]] std::shared_ptr<void> resolveIfRegistered(const tarvix::ServiceType& serviceType);
+
+  // True once anything has been registered.
+  [[nodiscard]] bool hasRegistrations() const noexcept { return registeredCount_.load(std::memory_order_acquire) != 0; }
+
+  // A new container holding both containers' tables; where both have an entry, `other`'s wins.
+  [[nodiscard]] std::shared_ptr<DefaultServiceContainer> merge(const DefaultServiceContainer& other) const;
+
+  // "Services instance with <n> types registered."
+  [[nodiscard]] std::string description() const;
+  // The registered service types with their instance types, then the instances made.
+  [[nodiscard]] std::string debugDescription() const;
+
+ private:
+  struct Registration {
+    ServiceIdentifier instanceType;
+    // The instance converted to the service type, once resolved: the fast path of safeGet().
+    std::shared_ptr<void> resolved;
+  };
+  using Identifier = ServiceIdentifier;
+  template <class V>
+  using Table = std::unordered_map<Identifier, V, ServiceIdentifierHash>;
+
+  class FactoryRun;
+  struct Snapshot;
+  // An open-addressing map from type_info addresses to registrations, in front of
+  // registeredTypes_: a pointer hash instead of hashing and comparing mangled names. A type
+  // met under another type_info address (another shared library) gets a slot of its own.
+  struct FastSlot {
+    const std::type_info* type = nullptr;
+    Registration* registration = nullptr;
+  };
+
+  [[nodiscard]] Registration* findRegistration(const tarvix::ServiceType& serviceType);
+
+  [[nodiscard]] std::shared_ptr<void> resolve(const tarvix::ServiceType& serviceType, bool required);
+  [[nodiscard]] std::shared_ptr<void> makeInstance(Registration& registration, const tarvix::ServiceType& serviceType,
+                                                   std::unique_lock<std::mutex>& lock);
+  [[nodiscard]] bool runsFactoryOnThisThread() const noexcept {
+    return factoryThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
+  [[nodiscard]] ReentrantUseError reentrantUse(std::string_view action) const;
+  [[nodiscard]] Snapshot snapshot() const;
+
+  mutable std::mutex mutex_;
+  Table<Registration> registeredTypes_;                    // keyed by service type
+  Table<Factory> instanceFactories_;                       // keyed by instance type
+  Table<std::shared_ptr<tarvix::Service>> instanceCache_;  // keyed by instance type
+  std::vector<FastSlot> fastIndex_;                        // size: 0 or a power of two
+  std::size_t fastIndexCount_ = 0;
+  std::atomic<std::size_t> registeredCount_{0};
+  // The thread running a factory of this container, and what that factory makes; the two
+  // types are read only by that thread.
+  std::atomic<std::thread::id> factoryThread_{};
+  std::optional<tarvix::ServiceType> factoryInstanceType_;
+  std::optional<tarvix::ServiceType> factoryServiceType_;
+};
+
+}  // namespace kp
