@@ -1,0 +1,101 @@
+// kp::CacheControllerDatabase: the persistent index and store of the cache: one SQLite file
+// ("centralcache.db" for the shared controller) with a table of entries and a table of
+// metadata. Serialized entries keep their whole encoded form in their row; file-backed
+// entries keep a row for their kind, group, timestamp and age.
+//
+// Nothing here reports an error: every failure ends the operation quietly with the empty
+// result (no row, empty list, nothing stored). A file that cannot be opened leaves the
+// database closed, and every operation is then a no-op.
+//
+// The file runs in write-ahead-log mode with normal sync: a crash or power cut may lose the
+// last saves, never the file's integrity, and saves do not wait for the disk each time. The
+// file stays a plain SQLite database that the sqlite3 shell opens.
+//
+// Thread safety: every operation may be called from any thread; each statement runs under the
+// database's own lock, and vacuuming runs after the calling operation released it.
+//
+// Example:
+//   kp::CacheControllerDatabase db("centralcache.db");
+//   db.prepare();
+//   db.saveRecord(encoded, *entry, "forecast/berlin");
+//   std::optional<kp::Data> bytes = db.loadCacheData("forecast/berlin");
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kp/cache/cacheable.h"
+#include "kp/cache/sqlite.h"
+
+namespace kp {
+
+struct CacheKeyAndGroup {
+  std::string key;
+  std::optional<std::string> group;
+  friend bool operator==(const CacheKeyAndGroup&, const CacheKeyAndGroup&) = default;
+};
+
+enum class CacheItemColumns { id, type, group, data };
+enum class MetadataColumns { id, version };
+[[nodiscard]] std::string_view sqliteColumnName(CacheItemColumns column) noexcept;
+[[nodiscard]] std::string_view sqliteColumnName(MetadataColumns column) noexcept;
+
+class CacheControllerDatabase {
+ public:
+  static constexpr std::string_view kDbName = "KPCacheControllerDal_DB";
+  static constexpr std::int32_t kDbVersion = 3;
+
+  // The file `dbFileName` in the application's caches directory, or in `directory`.
+  explicit CacheControllerDatabase(std::string dbFileName);
+  CacheControllerDatabase(std::string dbFileName, std::filesystem::path directory);
+  CacheControllerDatabase(const CacheControllerDatabase&) = delete;
+  CacheControllerDatabase& operator=(const CacheControllerDatabase&) = delete;
+
+  // Opens the file, or creates it; a file whose schema version is 2 or less (or unreadable)
+  // is replaced by a new, empty one. Run once, before any other operation.
+  void prepare();
+  [[nodiscard]] bool isOpen() const;
+  [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+
+  // Stores (or replaces) the row of `key` with the encoded entry `data`.
+  // REQUIRES: the entry's creation date and age limit fit in signed 32-bit seconds; anything
+  // else stops the program.
+  void saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
+  [[nodiscard]] std::optional<Data> loadCacheData(std::string_view key);
+  [[nodiscard]] std::optional<CacheItemType> getCacheItemType(std::string_view key);
+  [[nodiscard]] std::optional<std::string> getCacheItemGroup(std::string_view key);
+  void removeCacheItem(std::string_view key);
+  // Empties the group (or, without one, the whole table), then vacuums.
+  void removeAllItems(const std::optional<std::string>& group);
+  void updateTimestamp(std::string_view key, const Cacheable& entry);
+  // Keys (with groups) of the rows of `type` whose positive age limit has passed, whatever
+  // their automatic-expiry flag.
+  [[nodiscard]] std::vector<CacheKeyAndGroup> getExpiredCacheKeys(CacheItemType type);
+  // Deletes the expired rows that allow automatic expiry, then vacuums.
+  void removeExpiredItems();
+  // Keys of file-backed rows, oldest first. Their group is always absent.
+  [[nodiscard]] std::vector<CacheKeyAndGroup> getFileCacheKeysSortedByCreationDate();
+  // Size of the database file in bytes; 0 when it cannot be read.
+  [[nodiscard]] std::uint64_t getSize() const;
+  void vacuum();
+
+ private:
+  void createDatabase();                       // REQUIRES: mutex_ held
+  [[nodiscard]] std::int64_t storedVersion();  // REQUIRES: mutex_ held
+  void configureConnection();                  // REQUIRES: mutex_ held
+  // Runs one statement with its bindings to completion; false on any failure.
+  bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
+
+  std::string dbFileName_;
+  std::filesystem::path path_;
+  mutable std::mutex mutex_;
+  std::unique_ptr<SQLiteDatabase> db_;  // guarded by mutex_
+};
+
+}  // namespace kp

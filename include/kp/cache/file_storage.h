@@ -1,0 +1,70 @@
+// kp::CacheControllerFileStorage: the payload bytes of file-backed cache entries, one file per
+// key in a folder of the caches directory ("KPCentralCacheController" for the shared
+// controller), optionally in one sub-folder per group. File and folder names are SHA-1 hex
+// digests of the key and the group, so neither appears in clear on disk and no key can reach
+// outside the folder. It also trims the folder to a size limit, oldest entries first.
+//
+// Failures are silent: a save that cannot write stores nothing, a load that cannot read gives
+// nothing.
+//
+// Thread safety: every operation may be called from any thread; each runs under the store's
+// own lock. The trim asks the database for its keys before taking that lock.
+//
+// Example:
+//   kp::CacheControllerFileStorage files("KPCentralCacheController");
+//   files.prepareCacheFolder();
+//   files.save(bytes, "radar/tile-12", "radar");
+//   auto back = files.loadData("radar/tile-12", "radar");
+//   files.removeOldestFiles(350u << 20, database);
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kp/platform/data.h"
+
+namespace kp {
+
+class CacheControllerDatabase;
+
+class CacheControllerFileStorage {
+ public:
+  // The folder `fileName` in the application's caches directory, or in `directory`.
+  explicit CacheControllerFileStorage(std::string fileName);
+  CacheControllerFileStorage(std::string fileName, std::filesystem::path directory);
+  CacheControllerFileStorage(const CacheControllerFileStorage&) = delete;
+  CacheControllerFileStorage& operator=(const CacheControllerFileStorage&) = delete;
+
+  // Creates the folder when nothing exists there (missing parents are not created).
+  void prepareCacheFolder();
+  // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
+  void save(const Data& data, std::string_view key, const std::optional<std::string>& group);
+  [[nodiscard]] std::optional<Data> loadData(std::string_view key, const std::optional<std::string>& group) const;
+  void removeData(std::string_view key, const std::optional<std::string>& group);
+  // Without a group (absent or empty): removes every entry of the folder, files and group
+  // folders alike, stopping at the first failure. With one: removes the group's folder.
+  void removeAllItems(const std::optional<std::string>& group);
+  // Bytes of all files below the folder; the walk stops at the first unreadable entry.
+  [[nodiscard]] std::uint64_t getSize() const;
+  // When the folder holds more than `maxCacheSize` bytes, removes the oldest file-backed
+  // entries (as the database orders them) until at least a fifth of the limit is freed and
+  // the rest fits. Files inside group folders are never trimmed.
+  void removeOldestFiles(std::uint64_t maxCacheSize, CacheControllerDatabase& database);
+
+  [[nodiscard]] const std::filesystem::path& basePath() const noexcept { return basePath_; }
+  // The file of `key` (in the group's folder when `group` is present and not empty).
+  [[nodiscard]] std::filesystem::path filePath(std::string_view key, const std::optional<std::string>& group) const;
+
+ private:
+  [[nodiscard]] std::filesystem::path groupFolder(const std::optional<std::string>& group) const;
+  [[nodiscard]] std::uint64_t sizeLocked() const;  // REQUIRES: mutex_ held
+
+  std::filesystem::path basePath_;
+  mutable std::mutex mutex_;
+};
+
+}  // namespace kp

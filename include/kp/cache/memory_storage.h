@@ -1,0 +1,53 @@
+// kp::CacheMemoryStorage: the in-process dictionary of live cache entries, with the purges the
+// cache controller runs on expiry, on memory pressure and by group.
+//
+// Thread safety: every operation may be called from any thread; each runs under the store's
+// own lock, and the store never calls another store.
+//
+// Example:
+//   kp::CacheMemoryStorage memory;
+//   memory.set(entry, "forecast/berlin");   // kept only when the entry retains in memory
+//   if (auto hit = memory.get("forecast/berlin")) { ... }
+//   memory.removeLowMemoryWarningItems();
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "kp/cache/cacheable.h"
+
+namespace kp {
+
+class CacheMemoryStorage {
+ public:
+  // Removes any entry under `key`, then keeps `entry` when its configuration retains it in
+  // memory (so storing an entry that is not to be retained evicts the old one).
+  void set(std::shared_ptr<Cacheable> entry, std::string_view key);
+  [[nodiscard]] std::shared_ptr<Cacheable> get(std::string_view key) const;
+  void remove(std::string_view key);
+  void removeAll();
+  // Keeps only the entries that have not expired.
+  void removeExpired();
+  // Keeps only the entries whose configuration does not expire them on memory warnings.
+  void removeLowMemoryWarningItems();
+  // Keeps only the entries whose group differs from `group` (entries without one are kept).
+  void removeForGroup(std::string_view group);
+  [[nodiscard]] std::size_t count() const;
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
+  };
+  template <class Keep>
+  void keepOnly(Keep keep);
+
+  mutable std::mutex mutex_;
+  std::unordered_map<std::string, std::shared_ptr<Cacheable>, Hash, std::equal_to<>> items_;  // guarded by mutex_
+};
+
+}  // namespace kp

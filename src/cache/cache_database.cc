@@ -1,0 +1,323 @@
+// The cache database. Every statement is prepared, bound, run once and finalized under the
+// lock; every failure yields the empty result.
+#include "kp/cache/cache_database.h"
+
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "kp/platform/application_info.h"
+
+namespace kp {
+namespace {
+
+constexpr std::string_view kCreateMetadata = "CREATE TABLE db_metadata ( id VARCHAR(4) PRIMARY KEY, version INTEGER );";
+constexpr std::string_view kCreateCache =
+    "CREATE TABLE cache ( id VARCHAR(200) PRIMARY KEY, groupName VARCHAR(200), cacheType INTEGER, "
+    "rollingExpiration INTEGER, autoExpiration INTEGER, data BLOB, timestamp INTEGER, maximum_age INTEGER );";
+constexpr std::string_view kInsertVersion = "INSERT INTO db_metadata ( version ) VALUES ( ? );";
+constexpr std::string_view kSelectVersion = "SELECT version FROM db_metadata LIMIT 1;";
+constexpr std::string_view kSave =
+    "INSERT OR REPLACE INTO cache (id, cacheType, groupName, rollingExpiration, autoExpiration, data, timestamp, "
+    "maximum_age) VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
+constexpr std::string_view kLoad = "SELECT data FROM cache WHERE id = ?;";
+constexpr std::string_view kSelectType = "SELECT cacheType FROM cache WHERE id = ? LIMIT 1";
+constexpr std::string_view kSelectGroup = "SELECT groupName FROM cache WHERE id = ? LIMIT 1";
+constexpr std::string_view kDelete = "DELETE FROM cache WHERE id = ?;";
+constexpr std::string_view kDeleteGroup = "DELETE FROM cache WHERE groupName = ?;";
+constexpr std::string_view kDeleteAll = "DELETE FROM cache;";
+constexpr std::string_view kUpdateTimestamp = "UPDATE cache SET timestamp = ? WHERE id = ?;";
+constexpr std::string_view kSelectExpired =
+    "SELECT * FROM cache WHERE cacheType = ? AND maximum_age > 0 AND timestamp + maximum_age < ?;";
+constexpr std::string_view kDeleteExpired =
+    "DELETE FROM cache WHERE maximum_age > 0 AND timestamp + maximum_age < ? AND autoExpiration = ?;";
+constexpr std::string_view kSelectFileKeys = "SELECT id, data FROM cache WHERE cacheType >= 1 ORDER BY timestamp ASC;";
+constexpr std::string_view kVacuum = "VACUUM;";
+
+// Seconds as a signed 32-bit count; anything outside that range is a programming error.
+std::int32_t wholeSeconds(double seconds, const char* what) {
+  if (!std::isfinite(seconds) || seconds < static_cast<double>(std::numeric_limits<std::int32_t>::min()) ||
+      seconds >= static_cast<double>(std::numeric_limits<std::int32_t>::max()) + 1.0) {
+    std::fprintf(stderr, "kp: fatal: cache %s out of the 32-bit range: %f\n", what, seconds);
+    std::abort();
+  }
+  return static_cast<std::int32_t>(seconds);  // the fraction is dropped
+}
+
+std::int32_t nowSeconds() { return wholeSeconds(std::floor(Date::now().timeIntervalSince1970()), "clock"); }
+
+// Encodes the file URL of a path: the characters that a URL cannot carry as they are.
+std::string fileUrlOf(const std::filesystem::path& path) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string url = "file://";
+  for (unsigned char c : path.string()) {
+    const bool plain = std::isalnum(c) != 0 ||
+                       std::string_view("/-._~!$&'()*+,;=:@").find(static_cast<char>(c)) != std::string_view::npos;
+    if (plain) {
+      url.push_back(static_cast<char>(c));
+    } else {
+      url.push_back('%');
+      url.push_back(kHex[c >> 4]);
+      url.push_back(kHex[c & 0x0f]);
+    }
+  }
+  return url;
+}
+
+std::vector<CacheKeyAndGroup> keysAndGroups(const std::vector<SQLiteRow<CacheItemColumns>>& rows) {
+  std::vector<CacheKeyAndGroup> result;
+  for (const auto& row : rows) {
+    auto key = row.string(CacheItemColumns::id);
+    if (!key) continue;
+    result.push_back({std::move(*key), row.string(CacheItemColumns::group)});
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string_view sqliteColumnName(CacheItemColumns column) noexcept {
+  switch (column) {
+    case CacheItemColumns::id:
+      return "id";
+    case CacheItemColumns::type:
+      return "cacheType";
+    case CacheItemColumns::group:
+      return "groupName";
+    case CacheItemColumns::data:
+      return "data";
+  }
+  return "";
+}
+
+std::string_view sqliteColumnName(MetadataColumns column) noexcept {
+  switch (column) {
+    case MetadataColumns::id:
+      return "id";
+    case MetadataColumns::version:
+      return "version";
+  }
+  return "";
+}
+
+CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName)
+    : CacheControllerDatabase(dbFileName, cachesDirectory()) {}
+
+CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName, std::filesystem::path directory)
+    : dbFileName_(std::move(dbFileName)), path_(std::move(directory) / dbFileName_) {}
+
+bool CacheControllerDatabase::isOpen() const {
+  std::lock_guard lock(mutex_);
+  return db_ != nullptr;
+}
+
+bool CacheControllerDatabase::run(std::string_view sql, const std::vector<SQLiteValue>& bindings) {
+  if (!db_) return false;
+  try {
+    auto statement = db_->createPreparedStatement(sql, bindings);
+    statement->execute();
+    statement->finalize();
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void CacheControllerDatabase::configureConnection() {
+  if (!db_) return;
+  try {
+    // journal_mode answers with a row naming the mode in force.
+    auto journal = db_->createPreparedStatement("PRAGMA journal_mode=WAL;");
+    (void)journal->readCells();
+    journal->finalize();
+  } catch (const std::exception&) {
+  }
+  run("PRAGMA synchronous=NORMAL;", {});
+}
+
+void CacheControllerDatabase::prepare() {
+  std::lock_guard lock(mutex_);
+  {
+    std::error_code ec;
+    if (std::filesystem::exists(path_, ec)) {
+      try {
+        db_ = std::make_unique<DefaultSQLiteDatabase>(*Url::parse(fileUrlOf(path_)));
+      } catch (const std::exception&) {
+        return;  // unreadable: no persistent store until the next launch
+      }
+      configureConnection();
+    } else {
+      createDatabase();
+    }
+    if (storedVersion() > 2) return;
+    createDatabase();
+  }
+}
+
+std::int64_t CacheControllerDatabase::storedVersion() {
+  if (!db_) return 1;
+  try {
+    auto statement = db_->createPreparedStatement(kSelectVersion);
+    auto row = statement->readRow<MetadataColumns>();
+    statement->finalize();
+    if (!row) return 1;
+    return row->int32(MetadataColumns::version).value_or(1);
+  } catch (const std::exception&) {
+    return 1;  // a file that is not a database, or has no metadata table
+  }
+}
+
+void CacheControllerDatabase::createDatabase() {
+  std::error_code ec;
+  if (std::filesystem::exists(path_, ec)) {
+    db_.reset();  // the old connection stays open, unused, as connections are never closed
+    if (!std::filesystem::remove(path_, ec) || ec) return;
+    std::filesystem::remove(path_.string() + "-wal", ec);
+    std::filesystem::remove(path_.string() + "-shm", ec);
+  }
+  try {
+    db_ = std::make_unique<DefaultSQLiteDatabase>(*Url::parse(fileUrlOf(path_)));
+  } catch (const std::exception&) {
+    return;
+  }
+  configureConnection();
+  if (!run(kCreateMetadata, {})) return;
+  if (!run(kCreateCache, {})) return;
+  (void)run(kInsertVersion, {SQLiteValue(kDbVersion)});
+}
+
+void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
+  const auto& config = entry.cacheConfiguration();
+  std::vector<SQLiteValue> bindings{
+      SQLiteValue(std::string(key)),
+      SQLiteValue(static_cast<std::int32_t>(entry.storedCacheType())),
+      config.groupName ? SQLiteValue(*config.groupName) : SQLiteValue(),
+      SQLiteValue(std::int32_t{config.rollingExpiration ? 1 : 0}),
+      SQLiteValue(std::int32_t{config.autoExpiration ? 1 : 0}),
+      SQLiteValue(data),
+      SQLiteValue(wholeSeconds(entry.creationDate().timeIntervalSince1970(), "creation date")),
+      SQLiteValue(wholeSeconds(config.maximumAge, "maximum age")),
+  };
+  std::lock_guard lock(mutex_);
+  (void)run(kSave, bindings);
+}
+
+std::optional<Data> CacheControllerDatabase::loadCacheData(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (!db_) return std::nullopt;
+  try {
+    auto statement = db_->createPreparedStatement(kLoad, {SQLiteValue(std::string(key))});
+    auto row = statement->readRow<CacheItemColumns>();
+    statement->finalize();
+    return row ? row->data(CacheItemColumns::data) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (!db_) return std::nullopt;
+  try {
+    auto statement = db_->createPreparedStatement(kSelectType, {SQLiteValue(std::string(key))});
+    auto row = statement->readRow<CacheItemColumns>();
+    statement->finalize();
+    if (!row) return std::nullopt;
+    auto raw = row->int32(CacheItemColumns::type);
+    return raw ? cacheItemTypeFromRawValue(*raw) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<std::string> CacheControllerDatabase::getCacheItemGroup(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (!db_) return std::nullopt;
+  try {
+    auto statement = db_->createPreparedStatement(kSelectGroup, {SQLiteValue(std::string(key))});
+    auto row = statement->readRow<CacheItemColumns>();
+    statement->finalize();
+    return row ? row->string(CacheItemColumns::group) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+void CacheControllerDatabase::removeCacheItem(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  (void)run(kDelete, {SQLiteValue(std::string(key))});
+}
+
+void CacheControllerDatabase::removeAllItems(const std::optional<std::string>& group) {
+  {
+    std::lock_guard lock(mutex_);
+    if (group) {
+      (void)run(kDeleteGroup, {SQLiteValue(*group)});
+    } else {
+      (void)run(kDeleteAll, {});
+    }
+  }
+  vacuum();
+}
+
+void CacheControllerDatabase::updateTimestamp(std::string_view key, const Cacheable& entry) {
+  const auto seconds = wholeSeconds(entry.creationDate().timeIntervalSince1970(), "creation date");
+  std::lock_guard lock(mutex_);
+  (void)run(kUpdateTimestamp, {SQLiteValue(seconds), SQLiteValue(std::string(key))});
+}
+
+std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type) {
+  const auto now = nowSeconds();
+  std::lock_guard lock(mutex_);
+  if (!db_) return {};
+  try {
+    auto statement =
+        db_->createPreparedStatement(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(now)});
+    auto rows = statement->readAllRows<CacheItemColumns>();
+    statement->finalize();
+    return keysAndGroups(rows);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+void CacheControllerDatabase::removeExpiredItems() {
+  const auto now = nowSeconds();
+  {
+    std::lock_guard lock(mutex_);
+    (void)run(kDeleteExpired, {SQLiteValue(now), SQLiteValue(std::int32_t{1})});
+  }
+  vacuum();
+}
+
+std::vector<CacheKeyAndGroup> CacheControllerDatabase::getFileCacheKeysSortedByCreationDate() {
+  std::lock_guard lock(mutex_);
+  if (!db_) return {};
+  try {
+    auto statement = db_->createPreparedStatement(kSelectFileKeys);
+    auto rows = statement->readAllRows<CacheItemColumns>();
+    statement->finalize();
+    return keysAndGroups(rows);  // the statement selects no group, so every group is absent
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+std::uint64_t CacheControllerDatabase::getSize() const {
+  std::error_code ec;
+  const auto size = std::filesystem::file_size(path_, ec);
+  if (ec) return 0;
+  // Recent saves sit in the write-ahead log until a checkpoint; they take disk space too.
+  std::error_code walError;
+  const auto wal = std::filesystem::file_size(path_.string() + "-wal", walError);
+  return static_cast<std::uint64_t>(size) + (walError ? 0 : static_cast<std::uint64_t>(wal));
+}
+
+void CacheControllerDatabase::vacuum() {
+  std::lock_guard lock(mutex_);
+  (void)run(kVacuum, {});
+}
+
+}  // namespace kp

@@ -1,0 +1,129 @@
+// The file store of the cache.
+#include "kp/cache/file_storage.h"
+
+#include <fstream>
+#include <iterator>
+
+#include "kp/cache/cache_database.h"
+#include "kp/platform/application_info.h"
+#include "kp/service/encryption.h"
+
+namespace kp {
+
+namespace fs = std::filesystem;
+
+CacheControllerFileStorage::CacheControllerFileStorage(std::string fileName)
+    : CacheControllerFileStorage(std::move(fileName), cachesDirectory()) {}
+
+CacheControllerFileStorage::CacheControllerFileStorage(std::string fileName, fs::path directory)
+    : basePath_(std::move(directory) / fileName) {}
+
+fs::path CacheControllerFileStorage::groupFolder(const std::optional<std::string>& group) const {
+  if (!group || group->empty()) return basePath_;
+  return basePath_ / hashSha1(std::string_view(*group));
+}
+
+fs::path CacheControllerFileStorage::filePath(std::string_view key, const std::optional<std::string>& group) const {
+  return groupFolder(group) / hashSha1(key);
+}
+
+void CacheControllerFileStorage::prepareCacheFolder() {
+  std::lock_guard lock(mutex_);
+  std::error_code ec;
+  if (!fs::exists(basePath_, ec)) fs::create_directory(basePath_, ec);
+}
+
+void CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
+  const auto path = filePath(key, group);
+  std::lock_guard lock(mutex_);
+  std::error_code ec;
+  if (group && !group->empty() && !fs::exists(path.parent_path(), ec)) fs::create_directory(path.parent_path(), ec);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (out) out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+}
+
+std::optional<Data> CacheControllerFileStorage::loadData(std::string_view key,
+                                                         const std::optional<std::string>& group) const {
+  const auto path = filePath(key, group);
+  std::lock_guard lock(mutex_);
+  std::error_code ec;
+  if (!fs::is_regular_file(path, ec)) return std::nullopt;
+  const auto size = fs::file_size(path, ec);
+  if (ec) return std::nullopt;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  Data bytes = Data::zeros(static_cast<std::size_t>(size));
+  in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
+  if (static_cast<std::uintmax_t>(in.gcount()) != size) return std::nullopt;
+  return bytes;
+}
+
+void CacheControllerFileStorage::removeData(std::string_view key, const std::optional<std::string>& group) {
+  const auto path = filePath(key, group);
+  std::lock_guard lock(mutex_);
+  std::error_code ec;
+  if (fs::exists(path, ec)) fs::remove(path, ec);
+}
+
+void CacheControllerFileStorage::removeAllItems(const std::optional<std::string>& group) {
+  std::lock_guard lock(mutex_);
+  std::error_code ec;
+  if (group && !group->empty()) {
+    const auto folder = groupFolder(group);
+    if (fs::exists(folder, ec)) fs::remove_all(folder, ec);
+    return;
+  }
+  fs::directory_iterator it(basePath_, ec);
+  if (ec) return;
+  for (const fs::directory_iterator end; it != end; it.increment(ec)) {
+    if (ec) return;
+    fs::remove_all(it->path(), ec);
+    if (ec) return;
+  }
+}
+
+std::uint64_t CacheControllerFileStorage::sizeLocked() const {
+  std::uint64_t total = 0;
+  std::error_code ec;
+  fs::recursive_directory_iterator it(basePath_, ec);
+  if (ec) return 0;
+  for (const fs::recursive_directory_iterator end; it != end; it.increment(ec)) {
+    if (ec) break;
+    const auto status = it->symlink_status(ec);
+    if (ec) break;
+    if (fs::is_directory(status)) continue;
+    const auto size = it->file_size(ec);
+    if (ec) break;
+    total += static_cast<std::uint64_t>(size);
+  }
+  return total;
+}
+
+std::uint64_t CacheControllerFileStorage::getSize() const {
+  std::lock_guard lock(mutex_);
+  return sizeLocked();
+}
+
+void CacheControllerFileStorage::removeOldestFiles(std::uint64_t maxCacheSize, CacheControllerDatabase& database) {
+  const std::uint64_t current = getSize();
+  if (current <= maxCacheSize) return;
+  const auto keys = database.getFileCacheKeysSortedByCreationDate();
+  std::lock_guard lock(mutex_);
+  std::uint64_t removed = 0;
+  const std::uint64_t floor = maxCacheSize / 5;  // free at least a fifth of the limit
+  for (const auto& entry : keys) {
+    const auto path = filePath(entry.key, entry.group);
+    std::error_code ec;
+    const auto status = fs::symlink_status(path, ec);
+    if (ec || !fs::exists(status) || fs::is_directory(status)) continue;
+    const auto size = fs::file_size(path, ec);
+    if (ec) continue;
+    if (!fs::remove(path, ec) || ec) continue;
+    removed += static_cast<std::uint64_t>(size);
+    if (removed < floor) continue;
+    if (current - std::min(removed, current) >= maxCacheSize) continue;
+    break;
+  }
+}
+
+}  // namespace kp

@@ -1,0 +1,56 @@
+// The memory store of the cache.
+#include "kp/cache/memory_storage.h"
+
+namespace kp {
+
+void CacheMemoryStorage::set(std::shared_ptr<Cacheable> entry, std::string_view key) {
+  std::lock_guard lock(mutex_);
+  auto it = items_.find(key);
+  if (it != items_.end()) items_.erase(it);
+  if (entry && entry->cacheConfiguration().retainInMemory) items_.emplace(std::string(key), std::move(entry));
+}
+
+std::shared_ptr<Cacheable> CacheMemoryStorage::get(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  auto it = items_.find(key);
+  return it == items_.end() ? nullptr : it->second;
+}
+
+void CacheMemoryStorage::remove(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (auto it = items_.find(key); it != items_.end()) items_.erase(it);
+}
+
+void CacheMemoryStorage::removeAll() {
+  std::lock_guard lock(mutex_);
+  items_.clear();
+}
+
+template <class Keep>
+void CacheMemoryStorage::keepOnly(Keep keep) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(items_, [&](const auto& item) { return !keep(*item.second); });
+}
+
+void CacheMemoryStorage::removeExpired() {
+  const Date now = Date::now();
+  keepOnly([now](const Cacheable& entry) { return !entry.isExpired(now); });
+}
+
+void CacheMemoryStorage::removeLowMemoryWarningItems() {
+  keepOnly([](const Cacheable& entry) { return !entry.cacheConfiguration().expireOnMemoryWarning; });
+}
+
+void CacheMemoryStorage::removeForGroup(std::string_view group) {
+  keepOnly([group](const Cacheable& entry) {
+    const auto& name = entry.cacheConfiguration().groupName;
+    return !name || *name != group;
+  });
+}
+
+std::size_t CacheMemoryStorage::count() const {
+  std::lock_guard lock(mutex_);
+  return items_.size();
+}
+
+}  // namespace kp

@@ -1,0 +1,258 @@
+// The cache's database, file and memory stores against real files.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "kp/cache/cache_database.h"
+#include "kp/cache/file_storage.h"
+#include "kp/cache/memory_storage.h"
+#include "kp/service/encryption.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kp::CacheItemType;
+using kp::Date;
+
+class Entry final : public kp::Cacheable {
+ public:
+  Entry(kp::CacheItemConfiguration config, Date created, CacheItemType type = CacheItemType::serialized)
+      : Cacheable(created), config_(std::move(config)), type_(type) {}
+  const kp::CacheItemConfiguration& cacheConfiguration() const noexcept override { return config_; }
+  CacheItemType storedCacheType() const noexcept override { return type_; }
+
+ private:
+  kp::CacheItemConfiguration config_;
+  CacheItemType type_;
+};
+
+kp::CacheItemConfiguration config(double age, std::optional<std::string> group = std::nullopt, bool autoExp = true) {
+  kp::CacheItemConfiguration c(age);
+  c.groupName = std::move(group);
+  c.autoExpiration = autoExp;
+  return c;
+}
+
+// Runs a statement through the sqlite3 shell and returns its output.
+std::string shell(const std::filesystem::path& db, const std::string& sql) {
+  const std::string command = "sqlite3 '" + db.string() + "' \"" + sql + "\" 2>&1";
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
+    ::pclose(pipe);
+  }
+  return out;
+}
+
+TEST(CacheItemConfiguration, ExpiryRuleAndEquality) {
+  const Date now = Date::now();
+  EXPECT_FALSE(Entry(config(0), now.addingTimeInterval(-1e6)).isExpired(now));
+  EXPECT_FALSE(Entry(config(-5), now.addingTimeInterval(-1e6)).isExpired(now));
+  EXPECT_FALSE(Entry(config(10), now.addingTimeInterval(-10)).isExpired(now));  // equal age: fresh
+  EXPECT_TRUE(Entry(config(10), now.addingTimeInterval(-10.001)).isExpired(now));
+  kp::CacheItemConfiguration a, b;
+  EXPECT_EQ(a, b);
+  b.groupName = "a";
+  EXPECT_NE(a, b);
+  EXPECT_EQ(kp::cacheItemTypeFromRawValue(2), CacheItemType::image);
+  EXPECT_FALSE(kp::cacheItemTypeFromRawValue(3));
+}
+
+class CacheDatabaseTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<kp::CacheControllerDatabase> open() {
+    auto db = std::make_unique<kp::CacheControllerDatabase>("centralcache.db", dir_.path());
+    db->prepare();
+    return db;
+  }
+  std::filesystem::path file() const { return dir_.path() / "centralcache.db"; }
+  kp::test::TempDir dir_;
+};
+
+TEST_F(CacheDatabaseTest, CreatesAPlainFileWithTheTwoTablesAndStoresRows) {
+  auto db = open();
+  ASSERT_TRUE(db->isOpen());
+  const Date now = Date::now();
+  db->saveRecord(kp::Data{1, 2, 3}, Entry(config(60, "g"), now), "k");
+  db->saveRecord(kp::Data{4, 5}, Entry(config(60, "g"), now), "k");  // replaces
+  EXPECT_EQ(db->loadCacheData("k"), (kp::Data{4, 5}));
+  EXPECT_EQ(db->getCacheItemGroup("k"), "g");
+  EXPECT_EQ(db->getCacheItemType("k"), CacheItemType::serialized);
+  EXPECT_FALSE(db->loadCacheData("missing"));
+  // A key full of path and quoting characters is just text to the database.
+  const std::string odd = "../../etc/passwd' OR 1=1; --" + std::string(10000, 'x');
+  db->saveRecord(kp::Data{9}, Entry(config(0), now), odd);
+  EXPECT_EQ(db->loadCacheData(odd), (kp::Data{9}));
+  db->removeCacheItem(odd);
+  EXPECT_FALSE(db->loadCacheData(odd));
+
+  EXPECT_EQ(shell(file(), ".tables"), "cache        db_metadata\n");
+  EXPECT_EQ(shell(file(), "SELECT id, groupName, cacheType, maximum_age, length(data) FROM cache;"), "k|g|0|60|2\n");
+  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_GT(db->getSize(), 0u);
+}
+
+TEST_F(CacheDatabaseTest, OldUnreadableOrEmptyVersionsAreReplaced) {
+  for (const std::string& setup : {std::string("CREATE TABLE db_metadata (id VARCHAR(4), version INTEGER);"
+                                               "INSERT INTO db_metadata (version) VALUES (2);"
+                                               "CREATE TABLE cache (id TEXT); INSERT INTO cache VALUES ('old');"),
+                                   std::string("CREATE TABLE db_metadata (id VARCHAR(4), version INTEGER);"
+                                               "CREATE TABLE cache (id TEXT); INSERT INTO cache VALUES ('old');")}) {
+    std::filesystem::remove(file());
+    shell(file(), setup);
+    auto db = open();
+    EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
+    EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
+  }
+  // Random bytes and a truncated file are recreated too.
+  for (std::size_t size : {4096u, 7u}) {
+    std::filesystem::remove(file());
+    std::ofstream(file(), std::ios::binary) << std::string(size, '\x9c');
+    auto db = open();
+    db->saveRecord(kp::Data{1}, Entry(config(0), Date::now()), "fresh");
+    EXPECT_EQ(db->loadCacheData("fresh"), (kp::Data{1}));
+  }
+}
+
+TEST_F(CacheDatabaseTest, ExpiryQueriesAndBulkRemovals) {
+  auto db = open();
+  const Date now = Date::now();
+  const Date old = now.addingTimeInterval(-1000);
+  db->saveRecord(kp::Data{1}, Entry(config(10, "a"), old), "expired");
+  db->saveRecord(kp::Data{1}, Entry(config(10, std::nullopt, false), old), "expired-manual");
+  db->saveRecord(kp::Data{1}, Entry(config(0), old), "forever");
+  db->saveRecord(kp::Data{1}, Entry(config(5000), old), "fresh");
+  db->saveRecord(kp::Data{1}, Entry(config(10, "a"), old, CacheItemType::rawDataToFile), "file-old");
+  db->saveRecord(kp::Data{1}, Entry(config(10), now, CacheItemType::image), "file-new");
+
+  auto expired = db->getExpiredCacheKeys(CacheItemType::serialized);
+  ASSERT_EQ(expired.size(), 2u);  // the automatic-expiry flag does not filter here
+  EXPECT_EQ(expired[0], (kp::CacheKeyAndGroup{"expired", "a"}));
+  EXPECT_EQ(expired[1], (kp::CacheKeyAndGroup{"expired-manual", std::nullopt}));
+
+  auto files = db->getFileCacheKeysSortedByCreationDate();
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(files[0], (kp::CacheKeyAndGroup{"file-old", std::nullopt}));  // groups are never read here
+  EXPECT_EQ(files[1].key, "file-new");
+
+  db->removeExpiredItems();
+  EXPECT_FALSE(db->loadCacheData("expired"));
+  EXPECT_FALSE(db->loadCacheData("file-old"));
+  EXPECT_TRUE(db->loadCacheData("expired-manual"));
+  EXPECT_TRUE(db->loadCacheData("forever"));
+  EXPECT_TRUE(db->loadCacheData("fresh"));
+
+  db->saveRecord(kp::Data{1}, Entry(config(0, "b"), now), "in-b");
+  db->removeAllItems(std::string("b"));
+  EXPECT_FALSE(db->loadCacheData("in-b"));
+  EXPECT_TRUE(db->loadCacheData("fresh"));
+  db->removeAllItems(std::nullopt);
+  EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
+  EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
+}
+
+TEST_F(CacheDatabaseTest, ConcurrentUseKeepsTheFileIntact) {
+  auto db = open();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 100; ++i) {
+        const std::string key = "k" + std::to_string(i % 10);
+        db->saveRecord(kp::Data(std::vector<std::uint8_t>(512, static_cast<std::uint8_t>(t))),
+                       Entry(config(1), Date::now()), key);
+        (void)db->loadCacheData(key);
+        if (i % 10 == t) db->removeCacheItem(key);
+        if (i % 50 == 49) db->removeAllItems(std::nullopt);
+        if (i % 25 == 0) db->removeExpiredItems();
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+}
+
+TEST(CacheFileStorage, PathsSizesAndTheTrim) {
+  kp::test::TempDir dir;
+  kp::CacheControllerFileStorage files("KPCentralCacheController", dir.path());
+  files.prepareCacheFolder();
+  const auto base = dir.path() / "KPCentralCacheController";
+  EXPECT_EQ(files.filePath("k", std::nullopt), base / kp::hashSha1(std::string_view("k")));
+  EXPECT_EQ(files.filePath("k", std::string("")), files.filePath("k", std::nullopt));
+  EXPECT_EQ(files.filePath("../../k/", std::string("g/..")).parent_path(),
+            base / kp::hashSha1(std::string_view("g/..")));
+
+  files.save(kp::Data{1, 2}, "k", std::nullopt);
+  files.save(kp::Data{3}, "k", std::string("g"));  // same key in a group: another file
+  EXPECT_EQ(files.loadData("k", std::nullopt), (kp::Data{1, 2}));
+  EXPECT_EQ(files.loadData("k", std::string("g")), (kp::Data{3}));
+  EXPECT_EQ(files.getSize(), 3u);
+  files.removeAllItems(std::string("g"));
+  EXPECT_FALSE(files.loadData("k", std::string("g")));
+  files.removeData("k", std::nullopt);
+  EXPECT_FALSE(files.loadData("k", std::nullopt));
+
+  // Trim: limit 100 with three 50-byte files (150): the oldest removal frees 50 >= 20 and
+  // leaves 100, still not below the limit, so the second-oldest goes too.
+  kp::CacheControllerDatabase db("centralcache.db", dir.path());
+  db.prepare();
+  const Date now = Date::now();
+  for (int i = 0; i < 3; ++i) {
+    const std::string key = "f" + std::to_string(i);
+    files.save(kp::Data::zeros(50), key, std::nullopt);
+    db.saveRecord(kp::Data{}, Entry(config(0), now.addingTimeInterval(i - 10), CacheItemType::rawDataToFile), key);
+  }
+  files.removeOldestFiles(150, db);  // current equals max: nothing removed
+  EXPECT_EQ(files.getSize(), 150u);
+  files.removeOldestFiles(100, db);
+  EXPECT_FALSE(files.loadData("f0", std::nullopt));
+  EXPECT_FALSE(files.loadData("f1", std::nullopt));
+  EXPECT_TRUE(files.loadData("f2", std::nullopt));
+  files.save(kp::Data::zeros(80), "f3", std::nullopt);  // 130 > 100; f3 has no row, so f2 goes
+  files.removeOldestFiles(100, db);
+  EXPECT_FALSE(files.loadData("f2", std::nullopt));
+  EXPECT_EQ(files.getSize(), 80u);
+  files.removeAllItems(std::nullopt);
+  EXPECT_EQ(files.getSize(), 0u);
+  EXPECT_TRUE(std::filesystem::exists(base));
+}
+
+TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
+  kp::test::TempDir dir;
+  kp::CacheControllerFileStorage files("missing-parent/store", dir.path());
+  files.prepareCacheFolder();  // parents are not created
+  files.save(kp::Data{1}, "k", std::nullopt);
+  EXPECT_FALSE(files.loadData("k", std::nullopt));
+  EXPECT_EQ(files.getSize(), 0u);
+}
+
+TEST(CacheMemoryStorage, RetentionAndPurges) {
+  kp::CacheMemoryStorage memory;
+  const Date now = Date::now();
+  auto keep = config(0, "a");
+  keep.expireOnMemoryWarning = false;
+  memory.set(std::make_shared<Entry>(keep, now), "a");
+  memory.set(std::make_shared<Entry>(config(0, "b"), now), "b");
+  memory.set(std::make_shared<Entry>(config(0), now), "none");
+  memory.set(std::make_shared<Entry>(config(1), now.addingTimeInterval(-5)), "expired");
+  EXPECT_EQ(memory.count(), 4u);
+  memory.removeExpired();
+  EXPECT_FALSE(memory.get("expired"));
+  memory.removeForGroup("a");
+  EXPECT_FALSE(memory.get("a"));
+  EXPECT_TRUE(memory.get("b"));
+  EXPECT_TRUE(memory.get("none"));
+  memory.set(std::make_shared<Entry>(keep, now), "a");
+  memory.removeLowMemoryWarningItems();
+  EXPECT_TRUE(memory.get("a"));
+  EXPECT_FALSE(memory.get("b"));
+  auto noMemory = config(0);
+  noMemory.retainInMemory = false;
+  memory.set(std::make_shared<Entry>(noMemory, now), "a");  // evicts the old entry
+  EXPECT_FALSE(memory.get("a"));
+}
+
+}  // namespace
