@@ -73,6 +73,8 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
       return json::value(d, sp);
     }
     case Value::Type::string:
+      // "$null" is how property lists spell null.
+      if (v.isNil()) return json::value(nullptr, sp);
       return json::value(json::string_view(*v.ifString()), sp);
     case Value::Type::data:
       return json::value(coding_detail::base64Encode(v.ifData()->bytes()), sp);

@@ -30,6 +30,7 @@
 #pragma once
 
 #include <any>
+#include <boost/describe/class.hpp>
 #include <boost/describe/members.hpp>
 #include <boost/mp11/algorithm.hpp>
 #include <cmath>

@@ -72,6 +72,9 @@ class JsonValue {
   [[nodiscard]] JsonValue operator[](std::string_view key) const noexcept;
   [[nodiscard]] JsonValue operator[](const char* key) const noexcept { return (*this)[std::string_view(key)]; }
   [[nodiscard]] JsonValue operator[](std::size_t index) const noexcept;
+  [[nodiscard]] JsonValue operator[](int index) const noexcept {
+    return index < 0 ? JsonValue() : (*this)[static_cast<std::size_t>(index)];
+  }
   [[nodiscard]] std::vector<JsonValue> elements() const;
   [[nodiscard]] std::vector<std::pair<std::string_view, JsonValue>> members() const;
 
