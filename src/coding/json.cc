@@ -87,8 +87,14 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
           return json::value(d.timeIntervalSince1970(), sp);
         case DateStrategy::millisecondsSince1970:
           return json::value(d.timeIntervalSince1970() * 1000.0, sp);
-        case DateStrategy::iso8601:
+        case DateStrategy::iso8601: {
+          // Years 1 to 9999 only: ISO 8601 text has four year digits.
+          const double t = d.timeIntervalSince1970();
+          if (!(t >= -62135596800.0 && t < 253402300800.0)) {
+            throw CodingError(CodingError::Kind::invalidValue, {}, "date outside the years 1 to 9999");
+          }
           return json::value(d.iso8601(), sp);
+        }
       }
       return json::value(nullptr, sp);
     }
