@@ -1,0 +1,142 @@
+// JSON coding: kp::JsonValue, the dynamic value of untyped JSON payloads, and the JSON
+// encoder and decoder of codable types.
+//
+// JsonValue is an immutable view into a parsed document that it shares: copying one, or
+// taking a member or element, copies two pointers and never the document. Missing members,
+// elements out of range and values of another type read as null or nothing, so that payload
+// code can walk a document without checks at every step.
+//
+// Dates in JSON are numbers or text as the coder's DateStrategy says; byte buffers are Base64
+// text; the decoder hands its user info to every nested decoder.
+//
+// Thread safety: JsonValue is immutable and may be shared between threads. Encoders and
+// decoders may be shared as long as nobody changes their settings meanwhile.
+//
+// Example:
+//   std::optional<kp::JsonValue> payload = kp::objectFromJSONData(body);
+//   if (payload) {
+//     double t = (*payload)["current"]["temperature"].doubleValue().value_or(0);
+//   }
+//   kp::JsonDecoder decoder;
+//   decoder.dateStrategy = kp::DateStrategy::secondsSince1970;
+//   auto forecast = decoder.decode<Forecast>(body);   // throws kp::CodingError
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "kp/coding/coding.h"
+#include "kp/coding/value.h"
+#include "kp/platform/data.h"
+#include "kp/platform/error.h"
+
+namespace kp {
+
+class JsonValue {
+ public:
+  enum class Type : std::uint8_t { null, boolean, integer, real, string, array, object };
+
+  JsonValue() noexcept = default;                                // null
+  JsonValue(std::nullptr_t) noexcept {}                          // NOLINT
+  JsonValue(bool b);                                             // NOLINT
+  JsonValue(std::int64_t i);                                     // NOLINT
+  JsonValue(int i) : JsonValue(static_cast<std::int64_t>(i)) {}  // NOLINT
+  JsonValue(double d);                                           // NOLINT
+  JsonValue(std::string_view s);                                 // NOLINT
+  JsonValue(const char* s) : JsonValue(std::string_view(s)) {}   // NOLINT
+  [[nodiscard]] static JsonValue array(const std::vector<JsonValue>& items);
+  [[nodiscard]] static JsonValue object(const std::vector<std::pair<std::string, JsonValue>>& members);
+
+  // Parses one JSON text; nothing (and `error`, when given) for anything else.
+  [[nodiscard]] static std::optional<JsonValue> parse(std::string_view text, ErrorPtr* error = nullptr);
+
+  [[nodiscard]] Type type() const noexcept;
+  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
+
+  [[nodiscard]] std::optional<bool> boolValue() const noexcept;
+  // Integers, and reals with an integral value that fits.
+  [[nodiscard]] std::optional<std::int64_t> intValue() const noexcept;
+  // Any number.
+  [[nodiscard]] std::optional<double> doubleValue() const noexcept;
+  // Valid while any JsonValue of this document lives.
+  [[nodiscard]] std::optional<std::string_view> stringValue() const noexcept;
+
+  // Members of an object or elements of an array; 0 for anything else.
+  [[nodiscard]] std::size_t size() const noexcept;
+  [[nodiscard]] bool contains(std::string_view key) const noexcept;
+  [[nodiscard]] JsonValue operator[](std::string_view key) const noexcept;
+  [[nodiscard]] JsonValue operator[](const char* key) const noexcept { return (*this)[std::string_view(key)]; }
+  [[nodiscard]] JsonValue operator[](std::size_t index) const noexcept;
+  [[nodiscard]] JsonValue operator[](int index) const noexcept {
+    return index < 0 ? JsonValue() : (*this)[static_cast<std::size_t>(index)];
+  }
+  [[nodiscard]] std::vector<JsonValue> elements() const;
+  [[nodiscard]] std::vector<std::pair<std::string_view, JsonValue>> members() const;
+
+  // Compact JSON text.
+  [[nodiscard]] std::string serialize() const;
+  // The same content as a coding tree (numbers stay integers or reals).
+  [[nodiscard]] Value toValue() const;
+  // A tree as JSON; dates and data as the strategy and Base64 say. Throws CodingError for
+  // non-finite reals.
+  [[nodiscard]] static JsonValue fromValue(const Value& value,
+                                           DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
+
+  friend bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
+
+ private:
+  struct Document;
+  JsonValue(std::shared_ptr<const Document> doc, const void* node) noexcept : doc_(std::move(doc)), node_(node) {}
+  std::shared_ptr<const Document> doc_;  // null for JSON null
+  const void* node_ = nullptr;           // a boost::json::value inside doc_
+};
+
+// The parsed JSON of `data` (any JSON value at the top), or nothing when it is not JSON.
+[[nodiscard]] std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error = nullptr);
+
+template <>
+struct Coding<JsonValue> {
+  static void encode(Encoder& e, const JsonValue& v) { e.encodeValue(v.toValue()); }
+  static JsonValue decode(const Decoder& d) { return JsonValue::fromValue(d.value(), d.dateStrategy()); }
+};
+
+// Writes a tree as JSON text with the given date handling.
+[[nodiscard]] std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
+// Reads JSON text as a tree. Throws CodingError (dataCorrupted).
+[[nodiscard]] Value readJson(std::string_view text);
+
+class JsonEncoder {
+ public:
+  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
+  bool prettyPrinted = false;
+  UserInfo userInfo;
+
+  template <class T>
+  [[nodiscard]] Data encode(const T& value) const {
+    return Data::fromString(writeJson(encodeToValue(value, userInfo), dateStrategy, prettyPrinted));
+  }
+};
+
+class JsonDecoder {
+ public:
+  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
+  UserInfo userInfo;
+
+  // Throws CodingError.
+  template <class T>
+  [[nodiscard]] T decode(std::string_view text) const {
+    const Value root = readJson(text);
+    return decodeFromValue<T>(root, userInfo, dateStrategy);
+  }
+  template <class T>
+  [[nodiscard]] T decode(const Data& data) const {
+    return decode<T>(data.view());
+  }
+};
+
+}  // namespace kp

@@ -1,0 +1,108 @@
+// kp::Value: the format-neutral tree that the encoders write and the decoders read. It holds
+// exactly what a property list can hold (booleans, integers and reals kept apart, strings,
+// byte buffers, dates, arrays, dictionaries) plus null, which JSON needs.
+//
+// Dictionaries keep their keys in insertion order, so that what a type writes first comes
+// first in the output. Arrays and dictionaries live on the heap: moving a Value, or growing
+// the container that holds it, never moves the elements themselves.
+//
+// Thread safety: a value type; distinct objects may be used from any threads.
+//
+// Example:
+//   kp::Value v = kp::Value::Dictionary{};
+//   v.set("name", "Zurich");
+//   v.set("temperature", 21.5);
+//   if (const kp::Value* t = v.find("temperature")) t->realValue();
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "kp/platform/data.h"
+#include "kp/platform/date.h"
+
+namespace kp {
+
+// A property-list object reference, as the keyed archiver writes them.
+struct Uid {
+  std::uint64_t value = 0;
+  friend bool operator==(Uid, Uid) = default;
+};
+
+class Value {
+ public:
+  enum class Type : std::uint8_t { null, boolean, integer, real, string, data, date, uid, array, dictionary };
+  using Array = std::vector<Value>;
+  using Dictionary = std::vector<std::pair<std::string, Value>>;
+
+  Value() noexcept = default;
+  Value(std::nullptr_t) noexcept {}  // NOLINT: implicit by design
+  Value(bool b) noexcept : v_(b) {}  // NOLINT
+  template <class I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>, int> = 0>
+  Value(I i) noexcept : v_(static_cast<std::int64_t>(i)) {}                // NOLINT
+  Value(double d) noexcept : v_(d) {}                                      // NOLINT
+  Value(std::string s) noexcept : v_(std::move(s)) {}                      // NOLINT
+  Value(std::string_view s) : v_(std::string(s)) {}                        // NOLINT
+  Value(const char* s) : v_(std::string(s)) {}                             // NOLINT
+  Value(Data d) noexcept : v_(std::move(d)) {}                             // NOLINT
+  Value(Date d) noexcept : v_(d) {}                                        // NOLINT
+  Value(Uid u) noexcept : v_(u) {}                                         // NOLINT
+  Value(Array a) : v_(std::make_unique<Array>(std::move(a))) {}            // NOLINT
+  Value(Dictionary d) : v_(std::make_unique<Dictionary>(std::move(d))) {}  // NOLINT
+
+  Value(const Value& other);
+  Value& operator=(const Value& other);
+  Value(Value&&) noexcept = default;
+  Value& operator=(Value&&) noexcept = default;
+  ~Value() = default;
+
+  [[nodiscard]] Type type() const noexcept { return static_cast<Type>(v_.index()); }
+  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
+
+  // Each returns nothing when the value holds another type (no conversions).
+  [[nodiscard]] const bool* ifBoolean() const noexcept { return std::get_if<bool>(&v_); }
+  [[nodiscard]] const std::int64_t* ifInteger() const noexcept { return std::get_if<std::int64_t>(&v_); }
+  [[nodiscard]] const double* ifReal() const noexcept { return std::get_if<double>(&v_); }
+  [[nodiscard]] const std::string* ifString() const noexcept { return std::get_if<std::string>(&v_); }
+  [[nodiscard]] const Data* ifData() const noexcept { return std::get_if<Data>(&v_); }
+  [[nodiscard]] const Date* ifDate() const noexcept { return std::get_if<Date>(&v_); }
+  [[nodiscard]] const Uid* ifUid() const noexcept { return std::get_if<Uid>(&v_); }
+  [[nodiscard]] const Array* ifArray() const noexcept;
+  [[nodiscard]] const Dictionary* ifDictionary() const noexcept;
+  [[nodiscard]] Array* ifArray() noexcept;
+  [[nodiscard]] Dictionary* ifDictionary() noexcept;
+  [[nodiscard]] std::string* ifString() noexcept { return std::get_if<std::string>(&v_); }
+  [[nodiscard]] Data* ifData() noexcept { return std::get_if<Data>(&v_); }
+
+  // The first entry under `key` of a dictionary; nothing for a missing key or a non-dictionary.
+  [[nodiscard]] const Value* find(std::string_view key) const noexcept;
+  // REQUIRES: a dictionary (a null value becomes one). Replaces an existing entry.
+  void set(std::string_view key, Value value);
+  // REQUIRES: an array (a null value becomes one).
+  void append(Value value);
+
+  // Whether this is null or the text "$null", which stands for null in property lists.
+  [[nodiscard]] bool isNil() const noexcept {
+    const std::string* s = ifString();
+    return isNull() || (s && *s == "$null");
+  }
+
+  // Name of the type for messages: "integer", "dictionary", ...
+  [[nodiscard]] static std::string_view typeName(Type type) noexcept;
+
+  friend bool operator==(const Value& a, const Value& b);
+
+ private:
+  std::variant<std::monostate, bool, std::int64_t, double, std::string, Data, Date, Uid, std::unique_ptr<Array>,
+               std::unique_ptr<Dictionary>>
+      v_;
+};
+
+}  // namespace kp

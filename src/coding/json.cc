@@ -1,0 +1,328 @@
+#include "kp/coding/json.h"
+
+#include <boost/json.hpp>
+#include <cmath>
+
+#include "coding/base64.h"
+
+namespace kp {
+
+namespace json = boost::json;
+
+struct JsonValue::Document {
+  json::value root;
+};
+
+namespace {
+
+constexpr std::size_t kMaxJsonDepth = 512;
+
+json::parse_options parseOptions() {
+  json::parse_options options;
+  options.max_depth = kMaxJsonDepth;
+  return options;
+}
+
+const json::value& node(const void* p) { return *static_cast<const json::value*>(p); }
+
+Value toValueTree(const json::value& v) {
+  switch (v.kind()) {
+    case json::kind::null:
+      return Value();
+    case json::kind::bool_:
+      return v.get_bool();
+    case json::kind::int64:
+      return v.get_int64();
+    case json::kind::uint64: {
+      const std::uint64_t u = v.get_uint64();
+      if (u > static_cast<std::uint64_t>(INT64_MAX)) return static_cast<double>(u);
+      return static_cast<std::int64_t>(u);
+    }
+    case json::kind::double_:
+      return v.get_double();
+    case json::kind::string:
+      return std::string_view(v.get_string());
+    case json::kind::array: {
+      Value::Array items;
+      items.reserve(v.get_array().size());
+      for (const json::value& e : v.get_array()) items.push_back(toValueTree(e));
+      return items;
+    }
+    case json::kind::object: {
+      Value::Dictionary entries;
+      entries.reserve(v.get_object().size());
+      for (const auto& kv : v.get_object()) entries.emplace_back(std::string(kv.key()), toValueTree(kv.value()));
+      return entries;
+    }
+  }
+  return Value();
+}
+
+json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
+  switch (v.type()) {
+    case Value::Type::null:
+      return json::value(nullptr, sp);
+    case Value::Type::boolean:
+      return json::value(*v.ifBoolean(), sp);
+    case Value::Type::integer:
+      return json::value(*v.ifInteger(), sp);
+    case Value::Type::real: {
+      const double d = *v.ifReal();
+      if (!std::isfinite(d))
+        throw CodingError(CodingError::Kind::invalidValue, {}, "JSON cannot hold a non-finite number");
+      return json::value(d, sp);
+    }
+    case Value::Type::string:
+      // "$null" is how property lists spell null.
+      if (v.isNil()) return json::value(nullptr, sp);
+      return json::value(json::string_view(*v.ifString()), sp);
+    case Value::Type::data:
+      return json::value(coding_detail::base64Encode(v.ifData()->bytes()), sp);
+    case Value::Type::date: {
+      const Date d = *v.ifDate();
+      switch (dates) {
+        case DateStrategy::secondsSinceReferenceDate:
+          return json::value(d.timeIntervalSinceReferenceDate(), sp);
+        case DateStrategy::secondsSince1970:
+          return json::value(d.timeIntervalSince1970(), sp);
+        case DateStrategy::millisecondsSince1970:
+          return json::value(d.timeIntervalSince1970() * 1000.0, sp);
+        case DateStrategy::iso8601: {
+          // Years 1 to 9999 only: ISO 8601 text has four year digits.
+          const double t = d.timeIntervalSince1970();
+          if (!(t >= -62135596800.0 && t < 253402300800.0)) {
+            throw CodingError(CodingError::Kind::invalidValue, {}, "date outside the years 1 to 9999");
+          }
+          return json::value(d.iso8601(), sp);
+        }
+      }
+      return json::value(nullptr, sp);
+    }
+    case Value::Type::uid: {
+      json::object o(sp);
+      o.emplace("CF$UID", v.ifUid()->value);
+      return o;
+    }
+    case Value::Type::array: {
+      json::array a(sp);
+      a.reserve(v.ifArray()->size());
+      for (const Value& e : *v.ifArray()) a.push_back(toJson(e, dates, sp));
+      return a;
+    }
+    case Value::Type::dictionary: {
+      json::object o(sp);
+      o.reserve(v.ifDictionary()->size());
+      for (const auto& [k, e] : *v.ifDictionary()) o.insert_or_assign(k, toJson(e, dates, sp));
+      return o;
+    }
+  }
+  return json::value(nullptr, sp);
+}
+
+void prettyPrint(std::string& out, const json::value& v, int indent) {
+  const std::string pad(static_cast<std::size_t>(indent + 2), ' ');
+  if (v.is_object() && !v.get_object().empty()) {
+    out += "{\n";
+    bool first = true;
+    for (const auto& kv : v.get_object()) {
+      if (!first) out += ",\n";
+      first = false;
+      out += pad + json::serialize(json::string_view(kv.key())) + " : ";
+      prettyPrint(out, kv.value(), indent + 2);
+    }
+    out += "\n" + std::string(static_cast<std::size_t>(indent), ' ') + "}";
+  } else if (v.is_array() && !v.get_array().empty()) {
+    out += "[\n";
+    bool first = true;
+    for (const auto& e : v.get_array()) {
+      if (!first) out += ",\n";
+      first = false;
+      out += pad;
+      prettyPrint(out, e, indent + 2);
+    }
+    out += "\n" + std::string(static_cast<std::size_t>(indent), ' ') + "]";
+  } else {
+    out += json::serialize(v);
+  }
+}
+
+}  // namespace
+
+JsonValue::JsonValue(bool b) : JsonValue(std::make_shared<Document>(Document{json::value(b)}), nullptr) {
+  node_ = &doc_->root;
+}
+JsonValue::JsonValue(std::int64_t i) : JsonValue(std::make_shared<Document>(Document{json::value(i)}), nullptr) {
+  node_ = &doc_->root;
+}
+JsonValue::JsonValue(double d) : JsonValue(std::make_shared<Document>(Document{json::value(d)}), nullptr) {
+  node_ = &doc_->root;
+}
+JsonValue::JsonValue(std::string_view s)
+    : JsonValue(std::make_shared<Document>(Document{json::value(json::string_view(s))}), nullptr) {
+  node_ = &doc_->root;
+}
+
+JsonValue JsonValue::array(const std::vector<JsonValue>& items) {
+  json::array a;
+  a.reserve(items.size());
+  for (const JsonValue& item : items) a.push_back(item.node_ ? node(item.node_) : json::value());
+  auto doc = std::make_shared<Document>(Document{std::move(a)});
+  const void* root = &doc->root;
+  return JsonValue(std::move(doc), root);
+}
+
+JsonValue JsonValue::object(const std::vector<std::pair<std::string, JsonValue>>& members) {
+  json::object o;
+  o.reserve(members.size());
+  for (const auto& [k, v] : members) o.insert_or_assign(k, v.node_ ? node(v.node_) : json::value());
+  auto doc = std::make_shared<Document>(Document{std::move(o)});
+  const void* root = &doc->root;
+  return JsonValue(std::move(doc), root);
+}
+
+std::optional<JsonValue> JsonValue::parse(std::string_view text, ErrorPtr* error) {
+  boost::system::error_code ec;
+  json::value parsed = json::parse(json::string_view(text.data(), text.size()), ec, {}, parseOptions());
+  if (ec) {
+    if (error) {
+      *error = CodingError(CodingError::Kind::dataCorrupted, {}, "not JSON: " + ec.message()).toError();
+    }
+    return std::nullopt;
+  }
+  auto doc = std::make_shared<Document>(Document{std::move(parsed)});
+  const void* root = &doc->root;
+  return JsonValue(std::move(doc), root);
+}
+
+std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error) {
+  return JsonValue::parse(data.view(), error);
+}
+
+JsonValue::Type JsonValue::type() const noexcept {
+  if (!node_) return Type::null;
+  switch (node(node_).kind()) {
+    case json::kind::null:
+      return Type::null;
+    case json::kind::bool_:
+      return Type::boolean;
+    case json::kind::int64:
+    case json::kind::uint64:
+      return Type::integer;
+    case json::kind::double_:
+      return Type::real;
+    case json::kind::string:
+      return Type::string;
+    case json::kind::array:
+      return Type::array;
+    case json::kind::object:
+      return Type::object;
+  }
+  return Type::null;
+}
+
+std::optional<bool> JsonValue::boolValue() const noexcept {
+  if (node_ && node(node_).is_bool()) return node(node_).get_bool();
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> JsonValue::intValue() const noexcept {
+  if (!node_) return std::nullopt;
+  const json::value& v = node(node_);
+  if (v.is_int64()) return v.get_int64();
+  if (v.is_uint64() && v.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX)) {
+    return static_cast<std::int64_t>(v.get_uint64());
+  }
+  if (v.is_double()) {
+    const double d = v.get_double();
+    if (std::trunc(d) == d && d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
+      return static_cast<std::int64_t>(d);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<double> JsonValue::doubleValue() const noexcept {
+  if (!node_) return std::nullopt;
+  const json::value& v = node(node_);
+  if (v.is_number()) return v.to_number<double>();
+  return std::nullopt;
+}
+
+std::optional<std::string_view> JsonValue::stringValue() const noexcept {
+  if (node_ && node(node_).is_string()) return std::string_view(node(node_).get_string());
+  return std::nullopt;
+}
+
+std::size_t JsonValue::size() const noexcept {
+  if (!node_) return 0;
+  const json::value& v = node(node_);
+  if (v.is_array()) return v.get_array().size();
+  if (v.is_object()) return v.get_object().size();
+  return 0;
+}
+
+bool JsonValue::contains(std::string_view key) const noexcept {
+  return node_ && node(node_).is_object() && node(node_).get_object().contains(key);
+}
+
+JsonValue JsonValue::operator[](std::string_view key) const noexcept {
+  if (!node_ || !node(node_).is_object()) return {};
+  const json::value* found = node(node_).get_object().if_contains(key);
+  return found ? JsonValue(doc_, found) : JsonValue();
+}
+
+JsonValue JsonValue::operator[](std::size_t index) const noexcept {
+  if (!node_ || !node(node_).is_array()) return {};
+  const json::array& a = node(node_).get_array();
+  return index < a.size() ? JsonValue(doc_, &a[index]) : JsonValue();
+}
+
+std::vector<JsonValue> JsonValue::elements() const {
+  std::vector<JsonValue> out;
+  if (node_ && node(node_).is_array()) {
+    for (const json::value& e : node(node_).get_array()) out.push_back(JsonValue(doc_, &e));
+  }
+  return out;
+}
+
+std::vector<std::pair<std::string_view, JsonValue>> JsonValue::members() const {
+  std::vector<std::pair<std::string_view, JsonValue>> out;
+  if (node_ && node(node_).is_object()) {
+    for (const auto& kv : node(node_).get_object()) out.emplace_back(kv.key(), JsonValue(doc_, &kv.value()));
+  }
+  return out;
+}
+
+std::string JsonValue::serialize() const { return node_ ? json::serialize(node(node_)) : "null"; }
+
+Value JsonValue::toValue() const { return node_ ? toValueTree(node(node_)) : Value(); }
+
+JsonValue JsonValue::fromValue(const Value& value, DateStrategy dates) {
+  auto doc = std::make_shared<Document>(Document{toJson(value, dates, {})});
+  const void* root = &doc->root;
+  return JsonValue(std::move(doc), root);
+}
+
+bool operator==(const JsonValue& a, const JsonValue& b) noexcept {
+  const json::value null;
+  return (a.node_ ? node(a.node_) : null) == (b.node_ ? node(b.node_) : null);
+}
+
+std::string writeJson(const Value& value, DateStrategy dates, bool pretty) {
+  json::monotonic_resource mr;
+  const json::value v = toJson(value, dates, &mr);
+  if (!pretty) return json::serialize(v);
+  std::string out;
+  prettyPrint(out, v, 0);
+  return out;
+}
+
+Value readJson(std::string_view text) {
+  json::monotonic_resource mr;
+  boost::system::error_code ec;
+  const json::value v = json::parse(json::string_view(text.data(), text.size()), ec, &mr, parseOptions());
+  if (ec) throw CodingError(CodingError::Kind::dataCorrupted, {}, "not JSON: " + ec.message());
+  return toValueTree(v);
+}
+
+}  // namespace kp
