@@ -1,6 +1,7 @@
 // Date arithmetic and ISO 8601 text, independent of the process's time zone.
 #include "kp/platform/date.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -45,12 +46,21 @@ std::chrono::system_clock::time_point Date::timePoint() const {
 }
 
 std::string Date::iso8601(bool fractional) const {
-  const double whole = std::floor(seconds_);
-  int millis = static_cast<int>(std::lround((seconds_ - whole) * 1000.0));
+  // Four-digit years only: dates beyond them (and NaN) are pinned to the nearest end, which
+  // also keeps every conversion below within range.
+  constexpr double kFirst = -62135596800.0;  // 0001-01-01T00:00:00Z
+  constexpr double kLast = 253402300799.0;   // 9999-12-31T23:59:59Z
+  const double clamped = std::isnan(seconds_) ? 0.0 : std::clamp(seconds_, kFirst, kLast);
+  const double whole = std::floor(clamped);
+  int millis = static_cast<int>(std::lround((clamped - whole) * 1000.0));
   auto secs = static_cast<long long>(whole);
   if (millis == 1000) {
     millis = 0;
-    ++secs;
+    if (secs < static_cast<long long>(kLast)) {
+      ++secs;
+    } else {
+      millis = 999;
+    }
   }
   const auto dayCount = static_cast<long long>(std::floor(static_cast<double>(secs) / 86400.0));
   const long long secOfDay = secs - dayCount * 86400;

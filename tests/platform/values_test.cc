@@ -1,6 +1,7 @@
 // Value types of the platform layer: URL, date, error, application facts, type names.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 
 #include "kp/platform/application_info.h"
@@ -51,6 +52,10 @@ TEST(Date, ReferenceDatesAndIso8601RoundTrip) {
   EXPECT_EQ(kp::Date::fromIso8601("2023-11-14T22:13:20.250Z"), d);
   EXPECT_EQ(kp::Date::fromIso8601("2023-11-15T00:13:20.25+02:00"), d);
   EXPECT_EQ(kp::Date::fromTimeIntervalSince1970(-1).iso8601(), "1969-12-31T23:59:59Z");
+  // Beyond four-digit years the text is pinned to the nearest end instead of overflowing.
+  EXPECT_EQ(kp::Date::fromTimeIntervalSince1970(1e300).iso8601(true), "9999-12-31T23:59:59.000Z");
+  EXPECT_EQ(kp::Date::fromTimeIntervalSince1970(-1e300).iso8601(), "0001-01-01T00:00:00Z");
+  EXPECT_EQ(kp::Date::fromTimeIntervalSince1970(std::nan("")).iso8601(), "1970-01-01T00:00:00Z");
   for (const char* bad : {"", "2023-13-01T00:00:00Z", "2023-02-30T00:00:00Z", "2023-01-01T00:00:00", "2023-01-01"}) {
     EXPECT_FALSE(kp::Date::fromIso8601(bad)) << bad;
   }
