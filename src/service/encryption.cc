@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 
 #include <array>
-#include <boost/json/parse.hpp>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -237,10 +236,11 @@ std::optional<std::string> removingPercentEncoding(std::string_view text) {
 }
 
 // A top-level JSON object or array (no bare scalars), or nothing.
-std::optional<boost::json::value> parseJsonContainer(std::string_view text) {
-  boost::system::error_code ec;
-  boost::json::value value = boost::json::parse(text, ec);
-  if (ec || !(value.is_object() || value.is_array())) return std::nullopt;
+std::optional<JsonValue> parseJsonContainer(std::string_view text) {
+  auto value = JsonValue::parse(text);
+  if (!value || (value->type() != JsonValue::Type::object && value->type() != JsonValue::Type::array)) {
+    return std::nullopt;
+  }
   return value;
 }
 
@@ -447,7 +447,7 @@ std::optional<Data> TarvixServiceEncryptionHelper::decryptRawData(std::span<cons
   return aes256Decrypt(decoded->bytes(), key);
 }
 
-std::optional<boost::json::value> TarvixServiceEncryptionHelper::decryptData(std::span<const std::uint8_t> data,
+std::optional<JsonValue> TarvixServiceEncryptionHelper::decryptData(std::span<const std::uint8_t> data,
                                                                              std::string_view key) {
   if (auto plain = decryptRawData(data, key)) return parseJsonContainer(plain->view());
   // Not Base64 or not decryptable: accept an answer sent as plain JSON.

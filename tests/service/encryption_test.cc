@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/json/parse.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -203,14 +202,14 @@ TEST(ServiceEncryption, BodyDataAndResponses) {
     return TarvixServiceEncryptionHelper::decryptData(raw.bytes(), key);
   };
   const std::string envelope = TarvixServiceEncryptionHelper::encryptData(bytesOf(R"({"v":[1,2]})"), kKey)->toString();
-  EXPECT_EQ(json(envelope, kKey), boost::json::parse(R"({"v":[1,2]})"));
-  EXPECT_EQ(json(R"({"temperature":12})", kKey), boost::json::parse(R"({"temperature":12})"));
+  EXPECT_EQ(json(envelope, kKey), JsonValue::parse(R"({"v":[1,2]})"));
+  EXPECT_EQ(json(R"({"temperature":12})", kKey), JsonValue::parse(R"({"temperature":12})"));
   // Decrypted text that is not JSON gives nothing; the plain body is not tried then.
   const std::string notJson = *aes256EncryptString("hello", kKey);
   EXPECT_FALSE(json(notJson, kKey));
   // A refused key falls back to the body as plain JSON.
   EXPECT_FALSE(json(envelope, std::string(33, 'k')));
-  EXPECT_EQ(json("[1]", kKey), boost::json::parse("[1]"));
+  EXPECT_EQ(json("[1]", kKey), JsonValue::parse("[1]"));
 }
 
 }  // namespace

@@ -18,13 +18,13 @@
 //   std::optional<kp::Url> url = kp::TarvixServiceEncryptionHelper::encrypt(plainUrl, key);
 #pragma once
 
-#include <boost/json/value.hpp>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "kp/coding/json.h"
 #include "kp/platform/data.h"
 #include "kp/platform/url.h"
 
@@ -107,7 +107,7 @@ class TarvixServiceEncryptionHelper {
   // decryptRawData, then the plaintext parsed as a JSON object or array (nothing if it is not
   // JSON). When decoding or decryption yields nothing, the body itself is parsed as JSON
   // instead, so that a plain JSON answer is accepted.
-  [[nodiscard]] static std::optional<boost::json::value> decryptData(std::span<const std::uint8_t> data,
+  [[nodiscard]] static std::optional<JsonValue> decryptData(std::span<const std::uint8_t> data,
                                                                      std::string_view key);
 };
 
