@@ -1,6 +1,7 @@
 // Parameter strings and the request object.
 #include "kp/request/http_request.h"
 
+#include "kp/coding/coding.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
 
@@ -45,6 +46,17 @@ Url HttpRequest::completeUrl() const {
 void HttpRequest::generateCacheKey() {
   if (!cacheConfig_) cacheConfig_ = std::make_shared<RequestCacheConfig>();
   cacheConfig_->key = HttpRequestTypeCacheKeyGenerator::generate(*this);
+}
+
+void HttpRequestParameter::encode(Encoder& encoder) const {
+  auto keyed = encoder.keyed();
+  keyed.encode(kNameKey, name_);
+  keyed.encodeIfPresent(kValueKey, value_);
+}
+
+HttpRequestParameter HttpRequestParameter::decode(const Decoder& decoder) {
+  auto keyed = decoder.keyed();
+  return HttpRequestParameter(keyed.decode<std::string>(kNameKey), keyed.decodeIfPresent<std::string>(kValueKey));
 }
 
 }  // namespace kp

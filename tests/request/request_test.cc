@@ -1,6 +1,8 @@
 // Parameter strings, URL building, the wire request and the cache key.
 #include <gtest/gtest.h>
 
+#include "kp/coding/json.h"
+#include "kp/coding/property_list.h"
 #include "kp/request/http_request.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
@@ -30,6 +32,21 @@ TEST(ParameterString, JoinsEncodesAndSkips) {
   EXPECT_EQ(P::makeParameterString(std::vector<P>{{"", "x"}}), "");
   EXPECT_NE(P("a", std::nullopt), P("a", ""));
   EXPECT_NE(std::hash<P>{}(P("a", std::nullopt)), std::hash<P>{}(P("a", "")));
+}
+
+TEST(HttpRequestParameter, CodedFormOmitsAnAbsentValue) {
+  const std::vector<HttpRequestParameter> list{{"q", "a b"}, {"flag", std::nullopt}};
+  kp::JsonEncoder json;
+  EXPECT_EQ(json.encode(list).toString(), R"([{"name":"q","value":"a b"},{"name":"flag"}])");
+  auto stored = kp::encodePropertyListData(list);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(kp::decodePropertyListData<std::vector<HttpRequestParameter>>(*stored), list);
+  try {
+    (void)kp::JsonDecoder().decode<HttpRequestParameter>(R"({"value":"x"})");
+    ADD_FAILURE() << "a parameter without a name decoded";
+  } catch (const kp::CodingError& error) {
+    EXPECT_NE(std::string(error.what()).find("name"), std::string::npos) << error.what();
+  }
 }
 
 TEST(UrlRequestFactory, AppendsQueryParameters) {

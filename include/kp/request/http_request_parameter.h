@@ -21,6 +21,9 @@
 
 namespace kp {
 
+class Encoder;
+class Decoder;
+
 class HttpRequestParameter {
  public:
   // Keys of the coded form.
@@ -44,6 +47,10 @@ class HttpRequestParameter {
   // The same, appended to `out`.
   static void appendParameterString(std::string& out, std::span<const HttpRequestParameter> parameters,
                                     bool urlEncode = true);
+
+  // The coded form (see kp/coding/coding.h): "name", and "value" only when present.
+  void encode(Encoder& encoder) const;
+  [[nodiscard]] static HttpRequestParameter decode(const Decoder& decoder);
 
   friend bool operator==(const HttpRequestParameter&, const HttpRequestParameter&) = default;
 
