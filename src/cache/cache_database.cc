@@ -188,6 +188,28 @@ void CacheControllerDatabase::createDatabase() {
   (void)run(kInsertVersion, {SQLiteValue(kDbVersion)});
 }
 
+namespace {
+// Lets the property-list encoder write any entry through its virtual coded form.
+struct CodedEntry {
+  const Cacheable& entry;
+};
+}  // namespace
+
+template <>
+struct Coding<CodedEntry> {
+  static void encode(Encoder& encoder, const CodedEntry& coded) { coded.entry.encode(encoder); }
+};
+
+void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view key) {
+  std::optional<Data> data;
+  try {
+    data = PropertyListEncoder().encode(CodedEntry{entry});
+  } catch (const std::exception&) {
+    return;  // an entry that cannot be encoded is not stored
+  }
+  saveRecord(*data, entry, key);
+}
+
 void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
   const auto& config = entry.cacheConfiguration();
   std::vector<SQLiteValue> bindings{

@@ -481,6 +481,17 @@ const std::set<std::string, std::less<>>& KeyedUnarchiver::propertyListClasses()
   return classes;
 }
 
+std::set<std::string, std::less<>> KeyedUnarchiver::knownClasses() {
+  std::set<std::string, std::less<>> classes = propertyListClasses();
+  for (const char* builtin : {"NSURL", "NSError", "NSMutableArray", "NSMutableDictionary"}) {
+    classes.emplace(builtin);
+  }
+  Registry& r = registry();
+  const std::lock_guard lock(r.mutex);
+  for (const auto& entry : r.classes) classes.insert(entry.first);
+  return classes;
+}
+
 std::optional<ArchiveValue> KeyedUnarchiver::unarchivedObject(const Data& data,
                                                               const std::set<std::string, std::less<>>& allowed,
                                                               const ClassMapping& mapping) {

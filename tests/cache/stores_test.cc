@@ -23,6 +23,7 @@ class Entry final : public kp::Cacheable {
       : Cacheable(created), config_(std::move(config)), type_(type) {}
   const kp::CacheItemConfiguration& cacheConfiguration() const noexcept override { return config_; }
   CacheItemType storedCacheType() const noexcept override { return type_; }
+  void encode(kp::Encoder&) const override {}
 
  private:
   kp::CacheItemConfiguration config_;

@@ -32,6 +32,7 @@
 
 #include "kp/cache/cacheable.h"
 #include "kp/cache/sqlite.h"
+#include "kp/coding/property_list.h"
 
 namespace kp {
 
@@ -62,6 +63,22 @@ class CacheControllerDatabase {
   void prepare();
   [[nodiscard]] bool isOpen() const;
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+
+  // Stores the entry's coded form (a property list) under `key`; nothing when it cannot be
+  // encoded.
+  void encode(const Cacheable& entry, std::string_view key);
+  // The entry stored under `key` decoded as T (a Cacheable with a coded form), or null when
+  // there is none or it cannot be decoded. Expiry is not checked here.
+  template <class T>
+  [[nodiscard]] std::shared_ptr<T> decode(std::string_view key) {
+    auto bytes = loadCacheData(key);
+    if (!bytes) return nullptr;
+    try {
+      return std::make_shared<T>(PropertyListDecoder().decode<T>(*bytes));
+    } catch (const std::exception&) {
+      return nullptr;
+    }
+  }
 
   // Stores (or replaces) the row of `key` with the encoded entry `data`.
   // REQUIRES: the entry's creation date and age limit fit in signed 32-bit seconds; anything

@@ -4,7 +4,7 @@
 //   CacheItemConfiguration: the policy attached to an entry (age limit, memory and back-store
 //     retention, rolling and automatic expiry, group).
 //   Cacheable: what every entry offers the cache: its configuration, its creation date (which
-//     rolling expiry moves), its expiry test and its encoded form.
+//     rolling expiry moves), its expiry test and its coded form.
 //
 // Thread safety: CacheItemConfiguration is a value type. A Cacheable's creation date may be
 // read and moved from any thread; the rest of an entry is fixed once it is in the cache.
@@ -26,6 +26,9 @@
 #include "kp/platform/date.h"
 
 namespace kp {
+
+class Encoder;
+class Decoder;
 
 enum class CacheItemType : std::int32_t {
   serialized = 0,     // the payload is archived into the entry's database row
@@ -68,6 +71,10 @@ struct CacheItemConfiguration {
   [[nodiscard]] bool hasRollingExpiration() const noexcept { return rollingExpiration; }
   [[nodiscard]] bool hasAutoExpiration() const noexcept { return autoExpiration; }
 
+  // The coded form, under the seven keys above ("groupName" only when present).
+  void encode(Encoder& encoder) const;
+  [[nodiscard]] static CacheItemConfiguration decode(const Decoder& decoder);
+
   friend bool operator==(const CacheItemConfiguration&, const CacheItemConfiguration&) = default;
 };
 
@@ -92,6 +99,9 @@ class Cacheable {
     return maximumAge < now.timeIntervalSince(creationDate());
   }
   [[nodiscard]] bool isExpired() const noexcept { return isExpired(Date::now()); }
+
+  // Writes the entry's coded form (what the database stores). Throws kp::CodingError.
+  virtual void encode(Encoder& encoder) const = 0;
 
  protected:
   Cacheable(const Cacheable& other) noexcept : creationDate_(other.creationDate()) {}

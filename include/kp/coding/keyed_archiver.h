@@ -187,6 +187,15 @@ class KeyedUnarchiver {
 
   // Class names of the built-in values.
   static const std::set<std::string, std::less<>>& propertyListClasses();
+  // Every class this process can read back: the built-in values and the registered classes.
+  [[nodiscard]] static std::set<std::string, std::less<>> knownClasses();
+
+  // The safe helper: unarchives accepting every known class (and nothing unknown), with
+  // `mapping` resolving archived names that no class is registered under.
+  [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(const Data& data,
+                                                                        const ClassMapping& mapping = {}) {
+    return unarchivedObject(data, knownClasses(), mapping);
+  }
 
   [[nodiscard]] static std::optional<ArchiveValue> unarchivedObject(const Data& data,
                                                                     const std::set<std::string, std::less<>>& allowed,

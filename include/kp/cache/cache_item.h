@@ -1,0 +1,111 @@
+// The entries of the cache.
+//
+//   CacheItem: the general entry: a payload of any archivable value (or none), its kind, its
+//     policy, its creation date and further archivable values ("extra items"). A serialized
+//     entry carries its payload archived in its coded form; file-backed kinds keep their bytes
+//     in the file store, so their payload is not coded.
+//   CodableCacheItem<Item>: an entry for a value with a coded form of its own.
+//
+// Thread safety: an entry's creation date may be read and moved from any thread (rolling
+// expiry); set the other fields before the entry is shared.
+//
+// Example:
+//   auto entry = std::make_shared<kp::CacheItem>(kp::ArchiveValue("payload"),
+//                                                kp::CacheItemConfiguration(3600));
+//   entry->extraItems["result"] = kp::ArchiveValue(result);
+//   database.encode(*entry, "forecast/berlin");
+//   auto back = database.decode<kp::CacheItem>("forecast/berlin");
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "kp/cache/cacheable.h"
+#include "kp/coding/coding.h"
+#include "kp/coding/keyed_archiver.h"
+
+namespace kp {
+
+// A stored entry whose kind is not one of the three.
+class CacheItemCodingError : public CodingError {
+ public:
+  enum class Code { invalidCacheItemType };
+  CacheItemCodingError(Code code, std::string codingPath);
+  [[nodiscard]] Code code() const noexcept { return code_; }
+
+ private:
+  Code code_;
+};
+
+class CacheItem final : public Cacheable {
+ public:
+  static constexpr std::string_view kCodingVersionKey = "codingVersion";
+  static constexpr std::string_view kCacheTypeKey = "cacheType";
+  static constexpr std::string_view kCacheConfigurationKey = "cacheConfiguration";
+  static constexpr std::string_view kCreationDateKey = "creationDate";
+  static constexpr std::string_view kExtraItemsKey = "extraItems";
+  static constexpr std::string_view kItemKey = "item";
+  static constexpr std::int64_t kCodingVersion = 1;
+
+  CacheItem() = default;
+  explicit CacheItem(std::optional<ArchiveValue> payload, CacheItemConfiguration policy = {},
+                     CacheItemType type = CacheItemType::serialized)
+      : cacheType(type), configuration(std::move(policy)), item(std::move(payload)) {}
+  CacheItem(const CacheItem&) = default;
+  CacheItem& operator=(const CacheItem&) = default;
+
+  CacheItemType cacheType = CacheItemType::serialized;
+  CacheItemConfiguration configuration;
+  std::optional<ArchiveValue> item;
+  ArchiveValue::Dictionary extraItems;
+
+  [[nodiscard]] const CacheItemConfiguration& cacheConfiguration() const noexcept override { return configuration; }
+  [[nodiscard]] CacheItemType storedCacheType() const noexcept override { return cacheType; }
+  void resetCreationDate() noexcept { setCreationDate(Date::now()); }
+
+  // Keys in order: "codingVersion" (1), "cacheType", "cacheConfiguration", "creationDate",
+  // "extraItems" (archived), and "item" (archived) for a serialized entry with a payload.
+  // Throws CodingError when the extra items cannot be archived.
+  void encode(Encoder& encoder) const override;
+  // Throws CacheItemCodingError for a kind that is not 0, 1 or 2, and CodingError for an unreadable
+  // configuration or date. An unreadable payload or extra items leave them empty.
+  [[nodiscard]] static CacheItem decode(const Decoder& decoder);
+
+  // Kind, configuration, extra items and payload (objects by their own equality); the
+  // creation date takes no part.
+  friend bool operator==(const CacheItem& a, const CacheItem& b);
+};
+
+template <class Item>
+class CodableCacheItem final : public Cacheable {
+ public:
+  static constexpr std::string_view kCacheConfigurationKey = "cacheConfiguration";
+  static constexpr std::string_view kItemKey = "item";
+  static constexpr std::string_view kCreationDateKey = "creationDate";
+
+  CodableCacheItem(Item value, CacheItemConfiguration policy)
+      : configuration(std::move(policy)), item(std::move(value)) {}
+  CodableCacheItem(const CodableCacheItem&) = default;
+
+  CacheItemConfiguration configuration;
+  Item item;
+
+  [[nodiscard]] const CacheItemConfiguration& cacheConfiguration() const noexcept override { return configuration; }
+
+  void encode(Encoder& encoder) const override {
+    auto keyed = encoder.keyed();
+    keyed.encode(kCacheConfigurationKey, configuration);
+    keyed.encode(kItemKey, item);
+    keyed.encode(kCreationDateKey, creationDate());
+  }
+  [[nodiscard]] static CodableCacheItem decode(const Decoder& decoder) {
+    auto keyed = decoder.keyed();
+    CodableCacheItem entry(keyed.template decode<Item>(kItemKey),
+                           keyed.template decode<CacheItemConfiguration>(kCacheConfigurationKey));
+    entry.setCreationDate(keyed.template decode<Date>(kCreationDateKey));
+    return entry;
+  }
+};
+
+}  // namespace kp

@@ -1,0 +1,149 @@
+// Cache entries: their coded form, the tolerated failures, and what the database stores.
+#include "kp/cache/cache_item.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/describe/class.hpp>
+#include <cstdio>
+
+#include "kp/cache/cache_database.h"
+#include "kp/coding/property_list.h"
+#include "support/temp_dir.h"
+
+namespace app {
+struct Forecast {
+  std::string city;
+  double high = 0;
+  friend bool operator==(const Forecast&, const Forecast&) = default;
+};
+BOOST_DESCRIBE_STRUCT(Forecast, (), (city, high))
+
+class Tile final : public kp::Archivable {
+ public:
+  explicit Tile(std::int64_t z) : zoom(z) {}
+  std::int64_t zoom;
+  std::string archiveClassName() const override { return "KPTestTile"; }
+  void encode(kp::ArchiveEncoder& c) const override { c.encodeInt64("zoom", zoom); }
+  static std::shared_ptr<Tile> decode(kp::ArchiveDecoder& c) { return std::make_shared<Tile>(c.decodeInt64("zoom")); }
+  bool isEqual(const kp::Archivable& other) const override {
+    const auto* tile = dynamic_cast<const Tile*>(&other);
+    return tile && tile->zoom == zoom;
+  }
+};
+const kp::ArchiveRegistration<Tile> tileRegistration{"KPTestTile"};
+}  // namespace app
+
+namespace {
+
+using kp::CacheItem;
+using kp::CacheItemType;
+
+kp::Value codedForm(const CacheItem& item) {
+  return kp::readPropertyList(kp::PropertyListEncoder().encode(item).bytes());
+}
+
+class CacheItemTest : public ::testing::Test {
+ protected:
+  CacheItemTest() : db_("centralcache.db", dir_.path()) { db_.prepare(); }
+  kp::test::TempDir dir_;
+  kp::CacheControllerDatabase db_;
+};
+
+TEST_F(CacheItemTest, RoundTripsThroughTheDatabaseWithPayloadAndExtraItems) {
+  kp::CacheItemConfiguration config(3600);
+  config.groupName = "tiles";
+  config.rollingExpiration = true;
+  CacheItem item(kp::ArchiveValue(std::make_shared<app::Tile>(7)), config);
+  item.extraItems["result"] = kp::ArchiveValue(kp::ArchiveValue::Dictionary{{"status", 200}, {"etag", "abc"}});
+  item.extraItems["url"] = kp::ArchiveValue(*kp::Url::parse("https://example.com/a%2Fb"));
+  db_.encode(item, "tile/7");
+
+  auto back = db_.decode<CacheItem>("tile/7");
+  ASSERT_TRUE(back);
+  EXPECT_EQ(*back, item);
+  EXPECT_EQ(back->item->object<app::Tile>()->zoom, 7);
+  EXPECT_NEAR(back->creationDate().timeIntervalSince1970(), item.creationDate().timeIntervalSince1970(), 1e-3);
+  EXPECT_EQ(db_.getCacheItemGroup("tile/7"), "tiles");
+
+  // Entries that differ only in their creation date are equal; a changed group is not.
+  CacheItem older = item;
+  older.setCreationDate(item.creationDate().addingTimeInterval(-100));
+  EXPECT_EQ(older, item);
+  older.configuration.groupName.reset();
+  EXPECT_NE(older, item);
+
+  auto codable = kp::CodableCacheItem<app::Forecast>({"Zurich", 21.5}, kp::CacheItemConfiguration(60));
+  db_.encode(codable, "forecast");
+  auto forecast = db_.decode<kp::CodableCacheItem<app::Forecast>>("forecast");
+  ASSERT_TRUE(forecast);
+  EXPECT_EQ(forecast->item, (app::Forecast{"Zurich", 21.5}));
+  EXPECT_EQ(forecast->configuration, kp::CacheItemConfiguration(60));
+  EXPECT_FALSE(db_.decode<CacheItem>("forecast"));  // another shape: nothing, no crash
+}
+
+TEST_F(CacheItemTest, FileBackedAndUnarchivablePayloadsAreNotCoded) {
+  CacheItem file(kp::ArchiveValue(kp::Data{1, 2, 3}), {}, CacheItemType::rawDataToFile);
+  const auto coded = codedForm(file);
+  EXPECT_FALSE(coded.find("item"));
+  ASSERT_TRUE(coded.find("codingVersion"));
+  EXPECT_EQ(coded.find("codingVersion")->ifInteger() ? *coded.find("codingVersion")->ifInteger() : -1, 1);
+  auto back = kp::PropertyListDecoder().decode<CacheItem>(kp::PropertyListEncoder().encode(file));
+  EXPECT_FALSE(back.item);
+  EXPECT_EQ(back.cacheType, CacheItemType::rawDataToFile);
+
+  CacheItem none;
+  EXPECT_FALSE(codedForm(none).find("item"));
+  EXPECT_TRUE(codedForm(CacheItem(kp::ArchiveValue("x"))).find("item"));
+}
+
+TEST_F(CacheItemTest, BadKindsGarbageRowsAndUnknownClassesAreHandled) {
+  auto coded = codedForm(CacheItem(kp::ArchiveValue("x")));
+  coded.set("cacheType", kp::Value(std::int64_t{3}));
+  try {
+    (void)kp::PropertyListDecoder().decode<CacheItem>(kp::writePropertyList(coded));
+    ADD_FAILURE() << "kind 3 decoded";
+  } catch (const kp::CacheItemCodingError& error) {
+    EXPECT_EQ(error.code(), kp::CacheItemCodingError::Code::invalidCacheItemType);
+  }
+
+  // A payload archived under a class this process does not know is dropped; the entry stays.
+  auto unknown = codedForm(CacheItem(kp::ArchiveValue("x")));
+  auto archive = kp::readPropertyList(kp::KeyedArchiver::archivedData(std::make_shared<app::Tile>(1))->bytes());
+  std::string text = kp::writePropertyList(archive, kp::PropertyListFormat::xml).toString();
+  text.replace(text.find("KPTestTile"), 10, "KPOtherTile");
+  unknown.set("item", kp::Value(kp::writePropertyList(kp::readPropertyList(kp::Data::fromString(text).bytes()))));
+  unknown.set("extraItems", kp::Value(kp::Data{0xde, 0xad}));
+  auto tolerant = kp::PropertyListDecoder().decode<CacheItem>(kp::writePropertyList(unknown));
+  EXPECT_FALSE(tolerant.item);
+  EXPECT_TRUE(tolerant.extraItems.empty());
+
+  // Rows whose data is garbage or the wrong shape decode to nothing.
+  CacheItem placeholder;
+  db_.saveRecord(kp::Data{0x62, 0x70, 0x6c, 0x69, 0x73, 0x74}, placeholder, "garbage");
+  db_.saveRecord(kp::writePropertyList(kp::Value(std::int64_t{5})), placeholder, "scalar");
+  EXPECT_FALSE(db_.decode<CacheItem>("garbage"));
+  EXPECT_FALSE(db_.decode<CacheItem>("scalar"));
+  EXPECT_FALSE(db_.decode<CacheItem>("missing"));
+}
+
+TEST_F(CacheItemTest, StoredRowsAreStandardPropertyLists) {
+  db_.encode(CacheItem(kp::ArchiveValue("payload"), kp::CacheItemConfiguration(60)), "k");
+  const std::string script =
+      "import plistlib,sqlite3,sys\n"
+      "row=sqlite3.connect(sys.argv[1]).execute(\"SELECT data FROM cache WHERE id='k'\").fetchone()\n"
+      "p=plistlib.loads(row[0])\n"
+      "a=plistlib.loads(p['item'])\n"
+      "print(p['codingVersion'],p['cacheType'],p['cacheConfiguration']['maximumAge'],a['$archiver'],"
+      "a['$objects'][a['$top']['root'].data])\n";
+  const std::string command = "python3 -c \"$KP_PY\" '" + (dir_.path() / "centralcache.db").string() + "' 2>&1";
+  ::setenv("KP_PY", script.c_str(), 1);
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
+    ::pclose(pipe);
+  }
+  EXPECT_EQ(out, "1 0 60.0 NSKeyedArchiver payload\n");
+}
+
+}  // namespace
