@@ -230,6 +230,41 @@ TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
   EXPECT_EQ(files.getSize(), 0u);
 }
 
+TEST(CacheStores, FileAndMemoryStoresUnderConcurrentUse) {
+  kp::test::TempDir dir;
+  kp::CacheControllerFileStorage files("store", dir.path());
+  files.prepareCacheFolder();
+  kp::CacheControllerDatabase db("centralcache.db", dir.path());
+  db.prepare();
+  kp::CacheMemoryStorage memory;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 60; ++i) {
+        const std::string key = "k" + std::to_string(i % 8);
+        const std::optional<std::string> group = (i % 3 == 0) ? std::optional<std::string>("g") : std::nullopt;
+        files.save(kp::Data::zeros(100), key, group);
+        (void)files.loadData(key, group);
+        memory.set(std::make_shared<Entry>(config(0.5, group), Date::now()), key);
+        (void)memory.get(key);
+        if (i % 7 == t) files.removeAllItems(group);
+        if (i % 11 == t) files.removeOldestFiles(300, db);
+        if (i % 5 == 0) memory.removeExpired();
+        if (i % 9 == 0) memory.removeForGroup("g");
+        (void)files.getSize();
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_LE(memory.count(), 8u);
+  for (int i = 0; i < 8; ++i) {
+    auto bytes = files.loadData("k" + std::to_string(i), std::nullopt);
+    if (bytes) {
+      EXPECT_EQ(bytes->size(), 100u);  // never a torn file
+    }
+  }
+}
+
 TEST(CacheMemoryStorage, RetentionAndPurges) {
   kp::CacheMemoryStorage memory;
   const Date now = Date::now();
