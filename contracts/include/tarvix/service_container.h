@@ -23,12 +23,12 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <source_location>
 #include <type_traits>
 #include <vector>
 
 #include "tarvix/assertion_coordinator.h"
 #include "tarvix/service.h"
+#include "tarvix/source_location.h"
 
 namespace tarvix {
 
@@ -84,14 +84,14 @@ class ServiceContainer {
 
   // The non-throwing form of safeGet(): null after reporting the failure (see above).
   template <class S>
-  [[nodiscard]] std::shared_ptr<S> get(std::source_location location = std::source_location::current()) noexcept {
+  [[nodiscard]] std::shared_ptr<S> get(tarvix::SourceLocation location = tarvix::SourceLocation::current()) noexcept {
     try {
       return safeGet<S>();
     } catch (const std::exception& error) {
-      AssertionCoordinator::assertionFailure(error.what(), location.file_name(), static_cast<int>(location.line()));
+      AssertionCoordinator::assertionFailure(error.what(), location.file_name(), location.line());
     } catch (...) {
       AssertionCoordinator::assertionFailure("Unable to get " + ServiceType::of<S>().name() + " service.",
-                                             location.file_name(), static_cast<int>(location.line()));
+                                             location.file_name(), location.line());
     }
     return nullptr;
   }

@@ -35,7 +35,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <source_location>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -43,6 +42,7 @@
 #include "kp/container/default_service_container.h"
 #include "kp/container/services.h"
 #include "kp/platform/task_local.h"
+#include "tarvix/source_location.h"
 
 namespace kp {
 
@@ -50,7 +50,7 @@ template <class T>
 class Dependency {
  public:
   explicit Dependency(const std::shared_ptr<Services>& services = Services::default_(),
-                      std::source_location location = std::source_location::current())
+                      tarvix::SourceLocation location = tarvix::SourceLocation::current())
       : value_(services->template get<T>(location)) {}
 
   [[nodiscard]] const std::shared_ptr<T>& wrappedValue() const noexcept { return value_; }
@@ -65,7 +65,7 @@ template <class T>
 class LazyDependency {
  public:
   explicit LazyDependency(std::shared_ptr<Services> services = Services::default_(),
-                          std::source_location location = std::source_location::current())
+                          tarvix::SourceLocation location = tarvix::SourceLocation::current())
       : services_(std::move(services)), location_(location) {}
   // A copy has its own lock and starts from the other's state.
   LazyDependency(const LazyDependency& other) : location_(other.location_) {
@@ -98,7 +98,7 @@ class LazyDependency {
   mutable std::mutex mutex_;
   mutable std::optional<std::shared_ptr<T>> value_;  // present once resolved, even when null
   std::shared_ptr<Services> services_;
-  std::source_location location_;
+  tarvix::SourceLocation location_;
 };
 
 template <class Update, class Operation>
