@@ -337,6 +337,8 @@ struct UrlSessionTask::Impl {
   Clock::time_point lastActivity;
   curl_off_t lastDownloaded = 0;
   curl_off_t lastUploaded = 0;
+  // Set once the transfer left the queue of transfers waiting for a connection.
+  bool begun = false;
   bool timedOut = false;
   bool headTooLarge = false;
   std::size_t headSize = 0;
@@ -390,6 +392,8 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       : configuration(std::move(config)), delegateQueue(std::move(queue)), delegate(std::move(sessionDelegate)) {
     DnsShare::instance();
     multi = curl_multi_init();
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                      static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   }
   ~Impl() { curl_multi_cleanup(multi); }
 
@@ -657,6 +661,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     t.hopResponse.reset();
     t.doneCode.reset();
     t.lastDownloaded = t.lastUploaded = 0;
+    t.begun = false;
     t.errorBuffer[0] = '\0';
 
     CURL* e = t.easy;
@@ -876,6 +881,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   static int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
     auto& t = *static_cast<UrlSessionTask::Impl*>(user);
+    if (!t.begun) {
+      t.begun = true;
+      t.lastActivity = Clock::now();
+    }
     if (downloaded != t.lastDownloaded || uploaded != t.lastUploaded) {
       t.lastDownloaded = downloaded;
       t.lastUploaded = uploaded;
@@ -1109,7 +1118,8 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     std::vector<TaskPtr> expired;
     for (auto& [id, task] : running) {
       auto& t = task->impl();
-      if (t.awaitingDisposition || t.awaitingRedirect || t.paused) continue;
+      // Waiting for the delegate or for a free connection does not count as idle.
+      if (t.awaitingDisposition || t.awaitingRedirect || t.paused || !t.begun) continue;
       const auto deadline =
           t.lastActivity + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(t.timeout));
       if (deadline <= now) {

@@ -86,9 +86,8 @@ struct UrlSessionConfiguration {
   TimeInterval timeoutIntervalForRequest = 60.0;
   // Sent with every request unless the request sets the field itself.
   std::map<std::string, std::string> httpAdditionalHeaders;
-  // Plain-HTTP connections are kept in a pool beneath all sessions and reused by any of
-  // them. TLS connections always stay with the session that made them.
-  bool sharesConnectionPool = true;
+  // Further transfers to the same host wait for a free connection.
+  int httpMaximumConnectionsPerHost = 6;
 };
 
 // A received HTTP response head.
