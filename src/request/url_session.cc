@@ -41,7 +41,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMaximumRedirects = 16;
-constexpr std::size_t kMaximumHeldRedirectBody = 1 << 20;
+// Body bytes kept while the delegate decides about a response (or a redirect).
+constexpr std::size_t kMaximumHeldBody = 1 << 20;
 // Data handed to the delegate queue but not yet consumed; beyond it the transfer pauses.
 constexpr std::int64_t kMaximumPendingBytes = 8 << 20;
 constexpr std::int64_t kResumePendingBytes = 2 << 20;
@@ -818,11 +819,16 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     const size_t length = size * count;
     t.lastActivity = Clock::now();
     if (t.redirectRequest) {
-      const size_t room = kMaximumHeldRedirectBody - std::min(kMaximumHeldRedirectBody, t.heldBody.size());
+      const size_t room = kMaximumHeldBody - std::min(kMaximumHeldBody, t.heldBody.size());
       t.heldBody.append(bytes, std::min(room, length));
       return length;
     }
     if (t.awaitingDisposition) {
+      // Small bodies wait in memory so that the transfer can end meanwhile; larger ones pause.
+      if (!t.paused && t.heldBody.size() + length <= kMaximumHeldBody) {
+        t.heldBody.append(bytes, length);
+        return length;
+      }
       t.paused = true;
       return CURL_WRITEFUNC_PAUSE;
     }
