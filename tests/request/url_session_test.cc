@@ -382,3 +382,21 @@ TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
 
 }  // namespace
 }  // namespace kp
+
+namespace kp {
+namespace {
+
+TEST(SessionBadResponseTest, BodyBeyondTheAnnouncedLengthIsCutOff) {
+  test::RawServer raw([](const test::RawServer::Writer& write) {
+    write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n" + std::string(1 << 20, 'm'));
+  });
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  s->dataTask(requestFor(raw.url("/"), 5))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 10", "complete ok"}));
+  EXPECT_EQ(recorder->body(), std::string(10, 'm'));
+}
+
+}  // namespace
+}  // namespace kp
