@@ -1,6 +1,15 @@
-// Building the wire request: 12 query and 4 body parameters, both parts encrypted.
+// Building the wire request (12 query and 4 body parameters, both parts encrypted), and
+// transfers through the handler and the session against raw libcurl on a loopback server.
 #include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <httplib.h>
 
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
 
@@ -63,5 +72,245 @@ BENCHMARK(BM_Part_EncryptUrl);
 BENCHMARK(BM_Part_UrlParse);
 BENCHMARK(BM_Part_Aes256Encrypt300Bytes);
 BENCHMARK(BM_Part_CacheKey);
+
+}  // namespace
+
+// MARK: - Transfers against a loopback server, with raw libcurl as the baseline.
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kLargeBody = 256u << 20;
+
+// One server for every transfer benchmark: 1 KiB bodies and a 256 MiB body made on the fly.
+class BenchServer {
+ public:
+  BenchServer() {
+    server_.set_tcp_nodelay(true);
+    server_.Get("/small", [](const httplib::Request&, httplib::Response& r) {
+      r.set_content(std::string(1024, 's'), "application/octet-stream");
+    });
+    server_.Get("/large", [](const httplib::Request&, httplib::Response& r) {
+      static const std::string block(1 << 20, 'L');
+      r.set_content_provider(kLargeBody, "application/octet-stream",
+                             [](size_t offset, size_t length, httplib::DataSink& sink) {
+                               sink.write(block.data(), std::min(length, block.size() - offset % block.size()));
+                               return true;
+                             });
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::sleep_for(1ms);
+  }
+  ~BenchServer() {
+    server_.stop();
+    thread_.join();
+  }
+  static BenchServer& shared() {
+    static BenchServer server;
+    return server;
+  }
+  std::string url(const char* path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+// Runs one request through a handler and waits for its result.
+std::shared_ptr<kp::HttpRequestResult> runHandler(const std::string& url,
+                                                  const std::shared_ptr<kp::UrlSession>& session) {
+  auto request = kp::HttpRequest::make(*kp::Url::parse(url));
+  request->setCompletionDispatchQueue(nullptr);
+  if (session) request->setUrlSession(session);
+  auto handler = std::make_shared<kp::HttpRequestHandler>();
+  std::mutex mutex;
+  std::condition_variable done;
+  std::shared_ptr<kp::HttpRequestResult> out;
+  (void)handler->canHandle(request);
+  handler->handle(request, [&](const std::shared_ptr<kp::RequestResult>& result) {
+    std::lock_guard lock(mutex);
+    out = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
+    done.notify_all();
+  });
+  std::unique_lock lock(mutex);
+  done.wait(lock, [&] { return out != nullptr; });
+  return out;
+}
+
+size_t appendToString(char* bytes, size_t size, size_t count, void* user) {
+  static_cast<std::string*>(user)->append(bytes, size * count);
+  return size * count;
+}
+
+void setCommonOptions(CURL* easy, const std::string& url) {
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+}
+
+void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/small");
+  auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
+  auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
+  for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, session));
+  session->invalidateAndCancel();
+  state.counters["requests/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/small");
+  CURL* easy = curl_easy_init();
+  setCommonOptions(easy, url);
+  std::string body;
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+  for (auto _ : state) {
+    body.clear();
+    curl_easy_perform(easy);
+    benchmark::DoNotOptimize(body);
+  }
+  curl_easy_cleanup(easy);
+  state.counters["requests/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_Transfer_SmallGets_Handler_PrivateSession(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/small");
+  for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, nullptr));
+  state.counters["requests/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_Transfer_SmallGets_RawCurl_NewEasy(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/small");
+  for (auto _ : state) {
+    CURL* easy = curl_easy_init();
+    setCommonOptions(easy, url);
+    std::string body;
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+    curl_easy_perform(easy);
+    curl_easy_cleanup(easy);
+    benchmark::DoNotOptimize(body);
+  }
+  state.counters["requests/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_Transfer_Large_Handler_ToMemory(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/large");
+  for (auto _ : state) {
+    auto result = runHandler(url, nullptr);
+    if (std::any_cast<kp::Data>(&result->data)->size() != kLargeBody) state.SkipWithError("short body");
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kLargeBody));
+}
+
+void BM_Transfer_Large_RawCurl_ToMemory(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/large");
+  for (auto _ : state) {
+    CURL* easy = curl_easy_init();
+    setCommonOptions(easy, url);
+    std::string body;
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+    curl_easy_perform(easy);
+    curl_easy_cleanup(easy);
+    if (body.size() != kLargeBody) state.SkipWithError("short body");
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kLargeBody));
+}
+
+// Peak resident memory since the last reset, in MiB.
+double peakResidentMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmHWM:")) return std::stod(line.substr(6)) / 1024.0;
+  }
+  return 0;
+}
+double residentMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmRSS:")) return std::stod(line.substr(6)) / 1024.0;
+  }
+  return 0;
+}
+void resetPeakResident() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+class FileWriter : public kp::UrlSessionDelegate {
+ public:
+  explicit FileWriter(std::filesystem::path destination) : destination_(std::move(destination)) {}
+  void didFinishDownloading(kp::UrlSession&, kp::UrlSessionDownloadTask&,
+                            const std::filesystem::path& location) override {
+    std::filesystem::rename(location, destination_);
+  }
+  void didComplete(kp::UrlSession&, kp::UrlSessionTask&, const kp::ErrorPtr& error) override {
+    std::lock_guard lock(mutex);
+    finished = true;
+    failed = error != nullptr;
+    done.notify_all();
+  }
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  bool failed = false;
+
+ private:
+  std::filesystem::path destination_;
+};
+
+void BM_Transfer_Large_Session_ToFile(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/large");
+  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download";
+  double peakGrowth = 0;
+  for (auto _ : state) {
+    std::filesystem::remove(path);
+    resetPeakResident();
+    const double before = residentMiB();
+    auto writer = std::make_shared<FileWriter>(path);
+    auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), writer);
+    session->downloadTask(kp::UrlRequest(*kp::Url::parse(url)))->resume();
+    session->finishTasksAndInvalidate();
+    std::unique_lock lock(writer->mutex);
+    writer->done.wait(lock, [&] { return writer->finished; });
+    peakGrowth = std::max(peakGrowth, peakResidentMiB() - before);
+    if (writer->failed || std::filesystem::file_size(path) != kLargeBody) state.SkipWithError("download failed");
+  }
+  std::filesystem::remove(path);
+  state.counters["peakGrowthMiB"] = peakGrowth;
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kLargeBody));
+}
+
+void BM_Transfer_Large_RawCurl_ToFile(benchmark::State& state) {
+  const std::string url = BenchServer::shared().url("/large");
+  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download-raw";
+  for (auto _ : state) {
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    CURL* easy = curl_easy_init();
+    setCommonOptions(easy, url);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, file);
+    curl_easy_perform(easy);
+    curl_easy_cleanup(easy);
+    std::fclose(file);
+    if (std::filesystem::file_size(path) != kLargeBody) state.SkipWithError("download failed");
+  }
+  std::filesystem::remove(path);
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kLargeBody));
+}
+
+BENCHMARK(BM_Transfer_SmallGets_Handler_SharedSession)->Iterations(2000)->UseRealTime();
+BENCHMARK(BM_Transfer_SmallGets_RawCurl_ReusedEasy)->Iterations(2000)->UseRealTime();
+BENCHMARK(BM_Transfer_SmallGets_Handler_PrivateSession)->Iterations(2000)->UseRealTime();
+BENCHMARK(BM_Transfer_SmallGets_RawCurl_NewEasy)->Iterations(2000)->UseRealTime();
+BENCHMARK(BM_Transfer_Large_Handler_ToMemory)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Transfer_Large_RawCurl_ToMemory)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Transfer_Large_Session_ToFile)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Transfer_Large_RawCurl_ToFile)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

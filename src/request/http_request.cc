@@ -2,6 +2,7 @@
 #include "kp/request/http_request.h"
 
 #include "kp/coding/coding.h"
+#include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
 
@@ -33,7 +34,8 @@ std::string HttpRequestParameter::makeParameterString(std::span<const HttpReques
 }
 
 HttpRequest::HttpRequest(Url url)
-    : cacheConfig_(std::make_shared<RequestCacheConfig>()),
+    : handler_(std::make_shared<HttpRequestHandler>()),
+      cacheConfig_(std::make_shared<RequestCacheConfig>()),
       httpConfig_(std::make_shared<HttpRequestConfig>()),
       url_(std::move(url)),
       completionDispatchQueue_(MainQueue::shared()) {}

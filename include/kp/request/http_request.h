@@ -34,7 +34,7 @@ using ProcessReceivedDataHandler = std::function<std::any(
     const std::optional<Data>&, const std::shared_ptr<HttpResponseType>&, const std::shared_ptr<CancelledFlag>&)>;
 using RequestCompletionHandler = std::function<void(const std::shared_ptr<HttpRequestResultType>&)>;
 
-class HttpRequestType {
+class HttpRequestType : public RequestType {
  public:
   virtual ~HttpRequestType() = default;
 
@@ -71,8 +71,8 @@ class HttpRequestType {
 
 class HttpRequest : public HttpRequestType {
  public:
-  // Fresh configurations, normal priority, completion on the main queue. The handler and
-  // queue stay empty until the transfer layer and the queues provide defaults.
+  // A new HttpRequestHandler, fresh configurations, normal priority, completion on the main
+  // queue. The queue stays empty until the queues provide a default.
   explicit HttpRequest(Url url);
   [[nodiscard]] static std::shared_ptr<HttpRequest> make(Url url) {
     return std::make_shared<HttpRequest>(std::move(url));

@@ -1,0 +1,192 @@
+// The parsed response of a finished request, and the small HTTP enumerations.
+//
+// HttpResponse keeps the status, every header field with the server's spelling, the cookies
+// and the redirect hops. Its derived headers use exact field spellings ("ETag", then
+// "Etag"; "Content-Type"; ...), and its dates are parsed with the single pattern
+// "EEE, dd MMM yyyy HH:mm:ss z" in English and GMT (anything else gives nothing).
+//
+// Thread safety: not locked; filled by the transfer, then read.
+//
+// Example:
+//   kp::HttpResponse response;
+//   response.statusCode = 304;
+//   response.headers["ETag"] = "\"v2\"";
+//   response.isNotModified();   // true
+//   response.etag();            // "\"v2\""
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kp/platform/date.h"
+#include "kp/platform/url.h"
+#include "kp/request/http_cookie.h"
+
+namespace kp {
+
+// What the rest of the library reads from a response.
+class HttpResponseType {
+ public:
+  virtual ~HttpResponseType() = default;
+  [[nodiscard]] virtual std::optional<int> statusCodeValue() const = 0;
+  [[nodiscard]] virtual const std::map<std::string, std::string>& headerFields() const = 0;
+  [[nodiscard]] virtual const std::vector<HttpCookie>& cookieList() const = 0;
+  [[nodiscard]] virtual const std::vector<Url>& redirectList() const = 0;
+  [[nodiscard]] virtual std::optional<std::string> etag() const = 0;
+  [[nodiscard]] virtual std::optional<std::string> contentType() const = 0;
+  [[nodiscard]] virtual std::optional<Date> lastModifiedDate() const = 0;
+  [[nodiscard]] virtual std::optional<Date> expiresDate() const = 0;
+  [[nodiscard]] virtual std::optional<Date> sentDate() const = 0;
+  [[nodiscard]] virtual bool isNotModified() const = 0;
+};
+
+class HttpResponse : public HttpResponseType {
+ public:
+  // Keys of the archived form; cookies are not archived.
+  static constexpr std::string_view kArchiveKeyStatusCode = "_statusCode";
+  static constexpr std::string_view kArchiveKeyHeaders = "_headers";
+  static constexpr std::string_view kArchiveKeyRedirects = "_redirects";
+  static constexpr bool supportsSecureCoding = true;
+
+  std::optional<int> statusCode;
+  std::map<std::string, std::string> headers;
+  std::vector<HttpCookie> cookies;
+  std::vector<Url> redirects;
+
+  void addRedirect(Url url) { redirects.push_back(std::move(url)); }
+  // The first cookie named exactly `name`.
+  [[nodiscard]] std::optional<HttpCookie> getCookieByName(std::string_view name) const;
+
+  [[nodiscard]] std::optional<int> statusCodeValue() const override { return statusCode; }
+  [[nodiscard]] const std::map<std::string, std::string>& headerFields() const override { return headers; }
+  [[nodiscard]] const std::vector<HttpCookie>& cookieList() const override { return cookies; }
+  [[nodiscard]] const std::vector<Url>& redirectList() const override { return redirects; }
+  [[nodiscard]] std::optional<std::string> etag() const override;
+  [[nodiscard]] std::optional<std::string> contentType() const override;
+  [[nodiscard]] std::optional<Date> lastModifiedDate() const override;
+  [[nodiscard]] std::optional<Date> expiresDate() const override;
+  [[nodiscard]] std::optional<Date> sentDate() const override;
+  [[nodiscard]] bool isNotModified() const override { return statusCode == 304; }
+};
+
+// Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").
+[[nodiscard]] std::optional<Date> parseHttpDate(std::string_view text);
+
+enum class ResponseHeader { etag, contentType, lastModified, expires, date };
+[[nodiscard]] std::string_view headerName(ResponseHeader header) noexcept;
+
+// A Content-Type value that requests may set.
+class MimeContentType {
+ public:
+  [[nodiscard]] static MimeContentType multipartFormData(std::string boundary) {
+    return MimeContentType(std::move(boundary));
+  }
+  [[nodiscard]] static MimeContentType applicationJson() { return MimeContentType(std::nullopt); }
+  [[nodiscard]] bool isMultipartFormData() const noexcept { return boundary_.has_value(); }
+  [[nodiscard]] const std::optional<std::string>& boundary() const noexcept { return boundary_; }
+  // multipart/form-data; boundary="B"   or   application/json
+  [[nodiscard]] std::string headerValue() const;
+  friend bool operator==(const MimeContentType&, const MimeContentType&) = default;
+
+ private:
+  explicit MimeContentType(std::optional<std::string> boundary) : boundary_(std::move(boundary)) {}
+  std::optional<std::string> boundary_;
+};
+
+// HTTP status codes, including a few non-standard ones that servers send.
+enum class HttpStatusCode : int {
+  // Non-standard low values some services use as result markers.
+  custom1 = 1,
+  custom2 = 2,
+  custom3 = 3,
+  custom4 = 4,
+  custom5 = 5,
+  continue_ = 100,
+  switchingProtocols = 101,
+  processing = 102,
+  ok = 200,
+  created = 201,
+  accepted = 202,
+  nonAuthoritativeInformation = 203,
+  noContent = 204,
+  resetContent = 205,
+  partialContent = 206,
+  multiStatus = 207,
+  alreadyReported = 208,
+  imUsed209 = 209,
+  multipleChoices = 300,
+  movedPermanently = 301,
+  found = 302,
+  seeOther = 303,
+  notModified = 304,
+  useProxy = 305,
+  switchProxy = 306,
+  temporaryRedirect = 307,
+  permanentRedirect = 308,
+  badRequest = 400,
+  unauthorized = 401,
+  paymentRequired = 402,
+  forbidden = 403,
+  notFound = 404,
+  methodNotAllowed = 405,
+  notAcceptable = 406,
+  proxyAuthenticationRequired = 407,
+  requestTimeout = 408,
+  conflict = 409,
+  gone = 410,
+  lengthRequired = 411,
+  preconditionFailed = 412,
+  payloadTooLarge = 413,
+  uriTooLong = 414,
+  unsupportedMediaType = 415,
+  rangeNotSatisfiable = 416,
+  expectationFailed = 417,
+  imATeapot = 418,
+  authenticationTimeout = 419,
+  enhanceYourCalm = 420,
+  unprocessableEntity = 422,
+  locked = 423,
+  failedDependency = 424,
+  tooEarly = 425,
+  upgradeRequired = 426,
+  preconditionRequired = 428,
+  tooManyRequests = 429,
+  requestHeaderFieldsTooLarge = 431,
+  noResponse = 444,
+  retryWith = 449,
+  blockedByParentalControls = 450,
+  unavailableForLegalReasons = 451,
+  requestHeaderTooLarge = 494,
+  certError = 495,
+  noCert = 496,
+  httpToHttps = 497,
+  clientClosedRequest = 499,
+  internalServerError = 500,
+  notImplemented = 501,
+  badGateway = 502,
+  serviceUnavailable = 503,
+  gatewayTimeout = 504,
+  httpVersionNotSupported = 505,
+  variantAlsoNegotiates = 506,
+  insufficientStorage = 507,
+  loopDetected = 508,
+  bandwidthLimitExceeded = 509,
+  notExtended = 510,
+  networkAuthenticationRequired = 511,
+  originConnectionTimedOut = 522,
+  networkReadTimeout = 598,
+  networkConnectTimeout = 599,
+  // Non-standard service result markers.
+  custom4200 = 4200,
+  custom4240 = 4240,
+  custom4510 = 4510,
+};
+
+// Nothing for values outside the set above.
+[[nodiscard]] std::optional<HttpStatusCode> httpStatusCodeFromRawValue(int raw) noexcept;
+
+}  // namespace kp

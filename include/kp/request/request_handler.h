@@ -1,0 +1,160 @@
+// Handlers run one request's transfer on a kp::UrlSession and turn what arrives into an
+// HttpRequestResult.
+//
+// RequestHandler is the abstract base. HttpRequestHandler is the HTTP implementation and the
+// base of the typed handlers: it builds the wire request, picks a session (its own private
+// one by default, the request's session when set, or a session shared through a
+// HttpRequestURLSessionDelegateHandler), collects the body, reports progress on the main
+// thread and completes once, on the session's delegate queue. Status codes of 400 and above
+// end in the status-code error without loading the body; a cancelled transfer delivers
+// nothing at all. HttpRequestURLSessionDelegateHandler routes the callbacks of one shared
+// session to the handler that owns each task.
+//
+// Ownership: a private session holds its handler as delegate until the transfer ends and the
+// handler invalidates it. A request holds its handler; the handler holds the request weakly
+// and stops without completion when the request is gone.
+//
+// Thread safety: handle() and cancel() are called from the caller's thread, the session
+// callbacks arrive on the session's delegate queue. The session and task fields are guarded
+// against cancel() racing a callback; the rest belongs to the transfer.
+//
+// Example:
+//   auto request = kp::HttpRequest::make(*kp::Url::parse("https://example.com/now.json"));
+//   auto handler = std::make_shared<kp::HttpRequestHandler>();
+//   if (!handler->canHandle(request)) {
+//     handler->handle(request, [](const std::shared_ptr<kp::RequestResult>& result) { ... });
+//   }
+#pragma once
+
+#include <any>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "kp/platform/data.h"
+#include "kp/request/http_request.h"
+#include "kp/request/request_result.h"
+#include "kp/request/request_types.h"
+#include "kp/request/url_request.h"
+#include "kp/request/url_session.h"
+
+namespace kp {
+
+// Tells result post-processing that the transfer was cancelled. Never goes back to false.
+class CancelledFlag {
+ public:
+  [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
+  void cancel() noexcept { cancelled_.store(true); }
+
+ private:
+  std::atomic<bool> cancelled_{false};
+};
+
+class RequestHandler : public RequestHandlerInterface {
+ public:
+  RequestHandlerCompletion completionHandler;
+
+  [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>&) override { return nullptr; }
+  void handle(const std::shared_ptr<RequestType>&, RequestHandlerCompletion) override {}
+  void cancel() override {}
+};
+
+class HttpRequestHandler;
+
+// The delegate of a session that many handlers share: each callback goes to the handler
+// registered under the task's identifier.
+class HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
+ public:
+  void add(std::shared_ptr<HttpRequestHandler> handler, std::uint64_t taskIdentifier);
+  void removeHandler(std::uint64_t taskIdentifier);
+  [[nodiscard]] std::shared_ptr<HttpRequestHandler> handler(std::uint64_t taskIdentifier) const;
+
+  // Forwards, then forgets the handler.
+  void didComplete(UrlSession& session, UrlSessionTask& task, const ErrorPtr& error) override;
+  // Without a handler: cancel.
+  void didReceiveResponse(UrlSession& session, UrlSessionDataTask& task,
+                          const std::shared_ptr<const HttpUrlResponse>& response,
+                          ResponseDispositionHandler completion) override;
+  // Without a handler the data is dropped.
+  void didReceiveData(UrlSession& session, UrlSessionDataTask& task, const Data& data) override;
+  // Without a handler the redirection is followed.
+  void willPerformHttpRedirection(UrlSession& session, UrlSessionTask& task,
+                                  const std::shared_ptr<const HttpUrlResponse>& response, UrlRequest newRequest,
+                                  RedirectionHandler completion) override;
+  // Without a handler: cancel the challenge.
+  void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
+                           ChallengeHandler completion) override;
+  void didWriteData(UrlSession& session, UrlSessionDownloadTask& task, std::int64_t bytesWritten,
+                    std::int64_t totalBytesWritten, std::int64_t totalBytesExpectedToWrite) override;
+  void didFinishDownloading(UrlSession& session, UrlSessionDownloadTask& task,
+                            const std::filesystem::path& location) override;
+
+ private:
+  mutable std::mutex lock_;
+  std::map<std::uint64_t, std::shared_ptr<HttpRequestHandler>> handlers_;
+};
+
+class HttpRequestHandler : public RequestHandler,
+                           public UrlSessionDelegate,
+                           public std::enable_shared_from_this<HttpRequestHandler> {
+ public:
+  [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
+  void handle(const std::shared_ptr<RequestType>& request, RequestHandlerCompletion completion) override;
+  void cancel() override;
+
+  virtual void setupUrlSession();
+  // Creates the data task for urlRequest and registers this handler with the session's
+  // delegate handler, if any.
+  virtual void setupUrlTask();
+  // The result's data from the collected body: receivedData, or nothing.
+  [[nodiscard]] virtual std::any processReceivedData();
+
+  // Session callbacks.
+  void didReceiveResponse(UrlSession& session, UrlSessionDataTask& task,
+                          const std::shared_ptr<const HttpUrlResponse>& response,
+                          ResponseDispositionHandler completion) override;
+  void didReceiveData(UrlSession& session, UrlSessionDataTask& task, const Data& data) override;
+  void willPerformHttpRedirection(UrlSession& session, UrlSessionTask& task,
+                                  const std::shared_ptr<const HttpUrlResponse>& response, UrlRequest newRequest,
+                                  RedirectionHandler completion) override;
+  void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
+                           ChallengeHandler completion) override;
+  void didComplete(UrlSession& session, UrlSessionTask& task, const ErrorPtr& error) override;
+  void didBecomeInvalid(UrlSession& session, const ErrorPtr& error) override;
+
+  // Made on first use: the session delegate handler and the session that it serves.
+  [[nodiscard]] const std::shared_ptr<HttpRequestURLSessionDelegateHandler>& sharedURLSessionDelegateHandler();
+  [[nodiscard]] const std::shared_ptr<UrlSession>& sharedURLSession();
+
+  std::shared_ptr<UrlSession> urlSession;
+  std::shared_ptr<UrlSessionTask> urlSessionTask;
+  std::optional<UrlRequest> urlRequest;
+  std::optional<Data> receivedData;
+  std::shared_ptr<HttpRequestResult> result = std::make_shared<HttpRequestResult>();
+  std::weak_ptr<HttpRequestType> request;
+  std::shared_ptr<CancelledFlag> cancelledFlag = std::make_shared<CancelledFlag>();
+  std::int64_t expectedContentLength = -1;
+  std::int64_t numberOfBytesReceived = 0;
+  bool usingCustomURLSession = false;
+  bool useSharedURLSession = false;
+  std::shared_ptr<HttpRequestURLSessionDelegateHandler> sessionDelegateHandler;
+
+ protected:
+  // Makes the result from the response head (status, all header fields, cookies).
+  void initializeResult(const HttpUrlResponse& response);
+  void updateProgress();
+  // Calls the completion callback with the result.
+  void complete();
+
+  // Guards urlSession and urlSessionTask between cancel() and the callbacks.
+  std::recursive_mutex sessionLock_;
+
+ private:
+  std::shared_ptr<HttpRequestURLSessionDelegateHandler> sharedDelegateHandler_;
+  std::shared_ptr<UrlSession> sharedSession_;
+};
+
+}  // namespace kp

@@ -1,0 +1,134 @@
+// Responses, HTTP dates, cookies from header fields, results and the request errors.
+#include <gtest/gtest.h>
+
+#include "kp/platform/data.h"
+#include "kp/request/http_response.h"
+#include "kp/request/request_errors.h"
+#include "kp/request/request_result.h"
+
+namespace kp {
+namespace {
+
+TEST(HttpResponseTest, DerivedHeadersUseTheExactSpellings) {
+  HttpResponse response;
+  response.headers = {{"etag", "\"lower\""}, {"content-type", "text/plain"}};
+  EXPECT_EQ(response.etag(), std::nullopt);
+  EXPECT_EQ(response.contentType(), std::nullopt);
+  response.headers["Etag"] = "\"second\"";
+  EXPECT_EQ(response.etag(), "\"second\"");
+  response.headers["ETag"] = "\"first\"";
+  EXPECT_EQ(response.etag(), "\"first\"");
+  EXPECT_FALSE(response.isNotModified());
+  response.statusCode = 304;
+  EXPECT_TRUE(response.isNotModified());
+
+  response.headers["Expires"] = "0";
+  response.headers["Date"] = "Sun, 06 Nov 1994 08:49:37 GMT";
+  response.headers["Last-Modified"] = "";
+  EXPECT_EQ(response.expiresDate(), std::nullopt);
+  EXPECT_EQ(response.lastModifiedDate(), std::nullopt);
+  EXPECT_EQ(response.sentDate(), Date::fromTimeIntervalSince1970(784111777));
+}
+
+TEST(HttpResponseTest, HttpDatesFollowOnePatternOnly) {
+  EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"), Date::fromTimeIntervalSince1970(784111777));
+  EXPECT_EQ(parseHttpDate("Sun, 6 Nov 1994 10:49:37 GMT+02:00"), Date::fromTimeIntervalSince1970(784111777));
+  EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 00:49:37 PST"), Date::fromTimeIntervalSince1970(784111777));
+  for (const char* text : {"Sunday, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994", "1994-11-06T08:49:37Z",
+                           "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37",
+                           "Sun, 06 Nov 1994 25:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT junk"}) {
+    EXPECT_EQ(parseHttpDate(text), std::nullopt) << text;
+  }
+}
+
+TEST(HttpCookieTest, ReadsCookiesWithDefaultsFromTheUrl) {
+  const Url url = *Url::parse("https://www.example.com/a/b/page?x=1");
+  const auto cookies = HttpCookie::cookies(
+      {{"Set-Cookie",
+        "plain=1, full=2; Domain=example.com; Path=/p; Expires=Wed, 21 Oct 2037 07:28:00 GMT; Secure; HttpOnly; "
+        "SameSite=Lax, aged=3; Max-Age=60; Expires=Wed, 21 Oct 2037 07:28:00 GMT, foreign=4; Domain=other.org, "
+        "novalue"},
+       {"Content-Type", "text/html"}},
+      url);
+  ASSERT_EQ(cookies.size(), 3u);
+  EXPECT_EQ(cookies[0], HttpCookie("plain", "1", "www.example.com", "/a/b"));
+  EXPECT_TRUE(cookies[0].isSessionOnly());
+
+  const HttpCookie& full = cookies[1];
+  EXPECT_EQ(full.domain(), ".example.com");
+  EXPECT_EQ(full.path(), "/p");
+  EXPECT_EQ(full.expiresDate(), Date::fromTimeIntervalSince1970(2139722880));
+  EXPECT_TRUE(full.isSecure());
+  EXPECT_TRUE(full.isHTTPOnly());
+  EXPECT_EQ(full.sameSitePolicy(), "Lax");
+
+  // Max-Age wins over Expires.
+  ASSERT_TRUE(cookies[2].expiresDate());
+  EXPECT_NEAR(cookies[2].expiresDate()->timeIntervalSinceNow(), 60, 5);
+
+  EXPECT_EQ(HttpCookie::cookies({{"set-cookie", "a=b"}}, *Url::parse("http://h.example/"))[0].path(), "/");
+}
+
+TEST(RequestResultTest, DerivedFlagsAndCopies) {
+  auto result = std::make_shared<HttpRequestResult>();
+  EXPECT_TRUE(result->isSuccess());
+  result->data = Data::fromString("kept");
+  result->error = RequestErrors::statusCodeErrorWith(500);
+  EXPECT_TRUE(result->failed());
+  EXPECT_FALSE(result->isSuccess());
+  EXPECT_FALSE(result->noConnection());
+  EXPECT_FALSE(result->fromCache());
+  result->response = std::make_shared<HttpResponse>();
+  result->response->statusCode = 500;
+
+  auto copy = std::dynamic_pointer_cast<HttpRequestResult>(result->copy());
+  ASSERT_TRUE(copy);
+  EXPECT_EQ(std::any_cast<Data>(copy->data).toString(), "kept");
+  EXPECT_NE(copy->response, result->response);
+  EXPECT_EQ(copy->response->statusCode, 500);
+
+  result->error = Error::make("NSURLErrorDomain", -1009, "offline");
+  EXPECT_FALSE(result->noConnection());
+  result->error = RequestErrors::noConnectionError();
+  EXPECT_TRUE(result->noConnection());
+}
+
+TEST(RequestErrorsTest, FixedErrorsAreSingleObjectsWithTheirTexts) {
+  EXPECT_EQ(RequestErrors::noConnectionError(), RequestErrors::noConnectionError());
+  const std::pair<const ErrorPtr*, std::int64_t> fixed[] = {
+      {&RequestErrors::invalidRequestProtocolError(), 100},
+      {&RequestErrors::invalidUrlError(), 200},
+      {&RequestErrors::couldNotCreateUrlRequestError(), 300},
+      {&RequestErrors::invalidFileTargetPathError(), 500},
+      {&RequestErrors::noConnectionError(), 600},
+      {&RequestErrors::alreadyExecutedError(), 700},
+      {&RequestErrors::incompleteRequestError(), 800},
+      {&RequestErrors::invalidResponseError(), 900},
+  };
+  for (const auto& [error, code] : fixed) {
+    EXPECT_EQ((*error)->domain(), "KPRequest");
+    EXPECT_EQ((*error)->code(), code);
+    EXPECT_EQ((*error)->userInfo().size(), 1u);
+  }
+  EXPECT_EQ(RequestErrors::alreadyExecutedError()->localizedDescription(), "This request was already executed.");
+  const auto status = RequestErrors::statusCodeErrorWith(503);
+  EXPECT_EQ(status->code(), 400);
+  EXPECT_EQ(status->localizedDescription(), "Request failed with status code: 503.");
+  EXPECT_EQ(RequestErrors::errorWith("m")->code(), 0);
+  EXPECT_EQ(RequestErrors::errorWith("m", 42)->code(), 42);
+}
+
+TEST(HttpEnumsTest, StatusCodesContentTypesAndHeaderNames) {
+  for (int raw : {1, 5, 100, 209, 308, 420, 426, 431, 497, 511, 522, 599, 4200, 4240, 4510}) {
+    EXPECT_EQ(httpStatusCodeFromRawValue(raw), static_cast<HttpStatusCode>(raw)) << raw;
+  }
+  for (int raw : {0, 6, 103, 210, 309, 421, 427, 430, 498, 512, 600, 4201}) {
+    EXPECT_EQ(httpStatusCodeFromRawValue(raw), std::nullopt) << raw;
+  }
+  EXPECT_EQ(MimeContentType::multipartFormData("xyz").headerValue(), "multipart/form-data; boundary=\"xyz\"");
+  EXPECT_EQ(MimeContentType::applicationJson().headerValue(), "application/json");
+  EXPECT_EQ(headerName(ResponseHeader::lastModified), "Last-Modified");
+}
+
+}  // namespace
+}  // namespace kp

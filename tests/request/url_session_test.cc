@@ -1,0 +1,402 @@
+// The session layer against real servers on 127.0.0.1: callbacks and their order, redirects,
+// cancellation, timeouts, transport errors, TLS trust decisions, downloads and bad responses.
+#include "kp/request/url_session.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+
+#include "support/temp_dir.h"
+#include "support/test_servers.h"
+
+namespace kp {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Records every callback as a line of text; answers as configured.
+class Recorder : public UrlSessionDelegate {
+ public:
+  ResponseDisposition disposition = ResponseDisposition::allow;
+  std::optional<AuthChallengeDisposition> trustAnswer;  // nothing: default handling
+  bool credentialFromTrust = false;
+  std::filesystem::path keepDownloadAt;
+
+  void didReceiveResponse(UrlSession&, UrlSessionDataTask&, const std::shared_ptr<const HttpUrlResponse>& response,
+                          ResponseDispositionHandler completion) override {
+    add("response " + std::to_string(response->statusCode()) + " " + std::to_string(response->expectedContentLength()));
+    completion(disposition);
+  }
+  void didReceiveData(UrlSession&, UrlSessionDataTask&, const Data& data) override {
+    std::lock_guard lock(mutex_);
+    body_.append(data);
+  }
+  void willPerformHttpRedirection(UrlSession&, UrlSessionTask&, const std::shared_ptr<const HttpUrlResponse>& response,
+                                  UrlRequest next, RedirectionHandler completion) override {
+    add("redirect " + std::to_string(response->statusCode()) + " " + next.httpMethod + " " + next.url.path());
+    completion(std::move(next));
+  }
+  void didReceiveChallenge(UrlSession&, UrlSessionTask&, const UrlAuthenticationChallenge& challenge,
+                           ChallengeHandler completion) override {
+    const auto& space = challenge.protectionSpace;
+    add(std::string("challenge ") + (space.serverTrust->evaluatesAsTrusted() ? "trusted" : "untrusted"));
+    if (!trustAnswer) return completion(AuthChallengeDisposition::performDefaultHandling, nullptr);
+    completion(*trustAnswer, credentialFromTrust ? UrlCredential::make(space.serverTrust) : nullptr);
+  }
+  void didWriteData(UrlSession&, UrlSessionDownloadTask&, std::int64_t written, std::int64_t total,
+                    std::int64_t expected) override {
+    std::lock_guard lock(mutex_);
+    EXPECT_GT(written, 0);
+    EXPECT_LE(total, expected < 0 ? total : expected);
+    progressTotal_ = total;
+  }
+  void didFinishDownloading(UrlSession&, UrlSessionDownloadTask&, const std::filesystem::path& location) override {
+    add("downloaded");
+    std::filesystem::copy_file(location, keepDownloadAt);
+    std::lock_guard lock(mutex_);
+    temporaryFile_ = location;
+  }
+  void didComplete(UrlSession&, UrlSessionTask&, const ErrorPtr& error) override {
+    add(error ? "complete " + std::to_string(error->code()) : std::string("complete ok"));
+    std::lock_guard lock(mutex_);
+    ++completions_;
+    changed_.notify_all();
+  }
+  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override {
+    add("invalid");
+    std::lock_guard lock(mutex_);
+    invalid_ = true;
+    changed_.notify_all();
+  }
+
+  bool waitForCompletions(int count, Duration limit = 10s) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return completions_ >= count; });
+  }
+  bool waitForInvalid() {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 10s, [&] { return invalid_; });
+  }
+  std::vector<std::string> events() {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+  std::string body() {
+    std::lock_guard lock(mutex_);
+    return body_.toString();
+  }
+  std::int64_t progressTotal() {
+    std::lock_guard lock(mutex_);
+    return progressTotal_;
+  }
+  std::filesystem::path temporaryFile() {
+    std::lock_guard lock(mutex_);
+    return temporaryFile_;
+  }
+
+ private:
+  void add(std::string event) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(std::move(event));
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> events_;
+  Data body_;
+  int completions_ = 0;
+  bool invalid_ = false;
+  std::int64_t progressTotal_ = 0;
+  std::filesystem::path temporaryFile_;
+};
+
+using Events = std::vector<std::string>;
+
+UrlRequest requestFor(const std::string& url, TimeInterval timeout = 10) {
+  UrlRequest request(*Url::parse(url));
+  request.timeoutInterval = timeout;
+  // Lengths in the expectations are those of the plain bodies.
+  request.setValue("identity", "Accept-Encoding");
+  return request;
+}
+
+class SessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto& s = server.server();
+    s.Get("/hello", [](const httplib::Request&, httplib::Response& r) { r.set_content("hello world", "text/plain"); });
+    s.Get("/chunked", [](const httplib::Request&, httplib::Response& r) {
+      r.set_chunked_content_provider("text/plain", [](size_t, httplib::DataSink& sink) {
+        sink.write("abc", 3);
+        sink.write("def", 3);
+        sink.done();
+        return true;
+      });
+    });
+    s.Get("/missing", [](const httplib::Request&, httplib::Response& r) {
+      r.status = 404;
+      r.set_content("not here", "text/plain");
+    });
+    s.Get("/r1", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("/r2", 302); });
+    s.Get("/r2", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("r3", 301); });
+    s.Get("/r3", [](const httplib::Request&, httplib::Response& r) { r.set_content("landed", "text/plain"); });
+    s.Post("/see-other", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("/r3", 303); });
+    s.Post("/echo", [](const httplib::Request& q, httplib::Response& r) {
+      r.set_content(q.method + " " + q.get_header_value("X-Test") + " " + q.body, "text/plain");
+    });
+    s.Get("/sleep", [](const httplib::Request&, httplib::Response& r) {
+      std::this_thread::sleep_for(1500ms);
+      r.set_content("late", "text/plain");
+    });
+    s.Get("/big", [](const httplib::Request&, httplib::Response& r) {
+      r.set_content(std::string(3 << 20, 'x'), "application/octet-stream");
+    });
+    server.start();
+  }
+
+  std::shared_ptr<UrlSession> session(const std::shared_ptr<Recorder>& recorder) {
+    return UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  }
+
+  test::TestServer server;
+};
+
+TEST_F(SessionTest, DataTasksReportResponseDataAndCompletionInOrder) {
+  auto recorder = std::make_shared<Recorder>();
+  auto s = session(recorder);
+  auto task = s->dataTask(requestFor(server.url("/hello")));
+  EXPECT_EQ(task->state(), UrlSessionTaskState::suspended);
+  task->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 11", "complete ok"}));
+  EXPECT_EQ(recorder->body(), "hello world");
+  EXPECT_EQ(task->state(), UrlSessionTaskState::completed);
+  EXPECT_EQ(task->response()->value("content-type"), "text/plain");
+  EXPECT_EQ(task->response()->allHeaderFields().at("Content-Type"), "text/plain");
+
+  auto chunked = std::make_shared<Recorder>();
+  auto s2 = session(chunked);
+  auto second = s2->dataTask(requestFor(server.url("/chunked")));
+  second->resume();
+  ASSERT_TRUE(chunked->waitForCompletions(1));
+  EXPECT_EQ(chunked->events(), (Events{"response 200 -1", "complete ok"}));
+  EXPECT_EQ(chunked->body(), "abcdef");
+  EXPECT_NE(task->taskIdentifier(), 0u);
+}
+
+TEST_F(SessionTest, CancelDispositionEndsTheTaskWithoutLoadingTheBody) {
+  auto recorder = std::make_shared<Recorder>();
+  recorder->disposition = ResponseDisposition::cancel;
+  auto s = session(recorder);
+  s->dataTask(requestFor(server.url("/missing")))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 404 8", "complete -999"}));
+  EXPECT_EQ(recorder->body(), "");
+}
+
+TEST_F(SessionTest, RedirectsAreReportedHopByHop) {
+  auto recorder = std::make_shared<Recorder>();
+  auto s = session(recorder);
+  auto task = s->dataTask(requestFor(server.url("/r1")));
+  task->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(),
+            (Events{"redirect 302 GET /r2", "redirect 301 GET /r3", "response 200 6", "complete ok"}));
+  EXPECT_EQ(recorder->body(), "landed");
+  EXPECT_EQ(task->currentRequest().url.path(), "/r3");
+
+  // 303 turns a POST into a GET without body.
+  auto post = std::make_shared<Recorder>();
+  auto s2 = session(post);
+  auto request = requestFor(server.url("/see-other"));
+  request.httpMethod = "POST";
+  request.httpBody = Data::fromString("x=1");
+  s2->dataTask(request)->resume();
+  ASSERT_TRUE(post->waitForCompletions(1));
+  EXPECT_EQ(post->events(), (Events{"redirect 303 GET /r3", "response 200 6", "complete ok"}));
+}
+
+TEST_F(SessionTest, SendsMethodHeadersAndBody) {
+  auto recorder = std::make_shared<Recorder>();
+  auto s = session(recorder);
+  auto request = requestFor(server.url("/echo"));
+  request.httpMethod = "POST";
+  request.setValue("yes", "X-Test");
+  request.httpBody = Data::fromString("a=1&b=2");
+  s->dataTask(request)->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->body(), "POST yes a=1&b=2");
+}
+
+TEST_F(SessionTest, TransportErrorsCarryTheUrlLoadingCodes) {
+  struct Case {
+    std::string url;
+    TimeInterval timeout;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {server.url("/sleep"), 0.3, -1001},
+      {"http://127.0.0.1:" + std::to_string(test::closedPort()) + "/", 5, -1004},
+      {"http://no-such-host.invalid/", 10, -1003},
+      {"ftp://127.0.0.1/file", 5, -1002},
+  };
+  for (const auto& c : cases) {
+    auto recorder = std::make_shared<Recorder>();
+    auto s = session(recorder);
+    const auto started = std::chrono::steady_clock::now();
+    auto task = s->dataTask(requestFor(c.url, c.timeout));
+    task->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << c.url;
+    EXPECT_EQ(recorder->events(), (Events{"complete " + std::to_string(c.code)})) << c.url;
+    ASSERT_TRUE(task->error());
+    EXPECT_EQ(task->error()->domain(), "NSURLErrorDomain");
+    EXPECT_EQ(task->error()->userInfoValue(Error::kFailingURLStringKey), c.url);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s) << c.url;
+  }
+}
+
+TEST_F(SessionTest, CancelStopsASlowBodyAndClosesTheConnection) {
+  std::atomic<bool> firstSent{false};
+  test::RawServer slow([&](const test::RawServer::Writer& write) {
+    if (!write("HTTP/1.1 200 OK\r\nContent-Length: 100000000\r\n\r\n")) return;
+    for (int i = 0; i < 400; ++i) {
+      if (!write(std::string(1000, 'x'))) return;
+      firstSent = true;
+      std::this_thread::sleep_for(10ms);
+    }
+  });
+  auto recorder = std::make_shared<Recorder>();
+  auto s = session(recorder);
+  auto task = s->dataTask(requestFor(slow.url("/")));
+  task->resume();
+  for (int i = 0; i < 500 && recorder->body().empty(); ++i) std::this_thread::sleep_for(5ms);
+  ASSERT_FALSE(recorder->body().empty());
+  task->cancel();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events().back(), "complete -999");
+  for (int i = 0; i < 400 && slow.clientsGone() == 0; ++i) std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(slow.clientsGone(), 1);
+
+  // A task cancelled before it ran completes with the same code.
+  auto unstarted = s->dataTask(requestFor(server.url("/hello")));
+  unstarted->cancel();
+  ASSERT_TRUE(recorder->waitForCompletions(2));
+  EXPECT_EQ(recorder->events().back(), "complete -999");
+}
+
+TEST_F(SessionTest, InvalidationCancelsAndReleasesTheDelegate) {
+  auto recorder = std::make_shared<Recorder>();
+  auto s = session(recorder);
+  s->dataTask(requestFor(server.url("/sleep")))->resume();
+  s->invalidateAndCancel();
+  ASSERT_TRUE(recorder->waitForInvalid());
+  EXPECT_EQ(recorder->events(), (Events{"complete -999", "invalid"}));
+  for (int i = 0; i < 200 && s->delegate(); ++i) std::this_thread::sleep_for(5ms);
+  EXPECT_EQ(s->delegate(), nullptr);
+  EXPECT_EQ(s->dataTask(requestFor(server.url("/hello"))), nullptr);
+
+  auto finishing = std::make_shared<Recorder>();
+  auto s2 = session(finishing);
+  s2->dataTask(requestFor(server.url("/hello")))->resume();
+  s2->finishTasksAndInvalidate();
+  ASSERT_TRUE(finishing->waitForInvalid());
+  EXPECT_EQ(finishing->events(), (Events{"response 200 11", "complete ok", "invalid"}));
+}
+
+TEST_F(SessionTest, DownloadTasksWriteTheBodyToATemporaryFile) {
+  test::TempDir dir;
+  auto recorder = std::make_shared<Recorder>();
+  recorder->keepDownloadAt = dir.path() / "copy";
+  auto s = session(recorder);
+  s->downloadTask(requestFor(server.url("/big")))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"downloaded", "complete ok"}));
+  EXPECT_EQ(std::filesystem::file_size(recorder->keepDownloadAt), 3u << 20);
+  EXPECT_EQ(recorder->progressTotal(), 3 << 20);
+  for (int i = 0; i < 200 && std::filesystem::exists(recorder->temporaryFile()); ++i) std::this_thread::sleep_for(5ms);
+  EXPECT_FALSE(std::filesystem::exists(recorder->temporaryFile()));
+}
+
+TEST(SessionTlsTest, TheTrustAnswerDecidesVerification) {
+  test::SelfSignedCertificate certificate;
+  test::TestServer server(&certificate);
+  server.server().Get("/",
+                      [](const httplib::Request&, httplib::Response& r) { r.set_content("secret", "text/plain"); });
+  server.start();
+  struct Case {
+    std::optional<AuthChallengeDisposition> answer;
+    bool credential;
+    Events expected;
+  };
+  const Case cases[] = {
+      {std::nullopt, false, {"challenge untrusted", "complete -1202"}},
+      {AuthChallengeDisposition::useCredential, true, {"challenge untrusted", "response 200 6", "complete ok"}},
+      {AuthChallengeDisposition::cancelAuthenticationChallenge, true, {"challenge untrusted", "complete -999"}},
+      {AuthChallengeDisposition::useCredential, false, {"challenge untrusted", "complete -1202"}},
+  };
+  for (const auto& c : cases) {
+    auto recorder = std::make_shared<Recorder>();
+    recorder->trustAnswer = c.answer;
+    recorder->credentialFromTrust = c.credential;
+    auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+    s->dataTask(requestFor(server.url("/")))->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1));
+    EXPECT_EQ(recorder->events(), c.expected);
+    EXPECT_EQ(recorder->body(), c.expected.size() == 3 ? "secret" : "");
+  }
+}
+
+TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
+  struct Case {
+    const char* name;
+    std::function<void(const test::RawServer::Writer&)> answer;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {"malformed status line", [](auto& w) { w("HTTP/1.1 abc\r\n\r\n"); }, -1011},
+      {"garbage", [](auto& w) { w("hello there\r\n\r\n"); }, -1011},
+      {"header block over 100 KiB",
+       [](auto& w) {
+         w("HTTP/1.1 200 OK\r\n");
+         for (int i = 0; i < 200; ++i) w("X-Filler-" + std::to_string(i) + ": " + std::string(1000, 'y') + "\r\n");
+         w("\r\n");
+       },
+       -1011},
+      {"closed mid-body", [](auto& w) { w("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nshort"); }, -1005},
+      {"nothing at all", [](auto&) {}, -1005},
+  };
+  for (const auto& c : cases) {
+    test::RawServer raw(c.answer);
+    auto recorder = std::make_shared<Recorder>();
+    auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+    auto task = s->dataTask(requestFor(raw.url("/"), 5));
+    task->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << c.name;
+    ASSERT_TRUE(task->error()) << c.name;
+    EXPECT_EQ(task->error()->code(), c.code)
+        << c.name << ": " << task->error()->underlyingError()->localizedDescription();
+  }
+}
+
+}  // namespace
+}  // namespace kp
+
+namespace kp {
+namespace {
+
+TEST(SessionBadResponseTest, BodyBeyondTheAnnouncedLengthIsCutOff) {
+  test::RawServer raw([](const test::RawServer::Writer& write) {
+    write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n" + std::string(1 << 20, 'm'));
+  });
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  s->dataTask(requestFor(raw.url("/"), 5))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 10", "complete ok"}));
+  EXPECT_EQ(recorder->body(), std::string(10, 'm'));
+}
+
+}  // namespace
+}  // namespace kp
