@@ -1,6 +1,7 @@
 // Responses, HTTP dates, cookies from header fields, results and the request errors.
 #include <gtest/gtest.h>
 
+#include "kp/coding/keyed_archiver.h"
 #include "kp/platform/data.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
@@ -91,6 +92,55 @@ TEST(RequestResultTest, DerivedFlagsAndCopies) {
   EXPECT_FALSE(result->noConnection());
   result->error = RequestErrors::noConnectionError();
   EXPECT_TRUE(result->noConnection());
+}
+
+TEST(RequestResultTest, ArchivesKeepPayloadErrorAndResponseButNotCookies) {
+  auto response = std::make_shared<HttpResponse>();
+  response->statusCode = 500;
+  response->headers = {{"ETag", "\"v1\""}, {"Content-Type", "text/plain"}};
+  response->addRedirect(*Url::parse("https://example.com/a%2Fb"));
+  response->cookies.push_back(HttpCookie::cookies({{"Set-Cookie", "a=1"}}, *Url::parse("https://example.com/")).at(0));
+  HttpRequestResult result;
+  result.data = Data{1, 2, 3};
+  result.error = RequestErrors::statusCodeErrorWith(500);
+  result.response = response;
+  result.cacheExpirationDate = Date::now();
+
+  auto archive = KeyedArchiver::archivedData(ArchiveValue(std::make_shared<HttpRequestResult>(result)));
+  ASSERT_TRUE(archive);
+  auto back = KeyedUnarchiver::safeUnarchivedObject(*archive);
+  ASSERT_TRUE(back);
+  auto restored = back->object<HttpRequestResult>();
+  ASSERT_TRUE(restored);
+  EXPECT_EQ(std::any_cast<Data>(restored->data), (Data{1, 2, 3}));
+  EXPECT_EQ(restored->error->code(), 400);
+  EXPECT_EQ(restored->error->localizedDescription(), result.error->localizedDescription());
+  ASSERT_TRUE(restored->response);
+  EXPECT_TRUE(restored->response->isEqual(*response));
+  EXPECT_EQ(restored->response->etag(), "\"v1\"");
+  EXPECT_TRUE(restored->response->cookies.empty());  // cookies are not archived
+  EXPECT_FALSE(restored->fromCache());               // nor is the cache expiry
+  EXPECT_TRUE(restored->failed());
+
+  // A payload without an archived form is dropped; the rest survives. A plain result keeps
+  // its own class.
+  RequestResult plain;
+  plain.data = std::vector<int>{1, 2};
+  plain.error = RequestErrors::noConnectionError();
+  auto plainBack = KeyedUnarchiver::safeUnarchivedObject(
+      *KeyedArchiver::archivedData(ArchiveValue(std::make_shared<RequestResult>(plain))));
+  ASSERT_TRUE(plainBack && plainBack->object<RequestResult>());
+  EXPECT_FALSE(plainBack->object<RequestResult>()->data.has_value());
+  EXPECT_EQ(plainBack->object<RequestResult>()->error->code(), 600);
+  EXPECT_FALSE(plainBack->object<HttpRequestResult>());
+  // Accepting results accepts their subclasses, but every nested class must be accepted too.
+  auto results = KeyedUnarchiver::propertyListClasses();
+  results.insert({"KPRequestResult", "NSError", "NSURL"});
+  EXPECT_TRUE(KeyedUnarchiver::unarchivedObject(
+      *KeyedArchiver::archivedData(ArchiveValue(std::make_shared<RequestResult>(plain))), results));
+  EXPECT_FALSE(KeyedUnarchiver::unarchivedObject(*archive, results));  // its response is a KPHttpResponse
+  results.insert("KPHttpResponse");
+  EXPECT_TRUE(KeyedUnarchiver::unarchivedObject(*archive, results));
 }
 
 TEST(RequestErrorsTest, FixedErrorsAreSingleObjectsWithTheirTexts) {

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_cookie.h"
@@ -44,8 +45,9 @@ class HttpResponseType {
   [[nodiscard]] virtual bool isNotModified() const = 0;
 };
 
-class HttpResponse : public HttpResponseType {
+class HttpResponse : public HttpResponseType, public Archivable {
  public:
+  static constexpr std::string_view kArchiveClassName = "KPHttpResponse";
   // Keys of the archived form; cookies are not archived.
   static constexpr std::string_view kArchiveKeyStatusCode = "_statusCode";
   static constexpr std::string_view kArchiveKeyHeaders = "_headers";
@@ -71,6 +73,13 @@ class HttpResponse : public HttpResponseType {
   [[nodiscard]] std::optional<Date> expiresDate() const override;
   [[nodiscard]] std::optional<Date> sentDate() const override;
   [[nodiscard]] bool isNotModified() const override { return statusCode == 304; }
+
+  // Archived as "KPHttpResponse" with the status, the headers and the redirects.
+  [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  void encode(ArchiveEncoder& coder) const override;
+  [[nodiscard]] static std::shared_ptr<HttpResponse> decode(ArchiveDecoder& coder);
+  // Equal status, headers and redirects (what survives archiving).
+  [[nodiscard]] bool isEqual(const Archivable& other) const override;
 };
 
 // Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").

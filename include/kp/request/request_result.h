@@ -17,14 +17,16 @@
 #include <optional>
 #include <string_view>
 
+#include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
 #include "kp/request/http_response.h"
 
 namespace kp {
 
-class RequestResult {
+class RequestResult : public Archivable {
  public:
+  static constexpr std::string_view kArchiveClassName = "KPRequestResult";
   // Keys of the archived form. "_data" is written only for archivable payloads;
   // cacheExpirationDate is not archived.
   static constexpr std::string_view kArchiveKeyData = "_data";
@@ -47,8 +49,20 @@ class RequestResult {
   // A new result of the same class with the same values.
   [[nodiscard]] virtual std::shared_ptr<RequestResult> copy() const { return std::make_shared<RequestResult>(*this); }
 
+  // Archived as "KPRequestResult": the error, and the payload when it is archivable (a byte
+  // buffer, text, number, date, URL, kp::ArchiveValue or archivable object).
+  [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  void encode(ArchiveEncoder& coder) const override;
+  [[nodiscard]] static std::shared_ptr<RequestResult> decode(ArchiveDecoder& coder);
+  // The payload as an archive value, when it is archivable.
+  [[nodiscard]] std::optional<ArchiveValue> archivableData() const;
+
   RequestResult(const RequestResult&) = default;
   RequestResult& operator=(const RequestResult&) = default;
+
+ protected:
+  // Reads what RequestResult::encode wrote into `result`.
+  static void decodeInto(RequestResult& result, ArchiveDecoder& coder);
 };
 
 using RequestResultType = RequestResult;
@@ -69,6 +83,7 @@ class HttpRequestResultType : public RequestResult {
 class HttpRequestResult : public HttpRequestResultType {
  public:
   static constexpr std::string_view kArchiveKeyResponse = "_response";
+  static constexpr std::string_view kArchiveClassName = "KPHttpRequestResult";
 
   HttpRequestResult() = default;
   HttpRequestResult(const HttpRequestResult&) = default;
@@ -83,6 +98,15 @@ class HttpRequestResult : public HttpRequestResultType {
     if (response) out->response = std::make_shared<HttpResponse>(*response);
     return out;
   }
+
+  // Archived as "KPHttpRequestResult": what RequestResult writes, and the response.
+  [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  void encode(ArchiveEncoder& coder) const override;
+  [[nodiscard]] static std::shared_ptr<HttpRequestResult> decode(ArchiveDecoder& coder);
+
+ protected:
+  // Reads what HttpRequestResult::encode wrote into `result`; typed results reuse it.
+  static void decodeInto(HttpRequestResult& result, ArchiveDecoder& coder);
 };
 
 }  // namespace kp
