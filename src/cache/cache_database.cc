@@ -226,45 +226,43 @@ void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entr
   (void)run(kSave, bindings);
 }
 
+std::vector<SQLiteRow<CacheItemColumns>> CacheControllerDatabase::rows(std::string_view sql,
+                                                                       const std::vector<SQLiteValue>& bindings,
+                                                                       bool firstOnly) {
+  if (!db_) return {};
+  try {
+    auto statement = db_->createPreparedStatement(sql, bindings);
+    std::vector<SQLiteRow<CacheItemColumns>> result;
+    if (firstOnly) {
+      if (auto row = statement->readRow<CacheItemColumns>()) result.push_back(std::move(*row));
+    } else {
+      result = statement->readAllRows<CacheItemColumns>();
+    }
+    statement->finalize();
+    return result;
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 std::optional<Data> CacheControllerDatabase::loadCacheData(std::string_view key) {
   std::lock_guard lock(mutex_);
-  if (!db_) return std::nullopt;
-  try {
-    auto statement = db_->createPreparedStatement(kLoad, {SQLiteValue(std::string(key))});
-    auto row = statement->readRow<CacheItemColumns>();
-    statement->finalize();
-    return row ? row->data(CacheItemColumns::data) : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  auto found = rows(kLoad, {SQLiteValue(std::string(key))}, true);
+  return found.empty() ? std::nullopt : found.front().data(CacheItemColumns::data);
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {
   std::lock_guard lock(mutex_);
-  if (!db_) return std::nullopt;
-  try {
-    auto statement = db_->createPreparedStatement(kSelectType, {SQLiteValue(std::string(key))});
-    auto row = statement->readRow<CacheItemColumns>();
-    statement->finalize();
-    if (!row) return std::nullopt;
-    auto raw = row->int32(CacheItemColumns::type);
-    return raw ? cacheItemTypeFromRawValue(*raw) : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  auto found = rows(kSelectType, {SQLiteValue(std::string(key))}, true);
+  if (found.empty()) return std::nullopt;
+  auto raw = found.front().int32(CacheItemColumns::type);
+  return raw ? cacheItemTypeFromRawValue(*raw) : std::nullopt;
 }
 
 std::optional<std::string> CacheControllerDatabase::getCacheItemGroup(std::string_view key) {
   std::lock_guard lock(mutex_);
-  if (!db_) return std::nullopt;
-  try {
-    auto statement = db_->createPreparedStatement(kSelectGroup, {SQLiteValue(std::string(key))});
-    auto row = statement->readRow<CacheItemColumns>();
-    statement->finalize();
-    return row ? row->string(CacheItemColumns::group) : std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  auto found = rows(kSelectGroup, {SQLiteValue(std::string(key))}, true);
+  return found.empty() ? std::nullopt : found.front().string(CacheItemColumns::group);
 }
 
 void CacheControllerDatabase::removeCacheItem(std::string_view key) {
@@ -293,16 +291,7 @@ void CacheControllerDatabase::updateTimestamp(std::string_view key, const Cachea
 std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type) {
   const auto now = nowSeconds();
   std::lock_guard lock(mutex_);
-  if (!db_) return {};
-  try {
-    auto statement =
-        db_->createPreparedStatement(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(now)});
-    auto rows = statement->readAllRows<CacheItemColumns>();
-    statement->finalize();
-    return keysAndGroups(rows);
-  } catch (const std::exception&) {
-    return {};
-  }
+  return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(now)}));
 }
 
 void CacheControllerDatabase::removeExpiredItems() {
@@ -316,15 +305,8 @@ void CacheControllerDatabase::removeExpiredItems() {
 
 std::vector<CacheKeyAndGroup> CacheControllerDatabase::getFileCacheKeysSortedByCreationDate() {
   std::lock_guard lock(mutex_);
-  if (!db_) return {};
-  try {
-    auto statement = db_->createPreparedStatement(kSelectFileKeys);
-    auto rows = statement->readAllRows<CacheItemColumns>();
-    statement->finalize();
-    return keysAndGroups(rows);  // the statement selects no group, so every group is absent
-  } catch (const std::exception&) {
-    return {};
-  }
+  // The statement selects no group, so every group comes back absent.
+  return keysAndGroups(rows(kSelectFileKeys, {}));
 }
 
 std::uint64_t CacheControllerDatabase::getSize() const {

@@ -106,6 +106,10 @@ class CacheControllerDatabase {
   void createDatabase();                       // REQUIRES: mutex_ held
   [[nodiscard]] std::int64_t storedVersion();  // REQUIRES: mutex_ held
   void configureConnection();                  // REQUIRES: mutex_ held
+  // The rows of one statement (only the first with `firstOnly`); none on any failure.
+  [[nodiscard]] std::vector<SQLiteRow<CacheItemColumns>> rows(std::string_view sql,
+                                                              const std::vector<SQLiteValue>& bindings,
+                                                              bool firstOnly = false);  // REQUIRES: mutex_ held
   // Runs one statement with its bindings to completion; false on any failure.
   bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
 
