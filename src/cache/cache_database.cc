@@ -103,10 +103,10 @@ std::string_view sqliteColumnName(MetadataColumns column) noexcept {
 }
 
 CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName)
-    : CacheControllerDatabase(dbFileName, cachesDirectory()) {}
+    : CacheControllerDatabase(std::move(dbFileName), cachesDirectory()) {}
 
-CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName, std::filesystem::path directory)
-    : dbFileName_(std::move(dbFileName)), path_(std::move(directory) / dbFileName_) {}
+CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName, const std::filesystem::path& directory)
+    : dbFileName_(std::move(dbFileName)), path_(directory / dbFileName_) {}
 
 bool CacheControllerDatabase::isOpen() const {
   std::lock_guard lock(mutex_);

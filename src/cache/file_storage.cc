@@ -12,11 +12,11 @@ namespace kp {
 
 namespace fs = std::filesystem;
 
-CacheControllerFileStorage::CacheControllerFileStorage(std::string fileName)
-    : CacheControllerFileStorage(std::move(fileName), cachesDirectory()) {}
+CacheControllerFileStorage::CacheControllerFileStorage(std::string_view fileName)
+    : CacheControllerFileStorage(fileName, cachesDirectory()) {}
 
-CacheControllerFileStorage::CacheControllerFileStorage(std::string fileName, fs::path directory)
-    : basePath_(std::move(directory) / fileName) {}
+CacheControllerFileStorage::CacheControllerFileStorage(std::string_view fileName, const fs::path& directory)
+    : basePath_(directory / fileName) {}
 
 fs::path CacheControllerFileStorage::groupFolder(const std::optional<std::string>& group) const {
   if (!group || group->empty()) return basePath_;

@@ -56,8 +56,8 @@ bool validDate(int year, int month, int day, int hour, int minute, int second) {
 
 Date makeDate(int year, int month, int day, int hour, int minute, int second, int offsetSeconds) {
   const std::int64_t days = daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
-  return Date::fromTimeIntervalSince1970(
-      static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second - offsetSeconds));
+  return Date::fromTimeIntervalSince1970(static_cast<double>(days * 86400 + std::int64_t{hour} * 3600 +
+                                                             std::int64_t{minute} * 60 + second - offsetSeconds));
 }
 
 // Reads exactly `count` digits (or 1...`count` when `atLeastOne`).

@@ -16,7 +16,10 @@ const ArchiveRegistration<HttpRequestResult> httpResultRegistration{std::string(
 template <class... T>
 std::optional<ArchiveValue> firstOf(const std::any& data) {
   std::optional<ArchiveValue> out;
-  ((!out && data.type() == typeid(T) ? (out = ArchiveValue(std::any_cast<const T&>(data)), true) : false), ...);
+  auto tryType = [&]<class U>() {
+    if (!out && data.type() == typeid(U)) out = ArchiveValue(std::any_cast<const U&>(data));
+  };
+  (tryType.template operator()<T>(), ...);
   return out;
 }
 

@@ -54,7 +54,7 @@ class CacheControllerDatabase {
 
   // The file `dbFileName` in the application's caches directory, or in `directory`.
   explicit CacheControllerDatabase(std::string dbFileName);
-  CacheControllerDatabase(std::string dbFileName, std::filesystem::path directory);
+  CacheControllerDatabase(std::string dbFileName, const std::filesystem::path& directory);
   CacheControllerDatabase(const CacheControllerDatabase&) = delete;
   CacheControllerDatabase& operator=(const CacheControllerDatabase&) = delete;
 

@@ -34,8 +34,8 @@ class CacheControllerDatabase;
 class CacheControllerFileStorage {
  public:
   // The folder `fileName` in the application's caches directory, or in `directory`.
-  explicit CacheControllerFileStorage(std::string fileName);
-  CacheControllerFileStorage(std::string fileName, std::filesystem::path directory);
+  explicit CacheControllerFileStorage(std::string_view fileName);
+  CacheControllerFileStorage(std::string_view fileName, const std::filesystem::path& directory);
   CacheControllerFileStorage(const CacheControllerFileStorage&) = delete;
   CacheControllerFileStorage& operator=(const CacheControllerFileStorage&) = delete;
 
