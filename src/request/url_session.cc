@@ -46,6 +46,8 @@ constexpr std::size_t kMaximumHeldBody = 1 << 20;
 // Data handed to the delegate queue but not yet consumed; beyond it the transfer pauses.
 constexpr std::int64_t kMaximumPendingBytes = 8 << 20;
 constexpr std::int64_t kResumePendingBytes = 2 << 20;
+// Easy handles a session keeps for later transfers.
+constexpr std::size_t kSpareHandles = 4;
 constexpr auto kIdleThreadLifetime = std::chrono::seconds(5);
 // The longest a finished task waits for the driver to let go of it: the report comes without
 // waking the driver, which usually has more to do soon anyway.
@@ -465,7 +467,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
                       static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   }
-  ~Impl() { curl_multi_cleanup(multi); }
+  ~Impl() {
+    for (CURL* easy : spareHandles) curl_easy_cleanup(easy);
+    curl_multi_cleanup(multi);
+  }
 
   const UrlSessionConfiguration configuration;
   const std::shared_ptr<DispatchQueue> delegateQueue;
@@ -491,6 +496,8 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   std::vector<TaskPtr> deferredHeads;
   // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
   std::size_t handedOver = 0;
+  // Reset easy handles of ended transfers, for the next ones (no allocation, warm buffers).
+  std::vector<CURL*> spareHandles;
   bool invalidating = false;
   bool invalidNotified = false;
 
@@ -734,7 +741,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // MARK: Transfers (driver thread)
 
   void configure(UrlSessionTask::Impl& t) {
-    if (t.easy == nullptr) {
+    if (t.easy == nullptr && !spareHandles.empty()) {
+      t.easy = spareHandles.back();
+      spareHandles.pop_back();
+    } else if (t.easy == nullptr) {
       t.easy = curl_easy_init();
     } else {
       curl_easy_reset(t.easy);
@@ -1222,7 +1232,12 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   void releaseTransfer(UrlSessionTask::Impl& t) {
     if (t.easy) {
-      curl_easy_cleanup(t.easy);
+      if (spareHandles.size() < kSpareHandles) {
+        curl_easy_reset(t.easy);
+        spareHandles.push_back(t.easy);
+      } else {
+        curl_easy_cleanup(t.easy);
+      }
       t.easy = nullptr;
     }
     if (t.headerList) {
