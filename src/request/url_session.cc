@@ -46,7 +46,12 @@ constexpr std::size_t kMaximumHeldBody = 1 << 20;
 // Data handed to the delegate queue but not yet consumed; beyond it the transfer pauses.
 constexpr std::int64_t kMaximumPendingBytes = 8 << 20;
 constexpr std::int64_t kResumePendingBytes = 2 << 20;
+// Easy handles a session keeps for later transfers.
+constexpr std::size_t kSpareHandles = 4;
 constexpr auto kIdleThreadLifetime = std::chrono::seconds(5);
+// The longest a finished task waits for the driver to let go of it: the report comes without
+// waking the driver, which usually has more to do soon anyway.
+constexpr int kSettleWaitMs = 5;
 constexpr long kReceiveBufferSize = 256 * 1024;
 // A response head beyond this size is refused.
 constexpr std::size_t kMaximumHeadSize = 100 * 1024;
@@ -92,6 +97,53 @@ class DnsShare {
   static constexpr std::size_t kLocks = 8;
   CURLSH* share_ = nullptr;
   std::mutex mutexes_[kLocks];
+};
+
+// Threads for the sessions' drivers. A session's driver runs until the session ends or has
+// been idle for a while; its thread then waits here for the next session's driver instead
+// of ending, which spares a short-lived session (one per request by default) a thread start.
+class DriverThreads {
+ public:
+  static DriverThreads& instance() {
+    static internal::NoDestructor<DriverThreads> threads;
+    return *threads;
+  }
+
+  void run(std::function<void()> driver) {
+    std::unique_lock lock(mutex_);
+    drivers_.push_back(std::move(driver));
+    if (waiting_ >= drivers_.size()) {
+      lock.unlock();
+      available_.notify_one();
+      return;
+    }
+    lock.unlock();
+    std::thread([this] { serve(); }).detach();
+  }
+
+ private:
+  static constexpr auto kIdleLifetime = std::chrono::seconds(5);
+
+  void serve() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      ++waiting_;
+      const bool got = available_.wait_for(lock, kIdleLifetime, [this] { return !drivers_.empty(); });
+      --waiting_;
+      if (!got) return;
+      auto driver = std::move(drivers_.front());
+      drivers_.pop_front();
+      lock.unlock();
+      driver();
+      driver = nullptr;
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable available_;
+  std::deque<std::function<void()>> drivers_;
+  std::size_t waiting_ = 0;
 };
 
 const char* descriptionOf(UrlError code) {
@@ -205,6 +257,18 @@ bool isHttpScheme(const Url& url) {
   return equalsIgnoringCase(url.scheme(), "http") || equalsIgnoringCase(url.scheme(), "https");
 }
 
+// A small transfer that ended before its response was shown to the delegate: what the
+// delegate gets once it allows the response, and the state of that answer.
+struct WholeTransfer {
+  static constexpr int kWaiting = 0;   // the delegate job is still in didReceiveResponse
+  static constexpr int kAnswered = 1;  // answered before that returned: the job goes on
+  static constexpr int kMovedOn = 2;   // returned unanswered: the answer posts the rest
+  std::atomic<int> phase{kWaiting};
+  std::atomic<int> answer{-1};
+  Data body;
+  ErrorPtr error;
+};
+
 // The answer to a trust challenge as the driver thread waits for it.
 struct TrustAnswer {
   std::mutex mutex;
@@ -306,6 +370,9 @@ struct UrlSessionTask::Impl {
   std::int64_t received = 0;
   std::int64_t expected = -1;
   std::atomic<bool> cancelRequested{false};
+  // Taken by whoever reports the task's end to the delegate: the driver thread, or the
+  // delegate queue when it runs a finished small transfer in one go (see deliverWhole).
+  std::atomic<bool> outcomeTaken{false};
   // Counted among the session's resumed tasks (which keep the session alive).
   std::atomic<bool> counted{false};
 
@@ -331,6 +398,10 @@ struct UrlSessionTask::Impl {
   Data heldBody;
   int redirects = 0;
   bool awaitingDisposition = false;
+  // The head is complete and the question goes out at the end of this driver pass.
+  bool dispositionDeferred = false;
+  // The delegate queue reports the end (deliverWhole).
+  bool handedOver = false;
   bool awaitingRedirect = false;
   bool paused = false;
   std::optional<CURLcode> doneCode;
@@ -396,7 +467,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
                       static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   }
-  ~Impl() { curl_multi_cleanup(multi); }
+  ~Impl() {
+    for (CURL* easy : spareHandles) curl_easy_cleanup(easy);
+    curl_multi_cleanup(multi);
+  }
 
   const UrlSessionConfiguration configuration;
   const std::shared_ptr<DispatchQueue> delegateQueue;
@@ -410,25 +484,41 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks;
   std::uint64_t nextTaskIdentifier = 1;
   bool threadRunning = false;
+  // The driver thread sleeps in curl_multi_poll (or is about to): commands must wake it.
+  bool polling = false;
   bool invalidated = false;
   bool ended = false;
   std::size_t runningCount = 0;
 
   // Driver thread only.
   std::unordered_map<std::uint64_t, TaskPtr> running;
+  // Heads completed during this pass whose disposition question is still to be asked.
+  std::vector<TaskPtr> deferredHeads;
+  // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
+  std::size_t handedOver = 0;
+  // Reset easy handles of ended transfers, for the next ones (no allocation, warm buffers).
+  std::vector<CURL*> spareHandles;
   bool invalidating = false;
   bool invalidNotified = false;
 
-  void post(std::function<void()> command) {
+  // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
+  void post(std::function<void()> command, bool urgent = true) {
     bool start = false;
+    bool wake = false;
     {
       std::lock_guard lock(mutex);
       commands.push_back(std::move(command));
-      if (!threadRunning) threadRunning = start = true;
+      if (!threadRunning) {
+        threadRunning = start = true;
+      } else if (urgent) {
+        // A busy driver looks at the commands before it polls again.
+        wake = polling;
+        polling = false;
+      }
     }
     if (start) {
-      std::thread([self = shared_from_this()] { self->run(); }).detach();
-    } else {
+      DriverThreads::instance().run([self = shared_from_this()] { self->run(); });
+    } else if (wake) {
       curl_multi_wakeup(multi);
     }
   }
@@ -464,14 +554,18 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       int stillRunning = 0;
       curl_multi_perform(multi, &stillRunning);
       readMessages();
-      const int waitMs = expireTimeouts();
+      askDeferred();
+      int waitMs = expireTimeouts();
+      if (handedOver > 0) waitMs = std::min(waitMs, kSettleWaitMs);
       if (!running.empty()) idleSince = Clock::now();
-      bool morePending = false;
       {
         std::lock_guard lock(mutex);
-        morePending = !commands.empty();
+        if (!commands.empty()) continue;
+        polling = true;
       }
-      if (!morePending) curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
+      curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
+      std::lock_guard lock(mutex);
+      polling = false;
     }
   }
 
@@ -647,7 +741,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // MARK: Transfers (driver thread)
 
   void configure(UrlSessionTask::Impl& t) {
-    if (t.easy == nullptr) {
+    if (t.easy == nullptr && !spareHandles.empty()) {
+      t.easy = spareHandles.back();
+      spareHandles.pop_back();
+    } else if (t.easy == nullptr) {
       t.easy = curl_easy_init();
     } else {
       curl_easy_reset(t.easy);
@@ -794,8 +891,98 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       }
     }
     if (t.download) return;
-    auto task = running.at(t.id);
-    askForDisposition(task);
+    // Asked at the end of this pass: a small body often ends in the same pass, and then the
+    // response, its body and the completion go to the delegate queue together.
+    t.awaitingDisposition = true;
+    t.dispositionDeferred = true;
+    deferredHeads.push_back(running.at(t.id));
+  }
+
+  void askDeferred() {
+    if (deferredHeads.empty()) return;
+    std::vector<TaskPtr> heads;
+    heads.swap(deferredHeads);
+    for (auto& task : heads) {
+      auto& t = task->impl();
+      if (!t.dispositionDeferred) continue;
+      t.dispositionDeferred = false;
+      if (t.finished) continue;
+      if (t.doneCode) {
+        deliverWhole(task);
+      } else {
+        askForDisposition(task);
+      }
+    }
+  }
+
+  // The transfer has ended while its response head waited for the end of the pass. One job
+  // on the delegate queue asks about the response and, when the delegate answers at once,
+  // goes on with the body and the completion there, without a round trip to this thread.
+  // The driver keeps the task among the running ones until that job reports back, so that a
+  // cancel meanwhile still ends it with a cancellation; outcomeTaken decides who reports.
+  void deliverWhole(const TaskPtr& task) {
+    auto& t = task->impl();
+    ErrorPtr error = errorFor(t, *t.doneCode);
+    detach(t);
+    releaseTransfer(t);
+    Data body = std::move(t.heldBody);
+    t.heldBody = Data();
+    t.handedOver = true;
+    ++handedOver;
+    auto whole = std::make_shared<WholeTransfer>();
+    whole->body = std::move(body);
+    whole->error = error;
+    auto self = shared_from_this();
+    auto response = t.hopResponse;
+    const bool delivered = deliver([self, task, response, whole](UrlSession& s, UrlSessionDelegate& d) {
+      d.didReceiveResponse(s, static_cast<UrlSessionDataTask&>(*task), response,
+                           [self, task, whole](ResponseDisposition disposition) {
+                             int unanswered = -1;
+                             if (!whole->answer.compare_exchange_strong(unanswered, static_cast<int>(disposition)))
+                               return;
+                             int waiting = WholeTransfer::kWaiting;
+                             if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kAnswered)) return;
+                             // Answered later, from anywhere: go on on the delegate queue.
+                             self->deliver([self, task, disposition, whole](UrlSession& later, UrlSessionDelegate& target) {
+                               self->finishWhole(later, target, task, disposition, *whole);
+                             });
+                           });
+      int waiting = WholeTransfer::kWaiting;
+      if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kMovedOn)) return;
+      self->finishWhole(s, d, task, static_cast<ResponseDisposition>(whole->answer.load()), *whole);
+    });
+    if (!delivered) {
+      t.awaitingDisposition = false;
+      finish(task, error);
+    }
+  }
+
+  // Delegate queue: the rest of a finished small transfer once the delegate has answered.
+  void finishWhole(UrlSession& s, UrlSessionDelegate& d, const TaskPtr& task, ResponseDisposition disposition,
+                   WholeTransfer& whole) {
+    auto& t = task->impl();
+    const bool allowed = disposition == ResponseDisposition::allow;
+    Data body = std::move(whole.body);
+    whole.body = Data();
+    ErrorPtr error;
+    {
+      std::lock_guard lock(t.mutex);
+      // A cancel that came first is reported by the driver thread.
+      if (t.state == UrlSessionTaskState::canceling || t.outcomeTaken.exchange(true)) return;
+      error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current.url);
+      t.state = UrlSessionTaskState::completed;
+      t.error = error;
+      if (allowed) t.received += static_cast<std::int64_t>(body.size());
+    }
+    auto self = shared_from_this();
+    post([self, task] { self->settle(task); }, false);
+    if (allowed && !body.empty()) d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), body);
+    d.didComplete(s, *task, error);
+  }
+
+  // Driver thread: the delegate queue has reported the end of a task.
+  void settle(const TaskPtr& task) {
+    if (!task->impl().finished) finish(task, nullptr);
   }
 
   void askForDisposition(const TaskPtr& task) {
@@ -1043,6 +1230,23 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
                         Error::make("libcurl", code, detail));
   }
 
+  void releaseTransfer(UrlSessionTask::Impl& t) {
+    if (t.easy) {
+      if (spareHandles.size() < kSpareHandles) {
+        curl_easy_reset(t.easy);
+        spareHandles.push_back(t.easy);
+      } else {
+        curl_easy_cleanup(t.easy);
+      }
+      t.easy = nullptr;
+    }
+    if (t.headerList) {
+      curl_slist_free_all(t.headerList);
+      t.headerList = nullptr;
+    }
+    t.body = Data();
+  }
+
   void detach(UrlSessionTask::Impl& t) {
     if (t.inMulti) {
       curl_multi_remove_handle(multi, t.easy);
@@ -1056,17 +1260,17 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     auto& t = task->impl();
     if (t.finished) return;
     t.finished = true;
+    if (t.handedOver) --handedOver;
     detach(t);
-    if (t.easy) {
-      curl_easy_cleanup(t.easy);
-      t.easy = nullptr;
-    }
-    if (t.headerList) {
-      curl_slist_free_all(t.headerList);
-      t.headerList = nullptr;
-    }
-    t.body = Data();
+    releaseTransfer(t);
     t.heldBody = Data();
+    if (t.outcomeTaken.exchange(true)) {
+      // Reported on the delegate queue already.
+      running.erase(t.id);
+      forget(t);
+      checkInvalidationDone();
+      return;
+    }
     {
       std::lock_guard lock(t.mutex);
       t.state = UrlSessionTaskState::completed;

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
+#include <utility>
 
 #include "support/temp_dir.h"
 #include "support/test_servers.h"
@@ -24,11 +25,22 @@ class Recorder : public UrlSessionDelegate {
   std::optional<AuthChallengeDisposition> trustAnswer;  // nothing: default handling
   bool credentialFromTrust = false;
   std::filesystem::path keepDownloadAt;
+  // Keeps the response answer for the test to give (heldAnswer) instead of answering.
+  bool holdAnswer = false;
 
   void didReceiveResponse(UrlSession&, UrlSessionDataTask&, const std::shared_ptr<const HttpUrlResponse>& response,
                           ResponseDispositionHandler completion) override {
     add("response " + std::to_string(response->statusCode()) + " " + std::to_string(response->expectedContentLength()));
-    completion(disposition);
+    if (!holdAnswer) return completion(disposition);
+    std::lock_guard lock(mutex_);
+    held_ = std::move(completion);
+    changed_.notify_all();
+  }
+  // Hands the kept answer over (it holds the session, which holds this delegate).
+  ResponseDispositionHandler heldAnswer() {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, 10s, [&] { return held_ != nullptr; });
+    return std::exchange(held_, nullptr);
   }
   void didReceiveData(UrlSession&, UrlSessionDataTask&, const Data& data) override {
     std::lock_guard lock(mutex_);
@@ -110,6 +122,7 @@ class Recorder : public UrlSessionDelegate {
   bool invalid_ = false;
   std::int64_t progressTotal_ = 0;
   std::filesystem::path temporaryFile_;
+  ResponseDispositionHandler held_;
 };
 
 using Events = std::vector<std::string>;
@@ -194,6 +207,43 @@ TEST_F(SessionTest, CancelDispositionEndsTheTaskWithoutLoadingTheBody) {
   ASSERT_TRUE(recorder->waitForCompletions(1));
   EXPECT_EQ(recorder->events(), (Events{"response 404 8", "complete -999"}));
   EXPECT_EQ(recorder->body(), "");
+}
+
+// The transfer ends while the delegate still holds its answer: nothing arrives unasked, a late
+// answer from another thread goes on in order, and a cancel before the answer wins.
+TEST_F(SessionTest, ALateResponseAnswerKeepsTheOrderAndLosesToACancel) {
+  auto recorder = std::make_shared<Recorder>();
+  recorder->holdAnswer = true;
+  auto s = session(recorder);
+  auto task = s->dataTask(requestFor(server.url("/hello")));
+  task->resume();
+  auto answer = recorder->heldAnswer();
+  ASSERT_TRUE(answer);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(recorder->events(), (Events{"response 200 11"}));
+  EXPECT_EQ(task->state(), UrlSessionTaskState::running);
+  EXPECT_EQ(task->countOfBytesReceived(), 0);
+  std::thread([answer] { answer(ResponseDisposition::allow); }).join();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 11", "complete ok"}));
+  EXPECT_EQ(recorder->body(), "hello world");
+  EXPECT_EQ(task->countOfBytesReceived(), 11);
+
+  auto cancelled = std::make_shared<Recorder>();
+  cancelled->holdAnswer = true;
+  auto s2 = session(cancelled);
+  auto second = s2->dataTask(requestFor(server.url("/hello")));
+  second->resume();
+  auto late = cancelled->heldAnswer();
+  ASSERT_TRUE(late);
+  std::this_thread::sleep_for(100ms);
+  second->cancel();
+  ASSERT_TRUE(cancelled->waitForCompletions(1));
+  late(ResponseDisposition::allow);
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(cancelled->events(), (Events{"response 200 11", "complete -999"}));
+  EXPECT_EQ(cancelled->body(), "");
+  EXPECT_EQ(second->error()->code(), static_cast<std::int64_t>(UrlError::cancelled));
 }
 
 TEST_F(SessionTest, RedirectsAreReportedHopByHop) {
