@@ -289,9 +289,12 @@ ErrorPtr makeUrlError(UrlError code, const std::optional<Url>& failingUrl, Error
 
 HttpUrlResponse::HttpUrlResponse(Url url, int statusCode, std::vector<HeaderField> headerFields)
     : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {
-  for (const auto& [name, value] : headerFields_) {
+  for (const auto& field : headerFields_) {
+    const auto& [name, value] = field;
+    // Captures the pair, not the bindings: clang before 16 lets no lambda capture a
+    // structured binding.
     auto it = std::find_if(allHeaderFields_.begin(), allHeaderFields_.end(),
-                           [&](const auto& entry) { return equalsIgnoringCase(entry.first, name); });
+                           [&field](const auto& entry) { return equalsIgnoringCase(entry.first, field.first); });
     if (it == allHeaderFields_.end()) {
       allHeaderFields_.emplace(name, value);
     } else {
@@ -935,18 +938,17 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     auto self = shared_from_this();
     auto response = t.hopResponse;
     const bool delivered = deliver([self, task, response, whole](UrlSession& s, UrlSessionDelegate& d) {
-      d.didReceiveResponse(s, static_cast<UrlSessionDataTask&>(*task), response,
-                           [self, task, whole](ResponseDisposition disposition) {
-                             int unanswered = -1;
-                             if (!whole->answer.compare_exchange_strong(unanswered, static_cast<int>(disposition)))
-                               return;
-                             int waiting = WholeTransfer::kWaiting;
-                             if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kAnswered)) return;
-                             // Answered later, from anywhere: go on on the delegate queue.
-                             self->deliver([self, task, disposition, whole](UrlSession& later, UrlSessionDelegate& target) {
-                               self->finishWhole(later, target, task, disposition, *whole);
-                             });
-                           });
+      d.didReceiveResponse(
+          s, static_cast<UrlSessionDataTask&>(*task), response, [self, task, whole](ResponseDisposition disposition) {
+            int unanswered = -1;
+            if (!whole->answer.compare_exchange_strong(unanswered, static_cast<int>(disposition))) return;
+            int waiting = WholeTransfer::kWaiting;
+            if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kAnswered)) return;
+            // Answered later, from anywhere: go on on the delegate queue.
+            self->deliver([self, task, disposition, whole](UrlSession& later, UrlSessionDelegate& target) {
+              self->finishWhole(later, target, task, disposition, *whole);
+            });
+          });
       int waiting = WholeTransfer::kWaiting;
       if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kMovedOn)) return;
       self->finishWhole(s, d, task, static_cast<ResponseDisposition>(whole->answer.load()), *whole);
