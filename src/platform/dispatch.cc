@@ -21,13 +21,14 @@
 #include "kp/platform/task_local.h"
 #include "platform/env.h"
 #include "platform/no_destructor.h"
+#include "platform/tls.h"
 
 namespace asio = boost::asio;
 
 namespace kp {
 namespace {
 
-thread_local const void* tInnermostFrame = nullptr;
+KP_FAST_TLS thread_local const void* tInnermostFrame = nullptr;
 std::atomic<std::thread::id> gMainThread{};
 
 // Wraps work so that it runs with the poster's task-local bindings.

@@ -1,9 +1,11 @@
 // The per-thread binding chain behind TaskLocal.
 #include "kp/platform/task_local.h"
 
+#include "platform/tls.h"
+
 namespace kp {
 namespace {
-thread_local TaskLocalSnapshot tCurrentBindings;
+KP_FAST_TLS thread_local TaskLocalSnapshot tCurrentBindings;
 }  // namespace
 
 const TaskLocalSnapshot& currentTaskLocalBindings() noexcept { return tCurrentBindings; }
