@@ -16,28 +16,6 @@ constexpr std::array<std::int8_t, 256> makeReverse() {
 constexpr auto kReverse = makeReverse();
 }  // namespace
 
-std::string base64Encode(std::span<const std::uint8_t> bytes) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  std::size_t i = 0;
-  for (; i + 3 <= bytes.size(); i += 3) {
-    const std::uint32_t n = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
-    out += kAlphabet[(n >> 18) & 63];
-    out += kAlphabet[(n >> 12) & 63];
-    out += kAlphabet[(n >> 6) & 63];
-    out += kAlphabet[n & 63];
-  }
-  if (const std::size_t rest = bytes.size() - i; rest > 0) {
-    std::uint32_t n = bytes[i] << 16;
-    if (rest == 2) n |= bytes[i + 1] << 8;
-    out += kAlphabet[(n >> 18) & 63];
-    out += kAlphabet[(n >> 12) & 63];
-    out += rest == 2 ? kAlphabet[(n >> 6) & 63] : '=';
-    out += '=';
-  }
-  return out;
-}
-
 std::optional<Data> base64Decode(std::string_view text) {
   Data out;
   out.reserve(text.size() / 4 * 3);

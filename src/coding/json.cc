@@ -3,7 +3,7 @@
 #include <boost/json.hpp>
 #include <cmath>
 
-#include "coding/base64.h"
+#include "kp/platform/base64.h"
 
 namespace kp {
 
@@ -77,7 +77,7 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
       if (v.isNil()) return json::value(nullptr, sp);
       return json::value(json::string_view(*v.ifString()), sp);
     case Value::Type::data:
-      return json::value(coding_detail::base64Encode(v.ifData()->bytes()), sp);
+      return json::value(base64Encode(v.ifData()->bytes()), sp);
     case Value::Type::date: {
       const Date d = *v.ifDate();
       switch (dates) {

@@ -25,6 +25,7 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/platform/base64.h"
 #include "kp/platform/data.h"
 #include "kp/platform/url.h"
 
@@ -38,30 +39,6 @@ namespace kp {
 // Plaintext of `bytes`, or nothing when the key is longer than 32 bytes. Stops the program
 // when `bytes` is not valid ciphertext for the key (see above).
 [[nodiscard]] std::optional<Data> aes256Decrypt(std::span<const std::uint8_t> bytes, std::string_view key);
-
-// ---- Base64 -------------------------------------------------------------------------------
-
-enum class Base64EncodingOptions : unsigned {
-  none = 0,
-  // Lines of 64 characters joined by CR LF, no line break after the last line.
-  lineLength64Characters = 1,
-};
-enum class Base64DecodingOptions : unsigned {
-  none = 0,
-  // Characters outside the alphabet (line breaks among them) are skipped.
-  ignoreUnknownCharacters = 1,
-};
-
-[[nodiscard]] std::string base64Encode(std::span<const std::uint8_t> bytes,
-                                       Base64EncodingOptions options = Base64EncodingOptions::none);
-// The same text as bytes.
-[[nodiscard]] Data base64EncodedData(std::span<const std::uint8_t> bytes,
-                                     Base64EncodingOptions options = Base64EncodingOptions::none);
-// Nothing when the text is not Base64: an unknown character without the option, an alphabet
-// character after "=" padding, or a count of alphabet and padding characters that is not a
-// multiple of four.
-[[nodiscard]] std::optional<Data> base64Decode(std::string_view text,
-                                               Base64DecodingOptions options = Base64DecodingOptions::none);
 
 // ---- String helpers -----------------------------------------------------------------------
 
@@ -107,8 +84,7 @@ class TarvixServiceEncryptionHelper {
   // decryptRawData, then the plaintext parsed as a JSON object or array (nothing if it is not
   // JSON). When decoding or decryption yields nothing, the body itself is parsed as JSON
   // instead, so that a plain JSON answer is accepted.
-  [[nodiscard]] static std::optional<JsonValue> decryptData(std::span<const std::uint8_t> data,
-                                                                     std::string_view key);
+  [[nodiscard]] static std::optional<JsonValue> decryptData(std::span<const std::uint8_t> data, std::string_view key);
 };
 
 }  // namespace kp
