@@ -11,6 +11,7 @@
 #include <limits>
 #include <memory>
 
+#include "platform/utf8.h"
 #include "service/cipher.h"
 
 namespace kp {
@@ -123,40 +124,6 @@ int hexValue(char c) {
   return -1;
 }
 
-bool isValidUtf8(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    std::size_t extra = 0;
-    std::uint32_t cp = 0;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      cp = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      cp = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + extra >= text.size()) return false;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      const auto d = static_cast<unsigned char>(text[i + k]);
-      if ((d & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (d & 0x3F);
-    }
-    static constexpr std::uint32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMinimum[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    i += extra + 1;
-  }
-  return true;
-}
-
 // Removes percent escapes; nothing for a malformed escape or a result that is not UTF-8.
 std::optional<std::string> removingPercentEncoding(std::string_view text) {
   std::string out;
@@ -173,7 +140,7 @@ std::optional<std::string> removingPercentEncoding(std::string_view text) {
     out.push_back(static_cast<char>(hi * 16 + lo));
     i += 2;
   }
-  if (!isValidUtf8(out)) return std::nullopt;
+  if (!internal::isValidUtf8(out)) return std::nullopt;
   return out;
 }
 
