@@ -1424,24 +1424,18 @@ std::shared_ptr<UrlSessionDownloadTask> UrlSession::downloadTask(UrlRequest requ
   return makeTask<UrlSessionDownloadTask>(impl_, std::move(request), true);
 }
 
-void UrlSession::invalidateAndCancel() {
-  {
-    std::lock_guard lock(impl_->mutex);
-    if (impl_->invalidated) return;
-    impl_->invalidated = true;
-    impl_->keepAlive = shared_from_this();
-  }
-  impl_->post([impl = impl_] { impl->invalidate(true); });
-}
+void UrlSession::invalidateAndCancel() { invalidate(true); }
 
-void UrlSession::finishTasksAndInvalidate() {
+void UrlSession::finishTasksAndInvalidate() { invalidate(false); }
+
+void UrlSession::invalidate(bool cancelRunningTasks) {
   {
     std::lock_guard lock(impl_->mutex);
     if (impl_->invalidated) return;
     impl_->invalidated = true;
     impl_->keepAlive = shared_from_this();
   }
-  impl_->post([impl = impl_] { impl->invalidate(false); });
+  impl_->post([impl = impl_, cancelRunningTasks] { impl->invalidate(cancelRunningTasks); });
 }
 
 std::shared_ptr<UrlSessionDelegate> UrlSession::delegate() const {

@@ -288,6 +288,8 @@ class UrlSession : public std::enable_shared_from_this<UrlSession> {
  private:
   UrlSession(UrlSessionConfiguration configuration, std::shared_ptr<UrlSessionDelegate> delegate,
              std::shared_ptr<DispatchQueue> delegateQueue);
+  // Marks the session invalid once and hands the rest to its driver.
+  void invalidate(bool cancelRunningTasks);
   std::shared_ptr<Impl> impl_;
 };
 
