@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <boost/describe/class.hpp>
-#include <cstdio>
 
 #include "kp/cache/cache_database.h"
 #include "kp/coding/property_list.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace app {
@@ -136,15 +136,10 @@ TEST_F(CacheItemTest, StoredRowsAreStandardPropertyLists) {
       "a=plistlib.loads(p['item'])\n"
       "print(p['codingVersion'],p['cacheType'],p['cacheConfiguration']['maximumAge'],a['$archiver'],"
       "a['$objects'][a['$top']['root'].data])\n";
-  const std::string command = "python3 -c \"$KP_PY\" '" + (dir_.path() / "centralcache.db").string() + "' 2>&1";
-  ::setenv("KP_PY", script.c_str(), 1);
-  std::string out;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    ::pclose(pipe);
-  }
-  EXPECT_EQ(out, "1 0 60.0 NSKeyedArchiver payload\n");
+  using kp::test::shellQuote;
+  const auto run = kp::test::runCommand("python3 -c " + shellQuote(script) + " " +
+                                        shellQuote((dir_.path() / "centralcache.db").string()) + " 2>&1");
+  EXPECT_EQ(run.output, "1 0 60.0 NSKeyedArchiver payload\n");
 }
 
 }  // namespace

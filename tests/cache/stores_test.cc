@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
 #include <thread>
 
@@ -10,6 +9,7 @@
 #include "kp/cache/file_storage.h"
 #include "kp/cache/memory_storage.h"
 #include "kp/service/encryption.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -39,14 +39,8 @@ kp::CacheItemConfiguration config(double age, std::optional<std::string> group =
 
 // Runs a statement through the sqlite3 shell and returns its output.
 std::string shell(const std::filesystem::path& db, const std::string& sql) {
-  const std::string command = "sqlite3 '" + db.string() + "' \"" + sql + "\" 2>&1";
-  std::string out;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char buffer[256];
-    while (std::fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    ::pclose(pipe);
-  }
-  return out;
+  using kp::test::shellQuote;
+  return kp::test::runCommand("sqlite3 " + shellQuote(db.string()) + " " + shellQuote(sql) + " 2>&1").output;
 }
 
 TEST(CacheItemConfiguration, ExpiryRuleAndEquality) {
