@@ -40,33 +40,47 @@ fs::path freshDir(const std::string& name) {
 
 const kp::Data kPayload = kp::Data(std::vector<std::uint8_t>(1024, 0x5a));
 
-void BM_Baseline_RawSqliteInsert(benchmark::State& state) {
-  const auto dir = freshDir("raw");
+// A raw database with the cache's table and the same journal and sync settings.
+sqlite3* openRawCache(const std::string& name) {
   sqlite3* db = nullptr;
-  sqlite3_open((dir / "raw.db").c_str(), &db);
+  sqlite3_open((freshDir(name) / "raw.db").c_str(), &db);
   sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
   sqlite3_exec(
       db,
       "CREATE TABLE cache ( id VARCHAR(200) PRIMARY KEY, groupName VARCHAR(200), cacheType INTEGER, "
       "rollingExpiration INTEGER, autoExpiration INTEGER, data BLOB, timestamp INTEGER, maximum_age INTEGER );",
       nullptr, nullptr, nullptr);
+  return db;
+}
+
+sqlite3_stmt* prepareRawInsert(sqlite3* db) {
   sqlite3_stmt* insert = nullptr;
   sqlite3_prepare_v2(db,
                      "INSERT OR REPLACE INTO cache (id, cacheType, groupName, rollingExpiration, autoExpiration, "
                      "data, timestamp, maximum_age) VALUES (?, ?, ?, ?, ?, ?, ?, ?);",
                      -1, &insert, nullptr);
+  return insert;
+}
+
+// Binds the same row the cache database writes for a 1 KiB entry, and runs the insert.
+void runRawInsert(sqlite3_stmt* insert, const std::string& key) {
+  sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_bind_int(insert, 2, 0);
+  sqlite3_bind_null(insert, 3);
+  sqlite3_bind_int(insert, 4, 0);
+  sqlite3_bind_int(insert, 5, 1);
+  sqlite3_bind_blob(insert, 6, kPayload.data(), static_cast<int>(kPayload.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_int(insert, 7, 1700000000);
+  sqlite3_bind_int(insert, 8, 3600);
+  sqlite3_step(insert);
+}
+
+void BM_Baseline_RawSqliteInsert(benchmark::State& state) {
+  sqlite3* db = openRawCache("raw");
+  sqlite3_stmt* insert = prepareRawInsert(db);
   int i = 0;
   for (auto _ : state) {
-    const std::string key = "key-" + std::to_string(i++ % 5000);
-    sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_int(insert, 2, 0);
-    sqlite3_bind_null(insert, 3);
-    sqlite3_bind_int(insert, 4, 0);
-    sqlite3_bind_int(insert, 5, 1);
-    sqlite3_bind_blob(insert, 6, kPayload.data(), static_cast<int>(kPayload.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_int(insert, 7, 1700000000);
-    sqlite3_bind_int(insert, 8, 3600);
-    sqlite3_step(insert);
+    runRawInsert(insert, "key-" + std::to_string(i++ % 5000));
     sqlite3_reset(insert);
   }
   sqlite3_finalize(insert);
@@ -78,32 +92,11 @@ BENCHMARK(BM_Baseline_RawSqliteInsert);
 // The same inserts with the statement prepared and finalized each time, as the cache
 // database's every-statement-once rule requires: the cost that rule itself adds.
 void BM_Baseline_RawSqliteInsertPreparedEachTime(benchmark::State& state) {
-  const auto dir = freshDir("raw-each");
-  sqlite3* db = nullptr;
-  sqlite3_open((dir / "raw.db").c_str(), &db);
-  sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr, nullptr);
-  sqlite3_exec(
-      db,
-      "CREATE TABLE cache ( id VARCHAR(200) PRIMARY KEY, groupName VARCHAR(200), cacheType INTEGER, "
-      "rollingExpiration INTEGER, autoExpiration INTEGER, data BLOB, timestamp INTEGER, maximum_age INTEGER );",
-      nullptr, nullptr, nullptr);
+  sqlite3* db = openRawCache("raw-each");
   int i = 0;
   for (auto _ : state) {
-    sqlite3_stmt* insert = nullptr;
-    sqlite3_prepare_v2(db,
-                       "INSERT OR REPLACE INTO cache (id, cacheType, groupName, rollingExpiration, autoExpiration, "
-                       "data, timestamp, maximum_age) VALUES (?, ?, ?, ?, ?, ?, ?, ?);",
-                       -1, &insert, nullptr);
-    const std::string key = "key-" + std::to_string(i++ % 5000);
-    sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-    sqlite3_bind_int(insert, 2, 0);
-    sqlite3_bind_null(insert, 3);
-    sqlite3_bind_int(insert, 4, 0);
-    sqlite3_bind_int(insert, 5, 1);
-    sqlite3_bind_blob(insert, 6, kPayload.data(), static_cast<int>(kPayload.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_int(insert, 7, 1700000000);
-    sqlite3_bind_int(insert, 8, 3600);
-    sqlite3_step(insert);
+    sqlite3_stmt* insert = prepareRawInsert(db);
+    runRawInsert(insert, "key-" + std::to_string(i++ % 5000));
     sqlite3_clear_bindings(insert);
     sqlite3_finalize(insert);
   }

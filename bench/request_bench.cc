@@ -153,14 +153,31 @@ void setCommonOptions(CURL* easy, const std::string& url) {
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
 }
 
+// One request on a new easy handle; its connections go to `share` when given.
+std::string fetchWithNewEasy(const std::string& url, CURLSH* share) {
+  CURL* easy = curl_easy_init();
+  setCommonOptions(easy, url);
+  if (share != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, share);
+  std::string body;
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
+  curl_easy_perform(easy);
+  curl_easy_cleanup(easy);
+  return body;
+}
+
+void countRequests(benchmark::State& state) {
+  state.counters["requests/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
 void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
   auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, session));
   session->invalidateAndCancel();
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  countRequests(state);
 }
 
 void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
@@ -176,31 +193,19 @@ void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
     benchmark::DoNotOptimize(body);
   }
   curl_easy_cleanup(easy);
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  countRequests(state);
 }
 
 void BM_Transfer_SmallGets_Handler_PrivateSession(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, nullptr));
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  countRequests(state);
 }
 
 void BM_Transfer_SmallGets_RawCurl_NewEasy(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
-  for (auto _ : state) {
-    CURL* easy = curl_easy_init();
-    setCommonOptions(easy, url);
-    std::string body;
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
-    curl_easy_perform(easy);
-    curl_easy_cleanup(easy);
-    benchmark::DoNotOptimize(body);
-  }
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, nullptr));
+  countRequests(state);
 }
 
 // New easy handles whose connections live in a share handle: what a connection pool beneath
@@ -210,20 +215,9 @@ void BM_Transfer_SmallGets_RawCurl_NewEasy_PooledConnection(benchmark::State& st
   CURLSH* share = curl_share_init();
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-  for (auto _ : state) {
-    CURL* easy = curl_easy_init();
-    setCommonOptions(easy, url);
-    curl_easy_setopt(easy, CURLOPT_SHARE, share);
-    std::string body;
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToString);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body);
-    curl_easy_perform(easy);
-    curl_easy_cleanup(easy);
-    benchmark::DoNotOptimize(body);
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, share));
   curl_share_cleanup(share);
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  countRequests(state);
 }
 
 void BM_Transfer_Large_Handler_ToMemory(benchmark::State& state) {
