@@ -74,7 +74,7 @@ CacheItem CacheItem::decode(const Decoder& decoder) {
   }
   try {
     if (auto bytes = keyed.decodeIfPresent<Data>(kExtraItemsKey)) {
-      auto extras = KeyedUnarchiver::unarchivedObject(*bytes, KeyedUnarchiver::knownClasses());
+      auto extras = KeyedUnarchiver::safeUnarchivedObject(*bytes);
       if (extras) {
         if (const auto* dictionary = extras->get<ArchiveValue::Dictionary>()) entry.extraItems = *dictionary;
       }

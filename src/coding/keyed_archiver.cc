@@ -264,8 +264,9 @@ struct ArchiveDecoder::State {
   std::vector<bool> inProgress;
   std::uint64_t budget = 0;
 
+  // Reached only for built-in kinds and registered classes; no set means every one of them.
   bool isAllowed(std::string_view name, const std::vector<std::string>& superclasses) const {
-    if (allowed->contains(name)) return true;
+    if (allowed == nullptr || allowed->contains(name)) return true;
     for (const auto& s : superclasses) {
       if (allowed->contains(s)) return true;
     }
@@ -495,6 +496,16 @@ std::set<std::string, std::less<>> KeyedUnarchiver::knownClasses() {
 std::optional<ArchiveValue> KeyedUnarchiver::unarchivedObject(const Data& data,
                                                               const std::set<std::string, std::less<>>& allowed,
                                                               const ClassMapping& mapping) {
+  return unarchive(data, &allowed, mapping);
+}
+
+std::optional<ArchiveValue> KeyedUnarchiver::safeUnarchivedObject(const Data& data, const ClassMapping& mapping) {
+  return unarchive(data, nullptr, mapping);
+}
+
+std::optional<ArchiveValue> KeyedUnarchiver::unarchive(const Data& data,
+                                                       const std::set<std::string, std::less<>>* allowed,
+                                                       const ClassMapping& mapping) {
   try {
     const Value archive = readPropertyList(data.bytes());
     const Value* archiver = archive.find("$archiver");
@@ -506,7 +517,7 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchivedObject(const Data& data,
     if (!root) return std::nullopt;
     ArchiveDecoder::State state;
     state.objects = objects->ifArray();
-    state.allowed = &allowed;
+    state.allowed = allowed;
     state.mapping = &mapping;
     const std::size_t n = state.objects->size();
     state.done.resize(n);

@@ -193,9 +193,7 @@ class KeyedUnarchiver {
   // The safe helper: unarchives accepting every known class (and nothing unknown), with
   // `mapping` resolving archived names that no class is registered under.
   [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(const Data& data,
-                                                                        const ClassMapping& mapping = {}) {
-    return unarchivedObject(data, knownClasses(), mapping);
-  }
+                                                                        const ClassMapping& mapping = {});
 
   [[nodiscard]] static std::optional<ArchiveValue> unarchivedObject(const Data& data,
                                                                     const std::set<std::string, std::less<>>& allowed,
@@ -208,6 +206,12 @@ class KeyedUnarchiver {
     auto v = unarchivedObject(data, allowed, mapping);
     return v ? v->object<T>() : nullptr;
   }
+
+ private:
+  // `allowed` null accepts every known class.
+  [[nodiscard]] static std::optional<ArchiveValue> unarchive(const Data& data,
+                                                             const std::set<std::string, std::less<>>* allowed,
+                                                             const ClassMapping& mapping);
 };
 
 }  // namespace kp
