@@ -96,6 +96,8 @@ bool DispatchQueue::isCurrent() const noexcept {
   return false;
 }
 
+bool DispatchQueue::runNowIfIdle(const std::function<void()>&) { return false; }
+
 void DispatchQueue::asyncAfter(Duration delay, Work work) {
   auto& context = TimerService::shared().context();
   auto timer = std::make_shared<asio::steady_timer>(context, delay);
@@ -378,6 +380,24 @@ void SerialQueue::sync(const std::function<void()>& work) {
   const bool post = releaseOwnership(*impl_);
   lock.unlock();
   if (post) scheduleDrain();
+}
+
+bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
+  if (impl_->target != globalQueue() || isCurrent()) return false;
+  {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->owned || impl_->scheduled || !impl_->items.empty()) return false;
+    impl_->owned = true;
+  }
+  {
+    RunningFrame frame(this);
+    work();
+  }
+  std::unique_lock lock(impl_->mutex);
+  const bool post = releaseOwnership(*impl_);
+  lock.unlock();
+  if (post) scheduleDrain();
+  return true;
 }
 
 void SerialQueue::scheduleDrain() {

@@ -101,6 +101,40 @@ TEST(SerialQueue, ProgressesWhenEveryPoolThreadBlocksInSync) {
   EXPECT_EQ(ran.load(), 8 + blockers);
 }
 
+TEST(SerialQueue, RunsNowOnlyWhenIdleAndNeverAheadOfQueuedWork) {
+  auto queue = kp::SerialQueue::make("test.now");
+  std::vector<int> order;
+  bool current = false;
+  ASSERT_TRUE(queue->runNowIfIdle([&] {
+    current = queue->isCurrent();
+    order.push_back(1);
+    // Work posted meanwhile waits for this item and then runs on the pool.
+    queue->async([&] { order.push_back(2); });
+    EXPECT_FALSE(queue->runNowIfIdle([&] { order.push_back(-1); }));
+  }));
+  EXPECT_TRUE(current);
+  EXPECT_FALSE(queue->isCurrent());
+
+  std::promise<void> release;
+  auto released = release.get_future().share();
+  queue->async([&, released] {
+    released.wait();
+    order.push_back(3);
+  });
+  EXPECT_FALSE(queue->runNowIfIdle([&] { order.push_back(-1); }));
+  release.set_value();
+  queue->sync([] {});
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+
+  // Work for the main queue, or for a queue that targets it, belongs to the main thread.
+  auto onMain = kp::SerialQueue::make("test.now.main", kp::MainQueue::shared());
+  std::thread other([&] {
+    EXPECT_FALSE(kp::MainQueue::shared()->runNowIfIdle([] {}));
+    EXPECT_FALSE(onMain->runNowIfIdle([] {}));
+  });
+  other.join();
+}
+
 TEST(MainQueue, RunsNothingUntilDrainedThenRunsOnTheDrainingThread) {
   auto main = kp::MainQueue::shared();
   main->runPending();  // start from an empty queue

@@ -41,6 +41,10 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   // (or a queue it targets) is running, `work` runs at once rather than waiting for itself.
   virtual void sync(const std::function<void()>& work) = 0;
   [[nodiscard]] virtual const std::string& label() const noexcept = 0;
+  // Runs `work` on the calling thread, as this queue's item, when the queue is idle and work
+  // run here would be indistinguishable from work run by async(); returns false, leaving
+  // `work` unrun, otherwise. Spares a producer that is about to go idle a thread hand-off.
+  [[nodiscard]] virtual bool runNowIfIdle(const std::function<void()>& work);
 
   // True while the calling thread runs work of this queue.
   [[nodiscard]] bool isCurrent() const noexcept;
@@ -118,6 +122,8 @@ class SerialQueue final : public DispatchQueue {
   void async(Work work) override;
   void sync(const std::function<void()>& work) override;
   [[nodiscard]] const std::string& label() const noexcept override;
+  // Only for a queue on the background pool, whose items may run on any thread.
+  [[nodiscard]] bool runNowIfIdle(const std::function<void()>& work) override;
 
   struct Impl;
 
