@@ -11,8 +11,13 @@
 // delegate and waits for the answer (or the task's cancellation, or its timeout).
 //
 // Connections, DNS answers and TLS state: a session's multi handle pools its own
-// connections; DNS answers are shared by all sessions through one share handle. TLS session
-// resumption is off so that every TLS connection meets the trust challenge.
+// connections while the session lives. When a session that made only plain HTTP connections
+// ends, its multi handle, with the connections still open, goes to a small pool from which
+// later sessions take theirs (see TransportPool): a session per request then still reuses
+// connections, which nothing in the interface can observe. A multi handle that carried TLS
+// is closed with its session instead, and TLS session resumption is off, so that every TLS
+// connection meets its own session's trust challenge. DNS answers are shared by all
+// sessions through one share handle.
 #include "kp/request/url_session.h"
 
 #include <curl/curl.h>
@@ -27,6 +32,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <iterator>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -103,6 +109,90 @@ class DnsShare {
   std::mutex mutexes_[kLocks];
 };
 
+// What a session transfers with: a multi handle (and the connections in its cache) and reset
+// easy handles of ended transfers, which spare later transfers an allocation and warm up
+// their buffers.
+struct Transport {
+  CURLM* multi = nullptr;
+  std::vector<CURL*> spareHandles;
+  Clock::time_point idleSince;
+
+  static Transport make() {
+    Transport transport;
+    transport.multi = curl_multi_init();
+    return transport;
+  }
+  void close() {
+    for (CURL* easy : spareHandles) curl_easy_cleanup(easy);
+    spareHandles.clear();
+    if (multi) curl_multi_cleanup(multi);
+    multi = nullptr;
+  }
+};
+
+// The transports of ended sessions whose connections later sessions may use. Few are kept,
+// and none for long: an idle one is closed after kIdleConnectionLifetime, by whoever next
+// uses the pool or by a driver thread that ends for want of work.
+class TransportPool {
+ public:
+  static TransportPool& instance() {
+    static internal::NoDestructor<TransportPool> pool;
+    return *pool;
+  }
+
+  Transport acquire() {
+    std::vector<Transport> expired;
+    Transport transport;
+    {
+      std::lock_guard lock(mutex_);
+      takeExpired(Clock::now() - kIdleConnectionLifetime, expired);
+      if (!idle_.empty()) {
+        transport = std::move(idle_.back());
+        idle_.pop_back();
+      }
+    }
+    for (auto& old : expired) old.close();
+    return transport.multi ? std::move(transport) : Transport::make();
+  }
+
+  // REQUIRES: no easy handle is in `transport`'s multi handle.
+  void release(Transport transport) {
+    transport.idleSince = Clock::now();
+    {
+      std::lock_guard lock(mutex_);
+      if (idle_.size() < kCapacity) {
+        idle_.push_back(std::move(transport));
+        return;
+      }
+    }
+    transport.close();
+  }
+
+  // Closes what has been idle for `age` or longer.
+  void closeIdle(Clock::duration age) {
+    std::vector<Transport> expired;
+    {
+      std::lock_guard lock(mutex_);
+      takeExpired(Clock::now() - age, expired);
+    }
+    for (auto& old : expired) old.close();
+  }
+
+ private:
+  static constexpr std::size_t kCapacity = 4;
+  static constexpr auto kIdleConnectionLifetime = std::chrono::seconds(5);
+
+  void takeExpired(Clock::time_point idleBefore, std::vector<Transport>& out) {
+    auto expired =
+        std::stable_partition(idle_.begin(), idle_.end(), [&](const Transport& t) { return t.idleSince > idleBefore; });
+    std::move(expired, idle_.end(), std::back_inserter(out));
+    idle_.erase(expired, idle_.end());
+  }
+
+  std::mutex mutex_;
+  std::vector<Transport> idle_;  // guarded by mutex_
+};
+
 // Threads for the sessions' drivers. A session's driver runs until the session ends or has
 // been idle for a while; its thread then waits here for the next session's driver instead
 // of ending, which spares a short-lived session (one per request by default) a thread start.
@@ -144,7 +234,12 @@ class DriverThreads {
       const bool got = available_.wait_for(lock, kIdleLifetime, [this] { return !drivers_.empty(); });
       spin.record(Clock::now() - started);
       --waiting_;
-      if (!got) return;
+      if (!got) {
+        lock.unlock();
+        // The last pooled connections may have been left by this thread's last session.
+        TransportPool::instance().closeIdle(kIdleLifetime);
+        return;
+      }
       auto driver = std::move(drivers_.front());
       drivers_.pop_front();
       queued_.store(drivers_.size(), std::memory_order_relaxed);
@@ -483,18 +578,19 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
        std::shared_ptr<DispatchQueue> queue)
       : configuration(std::move(config)), delegateQueue(std::move(queue)), delegate(std::move(sessionDelegate)) {
     DnsShare::instance();
-    multi = curl_multi_init();
+    transport = TransportPool::instance().acquire();
+    multi = transport.multi;
     curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
                       static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   }
-  ~Impl() {
-    for (CURL* easy : spareHandles) curl_easy_cleanup(easy);
-    curl_multi_cleanup(multi);
-  }
+  ~Impl() { releaseTransport(std::move(transport)); }
 
   const UrlSessionConfiguration configuration;
   const std::shared_ptr<DispatchQueue> delegateQueue;
   std::weak_ptr<UrlSession> owner;
+  // The driver thread uses these without the lock; it alone changes them, under the lock,
+  // when the session has ended. Other threads only wake `multi`, under the lock.
+  Transport transport;
   CURLM* multi = nullptr;
 
   mutable std::mutex mutex;
@@ -518,34 +614,37 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   std::vector<TaskPtr> deferredHeads;
   // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
   std::size_t handedOver = 0;
-  // Reset easy handles of ended transfers, for the next ones (no allocation, warm buffers).
-  std::vector<CURL*> spareHandles;
+  // A transfer has used https (its connections must not outlive the session).
+  bool carriedTls = false;
   bool invalidating = false;
-  bool invalidNotified = false;
+  bool invalidationDone = false;
   internal::SpinWait transferSpin{kDriverSpin};
   internal::SpinWait idleSpin{kDriverSpin};
 
   // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
   void post(std::function<void()> command, bool urgent = true) {
     bool start = false;
-    bool wake = false;
     {
       std::lock_guard lock(mutex);
+      // An ended session has handed its transport on; nothing done to it can matter now.
+      if (multi == nullptr) return;
       commands.push_back(std::move(command));
       pendingCommands.store(true, std::memory_order_release);
       if (!threadRunning) {
         threadRunning = start = true;
-      } else if (urgent) {
+      } else if (urgent && polling) {
         // A busy driver looks at the commands before it polls again.
-        wake = polling;
         polling = false;
+        curl_multi_wakeup(multi);
       }
     }
-    if (start) {
-      DriverThreads::instance().run([self = shared_from_this()] { self->run(); });
-    } else if (wake) {
-      curl_multi_wakeup(multi);
-    }
+    if (start) DriverThreads::instance().run([self = shared_from_this()] { self->run(); });
+  }
+
+  // Wakes the driver from its poll, if the session still has a transport.
+  void wake() {
+    std::lock_guard lock(mutex);
+    if (multi) curl_multi_wakeup(multi);
   }
 
   // Queues a delegate callback; false when there is no delegate any more.
@@ -585,9 +684,44 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       readMessages();
       askDeferred();
       int waitMs = expireTimeouts();
+      if (invalidationDone) {
+        endInvalidation();
+        return;
+      }
       if (handedOver > 0) waitMs = std::min(waitMs, kSettleWaitMs);
       if (!running.empty()) idleSince = Clock::now();
       if (waitMs > 0) waitForWork(waitMs);
+    }
+  }
+
+  // The last task of an invalidated session has ended: the transport goes on to the next
+  // session before the delegate hears of the end, so that a session made in answer (as a
+  // session per request is) finds the connections waiting. Commands that come later find
+  // no transport and are dropped: every task has ended and no new one can be made.
+  void endInvalidation() {
+    Transport handedOn;
+    {
+      std::lock_guard lock(mutex);
+      handedOn = std::move(transport);
+      transport = Transport();
+      multi = nullptr;
+      threadRunning = false;
+    }
+    releaseTransport(std::move(handedOn));
+    auto self = shared_from_this();
+    const bool delivered = deliver([self](UrlSession& s, UrlSessionDelegate& d) {
+      d.didBecomeInvalid(s, nullptr);
+      self->releaseAfterInvalidation();
+    });
+    if (!delivered) releaseAfterInvalidation();
+  }
+
+  void releaseTransport(Transport done) {
+    if (!done.multi) return;
+    if (carriedTls) {
+      done.close();
+    } else {
+      TransportPool::instance().release(std::move(done));
     }
   }
 
@@ -770,14 +904,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   }
 
   void checkInvalidationDone() {
-    if (!invalidating || invalidNotified || !running.empty()) return;
-    invalidNotified = true;
-    auto self = shared_from_this();
-    const bool delivered = deliver([self](UrlSession& s, UrlSessionDelegate& d) {
-      d.didBecomeInvalid(s, nullptr);
-      self->releaseAfterInvalidation();
-    });
-    if (!delivered) releaseAfterInvalidation();
+    // The driver ends the session at the end of its pass (endInvalidation).
+    if (!invalidating || invalidationDone || !running.empty()) return;
+    invalidationDone = true;
   }
 
   void releaseAfterInvalidation() {
@@ -789,15 +918,15 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       oldKeepAlive = std::move(keepAlive);
       ended = true;
     }
-    curl_multi_wakeup(multi);
+    wake();
   }
 
   // MARK: Transfers (driver thread)
 
   void configure(UrlSessionTask::Impl& t) {
-    if (t.easy == nullptr && !spareHandles.empty()) {
-      t.easy = spareHandles.back();
-      spareHandles.pop_back();
+    if (t.easy == nullptr && !transport.spareHandles.empty()) {
+      t.easy = transport.spareHandles.back();
+      transport.spareHandles.pop_back();
     } else if (t.easy == nullptr) {
       t.easy = curl_easy_init();
     } else {
@@ -818,6 +947,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
     CURL* e = t.easy;
     const UrlRequest& r = t.current;
+    if (equalsIgnoringCase(r.url.scheme(), "https")) carriedTls = true;
     curl_easy_setopt(e, CURLOPT_URL, r.url.absoluteString().c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorBuffer);
@@ -1285,9 +1415,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   void releaseTransfer(UrlSessionTask::Impl& t) {
     if (t.easy) {
-      if (spareHandles.size() < kSpareHandles) {
+      if (transport.spareHandles.size() < kSpareHandles) {
         curl_easy_reset(t.easy);
-        spareHandles.push_back(t.easy);
+        transport.spareHandles.push_back(t.easy);
       } else {
         curl_easy_cleanup(t.easy);
       }
@@ -1450,7 +1580,7 @@ UrlSession::~UrlSession() {
     std::lock_guard lock(impl_->mutex);
     impl_->ended = true;
   }
-  curl_multi_wakeup(impl_->multi);
+  impl_->wake();
 }
 
 namespace {

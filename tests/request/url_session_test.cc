@@ -450,3 +450,68 @@ TEST(SessionBadResponseTest, BodyBeyondTheAnnouncedLengthIsCutOff) {
 
 }  // namespace
 }  // namespace kp
+
+namespace kp {
+namespace {
+
+// Runs one request on a session of its own, ended after it, as a handler does by default;
+// returns the recorded events.
+Events transferOnPrivateSession(const std::string& url, std::optional<AuthChallengeDisposition> trust = {}) {
+  auto recorder = std::make_shared<Recorder>();
+  recorder->trustAnswer = trust;
+  recorder->credentialFromTrust = trust.has_value();
+  auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  s->dataTask(requestFor(url))->resume();
+  s->finishTasksAndInvalidate();
+  EXPECT_TRUE(recorder->waitForInvalid());
+  return recorder->events();
+}
+
+TEST(SessionConnectionTest, PlainConnectionsServeLaterSessionsButTlsConnectionsNever) {
+  // The port each request came from tells the connections apart.
+  std::mutex mutex;
+  std::vector<int> ports;
+  auto recordPort = [&](const httplib::Request& q, httplib::Response& r) {
+    std::lock_guard lock(mutex);
+    ports.push_back(q.remote_port);
+    r.set_content("ok", "text/plain");
+  };
+  auto portsSeen = [&] {
+    std::lock_guard lock(mutex);
+    return std::exchange(ports, {});
+  };
+
+  test::TestServer plain;
+  plain.server().Get("/", recordPort);
+  plain.server().set_keep_alive_timeout(1);
+  plain.start();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(transferOnPrivateSession(plain.url("/")), (Events{"response 200 2", "complete ok", "invalid"}));
+  }
+  auto seen = portsSeen();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[0], seen[1]);
+  EXPECT_EQ(seen[1], seen[2]);
+  // The server drops the idle connection; the next session must not fail on it.
+  std::this_thread::sleep_for(1500ms);
+  EXPECT_EQ(transferOnPrivateSession(plain.url("/")), (Events{"response 200 2", "complete ok", "invalid"}));
+  ASSERT_EQ(portsSeen().size(), 1u);
+
+  // Each session's delegate decides about its own TLS connection: one that accepted an
+  // untrusted certificate leaves nothing that spares the next one the question.
+  test::SelfSignedCertificate certificate;
+  test::TestServer secure(&certificate);
+  secure.server().Get("/", recordPort);
+  secure.start();
+  EXPECT_EQ(transferOnPrivateSession(secure.url("/"), AuthChallengeDisposition::useCredential),
+            (Events{"challenge untrusted", "response 200 2", "complete ok", "invalid"}));
+  EXPECT_EQ(transferOnPrivateSession(secure.url("/")), (Events{"challenge untrusted", "complete -1202", "invalid"}));
+  EXPECT_EQ(transferOnPrivateSession(secure.url("/"), AuthChallengeDisposition::useCredential),
+            (Events{"challenge untrusted", "response 200 2", "complete ok", "invalid"}));
+  seen = portsSeen();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_NE(seen[0], seen[1]);
+}
+
+}  // namespace
+}  // namespace kp
