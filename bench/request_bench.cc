@@ -335,18 +335,3 @@ BENCHMARK(BM_Transfer_Large_Session_ToFile)->Iterations(3)->UseRealTime()->Unit(
 BENCHMARK(BM_Transfer_Large_RawCurl_ToFile)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
-namespace {
-void BM_Tmp_Setup(benchmark::State& state) {
-  const std::string url = BenchServer::shared().url("/small");
-  for (auto _ : state) {
-    auto request = kp::HttpRequest::make(*kp::Url::parse(url));
-    request->setCompletionDispatchQueue(nullptr);
-    auto handler = std::make_shared<kp::HttpRequestHandler>();
-    (void)handler->canHandle(request);
-    auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), handler);
-    auto task = session->dataTask(*handler->urlRequest);
-    benchmark::DoNotOptimize(task);
-  }
-}
-BENCHMARK(BM_Tmp_Setup);
-}

@@ -648,7 +648,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   }
 
   // Queues a delegate callback; false when there is no delegate any more.
-  bool deliver(Delivery call) {
+  // `mayRunHere` false: always on another thread, for body data, whose handling then overlaps
+  // with receiving the next piece.
+  bool deliver(Delivery call, bool mayRunHere = true) {
     std::shared_ptr<UrlSessionDelegate> target;
     {
       std::lock_guard lock(mutex);
@@ -658,7 +660,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     if (!target || !session) return false;
     // An idle delegate queue runs the callback here: one thread hand-off less per callback,
     // which is most of the cost of a small transfer.
-    if (delegateQueue->runNowIfIdle([&] { call(*session, *target); })) return true;
+    if (mayRunHere && delegateQueue->runNowIfIdle([&] { call(*session, *target); })) return true;
     delegateQueue->async([target = std::move(target), session = std::move(session), call = std::move(call)] {
       call(*session, *target);
     });
@@ -1245,13 +1247,15 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     const auto size = static_cast<std::int64_t>(length);
     t.pendingBytes += size;
     auto self = shared_from_this();
-    deliver([self, task, chunk = Data(bytes, length), size](UrlSession& s, UrlSessionDelegate& d) {
-      d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), chunk);
-      auto& ti = task->impl();
-      if (ti.pendingBytes.fetch_sub(size) - size <= kResumePendingBytes && ti.backpressured.exchange(false)) {
-        self->post([self, task] { self->unpause(task); });
-      }
-    });
+    deliver(
+        [self, task, chunk = Data(bytes, length), size](UrlSession& s, UrlSessionDelegate& d) {
+          d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), chunk);
+          auto& ti = task->impl();
+          if (ti.pendingBytes.fetch_sub(size) - size <= kResumePendingBytes && ti.backpressured.exchange(false)) {
+            self->post([self, task] { self->unpause(task); });
+          }
+        },
+        false);
     return true;
   }
 
