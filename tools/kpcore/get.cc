@@ -40,10 +40,29 @@ void drawProgress(double fraction) {
             << std::flush;
 }
 
-// Routes the session's callbacks to the handler and notes the redirects and the end of the task.
+// Answers a server-trust challenge with a credential made from the trust: the certificate
+// is accepted whatever it is.
+void acceptAnyCertificate(const kp::UrlAuthenticationChallenge& challenge, const kp::ChallengeHandler& completion) {
+  completion(kp::AuthChallengeDisposition::useCredential,
+             kp::UrlCredential::make(challenge.protectionSpace.serverTrust));
+}
+
+bool isServerTrust(const kp::UrlAuthenticationChallenge& challenge) {
+  const auto& space = challenge.protectionSpace;
+  return space.serverTrust && space.authenticationMethod == kp::UrlProtectionSpace::kAuthenticationMethodServerTrust;
+}
+
+// Routes the session's callbacks to the handler and notes the redirects and the end of the
+// task. With --insecure it accepts untrusted certificates itself: the handler's own answer
+// for requests that accept them cancels the challenge, and with it the transfer.
 class Router : public kp::HttpRequestURLSessionDelegateHandler {
  public:
-  explicit Router(std::shared_ptr<Outcome> outcome) : outcome_(std::move(outcome)) {}
+  Router(std::shared_ptr<Outcome> outcome, bool insecure) : outcome_(std::move(outcome)), insecure_(insecure) {}
+  void didReceiveChallenge(kp::UrlSession& session, kp::UrlSessionTask& task,
+                           const kp::UrlAuthenticationChallenge& challenge, kp::ChallengeHandler completion) override {
+    if (insecure_ && isServerTrust(challenge)) return acceptAnyCertificate(challenge, completion);
+    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
+  }
   void willPerformHttpRedirection(kp::UrlSession& session, kp::UrlSessionTask& task,
                                   const std::shared_ptr<const kp::HttpUrlResponse>& response, kp::UrlRequest next,
                                   kp::RedirectionHandler completion) override {
@@ -65,6 +84,7 @@ class Router : public kp::HttpRequestURLSessionDelegateHandler {
 
  private:
   std::shared_ptr<Outcome> outcome_;
+  bool insecure_;
 };
 
 // Writes the download to its destination.
@@ -83,9 +103,7 @@ class Downloader : public kp::UrlSessionDelegate {
   }
   void didReceiveChallenge(kp::UrlSession&, kp::UrlSessionTask&, const kp::UrlAuthenticationChallenge& challenge,
                            kp::ChallengeHandler completion) override {
-    const auto& trust = challenge.protectionSpace.serverTrust;
-    if (insecure_ && trust)
-      return completion(kp::AuthChallengeDisposition::useCredential, kp::UrlCredential::make(trust));
+    if (insecure_ && isServerTrust(challenge)) return acceptAnyCertificate(challenge, completion);
     completion(kp::AuthChallengeDisposition::performDefaultHandling, nullptr);
   }
   void didWriteData(kp::UrlSession&, kp::UrlSessionDownloadTask&, std::int64_t, std::int64_t total,
@@ -180,7 +198,6 @@ int runGet(kpcore::Args& args) {
       throw kpcore::CommandError("not a number of seconds: " + *timeout, 2);
     }
   }
-  config.acceptUntrustedSSLCertificate = insecure;
 
   auto outcome = std::make_shared<Outcome>();
   std::shared_ptr<kp::HttpRequestHandler> handler;
@@ -192,8 +209,8 @@ int runGet(kpcore::Args& args) {
     session->finishTasksAndInvalidate();
   } else {
     if (progress) request->setProgressUpdateHandler([](float fraction) { drawProgress(fraction); });
-    session =
-        kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), std::make_shared<Router>(outcome));
+    session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(),
+                                   std::make_shared<Router>(outcome, insecure));
     request->setUrlSession(session);
     handler = std::make_shared<kp::HttpRequestHandler>();
     if (auto error = handler->canHandle(request)) return fail(error);
@@ -219,8 +236,7 @@ int runGet(kpcore::Args& args) {
     }
     return 0;
   }
-  // A cancelled transfer delivers no result (as with untrusted certificates accepted
-  // through the handler's challenge answer).
+  // A cancelled transfer delivers no result.
   if (!outcome->result) return fail(outcome->error ? outcome->error : kp::makeUrlError(kp::UrlError::cancelled, *url));
   const auto& result = *outcome->result;
   if (include && result.response) {
