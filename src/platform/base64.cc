@@ -128,6 +128,9 @@ std::optional<Data> base64Decode(std::string_view text, Base64DecodingOptions op
     }
   }
   if ((valid + padding) % 4 != 0) return std::nullopt;
+  // The padding completes the last group: two characters (one byte) take two, three
+  // characters (two bytes) take one; a lone character carries no whole byte.
+  if (padding != (pending == 0 ? 0u : 4u - pending) || pending == 1) return std::nullopt;
   if (pending == 2) {
     *o++ = static_cast<std::uint8_t>(acc >> 4);
   } else if (pending == 3) {

@@ -142,6 +142,13 @@ TEST(Base64, DecodingRules) {
   EXPECT_FALSE(base64Decode("Zm9vYg=", ignore));     // count not a multiple of four
   EXPECT_FALSE(base64Decode("Zg==Zg==", ignore));    // data after padding
   EXPECT_FALSE(base64Decode("{\"t\":12}", ignore));  // "t12": three characters
+  // Padding must complete the last group exactly: one character encodes no whole byte.
+  for (const char* text : {"Q===", "QUJD====", "QQ=A", "QUI==", "QQ===", "QUJDQ==="}) {
+    EXPECT_FALSE(base64Decode(text)) << text;
+    EXPECT_FALSE(base64Decode(text, ignore)) << text;
+  }
+  EXPECT_EQ(base64Decode("QQ=="), Data::fromString("A"));
+  EXPECT_EQ(base64Decode("QUI="), Data::fromString("AB"));
   EXPECT_EQ(base64Decode("", ignore), Data());
 }
 
