@@ -14,7 +14,10 @@
 //
 // Thread safety: every operation of sessions and tasks may be called from any thread. The
 // delegate's callbacks run one at a time on the delegate queue. A completion callback handed
-// to the delegate may be called from any thread; only its first call counts.
+// to the delegate may be called from any thread; only its first call counts. When the delegate
+// queue is idle, the session's own transfer thread may run a callback (as the queue's item,
+// so isCurrent() holds): a callback must therefore not block waiting for another transfer of
+// the same session.
 //
 // Example:
 //   auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), delegate);
