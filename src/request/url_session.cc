@@ -42,6 +42,7 @@
 #include <unordered_map>
 
 #include "platform/no_destructor.h"
+#include "platform/openssl_lifetime.h"
 #include "platform/spin_wait.h"
 
 namespace kp {
@@ -86,6 +87,7 @@ std::string_view trim(std::string_view text) {
 class DnsShare {
  public:
   DnsShare() {
+    internal::keepOpenSslUntilExit();
     curl_global_init(CURL_GLOBAL_DEFAULT);
     share_ = curl_share_init();
     curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &DnsShare::lock);

@@ -11,6 +11,7 @@
 #include <limits>
 #include <memory>
 
+#include "platform/openssl_lifetime.h"
 #include "platform/utf8.h"
 #include "service/cipher.h"
 
@@ -43,13 +44,14 @@ constexpr std::size_t kBlockSize = 16;
 
 const EVP_CIPHER* aes256Cbc() {
   // Fetched once: an implicit fetch on every call costs more than encrypting a short query.
-  static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+  static EVP_CIPHER* const cipher =
+      (internal::keepOpenSslUntilExit(), EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr));
   if (cipher == nullptr) fatal("AES-256-CBC is not available from OpenSSL");
   return cipher;
 }
 
 const EVP_MD* sha1() {
-  static EVP_MD* const md = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+  static EVP_MD* const md = (internal::keepOpenSslUntilExit(), EVP_MD_fetch(nullptr, "SHA1", nullptr));
   if (md == nullptr) fatal("SHA-1 is not available from OpenSSL");
   return md;
 }

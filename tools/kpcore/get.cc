@@ -16,7 +16,9 @@ using namespace std::chrono_literals;
 
 struct Outcome {
   std::mutex mutex;
+  std::condition_variable invalidated;
   bool finished = false;
+  bool invalid = false;
   std::shared_ptr<kp::HttpRequestResult> result;
   std::vector<std::string> redirects;
   std::shared_ptr<const kp::HttpUrlResponse> response;
@@ -29,6 +31,17 @@ struct Outcome {
   bool isFinished() {
     std::lock_guard lock(mutex);
     return finished;
+  }
+  void sessionEnded() {
+    std::lock_guard lock(mutex);
+    invalid = true;
+    invalidated.notify_all();
+  }
+  // The session's thread may still be closing its connections; the process waits for it
+  // rather than ending under it.
+  void waitForSessionEnd() {
+    std::unique_lock lock(mutex);
+    invalidated.wait_for(lock, 5s, [this] { return invalid; });
   }
 };
 
@@ -81,6 +94,7 @@ class Router : public kp::HttpRequestURLSessionDelegateHandler {
     }
     outcome_->finish();
   }
+  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override { outcome_->sessionEnded(); }
 
  private:
   std::shared_ptr<Outcome> outcome_;
@@ -133,6 +147,7 @@ class Downloader : public kp::UrlSessionDelegate {
     }
     outcome_->finish();
   }
+  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override { outcome_->sessionEnded(); }
 
  private:
   std::shared_ptr<Outcome> outcome_;
@@ -223,7 +238,8 @@ int runGet(kpcore::Args& args) {
   while (!outcome->isFinished()) kp::MainQueue::shared()->runFor(20ms);
   kp::MainQueue::shared()->runPending();
   if (progress) std::cerr << "\n";
-  if (session && !output) session->finishTasksAndInvalidate();
+  if (!output) session->finishTasksAndInvalidate();
+  outcome->waitForSessionEnd();
 
   std::lock_guard lock(outcome->mutex);
   if (output) {
