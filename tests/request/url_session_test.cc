@@ -28,8 +28,9 @@ class Recorder : public UrlSessionDelegate {
   // Keeps the response answer for the test to give (heldAnswer) instead of answering.
   bool holdAnswer = false;
 
-  void didReceiveResponse(UrlSession&, UrlSessionDataTask&, const std::shared_ptr<const HttpUrlResponse>& response,
+  void didReceiveResponse(UrlSession& s, UrlSessionDataTask&, const std::shared_ptr<const HttpUrlResponse>& response,
                           ResponseDispositionHandler completion) override {
+    onDelegateQueue(s);
     add("response " + std::to_string(response->statusCode()) + " " + std::to_string(response->expectedContentLength()));
     if (!holdAnswer) return completion(disposition);
     std::lock_guard lock(mutex_);
@@ -42,42 +43,50 @@ class Recorder : public UrlSessionDelegate {
     changed_.wait_for(lock, 10s, [&] { return held_ != nullptr; });
     return std::exchange(held_, nullptr);
   }
-  void didReceiveData(UrlSession&, UrlSessionDataTask&, const Data& data) override {
+  void didReceiveData(UrlSession& s, UrlSessionDataTask&, const Data& data) override {
+    onDelegateQueue(s);
     std::lock_guard lock(mutex_);
     body_.append(data);
   }
-  void willPerformHttpRedirection(UrlSession&, UrlSessionTask&, const std::shared_ptr<const HttpUrlResponse>& response,
-                                  UrlRequest next, RedirectionHandler completion) override {
+  void willPerformHttpRedirection(UrlSession& s, UrlSessionTask&,
+                                  const std::shared_ptr<const HttpUrlResponse>& response, UrlRequest next,
+                                  RedirectionHandler completion) override {
+    onDelegateQueue(s);
     add("redirect " + std::to_string(response->statusCode()) + " " + next.httpMethod + " " + next.url.path());
     completion(std::move(next));
   }
-  void didReceiveChallenge(UrlSession&, UrlSessionTask&, const UrlAuthenticationChallenge& challenge,
+  void didReceiveChallenge(UrlSession& s, UrlSessionTask&, const UrlAuthenticationChallenge& challenge,
                            ChallengeHandler completion) override {
+    onDelegateQueue(s);
     const auto& space = challenge.protectionSpace;
     add(std::string("challenge ") + (space.serverTrust->evaluatesAsTrusted() ? "trusted" : "untrusted"));
     if (!trustAnswer) return completion(AuthChallengeDisposition::performDefaultHandling, nullptr);
     completion(*trustAnswer, credentialFromTrust ? UrlCredential::make(space.serverTrust) : nullptr);
   }
-  void didWriteData(UrlSession&, UrlSessionDownloadTask&, std::int64_t written, std::int64_t total,
+  void didWriteData(UrlSession& s, UrlSessionDownloadTask&, std::int64_t written, std::int64_t total,
                     std::int64_t expected) override {
+    onDelegateQueue(s);
     std::lock_guard lock(mutex_);
     EXPECT_GT(written, 0);
     EXPECT_LE(total, expected < 0 ? total : expected);
     progressTotal_ = total;
   }
-  void didFinishDownloading(UrlSession&, UrlSessionDownloadTask&, const std::filesystem::path& location) override {
+  void didFinishDownloading(UrlSession& s, UrlSessionDownloadTask&, const std::filesystem::path& location) override {
+    onDelegateQueue(s);
     add("downloaded");
     std::filesystem::copy_file(location, keepDownloadAt);
     std::lock_guard lock(mutex_);
     temporaryFile_ = location;
   }
-  void didComplete(UrlSession&, UrlSessionTask&, const ErrorPtr& error) override {
+  void didComplete(UrlSession& s, UrlSessionTask&, const ErrorPtr& error) override {
+    onDelegateQueue(s);
     add(error ? "complete " + std::to_string(error->code()) : std::string("complete ok"));
     std::lock_guard lock(mutex_);
     ++completions_;
     changed_.notify_all();
   }
-  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override {
+  void didBecomeInvalid(UrlSession& s, const ErrorPtr&) override {
+    onDelegateQueue(s);
     add("invalid");
     std::lock_guard lock(mutex_);
     invalid_ = true;
@@ -110,6 +119,8 @@ class Recorder : public UrlSessionDelegate {
   }
 
  private:
+  // Callbacks run as items of the delegate queue, whichever thread runs them.
+  static void onDelegateQueue(UrlSession& s) { EXPECT_TRUE(s.delegateQueue()->isCurrent()); }
   void add(std::string event) {
     std::lock_guard lock(mutex_);
     events_.push_back(std::move(event));
