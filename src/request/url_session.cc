@@ -116,18 +116,34 @@ class DnsShare {
 
 // What a session transfers with: a multi handle (and the connections in its cache) and reset
 // easy handles of ended transfers, which spare later transfers an allocation and warm up
-// their buffers.
+// their buffers. Owns them: moving hands them on, destruction closes them.
 struct Transport {
   CURLM* multi = nullptr;
   std::vector<CURL*> spareHandles;
   Clock::time_point idleSince;
+
+  Transport() = default;
+  Transport(Transport&& other) noexcept
+      : multi(std::exchange(other.multi, nullptr)),
+        spareHandles(std::exchange(other.spareHandles, {})),
+        idleSince(other.idleSince) {}
+  Transport& operator=(Transport&& other) noexcept {
+    if (this != &other) {
+      close();
+      multi = std::exchange(other.multi, nullptr);
+      spareHandles = std::exchange(other.spareHandles, {});
+      idleSince = other.idleSince;
+    }
+    return *this;
+  }
+  ~Transport() { close(); }
 
   static Transport make() {
     Transport transport;
     transport.multi = curl_multi_init();
     return transport;
   }
-  void close() {
+  void close() noexcept {
     for (CURL* easy : spareHandles) curl_easy_cleanup(easy);
     spareHandles.clear();
     if (multi) curl_multi_cleanup(multi);
@@ -156,7 +172,7 @@ class TransportPool {
         idle_.pop_back();
       }
     }
-    for (auto& old : expired) old.close();
+    expired.clear();  // closes them, outside the lock
     return transport.multi ? std::move(transport) : Transport::make();
   }
 
@@ -167,10 +183,9 @@ class TransportPool {
       std::lock_guard lock(mutex_);
       if (idle_.size() < kCapacity) {
         idle_.push_back(std::move(transport));
-        return;
       }
     }
-    transport.close();
+    // A transport the pool had no room for closes here, outside the lock.
   }
 
   // Closes what has been idle for `age` or longer.
@@ -180,7 +195,6 @@ class TransportPool {
       std::lock_guard lock(mutex_);
       takeExpired(Clock::now() - age, expired);
     }
-    for (auto& old : expired) old.close();
   }
 
  private:
@@ -710,7 +724,6 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     {
       std::lock_guard lock(mutex);
       handedOn = std::move(transport);
-      transport = Transport();
       multi = nullptr;
       threadRunning = false;
     }
@@ -723,13 +736,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     if (!delivered) releaseAfterInvalidation();
   }
 
+  // A transport that carried TLS is closed (by going out of scope here).
   void releaseTransport(Transport done) {
-    if (!done.multi) return;
-    if (carriedTls) {
-      done.close();
-    } else {
-      TransportPool::instance().release(std::move(done));
-    }
+    if (done.multi && !carriedTls) TransportPool::instance().release(std::move(done));
   }
 
   // Sleeps in the poll until a socket or a command needs the driver, or `waitMs` pass;
