@@ -598,8 +598,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       : configuration(std::move(config)), delegateQueue(std::move(queue)), delegate(std::move(sessionDelegate)) {
     DnsShare::instance();
     transport = TransportPool::instance().acquire();
-    multi = transport.multi;
-    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+    curl_multi_setopt(transport.multi, CURLMOPT_MAX_HOST_CONNECTIONS,
                       static_cast<long>(configuration.httpMaximumConnectionsPerHost));
   }
   ~Impl() { releaseTransport(std::move(transport)); }
@@ -607,10 +606,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   const UrlSessionConfiguration configuration;
   const std::shared_ptr<DispatchQueue> delegateQueue;
   std::weak_ptr<UrlSession> owner;
-  // The driver thread uses these without the lock; it alone changes them, under the lock,
-  // when the session has ended. Other threads only wake `multi`, under the lock.
+  // The driver thread uses it without the lock; it alone changes it, under the lock, when
+  // the session has ended. Other threads only wake its multi handle, under the lock.
   Transport transport;
-  CURLM* multi = nullptr;
 
   mutable std::mutex mutex;
   std::shared_ptr<UrlSessionDelegate> delegate;
@@ -646,7 +644,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     {
       std::lock_guard lock(mutex);
       // An ended session has handed its transport on; nothing done to it can matter now.
-      if (multi == nullptr) return;
+      if (transport.multi == nullptr) return;
       commands.push_back(std::move(command));
       pendingCommands.store(true, std::memory_order_release);
       if (!threadRunning) {
@@ -654,7 +652,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       } else if (urgent && polling) {
         // A busy driver looks at the commands before it polls again.
         polling = false;
-        curl_multi_wakeup(multi);
+        curl_multi_wakeup(transport.multi);
       }
     }
     if (start) DriverThreads::instance().run([self = shared_from_this()] { self->run(); });
@@ -663,7 +661,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // Wakes the driver from its poll, if the session still has a transport.
   void wake() {
     std::lock_guard lock(mutex);
-    if (multi) curl_multi_wakeup(multi);
+    if (transport.multi) curl_multi_wakeup(transport.multi);
   }
 
   // Queues a delegate callback; false when there is no delegate any more.
@@ -701,7 +699,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       }
       for (auto& command : batch) command();
       int stillRunning = 0;
-      curl_multi_perform(multi, &stillRunning);
+      curl_multi_perform(transport.multi, &stillRunning);
       readMessages();
       askDeferred();
       int waitMs = expireTimeouts();
@@ -724,7 +722,6 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     {
       std::lock_guard lock(mutex);
       handedOn = std::move(transport);
-      multi = nullptr;
       threadRunning = false;
     }
     releaseTransport(std::move(handedOn));
@@ -745,17 +742,13 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // spins first when such waits have been short (see SpinWait).
   void waitForWork(int waitMs) {
     const bool transfers = !running.empty();
-    if (!transfers && invalidating) {
-      waitInPoll(waitMs);
-      return;
-    }
     internal::SpinWait& spin = transfers ? transferSpin : idleSpin;
     const auto started = Clock::now();
     const bool woken = spin.spin([&] {
       if (pendingCommands.load(std::memory_order_acquire)) return true;
       if (!transfers) return false;
       int ready = 0;
-      curl_multi_poll(multi, nullptr, 0, 0, &ready);
+      curl_multi_poll(transport.multi, nullptr, 0, 0, &ready);
       return ready > 0;
     });
     if (!woken) waitInPoll(waitMs);
@@ -768,7 +761,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
       if (!commands.empty()) return;
       polling = true;
     }
-    curl_multi_poll(multi, nullptr, 0, waitMs, nullptr);
+    curl_multi_poll(transport.multi, nullptr, 0, waitMs, nullptr);
     std::lock_guard lock(mutex);
     polling = false;
   }
@@ -801,7 +794,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
     }
     configure(t);
     t.lastActivity = Clock::now();
-    if (curl_multi_add_handle(multi, t.easy) != CURLM_OK) {
+    if (curl_multi_add_handle(transport.multi, t.easy) != CURLM_OK) {
       finish(task, makeUrlError(UrlError::unknown, t.current.url));
       return;
     }
@@ -1375,7 +1368,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   void readMessages() {
     int left = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    while (CURLMsg* message = curl_multi_info_read(transport.multi, &left)) {
       if (message->msg != CURLMSG_DONE) continue;
       UrlSessionTask::Impl* t = nullptr;
       curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &t);
@@ -1450,7 +1443,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   void detach(UrlSessionTask::Impl& t) {
     if (t.inMulti) {
-      curl_multi_remove_handle(multi, t.easy);
+      curl_multi_remove_handle(transport.multi, t.easy);
       t.inMulti = false;
     }
   }
