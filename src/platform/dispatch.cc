@@ -330,9 +330,7 @@ void SerialQueue::drain() {
     runItem(this, item);
     lock.lock();
   }
-  const bool post = releaseOwnership(*impl_);
-  lock.unlock();
-  if (post) scheduleDrain();
+  endTurn(lock);
 }
 
 void SerialQueue::sync(const std::function<void()>& work) {
@@ -377,9 +375,7 @@ void SerialQueue::sync(const std::function<void()>& work) {
     work();
   }
   lock.lock();
-  const bool post = releaseOwnership(*impl_);
-  lock.unlock();
-  if (post) scheduleDrain();
+  endTurn(lock);
 }
 
 bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
@@ -394,10 +390,14 @@ bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
     work();
   }
   std::unique_lock lock(impl_->mutex);
+  endTurn(lock);
+  return true;
+}
+
+void SerialQueue::endTurn(std::unique_lock<std::mutex>& lock) {
   const bool post = releaseOwnership(*impl_);
   lock.unlock();
   if (post) scheduleDrain();
-  return true;
 }
 
 void SerialQueue::scheduleDrain() {
