@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <thread>
 
@@ -222,6 +223,37 @@ TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
   files.save(kp::Data{1}, "k", std::nullopt);
   EXPECT_FALSE(files.loadData("k", std::nullopt));
   EXPECT_EQ(files.getSize(), 0u);
+}
+
+// On a machine where nothing of the application exists yet, the stores make their folders
+// and keep what they are given across launches.
+TEST(CacheStores, StoreAndReloadInAFreshHome) {
+  if (kp::test::inTestChild()) {
+    kp::CacheControllerDatabase db("centralcache.db");
+    db.prepare();
+    kp::CacheControllerFileStorage files("KPCentralCacheController");
+    files.prepareCacheFolder();
+    if (std::string(std::getenv("KP_STEP")) == "store") {
+      db.saveRecord(kp::Data{7, 7}, Entry(config(0, "g"), Date::now()), "k");
+      files.save(kp::Data{1, 2, 3}, "k", std::string("g"));
+    }
+    EXPECT_EQ(db.loadCacheData("k"), (kp::Data{7, 7}));
+    EXPECT_EQ(files.loadData("k", std::string("g")), (kp::Data{1, 2, 3}));
+    return;
+  }
+  namespace fs = std::filesystem;
+  kp::test::TempDir home;
+  for (const char* step : {"store", "reload"}) {
+    auto child = kp::test::runThisTestInChild("-u XDG_CACHE_HOME HOME=" + kp::test::shellQuote(home.path()) +
+                                              " KP_STEP=" + step);
+    EXPECT_EQ(child.status, 0) << child.output;
+    EXPECT_NE(child.output.find("[  PASSED  ] 1 test"), std::string::npos) << child.output;
+  }
+  const auto caches = home.path() / ".cache/com.kp.app";
+  EXPECT_TRUE(fs::is_regular_file(caches / "centralcache.db"));
+  for (const auto& folder : {home.path() / ".cache", caches}) {
+    EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all) << folder;
+  }
 }
 
 TEST(CacheStores, FileAndMemoryStoresUnderConcurrentUse) {
