@@ -23,13 +23,13 @@ void bridge(Log::LogType type, std::string_view message, const LogSource& source
 std::string_view rawValue(Log::LogType type) noexcept {
   switch (type) {
     case Log::LogType::debug:
-      return "\u26AB\uFE0F";
+      return internal::kDebugMark;
     case Log::LogType::info:
-      return "\U0001F535";
+      return internal::kInfoMark;
     case Log::LogType::warning:
-      return "\u2622\uFE0F";
+      return internal::kWarningMark;
     case Log::LogType::error:
-      return "\u26D4\uFE0F";
+      return internal::kErrorMark;
   }
   return "";
 }

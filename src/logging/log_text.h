@@ -7,6 +7,13 @@
 
 namespace kp::internal {
 
+// The marks of console lines; both loggers use the same ones for their common levels.
+inline constexpr std::string_view kDebugMark = "\u26AB\uFE0F";    // ⚫️
+inline constexpr std::string_view kInfoMark = "\U0001F535";       // 🔵
+inline constexpr std::string_view kWarningMark = "\u2622\uFE0F";  // ☢️
+inline constexpr std::string_view kErrorMark = "\u26D4\uFE0F";    // ⛔️
+inline constexpr std::string_view kFaultMark = "\U0001F525";      // 🔥
+
 // The text of a function signature before its first "(": "load" for "load(url:)", the whole
 // signature when it has none.
 [[nodiscard]] constexpr std::string_view functionName(std::string_view signature) noexcept {

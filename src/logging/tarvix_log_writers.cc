@@ -26,15 +26,15 @@ OSLogType osLogType(TarvixLogLevel level) noexcept {
 std::string_view mark(TarvixLogLevel level) noexcept {
   switch (level) {
     case TarvixLogLevel::debug:
-      return "\u26AB\uFE0F";
+      return internal::kDebugMark;
     case TarvixLogLevel::info:
-      return "\U0001F535";
+      return internal::kInfoMark;
     case TarvixLogLevel::notice:
-      return "\u2622\uFE0F";
+      return internal::kWarningMark;
     case TarvixLogLevel::error:
-      return "\u26D4\uFE0F";
+      return internal::kErrorMark;
     case TarvixLogLevel::fault:
-      return "\U0001F525";
+      return internal::kFaultMark;
   }
   return "";
 }
