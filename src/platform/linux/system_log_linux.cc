@@ -3,14 +3,15 @@
 // holds a line feed. An entry too large for one datagram travels as a sealed memory file
 // whose descriptor is passed on the socket, as the journal expects.
 //
-// The socket is connected, so that a full journal shows as EAGAIN and poll() can wait for
-// room, and a journal that went away shows as a refused send, after which we connect again.
+// The socket is connected, so that sends wait for room in a full journal (up to the socket's
+// send timeout, then EAGAIN), and a journal that went away shows as a refused send, after
+// which we connect again.
 // Senders share the descriptor under a shared lock; reconnecting takes it exclusively, so a
 // descriptor is never closed under a sender.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -164,8 +165,18 @@ class Journal final : public SystemLog {
     std::memcpy(address.sun_path, path_.data(), path_.size());
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    // Room for large entries in one datagram; the kernel caps it at its own limit.
+    // A large send buffer lets many entries be in flight, so that journald takes them in
+    // batches, and lets large entries go in one datagram. The kernel caps SO_SNDBUF at its own
+    // limit; a privileged process may go beyond it.
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+    int granted = 0;
+    socklen_t length = sizeof granted;
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &granted, &length) == 0 && granted < kSendBufferBytes) {
+      ::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &kSendBufferBytes, sizeof kSendBufferBytes);
+    }
+    const auto waitMicros = std::chrono::duration_cast<std::chrono::microseconds>(kFullJournalWait).count();
+    const timeval wait{static_cast<time_t>(waitMicros / 1000000), static_cast<suseconds_t>(waitMicros % 1000000)};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
       ::close(fd);
       return -1;
@@ -190,9 +201,12 @@ class Journal final : public SystemLog {
       message.msg_iov = &part;
       message.msg_iovlen = 1;
     }
-    const auto deadline = std::chrono::steady_clock::now() + kFullJournalWait;
+    // Blocking, so that the kernel wakes us as soon as the journal has room, but only for the
+    // socket's send timeout; a journal that stalled once is not waited for again until it
+    // takes an entry.
+    const int flags = MSG_NOSIGNAL | (stalled_.load(std::memory_order_relaxed) ? MSG_DONTWAIT : 0);
     for (;;) {
-      if (::sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+      if (::sendmsg(fd, &message, flags) >= 0) {
         stalled_.store(false, std::memory_order_relaxed);
         return Sent::ok;
       }
@@ -200,11 +214,8 @@ class Journal final : public SystemLog {
         case EINTR:
           continue;
         case EAGAIN:
-          if (stalled_.load(std::memory_order_relaxed) || !waitForRoom(fd, deadline)) {
-            stalled_.store(true, std::memory_order_relaxed);
-            return Sent::full;
-          }
-          continue;
+          stalled_.store(true, std::memory_order_relaxed);
+          return Sent::full;
         case EMSGSIZE:
         case ENOBUFS:
           return passedFd >= 0 ? Sent::failed : Sent::tooBig;
@@ -217,18 +228,6 @@ class Journal final : public SystemLog {
         default:
           return Sent::failed;
       }
-    }
-  }
-
-  static bool waitForRoom(int fd, std::chrono::steady_clock::time_point deadline) {
-    for (;;) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-      if (left <= 0) return false;
-      pollfd watch{fd, POLLOUT, 0};
-      const int ready = ::poll(&watch, 1, static_cast<int>(left));
-      if (ready > 0) return true;
-      if (ready < 0 && errno != EINTR) return false;
     }
   }
 
