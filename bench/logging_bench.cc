@@ -188,8 +188,13 @@ void BM_JournalWriter(benchmark::State& state) {
   }
   auto systemLog = std::make_shared<CountingSystemLog>();
   kp::TarvixOSLogWriter writer("com.example.bench", std::make_unique<kp::TarvixCoreLogicOSLogExecutor>(), systemLog);
-  kp::TarvixLogData data{kp::TarvixLogLevel::notice, kp::Date::now(), "loaded 42 items from cache", "General",
-                         "/src/app/Loader.src", 42, "load(url:)"};
+  kp::TarvixLogData data{kp::TarvixLogLevel::notice,
+                         kp::Date::now(),
+                         "loaded 42 items from cache",
+                         "General",
+                         "/src/app/Loader.src",
+                         42,
+                         "load(url:)"};
   for (auto _ : state) writer.log(data);
   state.SetItemsProcessed(state.iterations());
   state.counters["spilled"] = static_cast<double>(systemLog->spilled.load());
