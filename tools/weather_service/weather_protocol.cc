@@ -43,8 +43,8 @@ struct Content {
 struct Method {
   std::string_view name;
   // Keys of the body and of the answer; empty means plain.
-  std::string bodyKey;
-  std::string responseKey;
+  std::string_view bodyKey;
+  std::string_view responseKey;
 };
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
@@ -105,7 +105,7 @@ const std::string* find(const Parameters& parameters, std::string_view name) {
 
 // Base64 (unknown characters skipped) of ciphertext under `key`, opened without ever
 // stopping the process: the bytes come from anyone.
-std::optional<std::string> openSealed(std::string_view base64, const std::string& key) {
+std::optional<std::string> openSealed(std::string_view base64, std::string_view key) {
   const auto cipher = base64Decode(base64, Base64DecodingOptions::ignoreUnknownCharacters);
   const auto keyBytes = detail::prepareKey(key);
   if (!cipher || cipher->empty() || !keyBytes) return std::nullopt;
@@ -113,6 +113,21 @@ std::optional<std::string> openSealed(std::string_view base64, const std::string
   const auto plain = detail::aes256CryptReportingStatus(false, cipher->bytes(), *keyBytes, status);
   if (!plain) return std::nullopt;
   return std::string(plain->view());
+}
+
+// Text from the request fit to be quoted in an answer: JSON text must be UTF-8, and an
+// echo has no reason to be long.
+std::string quotable(std::string_view text) {
+  constexpr std::size_t kLimit = 64;
+  std::string out;
+  if (internal::isValidUtf8(text)) {
+    out = text.substr(0, kLimit);
+    while (!internal::isValidUtf8(out)) out.pop_back();  // a character cut at the limit
+  } else {
+    for (char c : text.substr(0, kLimit)) out.push_back(static_cast<unsigned char>(c) < 0x80 ? c : '?');
+  }
+  if (text.size() > kLimit) out += "...";
+  return out;
 }
 
 // Decrypted text from a wrong key passes the padding check now and then; real parameter text
@@ -148,7 +163,7 @@ std::optional<Refusal> appendJsonMembers(Parameters& out, std::string_view text)
   return std::nullopt;
 }
 
-std::optional<Refusal> readBody(Parameters& out, std::string_view body, const std::string& key, bool plain) {
+std::optional<Refusal> readBody(Parameters& out, std::string_view body, std::string_view key, bool plain) {
   if (body.empty()) return std::nullopt;
   const Refusal unreadable{400, 400, "The request body could not be decrypted."};
   if (plain || key.empty()) {
@@ -187,7 +202,10 @@ std::int64_t wholeSeconds(Date date) { return static_cast<std::int64_t>(std::flo
 
 Content basicInfo(const ServiceCall& call, Date now) {
   boost::json::object device;
-  if (call.userAgent) device["userAgent"] = *call.userAgent;
+  if (call.userAgent) {
+    // Echoed whole when it is text; a header of other bytes is shown, not trusted.
+    device["userAgent"] = internal::isValidUtf8(*call.userAgent) ? *call.userAgent : quotable(*call.userAgent);
+  }
   Content content;
   content.data = boost::json::object{{"network", {{"ip", call.remoteAddress}}}, {"device", std::move(device)}};
   content.maxAge = 60;
@@ -257,7 +275,7 @@ void writeJson(std::string& out, const boost::json::value& value) {
 }
 
 // The body as sent: the envelope sealed with `key`, or plain JSON without one.
-void setBody(ServiceAnswer& answer, const boost::json::value& envelope, const std::string& key) {
+void setBody(ServiceAnswer& answer, const boost::json::value& envelope, std::string_view key) {
   std::string json;
   writeJson(json, envelope);
   if (key.empty()) {
@@ -279,7 +297,7 @@ void setBody(ServiceAnswer& answer, const boost::json::value& envelope, const st
   answer.body = base64Encode(sealed->bytes());
 }
 
-ServiceAnswer refusal(const Refusal& failure, const std::string& key) {
+ServiceAnswer refusal(const Refusal& failure, std::string_view key) {
   ServiceAnswer answer;
   answer.status = failure.httpStatus;
   boost::json::object meta{{"statusCode", failure.code}, {"code", failure.code}, {"message", failure.message}};
@@ -307,7 +325,7 @@ bool matchesEntityTag(std::string_view list, std::string_view etag) {
   return false;
 }
 
-ServiceAnswer success(const Content& content, const std::string& key, const ServiceCall& call) {
+ServiceAnswer success(const Content& content, std::string_view key, const ServiceCall& call) {
   boost::json::object contentInfo{{"formatVersion", content.formatVersion},
                                   {"expiryInterval", content.maxAge},
                                   {"createdTimestamp", content.created}};
@@ -350,25 +368,25 @@ ServiceAnswer WeatherProtocol::answer(const ServiceCall& call) const {
   while (path.ends_with('/')) path.remove_suffix(1);
   const std::string methodName = percentDecoded(path.substr(path.rfind('/') + 1));
 
-  const std::string noKey;
+  const std::string_view noKey;
   if (methodName.empty()) return refusal({404, 404, "Missing method: call /basicInfo or /forecast."}, noKey);
   const Method methods[] = {
-      {"basicInfo", std::string(kClientInfoBodyEncryptionKey), std::string(kClientInfoResponseDecryptionKey)},
+      {"basicInfo", kClientInfoBodyEncryptionKey, kClientInfoResponseDecryptionKey},
       {"forecast", options_.forecastBodyKey, options_.forecastResponseKey},
   };
   const Method* method = nullptr;
   for (const auto& candidate : methods) {
     if (candidate.name == methodName) method = &candidate;
   }
-  if (method == nullptr) return refusal({404, 404, "Unknown method '" + methodName + "'."}, noKey);
+  if (method == nullptr) return refusal({404, 404, "Unknown method '" + quotable(methodName) + "'."}, noKey);
 
   Parameters plainQuery;
   appendParameters(plainQuery, query, true);
   const std::string* skip = find(plainQuery, "skipcrypt");
   const bool plain = skip != nullptr && *skip == "1";
-  const std::string& responseKey = plain ? noKey : method->responseKey;
+  const std::string_view responseKey = plain ? noKey : method->responseKey;
   if (call.httpMethod != "GET" && call.httpMethod != "POST") {
-    return refusal({405, 405, "Method " + call.httpMethod + " is not served; use GET or POST."}, responseKey);
+    return refusal({405, 405, "Method " + quotable(call.httpMethod) + " is not served; use GET or POST."}, responseKey);
   }
 
   Parameters parameters;
