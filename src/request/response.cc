@@ -8,30 +8,22 @@
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
+#include "platform/ascii.h"
 #include "platform/no_destructor.h"
 
 namespace kp {
 
 namespace {
 
-char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
+using internal::asciiLower;
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return asciiLower(x) == asciiLower(y); });
 }
 
-std::string lowercased(std::string_view text) {
-  std::string out(text);
-  for (auto& c : out) c = lower(c);
-  return out;
-}
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
+using internal::asciiLowercased;
+using internal::trimmedSpaces;
 
 constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
                                                       "jul", "aug", "sep", "oct", "nov", "dec"};
@@ -125,7 +117,7 @@ std::optional<Date> parseCookieDate(std::string_view text) {
       continue;
     }
     if (!month && token.size() >= 3) {
-      const auto name = lowercased(token.substr(0, 3));
+      const auto name = asciiLowercased(token.substr(0, 3));
       auto it = std::find(kMonths.begin(), kMonths.end(), name);
       if (it != kMonths.end()) {
         month = static_cast<int>(it - kMonths.begin()) + 1;
@@ -153,10 +145,11 @@ std::vector<std::string_view> splitCookies(std::string_view field) {
     if (field[i] != ',') continue;
     std::string_view current = field.substr(start, i - start);
     const auto attribute = current.rfind(';');
-    std::string_view last = trim(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
+    std::string_view last =
+        trimmedSpaces(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
     const auto eq = last.find('=');
-    if (eq != std::string_view::npos && equalsIgnoringCase(trim(last.substr(0, eq)), "expires") &&
-        trim(last.substr(eq + 1)).size() <= 9) {
+    if (eq != std::string_view::npos && equalsIgnoringCase(trimmedSpaces(last.substr(0, eq)), "expires") &&
+        trimmedSpaces(last.substr(eq + 1)).size() <= 9) {
       continue;
     }
     out.push_back(current);
@@ -175,7 +168,7 @@ bool domainMatches(const std::string& host, const std::string& domain) {
 
 std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::string>& headerFields, const Url& url) {
   std::vector<HttpCookie> out;
-  const std::string host = lowercased(url.host());
+  const std::string host = asciiLowercased(url.host());
   std::string defaultPath = url.path();
   const auto slash = defaultPath.rfind('/');
   defaultPath = slash == std::string::npos || slash == 0 ? "/" : defaultPath.substr(0, slash);
@@ -183,23 +176,23 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
     if (!equalsIgnoringCase(fieldName, "Set-Cookie")) continue;
     for (std::string_view text : splitCookies(fieldValue)) {
       const auto firstSemicolon = text.find(';');
-      const std::string_view pair = trim(text.substr(0, firstSemicolon));
+      const std::string_view pair = trimmedSpaces(text.substr(0, firstSemicolon));
       const auto eq = pair.find('=');
       if (eq == std::string_view::npos) continue;
-      const std::string_view name = trim(pair.substr(0, eq));
+      const std::string_view name = trimmedSpaces(pair.substr(0, eq));
       if (name.empty()) continue;
-      HttpCookie cookie{std::string(name), std::string(trim(pair.substr(eq + 1))), host, defaultPath};
+      HttpCookie cookie{std::string(name), std::string(trimmedSpaces(pair.substr(eq + 1))), host, defaultPath};
       std::optional<Date> expires;
       std::optional<Date> maxAge;
       bool rejected = false;
       std::string_view attributes = firstSemicolon == std::string_view::npos ? "" : text.substr(firstSemicolon + 1);
       while (!attributes.empty() && !rejected) {
         const auto next = attributes.find(';');
-        const std::string_view attribute = trim(attributes.substr(0, next));
+        const std::string_view attribute = trimmedSpaces(attributes.substr(0, next));
         attributes = next == std::string_view::npos ? "" : attributes.substr(next + 1);
         const auto aeq = attribute.find('=');
-        const std::string key = lowercased(trim(attribute.substr(0, aeq)));
-        const std::string_view value = aeq == std::string_view::npos ? "" : trim(attribute.substr(aeq + 1));
+        const std::string key = asciiLowercased(trimmedSpaces(attribute.substr(0, aeq)));
+        const std::string_view value = aeq == std::string_view::npos ? "" : trimmedSpaces(attribute.substr(aeq + 1));
         if (key == "expires") {
           if (auto date = parseCookieDate(value)) expires = date;
         } else if (key == "max-age") {
@@ -209,7 +202,7 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
             maxAge = seconds <= 0 ? Date::distantPast() : Date::now().addingTimeInterval(static_cast<double>(seconds));
           }
         } else if (key == "domain" && !value.empty()) {
-          std::string domain = lowercased(value);
+          std::string domain = asciiLowercased(value);
           if (domain.front() == '.') domain.erase(0, 1);
           if (!domainMatches(host, domain)) {
             rejected = true;
@@ -239,7 +232,7 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
 std::optional<Date> parseHttpDate(std::string_view text) {
   // EEE, dd MMM yyyy HH:mm:ss z
   if (text.size() < 4) return std::nullopt;
-  if (std::find(kWeekdays.begin(), kWeekdays.end(), lowercased(text.substr(0, 3))) == kWeekdays.end()) {
+  if (std::find(kWeekdays.begin(), kWeekdays.end(), asciiLowercased(text.substr(0, 3))) == kWeekdays.end()) {
     return std::nullopt;
   }
   text.remove_prefix(3);
@@ -247,7 +240,7 @@ std::optional<Date> parseHttpDate(std::string_view text) {
   if (!readLiteral(text, ", ") || !readNumber(text, 1, 2, day) || !readLiteral(text, " ") || text.size() < 3) {
     return std::nullopt;
   }
-  auto it = std::find(kMonths.begin(), kMonths.end(), lowercased(text.substr(0, 3)));
+  auto it = std::find(kMonths.begin(), kMonths.end(), asciiLowercased(text.substr(0, 3)));
   if (it == kMonths.end()) return std::nullopt;
   const int month = static_cast<int>(it - kMonths.begin()) + 1;
   text.remove_prefix(3);

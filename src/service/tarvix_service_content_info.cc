@@ -5,6 +5,8 @@
 #include <cmath>
 #include <limits>
 
+#include "platform/ascii.h"
+
 namespace kp {
 namespace {
 
@@ -39,9 +41,7 @@ std::optional<double> parseSeconds(std::string_view text) {
 
 const std::string* header(const std::map<std::string, std::string>& fields, std::string_view name) {
   if (auto it = fields.find(std::string(name)); it != fields.end()) return &it->second;
-  std::string lower(name);
-  for (char& c : lower) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  if (auto it = fields.find(lower); it != fields.end()) return &it->second;
+  if (auto it = fields.find(internal::asciiLowercased(name)); it != fields.end()) return &it->second;
   return nullptr;
 }
 

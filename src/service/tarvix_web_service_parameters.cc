@@ -4,16 +4,13 @@
 #include <array>
 #include <charconv>
 
+#include "platform/ascii.h"
+
 namespace kp {
 namespace {
 
 std::optional<std::string> nonEmpty(const std::string& text) {
   if (text.empty()) return std::nullopt;
-  return text;
-}
-
-std::string lowerCased(std::string text) {
-  for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
   return text;
 }
 
@@ -52,7 +49,7 @@ TarvixWebServiceParameters::TarvixWebServiceParameters() : TarvixWebServiceParam
 TarvixWebServiceParameters::TarvixWebServiceParameters(const ApplicationInfo& info)
     : appId(nonEmpty(info.identifier)),
       appVersion(nonEmpty(info.version)),
-      platform(nonEmpty(lowerCased(info.systemName))),
+      platform(nonEmpty(internal::asciiLowercased(info.systemName))),
       device(std::string(deviceKindName(info.idiom))),
       systemVersion(nonEmpty(info.systemVersion)),
       machineIdentifier(nonEmpty(info.deviceModel)),

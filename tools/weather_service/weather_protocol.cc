@@ -17,6 +17,7 @@
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
+#include "platform/ascii.h"
 #include "platform/utf8.h"
 #include "service/cipher.h"
 
@@ -309,8 +310,7 @@ ServiceAnswer refusal(const Refusal& failure, std::string_view key) {
 // Does an If-None-Match list name `etag`? Weak tags match too, as for any GET.
 bool matchesEntityTag(std::string_view list, std::string_view etag) {
   const auto bare = [](std::string_view tag) {
-    while (!tag.empty() && (tag.front() == ' ' || tag.front() == '\t')) tag.remove_prefix(1);
-    while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
+    tag = internal::trimmedSpaces(tag);
     if (tag.starts_with("W/")) tag.remove_prefix(2);
     if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') tag = tag.substr(1, tag.size() - 2);
     return tag;

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "platform/ascii.h"
+
 namespace kp::weather {
 namespace {
 
@@ -31,7 +33,7 @@ void send(const ServiceAnswer& answer, httplib::Response& response) {
 
 // Host names do not depend on case; the URL shows them in lower case.
 WeatherServiceOptions withCanonicalHost(WeatherServiceOptions options) {
-  for (char& c : options.host) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  options.host = internal::asciiLowercased(options.host);
   return options;
 }
 
