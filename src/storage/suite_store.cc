@@ -52,8 +52,8 @@ std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
   std::erase_if(r.stores, [](const auto& entry) { return entry.second.expired(); });
 
   std::shared_ptr<SuiteStore> store(new SuiteStore(file));
-  if (std::string error; !platform::createPrivateDirectories(file.parent_path(), &error)) {
-    reportToCoreLog("User defaults cannot create the folder of suite file " + file.string() + ": " + error);
+  if (!platform::createPrivateDirectories(file.parent_path())) {
+    reportToCoreLog("User defaults cannot create the folder of suite file " + file.string());
   }
   platform::removeStaleTemporaryFiles(file, std::chrono::minutes(10));
   {
@@ -179,7 +179,7 @@ bool SuiteStore::writeLocked() {
     return false;
   };
 
-  if (std::string error; !platform::createPrivateDirectories(file_.parent_path(), &error)) return failed(error);
+  if (!platform::createPrivateDirectories(file_.parent_path())) return failed("cannot create its folder");
   std::optional<platform::FileLock> lock = platform::FileLock::acquire(lockFile_, kLockTimeout);
   if (!lock) return failed("the suite stayed locked by another process");
   // Another process may have written since we last looked: start from its file.
@@ -206,9 +206,9 @@ bool SuiteStore::writeLocked() {
   } catch (const std::exception& e) {
     return failed(e.what());
   }
-  const platform::WriteOutcome outcome = platform::writeFileAtomically(file_, bytes.bytes());
-  if (!outcome.ok) return failed(outcome.error);
-  lastSeen_ = outcome.identity;
+  if (std::string error; !platform::writeFileAtomically(file_, bytes.bytes(), &error)) return failed(error);
+  // Still under the suite's lock, so the file there is the one just written.
+  lastSeen_ = platform::fileIdentity(file_);
   retryDelay_ = 0ms;
   writes_.fetch_add(1, std::memory_order_relaxed);
   {

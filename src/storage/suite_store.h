@@ -32,7 +32,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/string_map.h"
-#include "platform/durable_file.h"
+#include "platform/files.h"
 
 namespace kp::storage_detail {
 

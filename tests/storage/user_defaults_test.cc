@@ -17,7 +17,6 @@
 
 #include "kp/coding/property_list.h"
 #include "kp/storage/user_defaults_storage.h"
-#include "support/child_process.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 
@@ -26,21 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using kp::Value;
-
-// Writer mode: started as a second process with KP_TEST_DEFAULTS_WRITER=<suite>, this program
-// rewrites a large value of that suite until it is killed. Each round's value is one byte
-// repeated, so a torn file would show mixed bytes.
-[[maybe_unused]] const bool kWriterMode = [] {
-  const char* suite = std::getenv("KP_TEST_DEFAULTS_WRITER");  // NOLINT(concurrency-mt-unsafe)
-  if (suite == nullptr) return false;
-  auto defaults = kp::UserDefaults::suite(suite);
-  for (std::int64_t round = 1;; ++round) {
-    defaults->setObject(std::any(kp::Data(std::vector<std::uint8_t>(2 << 20, static_cast<std::uint8_t>(round)))),
-                        "payload");
-    defaults->setInteger(round, "round");
-    defaults->synchronize();
-  }
-}();
 
 std::string fileBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -67,10 +51,17 @@ bool eventually(Condition condition, std::chrono::milliseconds limit = 5s) {
 class UserDefaultsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::setenv("XDG_CONFIG_HOME", (config_.path() / "config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    // A test run again in a child process works in its parent's folder.
+    if (kp::test::inTestChild()) {
+      root_ = std::getenv("KP_TEST_CONFIG");  // NOLINT(concurrency-mt-unsafe)
+    } else {
+      owned_.emplace();
+      root_ = owned_->path();
+    }
+    ::setenv("XDG_CONFIG_HOME", (root_ / "config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   }
 
-  [[nodiscard]] fs::path folder() const { return config_.path() / "config" / "com.kp.app"; }
+  [[nodiscard]] fs::path folder() const { return root_ / "config" / "com.kp.app"; }
   [[nodiscard]] fs::path suiteFile(const std::string& suite) const { return folder() / (suite + ".plist"); }
   static kp::test::ProcessResult kpcore(const std::string& arguments) {
     return kp::test::runCommand(std::string(KPCORE_PATH) + " " + arguments + " 2>&1");
@@ -85,7 +76,8 @@ class UserDefaultsTest : public ::testing::Test {
     return out;
   }
 
-  kp::test::TempDir config_;
+  std::optional<kp::test::TempDir> owned_;
+  fs::path root_;
 };
 
 TEST_F(UserDefaultsTest, ValuesPersistAsAPropertyListDictionary) {
@@ -176,7 +168,7 @@ TEST_F(UserDefaultsTest, RefusesWhatAPropertyListCannotHoldAndNamesThatAreNoFile
 }
 
 TEST_F(UserDefaultsTest, AFirstRunCreatesAPrivateFolderAndLargeValuesRoundTrip) {
-  EXPECT_FALSE(fs::exists(config_.path() / "config"));
+  EXPECT_FALSE(fs::exists(root_ / "config"));
   auto defaults = kp::UserDefaults::suite("first");
   kp::Data big = kp::Data::zeros(3 << 20);
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 7);
@@ -279,16 +271,22 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
 }
 
 TEST_F(UserDefaultsTest, AKilledWriterLeavesTheOldFileOrTheNew) {
+  if (kp::test::inTestChild()) {
+    // The writer: rewrites a large value until it is killed. Each round's value is one byte
+    // repeated, so a torn file would show mixed bytes.
+    auto defaults = kp::UserDefaults::suite("killed");
+    for (std::int64_t round = 1;; ++round) {
+      defaults->setObject(kp::Data(std::vector<std::uint8_t>(2 << 20, static_cast<std::uint8_t>(round))), "payload");
+      defaults->setInteger(round, "round");
+      defaults->synchronize();
+    }
+  }
   const fs::path file = suiteFile("killed");
   std::mt19937 random(42);
   for (int round = 0; round < 8; ++round) {
-    kp::test::ChildProcess writer(
-        {"/proc/self/exe"},
-        kp::test::ChildProcess::Options{
-            .input = {}, .captureOutput = false, .environment = {"KP_TEST_DEFAULTS_WRITER=killed"}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(150 + random() % 400));
-    writer.signal(SIGKILL);
-    writer.wait();
+    const std::string after = std::to_string(0.3 + static_cast<double>(random() % 500) / 1000.0);
+    (void)kp::test::runThisTestInChild("KP_TEST_CONFIG=" + kp::test::shellQuote(root_.string()),
+                                       "timeout -s KILL " + after);
     if (!fs::exists(file)) continue;     // killed before its first write
     const Value value = readFile(file);  // throws (and fails the test) for a torn file
     const kp::Data* payload = value.find("payload")->ifData();
@@ -302,8 +300,8 @@ TEST_F(UserDefaultsTest, AKilledWriterLeavesTheOldFileOrTheNew) {
 
   // Temporary files of killed writers are cleared when the suite is opened, unless they may
   // belong to a writer that is still at work.
-  const fs::path stale = folder() / ".killed.plist.tmp-stale1";
-  const fs::path recent = folder() / ".killed.plist.tmp-recent";
+  const fs::path stale = folder() / ".kp-partial-killed.plist.stale1";
+  const fs::path recent = folder() / ".kp-partial-killed.plist.recent";
   std::ofstream(stale) << "x";
   std::ofstream(recent) << "x";
   fs::last_write_time(stale, fs::file_time_type::clock::now() - std::chrono::hours(1));
