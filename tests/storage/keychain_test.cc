@@ -4,12 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <thread>
 
 #include "kp/coding/property_list.h"
 #include "support/assertion_capture.h"
+#include "support/process.h"
 #include "support/secret_service.h"
 
 namespace {
@@ -34,20 +36,19 @@ class KeychainTest : public ::testing::Test {
     service_ = nullptr;
   }
 
-  // What secret-tool finds for `attributes` ("account k service s").
-  static std::string lookup(const std::string& attributes) {
-    return service_->secretTool("lookup " + attributes).output;
+  // The secret that secret-tool finds for the item of `account` in `service`.
+  static std::string lookup(const std::string& account, const std::string& service = kBundle) {
+    return service_->secretTool({"lookup", "account", account, "service", service}).output;
   }
-  // How many items secret-tool lists for `attributes`.
-  static int count(const std::string& attributes) {
-    const std::string listing = service_->secretTool("search --all " + attributes).output;
+  // What secret-tool lists for the items of `account` in `service`.
+  static std::string listing(const std::string& account, const std::string& service = kBundle) {
+    return service_->secretTool({"search", "--all", "account", account, "service", service}).output;
+  }
+  static int count(const std::string& account, const std::string& service = kBundle) {
+    const std::string items = listing(account, service);
     int n = 0;
-    for (auto at = listing.find("\nlabel = "); at != std::string::npos; at = listing.find("\nlabel = ", at + 1)) ++n;
-    if (listing.rfind("label = ", 0) == 0) ++n;
+    for (auto at = items.find("label = "); at != std::string::npos; at = items.find("label = ", at + 1)) ++n;
     return n;
-  }
-  static std::string listing(const std::string& attributes) {
-    return service_->secretTool("search --all " + attributes).output;
   }
 
   static kp::test::PrivateSecretService* service_;
@@ -84,12 +85,12 @@ TEST_F(KeychainTest, ValuesRoundTripInTheirStoredForm) {
 
   // Another program sees generic passwords: account = key, service = the bundle, the data as
   // stored: raw bytes as they are, scalars as the binary property list {"v": value}.
-  EXPECT_EQ(lookup("account data service " + std::string(kBundle)), "raw bytes");
-  const std::string item = listing("account int service " + std::string(kBundle));
+  EXPECT_EQ(lookup("data"), "raw bytes");
+  const std::string item = listing("int");
   EXPECT_NE(item.find("attribute.class = genp"), std::string::npos) << item;
   EXPECT_NE(item.find("attribute.accessible = kSecAttrAccessibleAfterFirstUnlock"), std::string::npos) << item;
   EXPECT_EQ(item.find("attribute.accessGroup"), std::string::npos) << item;
-  const std::string wrappedInt = lookup("account int service " + std::string(kBundle));
+  const std::string wrappedInt = lookup("int");
   auto tree = kp::readPropertyList({reinterpret_cast<const std::uint8_t*>(wrappedInt.data()), wrappedInt.size()});
   ASSERT_NE(tree.find("v"), nullptr);
   EXPECT_EQ(*tree.find("v")->ifInteger(), -42);
@@ -104,7 +105,8 @@ TEST_F(KeychainTest, ReadsOnlyWhatTheItemHolds) {
 
   // Items other programs wrote: plain UTF-8 text reads as text only; garbage reads as nothing.
   ASSERT_EQ(
-      service_->secretTool("store --label=plain class genp account plain service " + std::string(kBundle), "hunter2")
+      service_
+          ->secretTool({"store", "--label=plain", "class", "genp", "account", "plain", "service", kBundle}, "hunter2")
           .status,
       0);
   EXPECT_EQ(keychain_.string("plain", std::nullopt), "hunter2");
@@ -120,13 +122,12 @@ TEST_F(KeychainTest, ReadsOnlyWhatTheItemHolds) {
 }
 
 TEST_F(KeychainTest, WritingAgainUpdatesTheOneItem) {
-  const std::string where = "account k service " + std::string(kBundle);
   keychain_.setString(std::string("a"), "k", KeychainAccess::whenUnlockedThisDeviceOnly, std::nullopt);
   keychain_.setString(std::string("b"), "k", KeychainAccess::afterFirstUnlockCompat, std::nullopt);
   EXPECT_EQ(keychain_.string("k", std::nullopt), "b");
-  EXPECT_EQ(count(where), 1);
+  EXPECT_EQ(count("k"), 1);
   // The compatibility value stores the same accessibility as the one it repeats.
-  EXPECT_NE(listing(where).find("accessible = kSecAttrAccessibleAfterFirstUnlock\n"), std::string::npos);
+  EXPECT_NE(listing("k").find("accessible = kSecAttrAccessibleAfterFirstUnlock\n"), std::string::npos);
   EXPECT_EQ(kp::value(KeychainAccess::afterFirstUnlockThisDeviceOnlyCompat),
             kp::value(KeychainAccess::afterFirstUnlockThisDeviceOnly));
   EXPECT_EQ(kp::keychainAccess(2), KeychainAccess::afterFirstUnlockCompat);
@@ -134,7 +135,7 @@ TEST_F(KeychainTest, WritingAgainUpdatesTheOneItem) {
 
   keychain_.setString(std::nullopt, "k", KeychainAccess::whenUnlocked, std::nullopt);
   EXPECT_EQ(keychain_.string("k", std::nullopt), std::nullopt);
-  EXPECT_EQ(count(where), 0);
+  EXPECT_EQ(count("k"), 0);
   keychain_.setInt(1, "gone", KeychainAccess::whenUnlocked, std::nullopt);
   keychain_.remove("gone", std::nullopt);
   EXPECT_EQ(keychain_.int_("gone", std::nullopt), std::nullopt);
@@ -147,13 +148,13 @@ TEST_F(KeychainTest, GroupItemsLiveInTheirService) {
   EXPECT_EQ(keychain_.string("token", shared), "shared secret");
   EXPECT_EQ(keychain_.string("token", std::nullopt), std::nullopt);  // looks in the bundle's service
   EXPECT_EQ(kp::Keychain("com.kp.tests.other", 5s).string("token", shared), "shared secret");
-  const std::string item = listing("account token service com.kp.tests.shared");
+  const std::string item = listing("token", "com.kp.tests.shared");
   EXPECT_NE(item.find("attribute.accessGroup = TEAM.com.kp.group"), std::string::npos) << item;
   EXPECT_NE(item.find("attribute.synchronizable = true"), std::string::npos) << item;
 
   keychain_.setString(std::string("newer"), "token", KeychainAccess::afterFirstUnlock, shared);
   EXPECT_EQ(keychain_.string("token", shared), "newer");
-  EXPECT_EQ(count("account token service com.kp.tests.shared"), 1);
+  EXPECT_EQ(count("token", "com.kp.tests.shared"), 1);
   // Without an identifier the items go to a fixed service of their own.
   EXPECT_EQ(kp::Keychain::kUnknownApplication, "TarvixWorks-Keychain-Unknown-App");
 }
@@ -213,6 +214,30 @@ TEST_F(KeychainTest, ALockedKeyringIsNeitherUnlockedNorChanged) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);  // no prompt was waited for
   EXPECT_EQ(service_->itemCount("account", "locked"), 1);
   EXPECT_EQ(service_->itemCount("account", "fresh"), 0);
+}
+
+TEST_F(KeychainTest, KpcoreSetsGetsAndDeletesItems) {
+  const auto kpcore = [](const std::string& arguments) {
+    return kp::test::runCommand(std::string(KPCORE_PATH) + " keychain " + arguments + " 2>&1");
+  };
+  const auto set = kpcore("set token 's3 cret' --service com.kp.tests.tool");
+  ASSERT_EQ(set.status, 0) << set.output;
+  EXPECT_EQ(kpcore("get token --service com.kp.tests.tool").output, "s3 cret\n");
+  EXPECT_EQ(kp::Keychain("com.kp.tests.tool", 5s).string("token", std::nullopt), "s3 cret");
+  EXPECT_EQ(kpcore("get token --service com.kp.tests.tool --json").output, R"({"key":"token","value":"s3 cret"})"
+                                                                           "\n");
+
+  ASSERT_EQ(kpcore("set shared yes --service com.kp.tests.tool --access-group G --access 4").status, 0);
+  EXPECT_EQ(keychain_.string("shared", kp::KeychainAccessGroupDetail("com.kp.tests.tool", "G")), "yes");
+  EXPECT_NE(listing("shared", "com.kp.tests.tool").find("kSecAttrAccessibleWhenUnlockedThisDeviceOnly"),
+            std::string::npos);
+
+  ASSERT_EQ(kpcore("delete token --service com.kp.tests.tool").status, 0);
+  const auto missing = kpcore("get token --service com.kp.tests.tool");
+  EXPECT_NE(missing.status, 0);
+  EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1) << missing.output;
+  EXPECT_EQ(kpcore("get x --access-group G").status, 2);
+  EXPECT_EQ(kpcore("set x y --access 9").status, 2);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 extern char** environ;  // NOLINT
 
@@ -40,6 +41,7 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
   if (pid_ == 0) {
     ::dup2(in[0], STDIN_FILENO);
     if (out[1] >= 0) ::dup2(out[1], STDOUT_FILENO);
+    if (out[1] >= 0 && options.captureErrors) ::dup2(out[1], STDERR_FILENO);
     ::execvpe(args[0], args.data(), envp.data());
     ::_exit(127);
   }
@@ -63,6 +65,21 @@ ChildProcess::~ChildProcess() {
   if (output_ >= 0) ::close(output_);
 }
 
+bool ChildProcess::fill(std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (output_ < 0 || left.count() <= 0) return false;
+    pollfd p{output_, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+    char buffer[4096];
+    const ssize_t n = ::read(output_, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    buffered_.append(buffer, static_cast<std::size_t>(n));
+    return true;
+  }
+}
+
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
@@ -71,16 +88,15 @@ std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds time
       buffered_.erase(0, end + 1);
       return line;
     }
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (output_ < 0 || left.count() <= 0) return std::nullopt;
-    pollfd p{output_, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    char buffer[4096];
-    const ssize_t n = ::read(output_, buffer, sizeof buffer);
-    if (n <= 0) return std::nullopt;
-    buffered_.append(buffer, static_cast<std::size_t>(n));
+    if (!fill(deadline)) return std::nullopt;
   }
+}
+
+std::string ChildProcess::readAll(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (fill(deadline)) {
+  }
+  return std::exchange(buffered_, {});
 }
 
 void ChildProcess::signal(int signalNumber) const {

@@ -15,6 +15,7 @@ class ChildProcess {
   struct Options {
     std::string input;                     // written to standard input, which is then closed
     bool captureOutput = false;            // standard output readable through readLine()
+    bool captureErrors = false;            // with captureOutput: standard error goes there too
     std::vector<std::string> environment;  // "NAME=VALUE" entries added to (or replacing) ours
   };
 
@@ -29,12 +30,17 @@ class ChildProcess {
   [[nodiscard]] pid_t pid() const noexcept { return pid_; }
   // One line of standard output, without its end; nothing at the end of output or on timeout.
   [[nodiscard]] std::optional<std::string> readLine(std::chrono::milliseconds timeout);
+  // Everything it writes to standard output until it closes it (or `timeout` passes).
+  [[nodiscard]] std::string readAll(std::chrono::milliseconds timeout);
   void signal(int signalNumber) const;
   // Waits for the end: the exit status, or 128 + the signal that ended it.
   int wait();
 
  private:
   pid_t pid_ = -1;
+  // Reads what is available into buffered_; false at the end of output or on timeout.
+  bool fill(std::chrono::steady_clock::time_point deadline);
+
   int output_ = -1;
   std::string buffered_;
   std::optional<int> status_;

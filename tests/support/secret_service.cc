@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -59,9 +60,7 @@ PrivateSecretService::PrivateSecretService() {
   // Ready once the default keyring exists (it is made, unlocked, at start-up).
   const auto deadline = std::chrono::steady_clock::now() + 15s;
   while (std::chrono::steady_clock::now() < deadline) {
-    const ProcessResult alias = busCall(
-        "--dest=org.freedesktop.secrets /org/freedesktop/secrets org.freedesktop.Secret.Service.ReadAlias "
-        "string:default");
+    const ProcessResult alias = busCall({"org.freedesktop.Secret.Service.ReadAlias", "string:default"});
     if (alias.status == 0 && alias.output.find("/collection/") != std::string::npos) return;
     std::this_thread::sleep_for(20ms);
   }
@@ -74,34 +73,42 @@ PrivateSecretService::~PrivateSecretService() {
   ::unsetenv("DBUS_SESSION_BUS_ADDRESS");  // NOLINT(concurrency-mt-unsafe)
 }
 
-ProcessResult PrivateSecretService::busCall(const std::string& arguments) const {
-  return runCommand("dbus-send --bus=" + shellQuote(address_) + " --print-reply " + arguments + " 2>&1");
+ProcessResult PrivateSecretService::run(std::vector<std::string> argv, const std::string& input,
+                                        bool mergeErrors) const {
+  ChildProcess child(std::move(argv), ChildProcess::Options{.input = input,
+                                                            .captureOutput = true,
+                                                            .captureErrors = mergeErrors,
+                                                            .environment = {"DBUS_SESSION_BUS_ADDRESS=" + address_}});
+  ProcessResult result;
+  result.output = child.readAll(20s);
+  child.signal(SIGKILL);  // only if it hung
+  result.status = child.wait();
+  return result;
 }
 
-ProcessResult PrivateSecretService::secretTool(const std::string& arguments, const std::string& input) const {
-  return runCommand(
-      "DBUS_SESSION_BUS_ADDRESS=" + shellQuote(address_) + " timeout 20 secret-tool " + arguments + " 2>&1", input);
+ProcessResult PrivateSecretService::busCall(std::vector<std::string> arguments) const {
+  arguments.insert(arguments.begin(), {"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.secrets",
+                                       "/org/freedesktop/secrets"});
+  return run(std::move(arguments), {}, true);
+}
+
+ProcessResult PrivateSecretService::secretTool(std::vector<std::string> arguments, const std::string& input) const {
+  arguments.insert(arguments.begin(), "secret-tool");
+  // secret-tool lists attributes on standard error.
+  return run(std::move(arguments), input, true);
 }
 
 bool PrivateSecretService::lockDefaultCollection() const {
-  const ProcessResult alias = busCall(
-      "--dest=org.freedesktop.secrets /org/freedesktop/secrets org.freedesktop.Secret.Service.ReadAlias "
-      "string:default");
+  const ProcessResult alias = busCall({"org.freedesktop.Secret.Service.ReadAlias", "string:default"});
   const auto start = alias.output.find("\"/org/freedesktop/secrets/collection/");
   if (start == std::string::npos) return false;
   const std::string path = alias.output.substr(start + 1, alias.output.find('"', start + 1) - start - 1);
-  return busCall(
-             "--dest=org.freedesktop.secrets /org/freedesktop/secrets org.freedesktop.Secret.Service.Lock "
-             "array:objpath:" +
-             path)
-             .status == 0;
+  return busCall({"org.freedesktop.Secret.Service.Lock", "array:objpath:" + path}).status == 0;
 }
 
 int PrivateSecretService::itemCount(const std::string& attribute, const std::string& value) const {
-  const ProcessResult found = busCall(
-      "--dest=org.freedesktop.secrets /org/freedesktop/secrets org.freedesktop.Secret.Service.SearchItems "
-      "dict:string:string:" +
-      shellQuote(attribute + "," + value));
+  const ProcessResult found =
+      busCall({"org.freedesktop.Secret.Service.SearchItems", "dict:string:string:" + attribute + "," + value});
   if (found.status != 0) return -1;
   int n = 0;
   for (auto at = found.output.find("object path"); at != std::string::npos;
