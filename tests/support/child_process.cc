@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +40,8 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
   pid_ = ::fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
+    // The program ends with the test, even when the test is killed.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::dup2(in[0], STDIN_FILENO);
     if (out[1] >= 0) ::dup2(out[1], STDOUT_FILENO);
     if (out[1] >= 0 && options.captureErrors) ::dup2(out[1], STDERR_FILENO);
