@@ -164,7 +164,7 @@ void BM_Baseline_LibsecretRoundTrip(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_Baseline_LibsecretRoundTrip)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Baseline_LibsecretRoundTrip)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_KeychainRoundTrip(benchmark::State& state) {
   keyring();
@@ -175,6 +175,6 @@ void BM_KeychainRoundTrip(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_KeychainRoundTrip)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_KeychainRoundTrip)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

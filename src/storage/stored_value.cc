@@ -96,6 +96,19 @@ bool tryIntegers(const std::any& value, Conversion& c) {
   return (tryInteger<I>(value, c) || ...);
 }
 
+// One element of a list or map; nothing (and `c` refused) when it cannot be stored.
+template <class Element>
+std::optional<Value> convertElement(const Element& element, Conversion& c, std::size_t depth) {
+  Conversion inner;
+  if constexpr (std::is_same_v<Element, std::any>) {
+    convert(element, inner, depth + 1);
+  } else {
+    convert(std::any(element), inner, depth + 1);
+  }
+  if (!inner.out) c.refuse(inner.problem);
+  return std::move(inner.out);
+}
+
 // A list whose elements convert one by one.
 template <class List>
 bool tryList(const std::any& value, Conversion& c, std::size_t depth) {
@@ -104,17 +117,9 @@ bool tryList(const std::any& value, Conversion& c, std::size_t depth) {
   Value::Array out;
   out.reserve(list->size());
   for (const auto& element : *list) {
-    Conversion inner;
-    if constexpr (std::is_same_v<typename List::value_type, std::any>) {
-      convert(element, inner, depth + 1);
-    } else {
-      convert(std::any(element), inner, depth + 1);
-    }
-    if (!inner.out) {
-      c.refuse(inner.problem);
-      return true;
-    }
-    out.push_back(std::move(*inner.out));
+    std::optional<Value> converted = convertElement(element, c, depth);
+    if (!converted) return true;
+    out.push_back(std::move(*converted));
   }
   c.out = Value(std::move(out));
   return true;
@@ -131,18 +136,9 @@ bool tryMap(const std::any& value, Conversion& c, std::size_t depth) {
       c.refuse("dictionary key is not UTF-8");
       return true;
     }
-    Conversion inner;
-    using Element = std::remove_cvref_t<decltype(std::declval<const typename Map::value_type&>().second)>;
-    if constexpr (std::is_same_v<Element, std::any>) {
-      convert(element, inner, depth + 1);
-    } else {
-      convert(std::any(element), inner, depth + 1);
-    }
-    if (!inner.out) {
-      c.refuse(inner.problem);
-      return true;
-    }
-    out.emplace_back(key, std::move(*inner.out));
+    std::optional<Value> converted = convertElement(element, c, depth);
+    if (!converted) return true;
+    out.emplace_back(key, std::move(*converted));
   }
   c.out = Value(std::move(out));
   return true;

@@ -45,6 +45,9 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, Options options) {
     ::dup2(in[0], STDIN_FILENO);
     if (out[1] >= 0) ::dup2(out[1], STDOUT_FILENO);
     if (out[1] >= 0 && options.captureErrors) ::dup2(out[1], STDERR_FILENO);
+    if (options.quiet) {
+      if (const int null = ::open("/dev/null", O_WRONLY); null >= 0) ::dup2(null, STDERR_FILENO);
+    }
     ::execvpe(args[0], args.data(), envp.data());
     ::_exit(127);
   }

@@ -16,6 +16,7 @@ class ChildProcess {
     std::string input;                     // written to standard input, which is then closed
     bool captureOutput = false;            // standard output readable through readLine()
     bool captureErrors = false;            // with captureOutput: standard error goes there too
+    bool quiet = false;                    // standard error goes nowhere
     std::vector<std::string> environment;  // "NAME=VALUE" entries added to (or replacing) ours
   };
 

@@ -40,7 +40,7 @@ PrivateSecretService::PrivateSecretService() {
   bus_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"dbus-daemon", "--config-file=" + (root / "bus.conf").string(), "--nofork",
                                "--print-address"},
-      ChildProcess::Options{.input = {}, .captureOutput = true, .environment = {}});
+      ChildProcess::Options{.input = {}, .captureOutput = true, .quiet = true, .environment = {}});
   auto address = bus_->readLine(10s);
   if (!address || address->empty()) throw std::runtime_error("the private session bus did not start");
   address_ = *address;
@@ -52,6 +52,7 @@ PrivateSecretService::PrivateSecretService() {
       ChildProcess::Options{
           .input = "kp-test-password",
           .captureOutput = false,
+          .quiet = true,
           .environment = {"HOME=" + root.string(), "XDG_RUNTIME_DIR=" + (root / "run").string(),
                           "XDG_DATA_HOME=" + (root / "data").string(), "XDG_CONFIG_HOME=" + (root / "config").string(),
                           "DBUS_SESSION_BUS_ADDRESS=" + address_}});

@@ -219,8 +219,7 @@ class SecretServiceItems final : public KeychainItems {
     Ref<SecretCollection> collection = defaultCollection(call, service.get());
     if (!collection) return KeychainStatus::notAvailable;
     if (secret_collection_get_locked(collection.get())) return KeychainStatus::interactionNotAllowed;
-    SecretValuePtr value(secret_value_new(reinterpret_cast<const gchar*>(data.data()), static_cast<gssize>(data.size()),
-                                          "application/octet-stream"));
+    SecretValuePtr value = secretValue(data);
     Table table = toTable(attributes);
     const std::string label = attribute(attributes, attr::kAccount).value_or("");
     Ref<GAsyncResult> result = call.run([&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
@@ -237,33 +236,33 @@ class SecretServiceItems final : public KeychainItems {
 
   KeychainStatus update(const KeychainAttributes& query, std::span<const std::uint8_t> data,
                         const KeychainAttributes& changes) override {
-    if (!carriable(query) || !carriable(changes)) return KeychainStatus::invalidParameter;
+    if (!carriable(changes)) return KeychainStatus::invalidParameter;
     Call call(timeout_);
-    Ref<SecretService> service = connect(call);
-    if (!service) return KeychainStatus::notAvailable;
-    std::optional<std::vector<Found>> items = search(call, service.get(), query, false);
-    if (!items) return KeychainStatus::notAvailable;
-    if (items->empty()) return KeychainStatus::itemNotFound;
-    SecretValuePtr value(secret_value_new(reinterpret_cast<const gchar*>(data.data()), static_cast<gssize>(data.size()),
-                                          "application/octet-stream"));
+    std::vector<Found> items;
+    if (auto failure = lookUp(call, query, false, items)) return *failure;
+    SecretValuePtr value = secretValue(data);
     bool updated = false;
-    for (Found& found : *items) {
+    for (Found& found : items) {
       if (found.locked) continue;
       SecretItem* item = found.item.get();
-      Ref<GAsyncResult> result = call.run([&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
-        secret_item_set_secret(item, value.get(), cancel, done, userData);
-      });
-      if (!result || !finished(secret_item_set_secret_finish, item, result.get())) return KeychainStatus::notAvailable;
+      const bool stored = onItem(
+          call, item,
+          [&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
+            secret_item_set_secret(item, value.get(), cancel, done, userData);
+          },
+          secret_item_set_secret_finish);
+      if (!stored) return KeychainStatus::notAvailable;
       KeychainAttributes merged = found.attributes;
       for (const auto& [name, change] : changes) merged.insert_or_assign(name, change);
       if (merged != found.attributes) {
         Table table = toTable(merged);
-        result = call.run([&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
-          secret_item_set_attributes(item, nullptr, table.get(), cancel, done, userData);
-        });
-        if (!result || !finished(secret_item_set_attributes_finish, item, result.get())) {
-          return KeychainStatus::notAvailable;
-        }
+        const bool changed = onItem(
+            call, item,
+            [&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
+              secret_item_set_attributes(item, nullptr, table.get(), cancel, done, userData);
+            },
+            secret_item_set_attributes_finish);
+        if (!changed) return KeychainStatus::notAvailable;
       }
       updated = true;
     }
@@ -271,19 +270,15 @@ class SecretServiceItems final : public KeychainItems {
   }
 
   KeychainStatus copyMatching(const KeychainAttributes& query, Data* data) override {
-    if (!carriable(query)) return KeychainStatus::invalidParameter;
     Call call(timeout_);
-    Ref<SecretService> service = connect(call);
-    if (!service) return KeychainStatus::notAvailable;
-    std::optional<std::vector<Found>> items = search(call, service.get(), query, true);
-    if (!items) return KeychainStatus::notAvailable;
-    if (items->empty()) return KeychainStatus::itemNotFound;
+    std::vector<Found> items;
+    if (auto failure = lookUp(call, query, true, items)) return *failure;
     // Unlocked first, then the item that is exactly what the query names (no attributes of
     // identity beyond it), then the newest.
     auto rank = [&](const Found& f) {
       return std::make_tuple(!f.locked, sameIdentity(f.attributes, query), f.modified);
     };
-    const Found& best = *std::max_element(items->begin(), items->end(),
+    const Found& best = *std::max_element(items.begin(), items.end(),
                                           [&](const Found& a, const Found& b) { return rank(a) < rank(b); });
     if (best.locked) return KeychainStatus::interactionNotAllowed;
     SecretValuePtr value(secret_item_get_secret(best.item.get()));
@@ -295,27 +290,52 @@ class SecretServiceItems final : public KeychainItems {
   }
 
   KeychainStatus deleteItems(const KeychainAttributes& query) override {
-    if (!carriable(query)) return KeychainStatus::invalidParameter;
     Call call(timeout_);
-    Ref<SecretService> service = connect(call);
-    if (!service) return KeychainStatus::notAvailable;
-    std::optional<std::vector<Found>> items = search(call, service.get(), query, false);
-    if (!items) return KeychainStatus::notAvailable;
-    if (items->empty()) return KeychainStatus::itemNotFound;
+    std::vector<Found> items;
+    if (auto failure = lookUp(call, query, false, items)) return *failure;
     bool deleted = false;
-    for (Found& found : *items) {
+    for (Found& found : items) {
       if (found.locked) continue;
       SecretItem* item = found.item.get();
-      Ref<GAsyncResult> result = call.run([&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
-        secret_item_delete(item, cancel, done, userData);
-      });
-      if (!result || !finished(secret_item_delete_finish, item, result.get())) return KeychainStatus::notAvailable;
+      const bool gone = onItem(
+          call, item,
+          [&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
+            secret_item_delete(item, cancel, done, userData);
+          },
+          secret_item_delete_finish);
+      if (!gone) return KeychainStatus::notAvailable;
       deleted = true;
     }
     return deleted ? KeychainStatus::success : KeychainStatus::interactionNotAllowed;
   }
 
  private:
+  static SecretValuePtr secretValue(std::span<const std::uint8_t> data) {
+    return SecretValuePtr(secret_value_new(reinterpret_cast<const gchar*>(data.data()),
+                                           static_cast<gssize>(data.size()), "application/octet-stream"));
+  }
+
+  // The items matching `query`; the status to answer with when there are none or the service
+  // cannot be asked.
+  std::optional<KeychainStatus> lookUp(Call& call, const KeychainAttributes& query, bool loadSecrets,
+                                       std::vector<Found>& items) {
+    if (!carriable(query)) return KeychainStatus::invalidParameter;
+    Ref<SecretService> service = connect(call);
+    if (!service) return KeychainStatus::notAvailable;
+    std::optional<std::vector<Found>> found = search(call, service.get(), query, loadSecrets);
+    if (!found) return KeychainStatus::notAvailable;
+    if (found->empty()) return KeychainStatus::itemNotFound;
+    items = std::move(*found);
+    return std::nullopt;
+  }
+
+  // Runs one operation on `item` and tells whether it succeeded.
+  template <class Start, class Finish>
+  static bool onItem(Call& call, SecretItem* item, Start&& start, Finish finish) {
+    Ref<GAsyncResult> result = call.run(std::forward<Start>(start));
+    return result && finished(finish, item, result.get());
+  }
+
   template <class Finish>
   static bool finished(Finish finish, SecretItem* item, GAsyncResult* result) {
     GError* raw = nullptr;
