@@ -11,6 +11,7 @@
 #include "kp/container/dependency.h"
 #include "kp/storage/dictionary_storage.h"
 #include "kp/storage/user_defaults.h"
+#include "storage/suite_store.h"
 #include "support/assertion_capture.h"
 #include "support/temp_dir.h"
 
@@ -81,10 +82,18 @@ using app::Setting;
 static_assert(kp::StorageKey<Setting> && kp::StorageKey<app::Named>);
 static_assert(!kp::StorageKey<int>);
 
-std::shared_ptr<kp::UserDefaults> freshSuite(kp::test::TempDir& dir, const char* name) {
-  ::setenv("XDG_CONFIG_HOME", dir.path().c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-  return kp::UserDefaults::suite(name);
-}
+// A configuration folder of its own; every suite is written before the folder goes, so that
+// no late write brings it back.
+class ConfigFolder {
+ public:
+  ConfigFolder() { ::setenv("XDG_CONFIG_HOME", dir_.path().c_str(), 1); }  // NOLINT(concurrency-mt-unsafe)
+  ~ConfigFolder() { kp::storage_detail::SuiteStore::synchronizeAll(); }
+  ConfigFolder(const ConfigFolder&) = delete;
+  ConfigFolder& operator=(const ConfigFolder&) = delete;
+
+ private:
+  kp::test::TempDir dir_;
+};
 
 TEST(DictionaryStorage, KeepsValuesAsGivenAndConvertsNothing) {
   kp::DictionaryStorage storage({{"seed", std::any(std::string("x"))}});
@@ -124,11 +133,11 @@ TEST(DictionaryStorage, KeepsValuesAsGivenAndConvertsNothing) {
 class ContainerTest : public ::testing::TestWithParam<bool> {
  protected:
   ContainerTest()
-      : storage_(GetParam() ? std::shared_ptr<tarvix::KeyedStorageService>(freshSuite(dir_, "containers"))
+      : storage_(GetParam() ? std::shared_ptr<tarvix::KeyedStorageService>(kp::UserDefaults::suite("containers"))
                             : std::make_shared<kp::DictionaryStorage>()),
         settings_(storage_) {}
 
-  kp::test::TempDir dir_;
+  ConfigFolder folder_;
   std::shared_ptr<tarvix::KeyedStorageService> storage_;
   kp::KeyedStorageContainer<Setting> settings_;
 };
@@ -191,8 +200,8 @@ INSTANTIATE_TEST_SUITE_P(Stores, ContainerTest, ::testing::Values(false, true),
                          });
 
 TEST(UserDefaultsContainer, ListsArchivesAndSuites) {
-  kp::test::TempDir dir;
-  auto defaults = freshSuite(dir, "additions");
+  ConfigFolder folder;
+  auto defaults = kp::UserDefaults::suite("additions");
   auto settings = defaults->container<Setting>();
   settings.setObject(std::vector<std::string>{"a", "b"}, Setting::list);
   EXPECT_EQ(settings.array<std::string>(Setting::list), (std::vector<std::string>{"a", "b"}));
@@ -237,8 +246,8 @@ TEST(UserDefaultsContainer, ListsArchivesAndSuites) {
 }
 
 TEST(UserDefaultsContainer, StoresArchivedObjectsByKey) {
-  kp::test::TempDir dir;
-  auto defaults = freshSuite(dir, "objects");
+  ConfigFolder folder;
+  auto defaults = kp::UserDefaults::suite("objects");
   kp::DataStorable& store = *defaults;
   auto forecast = std::make_shared<app::Forecast>();
   forecast->city = "Aarau";

@@ -17,6 +17,7 @@
 
 #include "kp/coding/property_list.h"
 #include "kp/storage/user_defaults_storage.h"
+#include "storage/suite_store.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 
@@ -60,6 +61,8 @@ class UserDefaultsTest : public ::testing::Test {
     }
     ::setenv("XDG_CONFIG_HOME", (root_ / "config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   }
+  // Every suite is written before the folder goes, so that no late write brings it back.
+  void TearDown() override { kp::storage_detail::SuiteStore::synchronizeAll(); }
 
   [[nodiscard]] fs::path folder() const { return root_ / "config" / "com.kp.app"; }
   [[nodiscard]] fs::path suiteFile(const std::string& suite) const { return folder() / (suite + ".plist"); }
