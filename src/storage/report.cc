@@ -3,12 +3,6 @@
 
 namespace kp::storage_detail {
 
-void reportToCoreLog(std::string_view message) {
-  // Until the levelled logger is part of the library there is no core log to hand the text
-  // to; the level operations of the delivered core log are silent anyway.
-  (void)message;
-}
-
 std::string wrongTypeMessage(const std::type_info& expected) {
   return "Object should be of type: " + tarvix::unqualifiedTypeName(expected);
 }

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "kp/coding/property_list.h"
+#include "kp/logging/tarvix_logger.h"
 #include "kp/storage/keyed_storage_container.h"
 #include "kp/storage/stored_value.h"
 #include "platform/directory_watcher.h"
@@ -53,7 +54,7 @@ std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
 
   std::shared_ptr<SuiteStore> store(new SuiteStore(file));
   if (!platform::createPrivateDirectories(file.parent_path())) {
-    reportToCoreLog("User defaults cannot create the folder of suite file " + file.string());
+    TarvixLoggers::CL()->error("User defaults cannot create the folder of suite file " + file.string());
   }
   platform::removeStaleTemporaryFiles(file, std::chrono::minutes(10));
   {
@@ -168,7 +169,7 @@ bool SuiteStore::writeLocked() {
     if (pending_.empty()) return true;
   }
   auto failed = [&](const std::string& error) {
-    reportToCoreLog("User defaults could not write suite file " + file_.string() + ": " + error);
+    TarvixLoggers::CL()->error("User defaults could not write suite file " + file_.string() + ": " + error);
     retryDelay_ = std::clamp<std::chrono::milliseconds>(retryDelay_ * 2, 1s, 60s);
     bool schedule = false;
     {
@@ -240,7 +241,8 @@ void SuiteStore::reloadLocked(bool lockHeld) {
             // that is not UTF-8, references) are dropped, or they would block every write.
             std::string problem;
             if (!isStorablePropertyListValue(value, &problem)) {
-              reportToCoreLog("User defaults dropped an entry of suite file " + file_.string() + ": " + problem);
+              TarvixLoggers::CL()->error("User defaults dropped an entry of suite file " + file_.string() + ": " +
+                                         problem);
               continue;
             }
             disk.insert_or_assign(key, std::make_shared<const Value>(std::move(value)));
@@ -280,7 +282,7 @@ bool SuiteStore::setAside(const platform::FileContents& contents, std::string_vi
   if (!lockHeld && !lock) {
     // Without the lock a writer could be replacing the file right now; leave it to the next
     // write, which replaces it under the lock.
-    reportToCoreLog(prefix + "; starting empty");
+    TarvixLoggers::CL()->error(prefix + "; starting empty");
     return true;
   }
   // Under the lock nobody replaces the file, so it is still the one we read, or a newer one.
@@ -292,9 +294,9 @@ bool SuiteStore::setAside(const platform::FileContents& contents, std::string_vi
   std::error_code ec;
   fs::rename(file_, aside, ec);
   if (ec) {
-    reportToCoreLog(prefix + " and could not be moved aside (" + ec.message() + "); starting empty");
+    TarvixLoggers::CL()->error(prefix + " and could not be moved aside (" + ec.message() + "); starting empty");
   } else {
-    reportToCoreLog(prefix + "; moved to " + aside.string() + ", starting empty");
+    TarvixLoggers::CL()->error(prefix + "; moved to " + aside.string() + ", starting empty");
   }
   return true;
 }

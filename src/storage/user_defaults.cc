@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "kp/logging/tarvix_logger.h"
 #include "kp/platform/application_info.h"
 #include "platform/env.h"
 #include "platform/no_destructor.h"
@@ -13,8 +14,6 @@
 
 namespace kp {
 namespace {
-
-using storage_detail::reportToCoreLog;
 
 std::string_view trimmed(std::string_view text) {
   constexpr std::string_view kSpace = " \t\r\n";
@@ -129,7 +128,7 @@ const std::filesystem::path& UserDefaults::filePath() const noexcept { return st
 
 void UserDefaults::store(std::string_view key, std::optional<Value> value) {
   if (!internal::isValidUtf8(key)) {
-    reportToCoreLog("User defaults cannot store a key that is not UTF-8");
+    TarvixLoggers::CL()->error("User defaults cannot store a key that is not UTF-8");
     return;
   }
   store_->set(key, value ? std::make_shared<const Value>(std::move(*value)) : nullptr);
@@ -141,7 +140,7 @@ void UserDefaults::setObject(std::optional<std::any> value, std::string_view key
   std::string problem;
   std::optional<Value> tree = propertyListValue(*value, &problem);
   if (!tree) {
-    reportToCoreLog("User defaults cannot store the value for key " + std::string(key) + ": " + problem);
+    TarvixLoggers::CL()->error("User defaults cannot store the value for key " + std::string(key) + ": " + problem);
     return;
   }
   store(key, std::move(tree));
@@ -292,7 +291,7 @@ void UserDefaults::saveObject(const std::optional<ArchiveValue>& object, std::st
     }
     failure = error ? error->localizedDescription() : std::string("the object cannot be archived");
   }
-  reportToCoreLog("Failed to archive object: " + failure);
+  TarvixLoggers::CL()->error("Failed to archive object: " + failure);
   removeObject(key);
 }
 

@@ -33,6 +33,7 @@
 
 #include "kp/coding/keyed_archiver.h"
 #include "kp/coding/property_list.h"
+#include "kp/logging/tarvix_logger.h"
 #include "kp/storage/storage_key.h"
 #include "kp/storage/stored_value.h"
 #include "tarvix/keyed_storage_service.h"
@@ -48,9 +49,6 @@ class FlushableStorage {
 };
 
 namespace storage_detail {
-
-// Hands a data problem to the library's core log.
-void reportToCoreLog(std::string_view message);
 
 // The texts of the reports.
 [[nodiscard]] std::string wrongTypeMessage(const std::type_info& expected);
@@ -140,7 +138,7 @@ class KeyedStorageContainer {
     std::optional<std::any> stored = object(key);
     if (!stored) return std::forward<Make>(makeDefault)();
     if (std::optional<T> value = storedValueAs<T>(*stored)) return std::move(*value);
-    storage_detail::reportToCoreLog(storage_detail::wrongTypeMessage(typeid(T)));
+    TarvixLoggers::CL()->error(storage_detail::wrongTypeMessage(typeid(T)));
     return std::forward<Make>(makeDefault)();
   }
 
@@ -151,7 +149,7 @@ class KeyedStorageContainer {
     if (std::optional<Data> data = encodePropertyListData(value)) {
       setObject(std::any(std::move(*data)), key);
     } else {
-      storage_detail::reportToCoreLog(
+      TarvixLoggers::CL()->error(
           storage_detail::encodeFailureMessage(storage_detail::describeValue(value), keyDescription(key)));
     }
   }
@@ -163,7 +161,7 @@ class KeyedStorageContainer {
     std::optional<Data> data = object<Data>(key);
     if (!data) return std::nullopt;
     std::optional<T> value = decodePropertyListData<T>(*data);
-    if (!value) storage_detail::reportToCoreLog(storage_detail::decodeFailureMessage(keyDescription(key), typeid(T)));
+    if (!value) TarvixLoggers::CL()->error(storage_detail::decodeFailureMessage(keyDescription(key), typeid(T)));
     return value;
   }
 

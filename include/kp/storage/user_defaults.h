@@ -48,6 +48,7 @@
 #include "kp/coding/keyed_archiver.h"
 #include "kp/coding/property_list.h"
 #include "kp/coding/value.h"
+#include "kp/logging/tarvix_logger.h"
 #include "kp/platform/data.h"
 #include "kp/platform/url.h"
 #include "kp/storage/data_storable.h"
@@ -285,8 +286,8 @@ class UserDefaults::Container : public KeyedStorageContainer<Key> {
     if (std::optional<Data> bytes = KeyedArchiver::archivedData(*value, &error)) {
       this->setObject(std::any(std::move(*bytes)), key);
     } else {
-      storage_detail::reportToCoreLog("Failed to archive object: " +
-                                      (error ? error->localizedDescription() : std::string("unknown error")));
+      TarvixLoggers::CL()->error("Failed to archive object: " +
+                                 (error ? error->localizedDescription() : std::string("unknown error")));
     }
   }
 
