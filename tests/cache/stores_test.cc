@@ -153,6 +153,22 @@ TEST_F(CacheDatabaseTest, ExpiryQueriesAndBulkRemovals) {
   EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
 }
 
+TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
+  auto db = open();
+  const kp::Data blob = kp::Data::zeros(64 * 1024);
+  for (int i = 0; i < 64; ++i)
+    db->saveRecord(blob, Entry(config(1), Date::now().addingTimeInterval(-10)), std::to_string(i));
+  const auto full = db->getSize();
+  ASSERT_GT(full, 4u << 20);
+  db->removeAllItems(std::nullopt);
+  EXPECT_LT(db->getSize(), 64u << 10) << "from " << full;
+  for (int i = 0; i < 64; ++i)
+    db->saveRecord(blob, Entry(config(1), Date::now().addingTimeInterval(-10)), std::to_string(i));
+  db->removeExpiredItems();  // vacuums too
+  EXPECT_LT(db->getSize(), 64u << 10);
+  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+}
+
 TEST_F(CacheDatabaseTest, ConcurrentUseKeepsTheFileIntact) {
   auto db = open();
   std::vector<std::thread> threads;
