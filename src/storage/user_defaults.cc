@@ -72,23 +72,22 @@ std::optional<double> realOf(const Value* v) {
   return std::nullopt;
 }
 
-// A file path as a file URL, with the characters a URL cannot hold percent-encoded.
+// A file path as a file URL.
 std::optional<Url> fileUrl(std::string_view path) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   std::string text = "file://";
   for (const char c : path) {
-    const auto u = static_cast<unsigned char>(c);
-    const bool plain = (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') ||
-                       std::string_view("/-._~!$&'()*+,;=:@").find(c) != std::string_view::npos;
-    if (plain) {
-      text.push_back(c);
+    // What would end the path or start an escape; the parser encodes everything else.
+    if (c == '%') {
+      text += "%25";
+    } else if (c == '?') {
+      text += "%3F";
+    } else if (c == '#') {
+      text += "%23";
     } else {
-      text.push_back('%');
-      text.push_back(kHex[u >> 4]);
-      text.push_back(kHex[u & 0x0F]);
+      text.push_back(c);
     }
   }
-  return Url::parse(text);
+  return Url::parseEncodingInvalidCharacters(text);
 }
 
 std::string standardSuiteName() {

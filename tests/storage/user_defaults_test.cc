@@ -118,6 +118,8 @@ TEST_F(UserDefaultsTest, ValuesPersistAsAPropertyListDictionary) {
   EXPECT_EQ(defaults->stringArray("cities"), (std::vector<std::string>{"Bern", "Thun"}));
   EXPECT_EQ(defaults->stringArray("map"), std::nullopt);
   EXPECT_EQ(defaults->url("link")->host(), "example.com");
+  defaults->setObject(std::string("/tmp/a b/100%?.txt"), "path");
+  EXPECT_EQ(defaults->url("path")->absoluteString(), "file:///tmp/a%20b/100%25%3F.txt");
   EXPECT_EQ(std::any_cast<kp::Date>(*defaults->object("installed")), kp::Date::fromTimeIntervalSince1970(1e9));
 }
 
