@@ -9,7 +9,6 @@
 
 #include "kp/platform/base64.h"
 #include "kp/service/encryption.h"
-#include "service/cipher.h"
 #include "weather_protocol.h"
 
 namespace {
@@ -73,10 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string json = answer.body;
   if (answer.contentType != "application/json") {
     const auto cipher = kp::base64Decode(answer.body);
-    const auto key = kp::detail::prepareKey(protocol.options().forecastResponseKey);
-    int status = 0;
     const auto plain =
-        cipher ? kp::detail::aes256CryptReportingStatus(false, cipher->bytes(), *key, status) : std::nullopt;
+        cipher ? kp::aes256Decrypt(cipher->bytes(), protocol.options().forecastResponseKey) : std::nullopt;
     if (!plain) std::abort();
     json = std::string(plain->view());
   }

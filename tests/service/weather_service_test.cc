@@ -227,14 +227,10 @@ std::string sealedQuery(const std::string& query, const std::string& key = kQuer
   return "data=" + urlEncodeQueryParameter(*aes256EncryptString(query, key));
 }
 
-// Plain JSON must not reach the library's decryption: text that is not ciphertext stops it.
 JsonValue plainEnvelope(const ServiceAnswer& answer, const std::string& key = kResponseKey) {
-  const std::span<const std::uint8_t> body{reinterpret_cast<const std::uint8_t*>(answer.body.data()),
-                                           answer.body.size()};
-  const std::optional<Data> text = answer.contentType == "application/json"
-                                       ? std::optional<Data>(Data(body))
-                                       : TarvixServiceEncryptionHelper::decryptRawData(body, key);
-  return text ? JsonValue::parse(text->view()).value_or(JsonValue()) : JsonValue();
+  return TarvixServiceEncryptionHelper::decryptData(
+             {reinterpret_cast<const std::uint8_t*>(answer.body.data()), answer.body.size()}, key)
+      .value_or(JsonValue());
 }
 
 TEST(WeatherProtocol, RefusalsNameTheFaultInBothEnvelopeForms) {

@@ -19,7 +19,6 @@
 #include "kp/service/tarvix_web_service_parameters.h"
 #include "platform/ascii.h"
 #include "platform/utf8.h"
-#include "service/cipher.h"
 
 namespace kp::weather {
 namespace {
@@ -104,14 +103,11 @@ const std::string* find(const Parameters& parameters, std::string_view name) {
   return nullptr;
 }
 
-// Base64 (unknown characters skipped) of ciphertext under `key`, opened without ever
-// stopping the process: the bytes come from anyone.
+// Base64 (unknown characters skipped) of ciphertext under `key`: the plaintext, or nothing.
 std::optional<std::string> openSealed(std::string_view base64, std::string_view key) {
   const auto cipher = base64Decode(base64, Base64DecodingOptions::ignoreUnknownCharacters);
-  const auto keyBytes = detail::prepareKey(key);
-  if (!cipher || cipher->empty() || !keyBytes) return std::nullopt;
-  int status = 0;
-  const auto plain = detail::aes256CryptReportingStatus(false, cipher->bytes(), *keyBytes, status);
+  if (!cipher || cipher->empty()) return std::nullopt;
+  const auto plain = aes256Decrypt(cipher->bytes(), key);
   if (!plain) return std::nullopt;
   return std::string(plain->view());
 }

@@ -27,7 +27,7 @@
 // A request that is understood but has no content (coordinates outside the globe) is
 // answered with HTTP 200 and the failure envelope with code 422, so that clients show the
 // service's message. Refusals of a known method are encrypted like its answers; those
-// without one are plain JSON (they come with 404, whose body clients do not decrypt).
+// without one are plain JSON, which a client's decryption takes as it is.
 //
 // Methods.
 //   "basicInfo": what the service sees of the caller; the client-info body and
