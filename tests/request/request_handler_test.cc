@@ -288,7 +288,8 @@ TEST_F(HandlerTest, ManyTransfersShareOneSession) {
   for (int i = 0; i < kCount; ++i) {
     auto result = runs[i]->wait();
     ASSERT_TRUE(result) << i;
-    EXPECT_EQ(body(*result), "body " + std::to_string(i)) << (result->error ? result->error->localizedDescription() + " " + std::to_string(result->error->code()) : "");
+    EXPECT_EQ(body(*result), "body " + std::to_string(i))
+        << (result->error ? result->error->localizedDescription() + " " + std::to_string(result->error->code()) : "");
     EXPECT_EQ(runs[i]->count(), 1u);
   }
   auto router = std::dynamic_pointer_cast<HttpRequestURLSessionDelegateHandler>(shared->delegate());
