@@ -10,6 +10,7 @@
 #include <mutex>
 #include <utility>
 
+#include "kp/request/http_response.h"
 #include "support/temp_dir.h"
 #include "support/test_servers.h"
 
@@ -522,6 +523,63 @@ TEST(SessionConnectionTest, PlainConnectionsServeLaterSessionsButTlsConnectionsN
   seen = portsSeen();
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_NE(seen[0], seen[1]);
+}
+
+}  // namespace
+}  // namespace kp
+
+namespace kp {
+namespace {
+
+// Servers spell header names as they like, and HTTP/2 sends them all in lower case; the
+// delegate sees one spelling per name, so that exact lookups find what the server sent.
+TEST(SessionHeaderTest, NamesTakeOneSpellingWhateverTheServerWrote) {
+  test::RawServer raw([](const test::RawServer::Writer& write) {
+    write(
+        "HTTP/1.1 200 OK\r\n"
+        "content-type: text/plain\r\n"
+        "etag: \"v7\"\r\n"
+        "www-authenticate: Basic realm=\"x\"\r\n"
+        "x-forecast-RUN: a\r\n"
+        "X-Forecast-Run: b\r\n"
+        "Content-Length: 2\r\n\r\nok");
+  });
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  auto task = s->dataTask(requestFor(raw.url("/"), 5));
+  task->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  ASSERT_TRUE(task->response());
+  EXPECT_EQ(task->response()->allHeaderFields(), (std::map<std::string, std::string>{
+                                                     {"Content-Length", "2"},
+                                                     {"Content-Type", "text/plain"},
+                                                     {"ETag", "\"v7\""},
+                                                     {"WWW-Authenticate", "Basic realm=\"x\""},
+                                                     {"X-Forecast-Run", "a, b"},
+                                                 }));
+  EXPECT_EQ(task->response()->headerFields().size(), 6u);
+  EXPECT_EQ(task->response()->value("x-forecast-run"), "a, b");
+
+  if (!test::Http2Server::binary()) GTEST_SKIP() << "nghttpd is missing (Debian package nghttp2-server)";
+  test::TempDir folder;
+  std::ofstream(folder.path() / "forecast.json") << R"({"t":21})";
+  test::SelfSignedCertificate certificate;
+  test::Http2Server http2(folder.path(), certificate);
+  auto overHttp2 = std::make_shared<Recorder>();
+  overHttp2->trustAnswer = AuthChallengeDisposition::useCredential;
+  overHttp2->credentialFromTrust = true;
+  auto s2 = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), overHttp2);
+  auto task2 = s2->dataTask(requestFor(http2.url("/forecast.json")));
+  task2->resume();
+  ASSERT_TRUE(overHttp2->waitForCompletions(1));
+  EXPECT_EQ(overHttp2->events(), (Events{"challenge untrusted", "response 200 8", "complete ok"}));
+  EXPECT_EQ(overHttp2->body(), R"({"t":21})");
+  HttpResponse response;
+  response.headers = task2->response()->allHeaderFields();
+  EXPECT_EQ(response.contentType(), "application/json");
+  EXPECT_TRUE(response.lastModifiedDate());
+  EXPECT_TRUE(response.sentDate());
+  EXPECT_EQ(response.headers.count("Content-Length"), 1u);
 }
 
 }  // namespace

@@ -11,6 +11,43 @@ namespace kp {
 
 namespace internal {
 
+namespace {
+
+// Names whose usual spelling is not simply each word capitalised.
+constexpr std::string_view kIrregularNames[] = {
+    "Content-ID",
+    "Content-MD5",
+    "DNT",
+    "ETag",
+    "Expect-CT",
+    "NEL",
+    "Sec-WebSocket-Accept",
+    "Sec-WebSocket-Extensions",
+    "Sec-WebSocket-Key",
+    "Sec-WebSocket-Protocol",
+    "Sec-WebSocket-Version",
+    "TE",
+    "WWW-Authenticate",
+    "X-DNS-Prefetch-Control",
+    "X-UA-Compatible",
+    "X-XSS-Protection",
+};
+
+}  // namespace
+
+std::string canonicalHeaderName(std::string_view name) {
+  for (std::string_view irregular : kIrregularNames) {
+    if (equalsIgnoringCase(name, irregular)) return std::string(irregular);
+  }
+  std::string out(name);
+  bool wordStart = true;
+  for (char& c : out) {
+    c = wordStart ? asciiUpper(c) : asciiLower(c);
+    wordStart = c == '-';
+  }
+  return out;
+}
+
 ResponseHeadParser::Step ResponseHeadParser::feed(std::string_view line) {
   size_ += line.size();
   if (size_ > kMaximumHeadSize) return Step::tooLarge;
@@ -38,8 +75,10 @@ ResponseHeadParser::Step ResponseHeadParser::feed(std::string_view line) {
     return Step::more;
   }
   const auto colon = line.find(':');
-  if (colon == std::string_view::npos) return Step::more;
-  fields_.emplace_back(std::string(trimSpaces(line.substr(0, colon))), std::string(trimSpaces(line.substr(colon + 1))));
+  const std::string_view name = trimSpaces(line.substr(0, colon));
+  // A line without a name is no field; what a server means by it cannot be known.
+  if (colon == std::string_view::npos || name.empty()) return Step::more;
+  fields_.emplace_back(std::string(name), std::string(trimSpaces(line.substr(colon + 1))));
   return Step::more;
 }
 
@@ -57,16 +96,10 @@ std::vector<HttpUrlResponse::HeaderField> ResponseHeadParser::takeFields() { ret
 
 HttpUrlResponse::HttpUrlResponse(Url url, int statusCode, std::vector<HeaderField> headerFields)
     : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {
-  for (const auto& field : headerFields_) {
-    const auto& [name, value] = field;
-    // Captures the pair, not the bindings: clang before 16 lets no lambda capture a
-    // structured binding.
-    auto it = std::find_if(allHeaderFields_.begin(), allHeaderFields_.end(), [&field](const auto& entry) {
-      return internal::equalsIgnoringCase(entry.first, field.first);
-    });
-    if (it == allHeaderFields_.end()) {
-      allHeaderFields_.emplace(name, value);
-    } else {
+  for (auto& [name, value] : headerFields_) {
+    name = internal::canonicalHeaderName(name);
+    auto [it, added] = allHeaderFields_.try_emplace(name, value);
+    if (!added) {
       it->second += ", ";
       it->second += value;
     }
@@ -80,10 +113,9 @@ HttpUrlResponse::HttpUrlResponse(Url url, int statusCode, std::vector<HeaderFiel
 }
 
 std::optional<std::string> HttpUrlResponse::value(std::string_view field) const {
-  for (const auto& [name, value] : allHeaderFields_) {
-    if (internal::equalsIgnoringCase(name, field)) return value;
-  }
-  return std::nullopt;
+  auto it = allHeaderFields_.find(internal::canonicalHeaderName(field));
+  if (it == allHeaderFields_.end()) return std::nullopt;
+  return it->second;
 }
 
 std::optional<std::string> HttpUrlResponse::mimeType() const {

@@ -13,12 +13,19 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "kp/request/url_session.h"
 
 namespace kp::internal {
+
+// The one spelling of a header name that responses use, whatever the server sent (HTTP/2
+// sends every name in lower case): the usual spelling of well-known names such as "ETag" and
+// "WWW-Authenticate", and otherwise each hyphen-separated word capitalised
+// ("content-type" -> "Content-Type").
+[[nodiscard]] std::string canonicalHeaderName(std::string_view name);
 
 class ResponseHeadParser {
  public:
