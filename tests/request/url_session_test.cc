@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <fstream>
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -175,6 +176,10 @@ class SessionTest : public ::testing::Test {
       std::this_thread::sleep_for(1500ms);
       r.set_content("late", "text/plain");
     });
+    s.Get("/pause", [](const httplib::Request&, httplib::Response& r) {
+      std::this_thread::sleep_for(300ms);
+      r.set_content("paused", "text/plain");
+    });
     s.Get("/big", [](const httplib::Request&, httplib::Response& r) {
       r.set_content(std::string(3 << 20, 'x'), "application/octet-stream");
     });
@@ -317,6 +322,39 @@ TEST_F(SessionTest, TransportErrorsCarryTheUrlLoadingCodes) {
     EXPECT_EQ(task->error()->userInfoValue(Error::kFailingURLStringKey), c.url);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 5s) << c.url;
   }
+}
+
+// Timeouts too large for the clock's arithmetic mean no limit, not an instant one.
+TEST_F(SessionTest, HugeTimeoutsMeanNoLimit) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  for (double timeout : {1e10, 1e300, kInfinity}) {
+    auto recorder = std::make_shared<Recorder>();
+    auto s = session(recorder);
+    s->dataTask(requestFor(server.url("/pause"), timeout))->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << timeout;
+    EXPECT_EQ(recorder->events(), (Events{"response 200 6", "complete ok"})) << timeout;
+  }
+  // The session's default, used when the request sets none.
+  auto configuration = UrlSessionConfiguration::defaultConfiguration();
+  configuration.timeoutIntervalForRequest = kInfinity;
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(configuration, recorder);
+  s->dataTask(requestFor(server.url("/pause"), 0))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 6", "complete ok"}));
+
+  // The wait for the delegate's trust answer is bounded by the same timeout.
+  test::SelfSignedCertificate certificate;
+  test::TestServer secure(&certificate);
+  secure.server().Get("/", [](const httplib::Request&, httplib::Response& r) { r.set_content("tls", "text/plain"); });
+  secure.start();
+  auto trusting = std::make_shared<Recorder>();
+  trusting->trustAnswer = AuthChallengeDisposition::useCredential;
+  trusting->credentialFromTrust = true;
+  auto s2 = session(trusting);
+  s2->dataTask(requestFor(secure.url("/"), kInfinity))->resume();
+  ASSERT_TRUE(trusting->waitForCompletions(1));
+  EXPECT_EQ(trusting->events(), (Events{"challenge untrusted", "response 200 3", "complete ok"}));
 }
 
 TEST_F(SessionTest, CancelStopsASlowBodyAndClosesTheConnection) {

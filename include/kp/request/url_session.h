@@ -85,7 +85,8 @@ struct UrlSessionConfiguration {
   [[nodiscard]] static UrlSessionConfiguration defaultConfiguration() { return {}; }
 
   // Used when a request's own timeout is not positive. Timeouts are idle times: the task
-  // fails when nothing moves for that long.
+  // fails when nothing moves for that long. Infinity and values beyond ten years mean ten
+  // years, which is no limit in practice.
   TimeInterval timeoutIntervalForRequest = 60.0;
   // Sent with every request unless the request sets the field itself.
   std::map<std::string, std::string> httpAdditionalHeaders;

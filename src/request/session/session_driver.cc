@@ -18,6 +18,9 @@ namespace {
 using internal::Clock;
 
 constexpr auto kIdleThreadLifetime = std::chrono::seconds(5);
+// Longer timeouts mean no limit in practice; cut to this, they stay far from overflowing the
+// clock arithmetic (nanoseconds of a steady clock span about 292 years).
+constexpr TimeInterval kMaximumTimeout = 10 * 365 * 24 * 3600.0;
 // The longest a finished task waits for the driver to let go of it: the report comes without
 // waking the driver, which usually has more to do soon anyway.
 constexpr int kSettleWaitMs = 5;
@@ -151,8 +154,12 @@ void UrlSession::Impl::start(const TaskPtr& task) {
     return;
   }
   running.emplace(t.id, task);
-  const TimeInterval timeout = t.current.timeoutInterval;
-  t.timeout = timeout > 0 ? timeout : configuration.timeoutIntervalForRequest;
+  // A timeout that is not positive (or not a number) falls back on the session's, then on the
+  // default; infinity and huge values become the maximum.
+  TimeInterval timeout =
+      t.current.timeoutInterval > 0 ? t.current.timeoutInterval : configuration.timeoutIntervalForRequest;
+  if (!(timeout > 0)) timeout = UrlSessionConfiguration().timeoutIntervalForRequest;
+  t.timeout = std::min(timeout, kMaximumTimeout);
   if (t.download && !openDownloadFile(t)) {
     finish(task, makeUrlError(UrlError::cannotCreateFile, t.current.url));
     return;

@@ -50,7 +50,8 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(e, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
   curl_easy_setopt(e, CURLOPT_SHARE, internal::DnsShare::instance().handle());
-  curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(t.timeout * 1000.0));
+  // Within a 32-bit long: a connection attempt that outlasts 24 days has no limit in practice.
+  curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(t.timeout * 1000.0, 2147483647.0)));
   curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Impl::onHeader);
   curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
   curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Impl::onWrite);
