@@ -569,6 +569,59 @@ TEST(SessionConnectionTest, PlainConnectionsServeLaterSessionsButTlsConnectionsN
 namespace kp {
 namespace {
 
+// A body set on a GET goes out with it, as the caller asked (and as the request's cache key
+// says); a HEAD cannot carry one and is refused without being sent. Without a body nothing
+// announces one.
+TEST(SessionRequestTest, AGetSendsItsBodyAndAHeadWithABodyIsRefused) {
+  std::mutex mutex;
+  std::vector<std::string> received;
+  test::RawServer raw([&](const std::string& request, const test::RawServer::Writer& write) {
+    {
+      std::lock_guard lock(mutex);
+      received.push_back(request);
+    }
+    write(request.starts_with("HEAD") ? "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n"
+                                      : "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  });
+  auto lastReceived = [&] {
+    std::lock_guard lock(mutex);
+    return received.empty() ? std::string() : received.back();
+  };
+  struct Case {
+    const char* method;
+    std::optional<std::string> body;
+    Events events;
+    const char* sentBody;  // null: nothing sent
+  };
+  const Case cases[] = {
+      {"GET", "q=1", {"response 200 5", "complete ok"}, "q=1"},
+      {"GET", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"HEAD", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"HEAD", "q=1", {"complete -1103"}, nullptr},
+  };
+  for (const auto& c : cases) {
+    const std::string before = lastReceived();
+    auto recorder = std::make_shared<Recorder>();
+    auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+    auto request = requestFor(raw.url("/q"), 5);
+    request.httpMethod = c.method;
+    if (c.body) request.httpBody = Data::fromString(*c.body);
+    auto task = s->dataTask(request);
+    task->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << c.method;
+    EXPECT_EQ(recorder->events(), c.events) << c.method;
+    if (!c.sentBody) {
+      EXPECT_EQ(task->error()->localizedDescription(), "A HEAD request cannot carry a body.");
+      EXPECT_EQ(lastReceived(), before);
+      continue;
+    }
+    const std::string sent = lastReceived();
+    EXPECT_TRUE(sent.starts_with(std::string(c.method) + " /q HTTP/1.1\r\n")) << sent;
+    EXPECT_TRUE(sent.ends_with(std::string("\r\n\r\n") + c.sentBody)) << sent;
+    EXPECT_EQ(sent.find("Content-Length") != std::string::npos, c.body.has_value()) << sent;
+  }
+}
+
 // Servers spell header names as they like, and HTTP/2 sends them all in lower case; the
 // delegate sees one spelling per name, so that exact lookups find what the server sent.
 TEST(SessionHeaderTest, NamesTakeOneSpellingWhateverTheServerWrote) {

@@ -174,6 +174,13 @@ void UrlSession::Impl::beginHop(const TaskPtr& task) {
                               t.current.url));
     return;
   }
+  if (t.current.httpMethod == "HEAD" && t.current.httpBody) {
+    // libcurl cannot send a body and still read a HEAD answer, whose content has no meaning
+    // anyway; refused with the platform's code for a GET or HEAD with a body.
+    finish(task, internal::makeUrlError(UrlError::dataLengthExceedsMaximum, t.current.url,
+                                        "A HEAD request cannot carry a body."));
+    return;
+  }
   configure(t);
   t.lastActivity = Clock::now();
   if (curl_multi_add_handle(transport.multi, t.easy) != CURLM_OK) {

@@ -72,7 +72,9 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   } else {
     t.body = Data();
   }
-  if (method == "GET") {
+  // A GET sends the body it carries: the caller set it, and the request's cache key counts
+  // it. (A HEAD with a body never gets here; see beginHop.)
+  if (method == "GET" && !r.httpBody) {
     curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
   } else if (method == "HEAD") {
     curl_easy_setopt(e, CURLOPT_NOBODY, 1L);

@@ -54,6 +54,13 @@ const char* descriptionOf(UrlError code) {
   return "An unknown error occurred.";
 }
 
+ErrorPtr urlError(UrlError code, std::string description, const std::optional<Url>& failingUrl, ErrorPtr underlying) {
+  Error::UserInfo info{{std::string(Error::kLocalizedDescriptionKey), std::move(description)}};
+  if (failingUrl) info.emplace(std::string(Error::kFailingURLStringKey), failingUrl->absoluteString());
+  return Error::make(std::string(Error::kURLErrorDomain), static_cast<std::int64_t>(code), std::move(info),
+                     std::move(underlying));
+}
+
 }  // namespace
 
 namespace internal {
@@ -108,13 +115,14 @@ UrlError urlErrorOf(CURLcode code, long osErrno, bool httpScheme) noexcept {
   }
 }
 
+ErrorPtr makeUrlError(UrlError code, const Url& failingUrl, std::string description) {
+  return urlError(code, std::move(description), failingUrl, nullptr);
+}
+
 }  // namespace internal
 
 ErrorPtr makeUrlError(UrlError code, const std::optional<Url>& failingUrl, ErrorPtr underlying) {
-  Error::UserInfo info{{std::string(Error::kLocalizedDescriptionKey), descriptionOf(code)}};
-  if (failingUrl) info.emplace(std::string(Error::kFailingURLStringKey), failingUrl->absoluteString());
-  return Error::make(std::string(Error::kURLErrorDomain), static_cast<std::int64_t>(code), std::move(info),
-                     std::move(underlying));
+  return urlError(code, descriptionOf(code), failingUrl, std::move(underlying));
 }
 
 }  // namespace kp
