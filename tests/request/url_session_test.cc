@@ -464,6 +464,8 @@ TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
          w("\r\n");
        },
        -1011},
+      {"one header line over 100 KiB",
+       [](auto& w) { w("HTTP/1.1 200 OK\r\nX-Long: " + std::string(200 * 1024, 'y') + "\r\n\r\n"); }, -1011},
       {"closed mid-body", [](auto& w) { w("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nshort"); }, -1005},
       {"nothing at all", [](auto&) {}, -1005},
   };

@@ -253,7 +253,11 @@ ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
   }
   if (t.trustError) return t.trustError;
   if (t.timedOut) return makeUrlError(UrlError::timedOut, t.current.url);
-  if (t.headTooLarge) return makeUrlError(UrlError::badServerResponse, t.current.url);
+  // libcurl before 8.6 reports a head line beyond its limit (100 KiB) as running out of
+  // memory: with the head still incomplete, that is the server's fault.
+  if (t.headTooLarge || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
+    return makeUrlError(UrlError::badServerResponse, t.current.url);
+  }
   if (code == CURLE_OK) return nullptr;
   long osErrno = 0;
   if (t.easy) curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);

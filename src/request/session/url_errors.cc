@@ -99,6 +99,10 @@ UrlError urlErrorOf(CURLcode code, long osErrno, bool httpScheme) noexcept {
       return UrlError::networkConnectionLost;
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_HTTP3:
+#if LIBCURL_VERSION_NUM >= 0x080600
+    // Later libcurl's name for a response beyond its limits, such as an endless header line.
+    case CURLE_TOO_LARGE:
+#endif
       return UrlError::badServerResponse;
     case CURLE_BAD_CONTENT_ENCODING:
       return UrlError::cannotDecodeContentData;
