@@ -239,6 +239,14 @@ TEST(HandlerTlsTest, UntrustedCertificates) {
   lenient.request->httpConfig()->acceptUntrustedSSLCertificate = true;
   lenient.start();
   EXPECT_EQ(lenient.wait(2s), nullptr);
+
+  // A request without a configuration is handled as one with the default configuration.
+  Transfer unconfigured(server.url("/"));
+  unconfigured.request->setHttpConfig(nullptr);
+  unconfigured.start();
+  result = unconfigured.wait();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->error->code(), -1202);
 }
 
 // Well-known headers are found whatever the server's spelling, and cookies from fields
