@@ -259,15 +259,16 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
     checkInvalidationDone();
     return;
   }
+  if (t.file) {
+    // The last buffered bytes reach the disk here, so closing can fail as a write does.
+    const bool closed = std::fclose(t.file) == 0;
+    t.file = nullptr;
+    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current.url);
+  }
   {
     std::lock_guard lock(t.mutex);
     t.state = UrlSessionTaskState::completed;
     t.error = error;
-  }
-  if (t.file) {
-    const bool closed = std::fclose(t.file) == 0;
-    t.file = nullptr;
-    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current.url);
   }
   if (t.download && !t.filePath.empty()) {
     auto path = t.filePath;
