@@ -8,22 +8,20 @@
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
-#include "platform/ascii.h"
 #include "platform/no_destructor.h"
+#include "request/header_text.h"
 
 namespace kp {
 
 namespace {
 
-using internal::asciiLower;
+using internal::equalsIgnoringCase;
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return asciiLower(x) == asciiLower(y); });
+std::string lowercased(std::string_view text) {
+  std::string out(text);
+  for (auto& c : out) c = internal::asciiLower(c);
+  return out;
 }
-
-using internal::asciiLowercased;
-using internal::trimmedSpaces;
 
 constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
                                                       "jul", "aug", "sep", "oct", "nov", "dec"};
@@ -117,7 +115,7 @@ std::optional<Date> parseCookieDate(std::string_view text) {
       continue;
     }
     if (!month && token.size() >= 3) {
-      const auto name = asciiLowercased(token.substr(0, 3));
+      const auto name = lowercased(token.substr(0, 3));
       auto it = std::find(kMonths.begin(), kMonths.end(), name);
       if (it != kMonths.end()) {
         month = static_cast<int>(it - kMonths.begin()) + 1;
@@ -146,10 +144,10 @@ std::vector<std::string_view> splitCookies(std::string_view field) {
     std::string_view current = field.substr(start, i - start);
     const auto attribute = current.rfind(';');
     std::string_view last =
-        trimmedSpaces(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
+        internal::trimSpaces(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
     const auto eq = last.find('=');
-    if (eq != std::string_view::npos && equalsIgnoringCase(trimmedSpaces(last.substr(0, eq)), "expires") &&
-        trimmedSpaces(last.substr(eq + 1)).size() <= 9) {
+    if (eq != std::string_view::npos && equalsIgnoringCase(internal::trimSpaces(last.substr(0, eq)), "expires") &&
+        internal::trimSpaces(last.substr(eq + 1)).size() <= 9) {
       continue;
     }
     out.push_back(current);
@@ -168,7 +166,7 @@ bool domainMatches(const std::string& host, const std::string& domain) {
 
 std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::string>& headerFields, const Url& url) {
   std::vector<HttpCookie> out;
-  const std::string host = asciiLowercased(url.host());
+  const std::string host = lowercased(url.host());
   std::string defaultPath = url.path();
   const auto slash = defaultPath.rfind('/');
   defaultPath = slash == std::string::npos || slash == 0 ? "/" : defaultPath.substr(0, slash);
@@ -176,23 +174,24 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
     if (!equalsIgnoringCase(fieldName, "Set-Cookie")) continue;
     for (std::string_view text : splitCookies(fieldValue)) {
       const auto firstSemicolon = text.find(';');
-      const std::string_view pair = trimmedSpaces(text.substr(0, firstSemicolon));
+      const std::string_view pair = internal::trimSpaces(text.substr(0, firstSemicolon));
       const auto eq = pair.find('=');
       if (eq == std::string_view::npos) continue;
-      const std::string_view name = trimmedSpaces(pair.substr(0, eq));
+      const std::string_view name = internal::trimSpaces(pair.substr(0, eq));
       if (name.empty()) continue;
-      HttpCookie cookie{std::string(name), std::string(trimmedSpaces(pair.substr(eq + 1))), host, defaultPath};
+      HttpCookie cookie{std::string(name), std::string(internal::trimSpaces(pair.substr(eq + 1))), host, defaultPath};
       std::optional<Date> expires;
       std::optional<Date> maxAge;
       bool rejected = false;
       std::string_view attributes = firstSemicolon == std::string_view::npos ? "" : text.substr(firstSemicolon + 1);
       while (!attributes.empty() && !rejected) {
         const auto next = attributes.find(';');
-        const std::string_view attribute = trimmedSpaces(attributes.substr(0, next));
+        const std::string_view attribute = internal::trimSpaces(attributes.substr(0, next));
         attributes = next == std::string_view::npos ? "" : attributes.substr(next + 1);
         const auto aeq = attribute.find('=');
-        const std::string key = asciiLowercased(trimmedSpaces(attribute.substr(0, aeq)));
-        const std::string_view value = aeq == std::string_view::npos ? "" : trimmedSpaces(attribute.substr(aeq + 1));
+        const std::string key = lowercased(internal::trimSpaces(attribute.substr(0, aeq)));
+        const std::string_view value =
+            aeq == std::string_view::npos ? "" : internal::trimSpaces(attribute.substr(aeq + 1));
         if (key == "expires") {
           if (auto date = parseCookieDate(value)) expires = date;
         } else if (key == "max-age") {
@@ -202,7 +201,7 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
             maxAge = seconds <= 0 ? Date::distantPast() : Date::now().addingTimeInterval(static_cast<double>(seconds));
           }
         } else if (key == "domain" && !value.empty()) {
-          std::string domain = asciiLowercased(value);
+          std::string domain = lowercased(value);
           if (domain.front() == '.') domain.erase(0, 1);
           if (!domainMatches(host, domain)) {
             rejected = true;
@@ -232,7 +231,7 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
 std::optional<Date> parseHttpDate(std::string_view text) {
   // EEE, dd MMM yyyy HH:mm:ss z
   if (text.size() < 4) return std::nullopt;
-  if (std::find(kWeekdays.begin(), kWeekdays.end(), asciiLowercased(text.substr(0, 3))) == kWeekdays.end()) {
+  if (std::find(kWeekdays.begin(), kWeekdays.end(), lowercased(text.substr(0, 3))) == kWeekdays.end()) {
     return std::nullopt;
   }
   text.remove_prefix(3);
@@ -240,7 +239,7 @@ std::optional<Date> parseHttpDate(std::string_view text) {
   if (!readLiteral(text, ", ") || !readNumber(text, 1, 2, day) || !readLiteral(text, " ") || text.size() < 3) {
     return std::nullopt;
   }
-  auto it = std::find(kMonths.begin(), kMonths.end(), asciiLowercased(text.substr(0, 3)));
+  auto it = std::find(kMonths.begin(), kMonths.end(), lowercased(text.substr(0, 3)));
   if (it == kMonths.end()) return std::nullopt;
   const int month = static_cast<int>(it - kMonths.begin()) + 1;
   text.remove_prefix(3);

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <limits>
 
-#include "platform/ascii.h"
+#include "request/header_text.h"
 
 namespace kp {
 namespace {

@@ -4,7 +4,7 @@
 #include <array>
 #include <charconv>
 
-#include "platform/ascii.h"
+#include "request/header_text.h"
 
 namespace kp {
 namespace {

@@ -17,8 +17,8 @@
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
-#include "platform/ascii.h"
 #include "platform/utf8.h"
+#include "request/header_text.h"
 
 namespace kp::weather {
 namespace {
@@ -306,7 +306,7 @@ ServiceAnswer refusal(const Refusal& failure, std::string_view key) {
 // Does an If-None-Match list name `etag`? Weak tags match too, as for any GET.
 bool matchesEntityTag(std::string_view list, std::string_view etag) {
   const auto bare = [](std::string_view tag) {
-    tag = internal::trimmedSpaces(tag);
+    tag = internal::trimSpaces(tag);
     if (tag.starts_with("W/")) tag.remove_prefix(2);
     if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') tag = tag.substr(1, tag.size() - 2);
     return tag;

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "platform/ascii.h"
+#include "request/header_text.h"
 
 namespace kp::weather {
 namespace {
