@@ -41,6 +41,9 @@ class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
     }
     HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
   }
+  // Its TLS connections are closed by then, so that none outlives the test.
+  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override { ended.set_value(); }
+  std::promise<void> ended;
 };
 
 // An encrypted URL names its authority "host:<port>"; the service is reached on the loopback
@@ -71,9 +74,14 @@ class WeatherServiceTest : public ::testing::TestWithParam<bool> {
     }
     service_ = std::make_unique<weather::WeatherService>(options);
     service_->start();
-    session_ = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), std::make_shared<TrustingRouter>());
+    router_ = std::make_shared<TrustingRouter>();
+    session_ = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), router_);
   }
-  void TearDown() override { session_->finishTasksAndInvalidate(); }
+  void TearDown() override {
+    auto ended = router_->ended.get_future();
+    session_->finishTasksAndInvalidate();
+    EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
+  }
 
   // A service request as the facades make them: POST, JSON content type, the common
   // parameters first.
@@ -108,6 +116,7 @@ class WeatherServiceTest : public ::testing::TestWithParam<bool> {
 
   static inline test::SelfSignedCertificate* certificate_ = nullptr;
   std::unique_ptr<weather::WeatherService> service_;
+  std::shared_ptr<TrustingRouter> router_;
   std::shared_ptr<UrlSession> session_;
 };
 
