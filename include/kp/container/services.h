@@ -44,12 +44,21 @@ class Services final : public tarvix::ServiceContainer {
                        Factory factory) override;
   [[nodiscard]] std::shared_ptr<void> safeGet(const tarvix::ServiceType& serviceType) override;
   using tarvix::ServiceContainer::safeGet;
+  // Like safeGet(), but null when `serviceType` is registered neither in the override nor in
+  // the base container; other failures still throw.
+  [[nodiscard]] std::shared_ptr<void> resolveIfRegistered(const tarvix::ServiceType& serviceType);
+  template <class S>
+  [[nodiscard]] std::shared_ptr<S> resolveIfRegistered() {
+    return std::static_pointer_cast<S>(resolveIfRegistered(tarvix::ServiceType::of<S>()));
+  }
 
   // Those of the base container merged with the current override (the override's entries win).
   [[nodiscard]] std::string description() const;
   [[nodiscard]] std::string debugDescription() const;
 
  private:
+  [[nodiscard]] std::shared_ptr<void> resolve(const tarvix::ServiceType& serviceType, bool required);
+
   std::shared_ptr<DefaultServiceContainer> container_;
 };
 
