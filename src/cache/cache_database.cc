@@ -2,6 +2,7 @@
 // lock; every failure yields the empty result.
 #include "kp/cache/cache_database.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -34,6 +35,13 @@ constexpr std::string_view kSelectExpired =
 constexpr std::string_view kDeleteExpired =
     "DELETE FROM cache WHERE maximum_age > 0 AND timestamp + maximum_age < ? AND autoExpiration = ?;";
 constexpr std::string_view kSelectFileKeys = "SELECT id, data FROM cache WHERE cacheType >= 1 ORDER BY timestamp ASC;";
+constexpr std::string_view kSelectSummaries =
+    "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
+    "length(data) AS dataSize FROM cache ORDER BY timestamp ASC;";
+constexpr std::string_view kSelectSummary =
+    "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
+    "length(data) AS dataSize FROM cache WHERE id = ?;";
+constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kVacuum = "VACUUM;";
 
 // Seconds as a signed 32-bit count; anything outside that range is a programming error.
@@ -46,7 +54,34 @@ std::int32_t wholeSeconds(double seconds, const char* what) {
   return static_cast<std::int32_t>(seconds);  // the fraction is dropped
 }
 
-std::int32_t nowSeconds() { return wholeSeconds(std::floor(Date::now().timeIntervalSince1970()), "clock"); }
+std::int32_t nowSeconds(Date now) { return wholeSeconds(std::floor(now.timeIntervalSince1970()), "clock"); }
+
+// The columns of a row listing.
+enum class SummaryColumns { id, group, type, timestamp, maximumAge, rolling, autoExpiration, dataSize, count };
+
+std::string_view sqliteColumnName(SummaryColumns column) noexcept {
+  switch (column) {
+    case SummaryColumns::id:
+      return "id";
+    case SummaryColumns::group:
+      return "groupName";
+    case SummaryColumns::type:
+      return "cacheType";
+    case SummaryColumns::timestamp:
+      return "timestamp";
+    case SummaryColumns::maximumAge:
+      return "maximum_age";
+    case SummaryColumns::rolling:
+      return "rollingExpiration";
+    case SummaryColumns::autoExpiration:
+      return "autoExpiration";
+    case SummaryColumns::dataSize:
+      return "dataSize";
+    case SummaryColumns::count:
+      return "count";
+  }
+  return "";
+}
 
 // Encodes the file URL of a path: the characters that a URL cannot carry as they are.
 std::string fileUrlOf(const std::filesystem::path& path) {
@@ -127,12 +162,15 @@ bool CacheControllerDatabase::run(std::string_view sql, const std::vector<SQLite
 
 void CacheControllerDatabase::configureConnection() {
   if (!db_) return;
-  try {
-    // journal_mode answers with a row naming the mode in force.
-    auto journal = db_->createPreparedStatement("PRAGMA journal_mode=WAL;");
-    (void)journal->readCells();
-    journal->finalize();
-  } catch (const std::exception&) {
+  // Another process (kpcore on a live cache) may hold the write lock for a moment: wait for
+  // it rather than drop the statement. journal_mode and busy_timeout answer with a row.
+  for (const char* pragma : {"PRAGMA journal_mode=WAL;", "PRAGMA busy_timeout=2000;"}) {
+    try {
+      auto statement = db_->createPreparedStatement(pragma);
+      (void)statement->readCells();
+      statement->finalize();
+    } catch (const std::exception&) {
+    }
   }
   run("PRAGMA synchronous=NORMAL;", {});
 }
@@ -200,14 +238,17 @@ struct Coding<CodedEntry> {
   static void encode(Encoder& encoder, const CodedEntry& coded) { coded.entry.encode(encoder); }
 };
 
-void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view key) {
-  std::optional<Data> data;
+std::optional<Data> CacheControllerDatabase::encodeEntry(const Cacheable& entry) {
   try {
-    data = PropertyListEncoder().encode(CodedEntry{entry});
+    return PropertyListEncoder().encode(CodedEntry{entry});
   } catch (const std::exception&) {
-    return;  // an entry that cannot be encoded is not stored
+    return std::nullopt;
   }
-  saveRecord(*data, entry, key);
+}
+
+void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view key) {
+  // An entry that cannot be encoded is not stored.
+  if (auto data = encodeEntry(entry)) saveRecord(*data, entry, key);
 }
 
 void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
@@ -226,17 +267,17 @@ void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entr
   (void)run(kSave, bindings);
 }
 
-std::vector<SQLiteRow<CacheItemColumns>> CacheControllerDatabase::rows(std::string_view sql,
-                                                                       const std::vector<SQLiteValue>& bindings,
-                                                                       bool firstOnly) {
+template <SQLiteColumn Column>
+std::vector<SQLiteRow<Column>> CacheControllerDatabase::rows(std::string_view sql,
+                                                             const std::vector<SQLiteValue>& bindings, bool firstOnly) {
   if (!db_) return {};
   try {
     auto statement = db_->createPreparedStatement(sql, bindings);
-    std::vector<SQLiteRow<CacheItemColumns>> result;
+    std::vector<SQLiteRow<Column>> result;
     if (firstOnly) {
-      if (auto row = statement->readRow<CacheItemColumns>()) result.push_back(std::move(*row));
+      if (auto row = statement->template readRow<Column>()) result.push_back(std::move(*row));
     } else {
-      result = statement->readAllRows<CacheItemColumns>();
+      result = statement->template readAllRows<Column>();
     }
     statement->finalize();
     return result;
@@ -288,17 +329,17 @@ void CacheControllerDatabase::updateTimestamp(std::string_view key, const Cachea
   (void)run(kUpdateTimestamp, {SQLiteValue(seconds), SQLiteValue(std::string(key))});
 }
 
-std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type) {
-  const auto now = nowSeconds();
+std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type, Date now) {
+  const auto seconds = nowSeconds(now);
   std::lock_guard lock(mutex_);
-  return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(now)}));
+  return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(seconds)}));
 }
 
-void CacheControllerDatabase::removeExpiredItems() {
-  const auto now = nowSeconds();
+void CacheControllerDatabase::removeExpiredItems(Date now) {
+  const auto seconds = nowSeconds(now);
   {
     std::lock_guard lock(mutex_);
-    (void)run(kDeleteExpired, {SQLiteValue(now), SQLiteValue(std::int32_t{1})});
+    (void)run(kDeleteExpired, {SQLiteValue(seconds), SQLiteValue(std::int32_t{1})});
   }
   vacuum();
 }
@@ -307,6 +348,48 @@ std::vector<CacheKeyAndGroup> CacheControllerDatabase::getFileCacheKeysSortedByC
   std::lock_guard lock(mutex_);
   // The statement selects no group, so every group comes back absent.
   return keysAndGroups(rows(kSelectFileKeys, {}));
+}
+
+std::vector<CacheRowSummary> CacheControllerDatabase::summaries(std::string_view sql,
+                                                                const std::vector<SQLiteValue>& bindings) {
+  std::vector<SQLiteRow<SummaryColumns>> found;
+  {
+    std::lock_guard lock(mutex_);
+    found = rows<SummaryColumns>(sql, bindings);
+  }
+  std::vector<CacheRowSummary> result;
+  result.reserve(found.size());
+  for (const auto& row : found) {
+    auto key = row.string(SummaryColumns::id);
+    if (!key) continue;
+    CacheRowSummary summary;
+    summary.key = std::move(*key);
+    summary.group = row.string(SummaryColumns::group);
+    const auto type = row.int32(SummaryColumns::type);
+    summary.type = type ? cacheItemTypeFromRawValue(*type) : std::nullopt;
+    summary.timestamp = Date::fromTimeIntervalSince1970(row.int32(SummaryColumns::timestamp).value_or(0));
+    summary.maximumAge = row.int32(SummaryColumns::maximumAge).value_or(0);
+    summary.rollingExpiration = row.int32(SummaryColumns::rolling).value_or(0) != 0;
+    summary.autoExpiration = row.int32(SummaryColumns::autoExpiration).value_or(0) != 0;
+    summary.dataSize = static_cast<std::uint64_t>(std::max(0, row.int32(SummaryColumns::dataSize).value_or(0)));
+    result.push_back(std::move(summary));
+  }
+  return result;
+}
+
+std::vector<CacheRowSummary> CacheControllerDatabase::getRowSummaries() { return summaries(kSelectSummaries, {}); }
+
+std::optional<CacheRowSummary> CacheControllerDatabase::getRowSummary(std::string_view key) {
+  auto found = summaries(kSelectSummary, {SQLiteValue(std::string(key))});
+  if (found.empty()) return std::nullopt;
+  return std::move(found.front());
+}
+
+std::uint64_t CacheControllerDatabase::getItemCount() {
+  std::lock_guard lock(mutex_);
+  auto found = rows<SummaryColumns>(kCount, {}, true);
+  if (found.empty()) return 0;
+  return static_cast<std::uint64_t>(std::max(0, found.front().int32(SummaryColumns::count).value_or(0)));
 }
 
 std::uint64_t CacheControllerDatabase::getSize() const {
