@@ -24,6 +24,7 @@ constexpr std::string_view kSave =
     "INSERT OR REPLACE INTO cache (id, cacheType, groupName, rollingExpiration, autoExpiration, data, timestamp, "
     "maximum_age) VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
 constexpr std::string_view kLoad = "SELECT data FROM cache WHERE id = ?;";
+constexpr std::string_view kLoadWithTimestamp = "SELECT data, timestamp FROM cache WHERE id = ?;";
 constexpr std::string_view kSelectType = "SELECT cacheType FROM cache WHERE id = ? LIMIT 1";
 constexpr std::string_view kSelectGroup = "SELECT groupName FROM cache WHERE id = ? LIMIT 1";
 constexpr std::string_view kDelete = "DELETE FROM cache WHERE id = ?;";
@@ -57,7 +58,7 @@ std::int32_t wholeSeconds(double seconds, const char* what) {
 std::int32_t nowSeconds(Date now) { return wholeSeconds(std::floor(now.timeIntervalSince1970()), "clock"); }
 
 // The columns of a row listing.
-enum class SummaryColumns { id, group, type, timestamp, maximumAge, rolling, autoExpiration, dataSize, count };
+enum class SummaryColumns { id, group, type, timestamp, maximumAge, rolling, autoExpiration, dataSize, count, data };
 
 std::string_view sqliteColumnName(SummaryColumns column) noexcept {
   switch (column) {
@@ -79,6 +80,8 @@ std::string_view sqliteColumnName(SummaryColumns column) noexcept {
       return "dataSize";
     case SummaryColumns::count:
       return "count";
+    case SummaryColumns::data:
+      return "data";
   }
   return "";
 }
@@ -290,6 +293,17 @@ std::optional<Data> CacheControllerDatabase::loadCacheData(std::string_view key)
   std::lock_guard lock(mutex_);
   auto found = rows(kLoad, {SQLiteValue(std::string(key))}, true);
   return found.empty() ? std::nullopt : found.front().data(CacheItemColumns::data);
+}
+
+std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::loadCacheDataAndTimestamp(
+    std::string_view key) {
+  std::lock_guard lock(mutex_);
+  auto found = rows<SummaryColumns>(kLoadWithTimestamp, {SQLiteValue(std::string(key))}, true);
+  if (found.empty()) return std::nullopt;
+  auto data = found.front().data(SummaryColumns::data);
+  if (!data) return std::nullopt;
+  const auto seconds = found.front().int32(SummaryColumns::timestamp).value_or(0);
+  return StoredData{std::move(*data), Date::fromTimeIntervalSince1970(seconds)};
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {

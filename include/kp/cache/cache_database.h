@@ -106,6 +106,13 @@ class CacheControllerDatabase {
   // else stops the program.
   void saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
   [[nodiscard]] std::optional<Data> loadCacheData(std::string_view key);
+  // The row's encoded entry with its timestamp (which rolling expiry moves on without
+  // re-encoding the entry), or nothing.
+  struct StoredData {
+    Data data;
+    Date timestamp;
+  };
+  [[nodiscard]] std::optional<StoredData> loadCacheDataAndTimestamp(std::string_view key);
   [[nodiscard]] std::optional<CacheItemType> getCacheItemType(std::string_view key);
   [[nodiscard]] std::optional<std::string> getCacheItemGroup(std::string_view key);
   void removeCacheItem(std::string_view key);

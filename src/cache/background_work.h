@@ -1,0 +1,58 @@
+// kp::internal::CacheBackgroundWork: the background tasks of one cache controller (saves,
+// timestamp updates, removals, wipes, clean-ups, trims). Internal; not installed.
+//
+// The tasks run one at a time, in the order posted, on the library's pool, so that a wipe or
+// a removal always follows the saves posted before it and a save posted after a wipe
+// survives it: racing writers and wipes can leave no row without its file.
+//
+// Posting returns at once while the work waiting to run holds at most `budgetBytes`; a
+// poster that finds more waits until the work posted before it has run, running it itself
+// when no pool thread is at it, which bounds the memory of a backlog when writers outrun the
+// disk and cannot deadlock a pool whose threads are all posting.
+//
+// Thread safety: every member may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "kp/platform/dispatch.h"
+
+namespace kp::internal {
+
+class CacheBackgroundWork {
+ public:
+  struct Statistics {
+    std::size_t pendingTasks = 0;
+    std::size_t pendingBytes = 0;
+    std::size_t peakTasks = 0;
+    std::size_t peakBytes = 0;
+  };
+
+  CacheBackgroundWork(std::string label, std::size_t budgetBytes);
+  CacheBackgroundWork(const CacheBackgroundWork&) = delete;
+  CacheBackgroundWork& operator=(const CacheBackgroundWork&) = delete;
+
+  // Queues `work`; `cost` is what it holds in memory until it has run.
+  void post(std::size_t cost, Work work);
+  // Returns once the work posted before the call has run (at once from inside a task).
+  void waitUntilIdle();
+  [[nodiscard]] bool isCurrent() const noexcept { return queue_->isCurrent(); }
+  [[nodiscard]] Statistics statistics() const noexcept;
+
+ private:
+  struct Accounts {
+    std::atomic<std::size_t> tasks{0};
+    std::atomic<std::size_t> bytes{0};
+    std::atomic<std::size_t> peakTasks{0};
+    std::atomic<std::size_t> peakBytes{0};
+  };
+
+  std::shared_ptr<SerialQueue> queue_;
+  std::size_t budget_;
+  std::shared_ptr<Accounts> accounts_;
+};
+
+}  // namespace kp::internal
