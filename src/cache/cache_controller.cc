@@ -17,6 +17,7 @@
 #include "kp/container/optional_dependency.h"
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
+#include "platform/files.h"
 #include "tarvix/application.h"
 
 namespace kp {
@@ -75,12 +76,10 @@ Duration intervalDuration(double seconds) {
   return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(std::min(seconds, kLongest)));
 }
 
+// The folder of both stores: made when missing, as the application's caches folder is.
 fs::path prepareDirectory(const fs::path& requested) {
   if (requested.empty()) return cachesDirectory();
-  std::error_code ec;
-  if (!fs::exists(requested, ec) && fs::create_directories(requested, ec)) {
-    fs::permissions(requested, fs::perms::owner_all, fs::perm_options::replace, ec);
-  }
+  (void)platform::createPrivateDirectories(requested);
   return requested;
 }
 

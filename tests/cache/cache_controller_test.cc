@@ -6,13 +6,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <random>
 #include <thread>
 
 #include "kp/coding/archivable_image.h"
@@ -82,87 +80,6 @@ bool isPattern(const kp::Data& bytes) { return !bytes.empty() && bytes == patter
 std::string sqlite(const fs::path& db, const std::string& sql) {
   using kp::test::shellQuote;
   return kp::test::runCommand("sqlite3 " + shellQuote(db.string()) + " " + shellQuote(sql) + " 2>&1").output;
-}
-
-// ---- a helper child: this test program started again to work on a cache folder ----
-
-// Saves entries of self-describing sizes in a loop until killed.
-[[noreturn]] void saveUntilKilled(const fs::path& dir) {
-  kp::CacheController::Options options;
-  options.directory = dir;
-  kp::CacheController cache(options);
-  for (std::size_t i = 0;; ++i) {
-    const std::string key = "k" + std::to_string(i % 40);
-    const std::size_t size = 500 + (i * 7919) % 2000000;
-    if (i % 3 == 0) {
-      cache.set(entry(kp::ArchiveValue(pattern(size)), policy(0)), key);
-    } else {
-      cache.set(bytesEntry(pattern(size), policy(0, true, i % 2 ? std::optional<std::string>("g") : std::nullopt)),
-                key);
-    }
-    if (i % 97 == 0) cache.wipeCompleteCache("g");
-    if (i % 50 == 0) cache.waitForBackgroundWork();
-  }
-}
-
-// Saves under a file-size limit, as on a full disk, then reads everything back: exits 0 when
-// every entry read back is absent or intact.
-int saveOnAFullDisk(const fs::path& dir) {
-  ::signal(SIGXFSZ, SIG_IGN);
-  const rlimit limit{1 << 20, 1 << 20};
-  ::setrlimit(RLIMIT_FSIZE, &limit);
-  kp::CacheController::Options options;
-  options.directory = dir;
-  kp::CacheController cache(options);
-  for (std::size_t i = 0; i < 20; ++i) {
-    const std::size_t size = i % 2 ? 10000 + i : 1500000 + i;  // every other one cannot be written
-    cache.set(bytesEntry(pattern(size), policy(0)), "f" + std::to_string(i));
-    cache.set(entry(kp::ArchiveValue(pattern(1000 + i)), policy(0)), "s" + std::to_string(i));
-  }
-  cache.waitForBackgroundWork();
-  cache.receivedMemoryWarning({});  // reads come from the back store
-  int found = 0;
-  for (const char* prefix : {"f", "s"}) {
-    for (std::size_t i = 0; i < 20; ++i) {
-      auto read = cache.getCacheItem(prefix + std::to_string(i));
-      if (read && !isPattern(*read->item->get<kp::Data>())) return 3;
-      found += read ? 1 : 0;
-    }
-  }
-  return found >= 20 ? 0 : 4;
-}
-
-[[maybe_unused]] const bool kHelperChild = [] {
-  const char* mode = std::getenv("KP_CACHE_TEST_CHILD");
-  const char* dir = std::getenv("KP_CACHE_TEST_DIR");
-  if (mode == nullptr || dir == nullptr) return false;
-  if (std::string_view(mode) == "save-loop") saveUntilKilled(dir);
-  std::_Exit(saveOnAFullDisk(dir));
-}();
-
-pid_t startHelperChild(const std::string& mode, const fs::path& dir) {
-  std::vector<std::string> environment;
-  for (char** e = environ; *e != nullptr; ++e) environment.emplace_back(*e);
-  environment.push_back("KP_CACHE_TEST_CHILD=" + mode);
-  environment.push_back("KP_CACHE_TEST_DIR=" + dir.string());
-  std::vector<char*> envp;
-  for (auto& e : environment) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  std::string filter = "--gtest_filter=-*";
-  char* argv[] = {self.data(), filter.data(), nullptr};
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::execve(self.c_str(), argv, envp.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-int waitForChild(pid_t pid) {
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class CacheControllerTest : public ::testing::Test {
@@ -474,27 +391,61 @@ TEST_F(CacheControllerTest, DamagedOrVanishingStorageReadsAsAbsent) {
 }
 
 TEST_F(CacheControllerTest, AFullDiskStoresLessButNeverATornEntry) {
-  const pid_t child = startHelperChild("full-disk", dir_.path());
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(waitForChild(child), 0);
+  if (kp::test::inTestChild()) {
+    // Every file is limited to 1 MiB, as on a disk with that much room left.
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{1 << 20, 1 << 20};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    auto cache = open(fs::path(std::getenv("KP_CACHE_FOLDER")));
+    for (std::size_t i = 0; i < 20; ++i) {
+      const std::size_t size = i % 2 ? 10000 + i : 1500000 + i;  // every other one cannot be written
+      cache->set(bytesEntry(pattern(size), policy(0)), "f" + std::to_string(i));
+      cache->set(entry(kp::ArchiveValue(pattern(1000 + i)), policy(0)), "s" + std::to_string(i));
+    }
+    cache->waitForBackgroundWork();
+    cache->receivedMemoryWarning({});  // reads come from the back store
+    int found = 0;
+    for (const char* prefix : {"f", "s"}) {
+      for (std::size_t i = 0; i < 20; ++i) {
+        auto read = cache->getCacheItem(prefix + std::to_string(i));
+        if (!read) continue;
+        ++found;
+        EXPECT_TRUE(isPattern(*read->item->get<kp::Data>())) << prefix << i;
+      }
+    }
+    EXPECT_GE(found, 30);
+    return;
+  }
+  const auto child = kp::test::runThisTestInChild("KP_CACHE_FOLDER=" + kp::test::shellQuote(dir_.path()));
+  EXPECT_EQ(child.status, 0) << child.output;
   EXPECT_EQ(sqlite(database(), "PRAGMA integrity_check;"), "ok\n");
 }
 
 TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
-  std::mt19937 random(std::random_device{}());
+  if (kp::test::inTestChild()) {
+    auto cache = open(fs::path(std::getenv("KP_CACHE_FOLDER")));
+    for (std::size_t i = 0;; ++i) {  // until killed
+      const std::string key = "k" + std::to_string(i % 40);
+      const std::size_t size = 500 + (i * 7919) % 2000000;
+      if (i % 3 == 0) {
+        cache->set(entry(kp::ArchiveValue(pattern(size / 10)), policy(0)), key);
+      } else {
+        cache->set(bytesEntry(pattern(size), policy(0, true, i % 2 ? std::optional<std::string>("g") : std::nullopt)),
+                   key);
+      }
+      if (i % 97 == 0) cache->wipeCompleteCache("g");
+    }
+  }
   for (int round = 0; round < 5; ++round) {
-    const pid_t child = startHelperChild("save-loop", dir_.path());
-    ASSERT_GT(child, 0);
-    // Once the child saves, kill it at a moment of chance.
-    const auto files = dir_.path() / "KPCentralCacheController";
-    for (int i = 0; i < 500 && (!fs::exists(files) || fs::is_empty(files)); ++i) std::this_thread::sleep_for(10ms);
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));
-    ::kill(child, SIGKILL);
-    EXPECT_EQ(waitForChild(child), -1);
+    const auto child = kp::test::runThisTestInChild("KP_CACHE_FOLDER=" + kp::test::shellQuote(dir_.path()),
+                                                    "timeout -s KILL " + std::to_string(0.4 + 0.15 * round));
+    ASSERT_NE(child.status, 0) << child.output;
   }
   EXPECT_EQ(sqlite(database(), "PRAGMA integrity_check;"), "ok\n");
+  // The next process finds only whole payloads, in the folder and through the cache.
+  auto cache = open();
   std::size_t count = 0;
-  for (const auto& item : fs::recursive_directory_iterator(dir_.path() / "KPCentralCacheController")) {
+  for (const auto& item : fs::recursive_directory_iterator(cache->storagePath())) {
     if (!item.is_regular_file()) continue;
     std::ifstream in(item.path(), std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), {});
@@ -502,7 +453,6 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
     ++count;
   }
   EXPECT_GT(count, 0u);
-  auto cache = open();
   for (int i = 0; i < 40; ++i) {
     auto found = cache->getCacheItem("k" + std::to_string(i));
     if (found) {
