@@ -33,6 +33,8 @@ void CacheBackgroundWork::waitUntilIdle() {
   queue_->sync([] {});
 }
 
+void CacheBackgroundWork::runInTurn(const std::function<void()>& work) { queue_->sync(work); }
+
 CacheBackgroundWork::Statistics CacheBackgroundWork::statistics() const noexcept {
   return {accounts_->tasks.load(std::memory_order_relaxed), accounts_->bytes.load(std::memory_order_relaxed),
           accounts_->peakTasks.load(std::memory_order_relaxed), accounts_->peakBytes.load(std::memory_order_relaxed)};

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -39,6 +40,9 @@ class CacheBackgroundWork {
   void post(std::size_t cost, Work work);
   // Returns once the work posted before the call has run (at once from inside a task).
   void waitUntilIdle();
+  // Runs `work` on the calling thread after the work posted before the call, and before any
+  // posted later.
+  void runInTurn(const std::function<void()>& work);
   [[nodiscard]] bool isCurrent() const noexcept { return queue_->isCurrent(); }
   [[nodiscard]] Statistics statistics() const noexcept;
 

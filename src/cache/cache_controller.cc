@@ -104,6 +104,9 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   internal::CacheBackgroundWork background;
   // Moves on when a wipe of everything is started: saves started before it need not run.
   std::atomic<std::uint64_t> wipeGeneration{0};
+  // Wipes started and not yet done: rows read meanwhile may be on their way out, so they are
+  // not taken into memory, where they would outlive the wipe.
+  std::atomic<int> pendingWipes{0};
   // Odd while a save of a file-backed entry hashed to that slot writes its file and row: a
   // read that overlaps one cannot trust that the row and the file belong together.
   std::array<std::atomic<std::uint32_t>, 64> fileWrites{};
@@ -120,6 +123,24 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 
   void post(std::size_t cost, std::function<void(State&)> task) {
     background.post(cost, [self = shared_from_this(), task = std::move(task)] { task(*self); });
+  }
+
+  void postWipe(const std::optional<std::string>& group) {
+    pendingWipes.fetch_add(1);
+    post(kTaskOverhead + group.value_or("").size(), [group](State& s) {
+      s.wipeBackStore(group);
+      s.pendingWipes.fetch_sub(1);
+    });
+  }
+
+  // What a read needs to know before it looks past memory: whether it may keep what it finds.
+  struct ReadStart {
+    bool mayKeep;
+    std::uint64_t generation;
+  };
+  [[nodiscard]] ReadStart startRead() const {
+    const bool mayKeep = pendingWipes.load() == 0;
+    return {mayKeep, memory.removalGeneration()};
   }
 
   // ---- background tasks ----
@@ -236,7 +257,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   // The rules every read applies once it has found an entry: expiry, rolling expiry, and
   // keeping an entry read from the database in memory.
   std::shared_ptr<Cacheable> finishRead(std::shared_ptr<Cacheable> entry, std::string_view key, bool fromMemory,
-                                        bool keepInMemory, std::uint64_t generation) {
+                                        bool keepInMemory, ReadStart start = {false, 0}) {
     const auto& config = entry->cacheConfiguration();
     const Date at = now();
     // The lifetime that has already ended is not restarted: an expired entry stays expired.
@@ -251,7 +272,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
              [key = std::string(key), entry](State& s) { s.database.updateTimestamp(key, *entry); });
       }
     }
-    if (!fromMemory && keepInMemory) (void)memory.insertIfUnchanged(entry, key, generation);
+    if (!fromMemory && keepInMemory && start.mayKeep) (void)memory.insertIfUnchanged(entry, key, start.generation);
     return entry;
   }
 };
@@ -323,24 +344,31 @@ void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key)
 }
 
 void CacheController::removeCacheItem(std::string_view key) {
+  // In turn with the background work, so that no save started before it lands afterwards, and
+  // out of memory on both sides of it, so that no read brings back the row it removes.
   state_->memory.remove(key);
-  state_->removeStored(key);
-  state_->post(kTaskOverhead + key.size(), [key = std::string(key)](State& s) { s.removeStored(key); });
+  state_->background.runInTurn([&] { state_->removeStored(key); });
+  state_->memory.remove(key);
 }
 
 void CacheController::wipeCompleteCache() {
+  state_->wipeGeneration.fetch_add(1);
+  state_->pendingWipes.fetch_add(1);  // before memory empties: see startRead()
   state_->memory.removeAll();
-  removeAllItemsFromBackStore();
+  state_->postWipe(std::nullopt);
+  state_->pendingWipes.fetch_sub(1);
 }
 
 void CacheController::wipeCompleteCache(std::string_view group) {
+  state_->pendingWipes.fetch_add(1);
   state_->memory.removeForGroup(group);
-  state_->post(kTaskOverhead + group.size(), [group = std::string(group)](State& s) { s.wipeBackStore(group); });
+  state_->postWipe(std::string(group));
+  state_->pendingWipes.fetch_sub(1);
 }
 
 void CacheController::removeAllItemsFromBackStore() {
   state_->wipeGeneration.fetch_add(1);
-  state_->post(kTaskOverhead, [](State& s) { s.wipeBackStore(std::nullopt); });
+  state_->postWipe(std::nullopt);
 }
 
 void CacheController::wipeCompleteExpiredCache() { state_->purgeExpired(); }
@@ -356,9 +384,9 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key) {
 std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, bool loadData) {
   State& s = *state_;
   if (auto hit = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key))) {
-    return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false, 0));
+    return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
   }
-  const std::uint64_t generation = s.memory.removalGeneration();
+  const auto start = s.startRead();
   auto& slot = s.fileWriteSlot(key);
   const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);
   auto stored = s.database.loadCacheDataAndTimestamp(key);
@@ -384,20 +412,20 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, b
     }
   }
   const bool keep = complete && entry->configuration.retainInMemory;
-  return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(entry), key, false, keep, generation));
+  return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(entry), key, false, keep, start));
 }
 
 std::shared_ptr<Cacheable> CacheController::get(const CacheableType& type, std::string_view key) {
   State& s = *state_;
-  if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false, 0);
-  const std::uint64_t generation = s.memory.removalGeneration();
+  if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
+  const auto start = s.startRead();
   auto stored = s.database.loadCacheDataAndTimestamp(key);
   if (!stored) return nullptr;
   auto entry = type.decode(stored->data);
   if (!entry) return nullptr;
   adoptStoredTimestamp(*entry, stored->timestamp);
   const bool keep = entry->cacheConfiguration().retainInMemory;
-  return s.finishRead(std::move(entry), key, false, keep, generation);
+  return s.finishRead(std::move(entry), key, false, keep, start);
 }
 
 // ---- settings and sizes ----
