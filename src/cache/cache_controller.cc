@@ -8,6 +8,7 @@
 #include <cmath>
 #include <functional>
 #include <mutex>
+#include <typeinfo>
 
 #include "cache/background_work.h"
 #include "kp/cache/file_storage.h"
@@ -254,19 +255,25 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     return ArchiveValue(std::make_shared<ArchivableImage>(std::move(*image)));
   }
 
+  [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData);
+
   // The rules every read applies once it has found an entry: expiry, rolling expiry, and
   // keeping an entry read from the database in memory.
   std::shared_ptr<Cacheable> finishRead(std::shared_ptr<Cacheable> entry, std::string_view key, bool fromMemory,
                                         bool keepInMemory, ReadStart start = {false, 0}) {
     const auto& config = entry->cacheConfiguration();
-    const Date at = now();
+    const bool ages = config.autoExpiration && config.maximumAge > 0;
+    if (fromMemory && !ages && !config.rollingExpiration) return entry;  // nothing to apply
+    // Most entries need no clock: it is read only for an age limit or rolling expiry.
+    std::optional<Date> at;
+    const auto current = [&] { return at ? *at : *(at = now()); };
     // The lifetime that has already ended is not restarted: an expired entry stays expired.
-    if (config.autoExpiration && entry->isExpired(at)) {
+    if (ages && entry->isExpired(current())) {
       if (fromMemory) memory.remove(key, *entry);
       return nullptr;
     }
     if (config.rollingExpiration) {
-      entry->setCreationDate(at);
+      entry->setCreationDate(current());
       if (config.retainInBackStore) {
         post(kTaskOverhead + key.size(),
              [key = std::string(key), entry](State& s) { s.database.updateTimestamp(key, *entry); });
@@ -383,9 +390,16 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key) {
 
 std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, bool loadData) {
   State& s = *state_;
-  if (auto hit = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key))) {
+  // CacheItem is final: comparing the exact type is enough, and cheaper than a cast.
+  if (auto hit = s.memory.get(key); hit && typeid(*hit) == typeid(CacheItem)) {
     return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
   }
+  return s.readCacheItem(key, loadData);
+}
+
+// Apart from the memory hit, so that the hit stays a short call.
+std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData) {
+  State& s = *this;
   const auto start = s.startRead();
   auto& slot = s.fileWriteSlot(key);
   const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);

@@ -23,8 +23,8 @@ std::uint32_t readBigEndian(const std::uint8_t* p) {
   return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) | p[3];
 }
 
-void appendBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+void writeBigEndian(std::uint8_t* p, std::uint32_t value) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
 }
 
 std::uint32_t crc32(std::span<const std::uint8_t> bytes) {
@@ -74,13 +74,14 @@ std::vector<std::uint8_t> withScaleChunk(const std::vector<std::uint8_t>& png, d
   constexpr std::size_t kAfterHeader = kSignatureSize + kChunkOverhead + 13;
   const double perMetre = std::round(scale * kPixelsPerMetrePerScale);
   if (png.size() < kAfterHeader || !(perMetre >= 1 && perMetre <= 0x7fffffff)) return png;
-  std::vector<std::uint8_t> chunk;
-  appendBigEndian(chunk, 9);
-  chunk.insert(chunk.end(), {'p', 'H', 'Y', 's'});
-  appendBigEndian(chunk, static_cast<std::uint32_t>(perMetre));
-  appendBigEndian(chunk, static_cast<std::uint32_t>(perMetre));
-  chunk.push_back(1);  // unit: the metre
-  appendBigEndian(chunk, crc32(std::span(chunk).subspan(4)));
+  // Length, type, pixels per unit on both axes, the unit (the metre), CRC of type and data.
+  std::array<std::uint8_t, kChunkOverhead + 9> chunk{};
+  writeBigEndian(chunk.data(), 9);
+  std::memcpy(chunk.data() + 4, "pHYs", 4);
+  writeBigEndian(chunk.data() + 8, static_cast<std::uint32_t>(perMetre));
+  writeBigEndian(chunk.data() + 12, static_cast<std::uint32_t>(perMetre));
+  chunk[16] = 1;
+  writeBigEndian(chunk.data() + 17, crc32(std::span(chunk).subspan(4, 13)));
   std::vector<std::uint8_t> out;
   out.reserve(png.size() + chunk.size());
   out.insert(out.end(), png.begin(), png.begin() + static_cast<std::ptrdiff_t>(kAfterHeader));
