@@ -15,18 +15,13 @@ void raise(std::atomic<std::size_t>& peak, std::size_t value) {
 CacheBackgroundWork::CacheBackgroundWork(std::string label, std::size_t budgetBytes)
     : queue_(SerialQueue::make(std::move(label))), budget_(budgetBytes), accounts_(std::make_shared<Accounts>()) {}
 
-void CacheBackgroundWork::post(std::size_t cost, Work work) {
-  const std::size_t tasks = accounts_->tasks.fetch_add(1, std::memory_order_relaxed) + 1;
-  const std::size_t bytes = accounts_->bytes.fetch_add(cost, std::memory_order_relaxed) + cost;
-  raise(accounts_->peakTasks, tasks);
-  raise(accounts_->peakBytes, bytes);
-  queue_->async([accounts = accounts_, cost, work = std::move(work)] {
-    work();
-    accounts->bytes.fetch_sub(cost, std::memory_order_relaxed);
-    accounts->tasks.fetch_sub(1, std::memory_order_relaxed);
-  });
-  // A task that posts more work must not wait for itself.
-  if (bytes > budget_ && !queue_->isCurrent()) waitUntilIdle();
+void CacheBackgroundWork::account(std::size_t cost) noexcept {
+  raise(accounts_->peakTasks, accounts_->tasks.fetch_add(1, std::memory_order_relaxed) + 1);
+  raise(accounts_->peakBytes, accounts_->bytes.fetch_add(cost, std::memory_order_relaxed) + cost);
+}
+
+void CacheBackgroundWork::waitIfOverBudget() {
+  if (accounts_->bytes.load(std::memory_order_relaxed) > budget_ && !queue_->isCurrent()) waitUntilIdle();
 }
 
 void CacheBackgroundWork::waitUntilIdle() {

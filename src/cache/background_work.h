@@ -36,8 +36,17 @@ class CacheBackgroundWork {
   CacheBackgroundWork(const CacheBackgroundWork&) = delete;
   CacheBackgroundWork& operator=(const CacheBackgroundWork&) = delete;
 
-  // Queues `work`; `cost` is what it holds in memory until it has run.
-  void post(std::size_t cost, Work work);
+  // Queues `work` (a callable taking nothing); `cost` is what it holds in memory until it has
+  // run.
+  template <class F>
+  void post(std::size_t cost, F&& work) {
+    account(cost);
+    queue_->async([accounts = accounts_, cost, work = std::forward<F>(work)]() mutable {
+      work();
+      accounts->release(cost);
+    });
+    waitIfOverBudget();
+  }
   // Returns once the work posted before the call has run (at once from inside a task).
   void waitUntilIdle();
   // Runs `work` on the calling thread after the work posted before the call, and before any
@@ -52,7 +61,16 @@ class CacheBackgroundWork {
     std::atomic<std::size_t> bytes{0};
     std::atomic<std::size_t> peakTasks{0};
     std::atomic<std::size_t> peakBytes{0};
+    void release(std::size_t cost) noexcept {
+      bytes.fetch_sub(cost, std::memory_order_relaxed);
+      tasks.fetch_sub(1, std::memory_order_relaxed);
+    }
   };
+
+  void account(std::size_t cost) noexcept;
+  // A poster that finds more than the budget waiting waits for (or runs) what is ahead of it;
+  // a task that posts more work must not wait for itself.
+  void waitIfOverBudget();
 
   std::shared_ptr<SerialQueue> queue_;
   std::size_t budget_;

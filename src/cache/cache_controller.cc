@@ -122,8 +122,10 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     return fileWrites[std::hash<std::string_view>{}(key) % fileWrites.size()];
   }
 
-  void post(std::size_t cost, std::function<void(State&)> task) {
-    background.post(cost, [self = shared_from_this(), task = std::move(task)] { task(*self); });
+  // Queues `task` (a callable taking the state) as a background task.
+  template <class F>
+  void post(std::size_t cost, F&& task) {
+    background.post(cost, [self = shared_from_this(), task = std::forward<F>(task)]() mutable { task(*self); });
   }
 
   void postWipe(const std::optional<std::string>& group) {
