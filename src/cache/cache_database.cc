@@ -44,6 +44,8 @@ constexpr std::string_view kSelectSummary =
     "length(data) AS dataSize FROM cache WHERE id = ?;";
 constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kVacuum = "VACUUM;";
+// The log holds every page written since the last checkpoint; VACUUM writes them all.
+constexpr std::string_view kCheckpointAndTruncate = "PRAGMA wal_checkpoint(TRUNCATE);";
 
 // Seconds as a signed 32-bit count; anything outside that range is a programming error.
 std::int32_t wholeSeconds(double seconds, const char* what) {
@@ -163,19 +165,28 @@ bool CacheControllerDatabase::run(std::string_view sql, const std::vector<SQLite
   }
 }
 
-void CacheControllerDatabase::configureConnection() {
-  if (!db_) return;
-  // Another process (kpcore on a live cache) may hold the write lock for a moment: wait for
-  // it rather than drop the statement. journal_mode and busy_timeout answer with a row.
-  for (const char* pragma : {"PRAGMA journal_mode=WAL;", "PRAGMA busy_timeout=2000;"}) {
-    try {
-      auto statement = db_->createPreparedStatement(pragma);
-      (void)statement->readCells();
-      statement->finalize();
-    } catch (const std::exception&) {
-    }
+bool CacheControllerDatabase::runPragma(std::string_view sql) {
+  if (!db_) return false;
+  try {
+    // These pragmas answer with a row (the mode in force, the checkpoint's counts).
+    auto statement = db_->createPreparedStatement(sql);
+    (void)statement->readCells();
+    statement->finalize();
+    return true;
+  } catch (const std::exception&) {
+    return false;
   }
-  run("PRAGMA synchronous=NORMAL;", {});
+}
+
+void CacheControllerDatabase::configureConnection() {
+  (void)runPragma("PRAGMA journal_mode=WAL;");
+  (void)run("PRAGMA synchronous=NORMAL;", {});
+  // Once a checkpoint has emptied the log, its file shrinks back to this size instead of
+  // keeping the largest size it ever reached.
+  (void)runPragma("PRAGMA journal_size_limit=1048576;");
+  // Another process (kpcore on a live cache) may hold the write lock for a moment: wait for
+  // it rather than drop the statement.
+  (void)runPragma("PRAGMA busy_timeout=2000;");
 }
 
 void CacheControllerDatabase::prepare() {
@@ -418,7 +429,10 @@ std::uint64_t CacheControllerDatabase::getSize() const {
 
 void CacheControllerDatabase::vacuum() {
   std::lock_guard lock(mutex_);
-  (void)run(kVacuum, {});
+  if (!run(kVacuum, {})) return;
+  // VACUUM writes the whole database into the log; without emptying and cutting the log
+  // here, wiping the cache would leave it larger on disk than before.
+  (void)runPragma(kCheckpointAndTruncate);
 }
 
 }  // namespace kp

@@ -130,8 +130,10 @@ class CacheControllerDatabase {
   [[nodiscard]] std::vector<CacheRowSummary> getRowSummaries();
   [[nodiscard]] std::optional<CacheRowSummary> getRowSummary(std::string_view key);
   [[nodiscard]] std::uint64_t getItemCount();
-  // Size of the database file in bytes; 0 when it cannot be read.
+  // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
+  // Rebuilds the file without its free pages and empties the log, so that the disk space of
+  // removed rows is given back.
   void vacuum();
 
  private:
@@ -145,6 +147,8 @@ class CacheControllerDatabase {
                                                     bool firstOnly = false);  // REQUIRES: mutex_ held
   // Runs one statement with its bindings to completion; false on any failure.
   bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
+  // Runs a pragma that answers with a row, ignoring the row; false on any failure.
+  bool runPragma(std::string_view sql);  // REQUIRES: mutex_ held
 
   std::string dbFileName_;
   std::filesystem::path path_;
