@@ -15,7 +15,7 @@
 #include "kp/cache/memory_storage.h"
 #include "kp/coding/archivable_image.h"
 #include "kp/container/core_services.h"
-#include "kp/container/optional_dependency.h"
+#include "kp/container/dependency.h"
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"

@@ -2,6 +2,7 @@
 // with internal linkage so they never clash with a host's own copy).
 #include "platform/image_codec.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -65,6 +66,31 @@ class DecodeBudget {
   DecodeBudget& operator=(const DecodeBudget&) = delete;
 };
 
+// The JPEG decoder of the distribution's stb trusts the symbol counts of a Huffman table
+// (it writes up to 4080 symbols into room for 256). Such a table is damage whatever else the
+// file holds, so the file is refused before decoding. Every FF C4 is checked the way the
+// decoder reads a table segment (tables follow each other while the segment's length lasts,
+// and bytes past the end read as zero), so that no parse of the file can reach one unchecked.
+// True for bytes that are not a JPEG (which starts with FF, then any fill, then D8).
+bool jpegHuffmanTablesFit(std::span<const std::uint8_t> bytes) {
+  const std::size_t size = bytes.size();
+  if (size < 2 || bytes[0] != 0xff) return true;
+  const auto at = [&](std::size_t i) -> std::size_t { return i < size ? bytes[i] : 0; };
+  for (std::size_t p = 1; p + 1 < size; ++p) {
+    if (bytes[p] != 0xff || bytes[p + 1] != 0xc4) continue;
+    auto left = static_cast<std::int64_t>((at(p + 2) << 8) | at(p + 3)) - 2;
+    std::size_t table = p + 4;
+    while (left > 0 && table < size) {
+      std::size_t symbols = 0;
+      for (std::size_t k = 1; k <= 16; ++k) symbols += at(table + k);
+      if (symbols > 256) return false;
+      table += 17 + symbols;
+      left -= static_cast<std::int64_t>(17 + symbols);
+    }
+  }
+  return true;
+}
+
 }  // namespace
 }  // namespace kp::internal
 
@@ -90,6 +116,7 @@ namespace kp::internal {
 
 std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits) {
   if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
+  if (!jpegHuffmanTablesFit(bytes)) return std::nullopt;
   const int length = static_cast<int>(bytes.size());
   int width = 0;
   int height = 0;

@@ -141,6 +141,11 @@ TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
   }
   EXPECT_FALSE(kp::Image::decode(kp::Data::fromString("<html>not an image</html>")));
   EXPECT_FALSE(kp::Image::decode(kp::Data(Bytes(4096, 0xff))));
+  // A JPEG Huffman table that claims 300 symbols, which would overrun the decoder's tables.
+  Bytes table = {0xff, 0xd8, 0xff, 0xc4, 0x01, 0x3f, 0x00, 255, 45};
+  table.resize(table.size() + 14 + 300, 0);
+  table.insert(table.end(), {0xff, 0xd9});
+  EXPECT_FALSE(kp::Image::decode(kp::Data(table)));
   // Headers that promise more pixels than allowed are refused before any pixel memory.
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(100000, 100000, zlibBomb(1000)))));
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(16384, 16384, zlibBomb(1000)))));
