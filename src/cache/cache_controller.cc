@@ -48,14 +48,15 @@ std::size_t estimatedBytes(const ArchiveValue& value, int depth = 0) {
   return 64;
 }
 
-// A general entry is valid when its payload suits its kind.
 // Rolling expiry moves the row's timestamp on, not the creation date coded in the row: a
 // later one is the entry's.
 void adoptStoredTimestamp(Cacheable& entry, Date timestamp) {
-  if (entry.cacheConfiguration().rollingExpiration && timestamp > entry.creationDate())
+  if (entry.cacheConfiguration().rollingExpiration && timestamp > entry.creationDate()) {
     entry.setCreationDate(timestamp);
+  }
 }
 
+// A general entry is valid when its payload suits its kind.
 bool isValid(const CacheItem& entry) {
   if (!entry.item) return false;
   switch (entry.cacheType) {
@@ -162,11 +163,13 @@ struct CacheController::State : std::enable_shared_from_this<State> {
       bytes = entry.item->object<ArchivableImage>()->image().pngData();
       if (!bytes) return;  // an image without a PNG form is not written
     }
-    // The file before the row: a reader that finds the row finds its file.
+    // The file before the row: a reader that finds the row finds its file. When one of the two
+    // cannot be written, the other must not pair with what is left of an earlier save: a file
+    // that failed keeps the old file and the old row; a row that failed loses the new file.
+    const auto& group = entry.configuration.groupName;
     auto& slot = fileWriteSlot(key);
     slot.fetch_add(1, std::memory_order_acq_rel);
-    files.save(*bytes, key, entry.configuration.groupName);
-    database.saveRecord(*encoded, entry, key);
+    if (files.save(*bytes, key, group) && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
     slot.fetch_add(1, std::memory_order_release);
   }
 

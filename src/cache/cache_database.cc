@@ -265,7 +265,7 @@ void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view ke
   if (auto data = encodeEntry(entry)) saveRecord(*data, entry, key);
 }
 
-void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
+bool CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
   const auto& config = entry.cacheConfiguration();
   std::vector<SQLiteValue> bindings{
       SQLiteValue(std::string(key)),
@@ -278,7 +278,7 @@ void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entr
       SQLiteValue(wholeSeconds(config.maximumAge, "maximum age")),
   };
   std::lock_guard lock(mutex_);
-  (void)run(kSave, bindings);
+  return run(kSave, bindings);
 }
 
 template <SQLiteColumn Column>

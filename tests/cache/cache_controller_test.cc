@@ -397,9 +397,16 @@ TEST_F(CacheControllerTest, AFullDiskStoresLessButNeverATornEntry) {
     const rlimit limit{1 << 20, 1 << 20};
     ::setrlimit(RLIMIT_FSIZE, &limit);
     auto cache = open(fs::path(std::getenv("KP_CACHE_FOLDER")));
+    const auto sized = [](std::size_t size) {
+      auto e = bytesEntry(pattern(size), policy(0));
+      e->extraItems["size"] = kp::ArchiveValue(static_cast<std::int64_t>(size));
+      return e;
+    };
+    for (std::size_t i = 0; i < 20; ++i) cache->set(sized(10000 + i), "f" + std::to_string(i));
+    cache->waitForBackgroundWork();
     for (std::size_t i = 0; i < 20; ++i) {
-      const std::size_t size = i % 2 ? 10000 + i : 1500000 + i;  // every other one cannot be written
-      cache->set(bytesEntry(pattern(size), policy(0)), "f" + std::to_string(i));
+      // Every other one cannot be written: the entry it replaces must stay whole.
+      cache->set(sized(i % 2 ? 1500000 + i : 20000 + i), "f" + std::to_string(i));
       cache->set(entry(kp::ArchiveValue(pattern(1000 + i)), policy(0)), "s" + std::to_string(i));
     }
     cache->waitForBackgroundWork();
@@ -410,7 +417,11 @@ TEST_F(CacheControllerTest, AFullDiskStoresLessButNeverATornEntry) {
         auto read = cache->getCacheItem(prefix + std::to_string(i));
         if (!read) continue;
         ++found;
-        EXPECT_TRUE(isPattern(*read->item->get<kp::Data>())) << prefix << i;
+        const auto& bytes = *read->item->get<kp::Data>();
+        EXPECT_TRUE(isPattern(bytes)) << prefix << i;
+        if (*prefix == 'f') {
+          EXPECT_EQ(*read->extraItems.at("size").get<std::int64_t>(), static_cast<std::int64_t>(bytes.size())) << i;
+        }
       }
     }
     EXPECT_GE(found, 30);

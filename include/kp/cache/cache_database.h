@@ -101,10 +101,11 @@ class CacheControllerDatabase {
     }
   }
 
-  // Stores (or replaces) the row of `key` with the encoded entry `data`.
+  // Stores (or replaces) the row of `key` with the encoded entry `data`; false when the row
+  // could not be written (most callers need not look).
   // REQUIRES: the entry's creation date and age limit fit in signed 32-bit seconds; anything
   // else stops the program.
-  void saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
+  bool saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
   [[nodiscard]] std::optional<Data> loadCacheData(std::string_view key);
   // The row's encoded entry with its timestamp (which rolling expiry moves on without
   // re-encoding the entry), or nothing.
