@@ -74,7 +74,8 @@ struct FileContents {
 };
 
 // Reads a regular file whole. Files larger than `maxSize` are not read (tooLarge); anything
-// that is not a regular file, or fails to read, is `failed`.
+// that is not a regular file (a named pipe or a device included, which are never waited on),
+// or fails to read, is `failed`.
 [[nodiscard]] FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize);
 
 // An exclusive advisory lock on a lock file, held until destruction. Every process that

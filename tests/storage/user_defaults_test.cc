@@ -265,6 +265,13 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
   EXPECT_EQ(asideFiles("folder").size(), 1U);
   defaults->setInteger(2, "fresh");
   EXPECT_TRUE(defaults->synchronize());
+  // So is a named pipe, which must not make the reader wait for a writer that never comes.
+  ASSERT_EQ(::mkfifo(suiteFile("pipe").c_str(), 0600), 0);
+  const auto piped =
+      kp::test::runCommand("timeout -s KILL 20 " + std::string(KPCORE_PATH) + " defaults read --suite pipe 2>&1");
+  EXPECT_EQ(piped.status, 0) << piped.output;
+  EXPECT_EQ(piped.output, "{}\n");
+  EXPECT_EQ(asideFiles("pipe").size(), 1U);
 
   // Another process damaging a suite this one has open is noticed too.
   auto live = kp::UserDefaults::suite("live");

@@ -144,7 +144,9 @@ FileIdentity fileIdentity(const std::filesystem::path& path) noexcept {
 
 FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize) {
   FileContents out;
-  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Without O_NONBLOCK, opening a named pipe put in the file's place would wait for a writer
+  // that may never come. The flag changes nothing for regular files, the only ones read.
+  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd.valid()) {
     const int error = errno;
     out.status = error == ENOENT ? FileContents::Status::missing : FileContents::Status::failed;
