@@ -351,6 +351,16 @@ TEST_F(UserDefaultsTest, AFullDiskLeavesTheOldFileAndTheChangesPending) {
   EXPECT_EQ(defaults->data("value")->size(), 1U << 20);  // memory keeps the change
   EXPECT_TRUE(defaults->synchronize());                  // and it is written once there is room
   EXPECT_EQ(readFile(suiteFile("full")).find("value")->ifData()->size(), 1U << 20);
+
+  // A suite too large to be read back is not written either: the next reader would find the
+  // file damaged and start without any of its keys.
+  defaults->setObject(kp::Data::zeros(kp::storage_detail::SuiteStore::kMaxFileSize), "huge");
+  EXPECT_FALSE(defaults->synchronize());
+  const auto reader = kpcore("defaults read --suite full value");
+  EXPECT_EQ(reader.status, 0) << reader.output;
+  EXPECT_TRUE(asideFiles("full").empty());
+  defaults->removeObject("huge");
+  EXPECT_TRUE(defaults->synchronize());
 }
 
 TEST_F(UserDefaultsTest, ManyThreadsReadAndWriteOneSuite) {
