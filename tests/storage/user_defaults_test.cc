@@ -397,6 +397,13 @@ TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
   EXPECT_NE(missing.status, 0);
   EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1);
   EXPECT_NE(kpcore("defaults write --suite tool n -int twelve").status, 0);
+  // What the store refuses is an error, not a success that changed nothing.
+  for (const char* refused : {"name \xff", "'\xfe' text"}) {
+    const auto failed = kpcore(std::string("defaults write --suite tool ") + refused);
+    EXPECT_NE(failed.status, 0) << refused;
+    EXPECT_EQ(std::count(failed.output.begin(), failed.output.end(), '\n'), 1) << failed.output;
+  }
+  EXPECT_EQ(kpcore("defaults read --suite tool name").output, "Bern\n");
   EXPECT_NE(kpcore("defaults read --suite ../escape").status, 0);
   ASSERT_EQ(kpcore("defaults delete --suite tool").status, 0);
   EXPECT_EQ(readFile(suiteFile("tool")).ifDictionary()->size(), 0U);
