@@ -19,6 +19,7 @@
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"
+#include "platform/utf8.h"
 #include "tarvix/application.h"
 
 namespace kp {
@@ -71,6 +72,18 @@ bool isValid(const CacheItem& entry) {
       return entry.item->object<ArchivableImage>() != nullptr;
   }
   return false;
+}
+
+// Keys and groups reach the database as text cut at a NUL byte, and come back from it only
+// when they are UTF-8. Any other would share a row with another key, or leave a row and a file
+// that no clean-up and no trim can name; entries under such names live in memory only.
+bool databaseCanHold(std::string_view name) {
+  return name.find('\0') == std::string_view::npos && internal::isValidUtf8(name);
+}
+
+bool databaseCanHold(const Cacheable& entry, std::string_view key) {
+  const auto& group = entry.cacheConfiguration().groupName;
+  return databaseCanHold(key) && (!group || databaseCanHold(*group));
 }
 
 Duration intervalDuration(double seconds) {
@@ -334,7 +347,7 @@ void CacheController::set(std::shared_ptr<CacheItem> item, std::string_view key)
   auto& config = item->configuration;
   if (config.groupName && config.groupName->empty()) config.groupName.reset();
   state_->memory.set(item, key);
-  if (!config.retainInBackStore) return;
+  if (!config.retainInBackStore || !databaseCanHold(*item, key)) return;
   std::size_t cost = kTaskOverhead + key.size();
   if (!config.retainInMemory) cost += estimatedBytes(*item->item) + estimatedBytes(ArchiveValue(item->extraItems));
   state_->post(cost, [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
@@ -346,7 +359,7 @@ void CacheController::set(std::shared_ptr<CacheItem> item, std::string_view key)
 void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key) {
   if (!item || key.empty()) return;
   state_->memory.set(item, key);
-  if (!item->cacheConfiguration().retainInBackStore) return;
+  if (!item->cacheConfiguration().retainInBackStore || !databaseCanHold(*item, key)) return;
   // Entries of other types have no estimate of their size; only what the task adds counts.
   state_->post(kTaskOverhead + key.size(),
                [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
@@ -359,6 +372,7 @@ void CacheController::removeCacheItem(std::string_view key) {
   // In turn with the background work, so that no save started before it lands afterwards, and
   // out of memory on both sides of it, so that no read brings back the row it removes.
   state_->memory.remove(key);
+  if (!databaseCanHold(key)) return;
   state_->background.runInTurn([&] { state_->removeStored(key); });
   state_->memory.remove(key);
 }
@@ -374,7 +388,7 @@ void CacheController::wipeCompleteCache() {
 void CacheController::wipeCompleteCache(std::string_view group) {
   state_->pendingWipes.fetch_add(1);
   state_->memory.removeForGroup(group);
-  state_->postWipe(std::string(group));
+  if (databaseCanHold(group)) state_->postWipe(std::string(group));
   state_->pendingWipes.fetch_sub(1);
 }
 
@@ -405,6 +419,7 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, b
 // Apart from the memory hit, so that the hit stays a short call.
 std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData) {
   State& s = *this;
+  if (!databaseCanHold(key)) return nullptr;
   const auto start = s.startRead();
   auto& slot = s.fileWriteSlot(key);
   const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);
@@ -437,6 +452,7 @@ std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_vie
 std::shared_ptr<Cacheable> CacheController::get(const CacheableType& type, std::string_view key) {
   State& s = *state_;
   if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
+  if (!databaseCanHold(key)) return nullptr;
   const auto start = s.startRead();
   auto stored = s.database.loadCacheDataAndTimestamp(key);
   if (!stored) return nullptr;
@@ -520,7 +536,7 @@ std::optional<CacheItemInspection> CacheController::inspect(std::string_view key
   CacheItemInspection inspection;
   inspection.entry = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key));
   inspection.inMemory = inspection.entry != nullptr;
-  if (auto row = s.database.getRowSummary(key)) {
+  if (auto row = databaseCanHold(key) ? s.database.getRowSummary(key) : std::nullopt) {
     inspection.stored = CacheEntrySummary{std::move(*row), std::nullopt};
     const auto& stored = inspection.stored->row;
     if (isFileBacked(stored.type)) {

@@ -266,6 +266,33 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   EXPECT_FALSE(fresh->get<Note>("note"));
 }
 
+TEST_F(CacheControllerTest, KeysAndGroupsTheDatabaseCannotHoldStayInMemory) {
+  auto cache = open();
+  const std::string invalid = "bad\xff";
+  const std::string withNul("a\0b", 3);
+  const std::string groupWithNul("g\0h", 3);
+  cache->set(bytesEntry(pattern(100), policy(60)), invalid);
+  cache->set(bytesEntry(pattern(200), policy(60)), withNul);
+  cache->set(bytesEntry(pattern(300), policy(60, true, groupWithNul)), "grouped");
+  cache->set(bytesEntry(pattern(400), policy(60, true, "g")), "other-group");
+  cache->set(entry(kp::ArchiveValue("plain"), policy(0)), "a");
+  cache->waitForBackgroundWork();
+  EXPECT_TRUE(isPattern(*cache->getCacheItem(invalid)->item->get<kp::Data>()));
+  cache->wipeCompleteCache(groupWithNul);  // not the group its text is cut to
+  cache->waitForBackgroundWork();
+
+  cache->receivedMemoryWarning({});
+  EXPECT_TRUE(cache->getCacheItem("other-group"));
+  EXPECT_FALSE(cache->getCacheItem(std::string("a\0zzz", 5)));  // not the entry of "a"
+  EXPECT_EQ(*cache->getCacheItem("a")->item->get<std::string>(), "plain");
+  // Once expired, nothing is left on disk that no clean-up can find.
+  clock_->advance(61);
+  cache->wipeCompleteExpiredCache();
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
+  EXPECT_EQ(sqlite(database(), "SELECT id FROM cache;"), "a\n");
+}
+
 TEST_F(CacheControllerTest, TheTimerRunsWhileTheApplicationIsActive) {
   auto& center = kp::NotificationCenter::defaultCenter();
   auto& main = *kp::MainQueue::shared();
