@@ -176,13 +176,16 @@ struct CacheController::State : std::enable_shared_from_this<State> {
       bytes = entry.item->object<ArchivableImage>()->image().pngData();
       if (!bytes) return;  // an image without a PNG form is not written
     }
-    // The file before the row: a reader that finds the row finds its file. When one of the two
-    // cannot be written, the other must not pair with what is left of an earlier save: a file
-    // that failed keeps the old file and the old row; a row that failed loses the new file.
+    // The file before the row: a reader that finds the row finds its file. The old row goes
+    // once the new bytes are on the disk and before they replace the old file, so that no
+    // moment, not even the end of the process, pairs the old row with the new file. A file that
+    // cannot be written (a full disk) keeps the old file and the old row; a row that fails
+    // loses the new file.
     const auto& group = entry.configuration.groupName;
     auto& slot = fileWriteSlot(key);
     slot.fetch_add(1, std::memory_order_acq_rel);
-    if (files.save(*bytes, key, group) && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    const bool replaced = files.save(*bytes, key, group, [&] { return database.removeCacheItem(key); });
+    if (replaced && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
     slot.fetch_add(1, std::memory_order_release);
   }
 
@@ -191,7 +194,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     if (type == CacheItemType::rawDataToFile || type == CacheItemType::image) {
       files.removeData(key, database.getCacheItemGroup(key));
     }
-    database.removeCacheItem(key);
+    (void)database.removeCacheItem(key);
   }
 
   void wipeBackStore(const std::optional<std::string>& group) {
@@ -438,7 +441,7 @@ std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_vie
       // A save of this key ran meanwhile: the row and the file may not belong together.
       if (!settled) return nullptr;
       if (!entry->item) {
-        s.database.removeCacheItem(key);
+        (void)s.database.removeCacheItem(key);
         return nullptr;
       }
     } else {

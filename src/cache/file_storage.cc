@@ -55,13 +55,18 @@ void CacheControllerFileStorage::prepareCacheFolder() {
   removePartialFiles(basePath_, true);
 }
 
-bool CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
+bool CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group,
+                                      const std::function<bool()>& beforeReplacing) {
   const auto path = filePath(key, group);
-  std::lock_guard lock(mutex_);
-  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return false;
   // Written aside and renamed over the old file: a failed or interrupted write keeps the old
-  // payload, and no reader ever sees a cut-off one.
-  return platform::writeFileAtomically(path, data.bytes());
+  // payload, and no reader ever sees a cut-off one. Only the rename needs the lock; the
+  // temporary file is this call's own, and `beforeReplacing` may take other stores' locks.
+  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return false;
+  std::optional<platform::StagedFile> staged = platform::StagedFile::write(path, data.bytes());
+  if (!staged) return false;
+  if (beforeReplacing && !beforeReplacing()) return false;
+  std::lock_guard lock(mutex_);
+  return staged->commit();
 }
 
 std::optional<Data> CacheControllerFileStorage::loadData(std::string_view key,

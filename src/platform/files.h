@@ -43,6 +43,33 @@ namespace kp::platform {
 [[nodiscard]] bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
                                        std::string* error = nullptr) noexcept;
 
+// The two halves of writeFileAtomically(), for a caller that must do something between them
+// (make a record of the old file go before the new one replaces it): write() puts the bytes in
+// a temporary file beside `path` and on the disk; commit() renames it over `path` and makes the
+// rename durable. A staged file dropped without a successful commit() is removed.
+class StagedFile {
+ public:
+  [[nodiscard]] static std::optional<StagedFile> write(const std::filesystem::path& path,
+                                                       std::span<const std::uint8_t> bytes,
+                                                       std::string* error = nullptr) noexcept;
+  // False, with the temporary file removed, when the rename fails.
+  [[nodiscard]] bool commit(std::string* error = nullptr) noexcept;
+
+  StagedFile(StagedFile&& other) noexcept
+      : path_(std::move(other.path_)), temporary_(std::exchange(other.temporary_, {})) {}
+  StagedFile& operator=(StagedFile&&) = delete;
+  StagedFile(const StagedFile&) = delete;
+  StagedFile& operator=(const StagedFile&) = delete;
+  ~StagedFile();
+
+ private:
+  StagedFile(std::filesystem::path path, std::string temporary) noexcept
+      : path_(std::move(path)), temporary_(std::move(temporary)) {}
+
+  std::filesystem::path path_;
+  std::string temporary_;  // empty once committed or removed
+};
+
 // Temporary files of writeFileAtomically() start with this, then the file's name and "."; only
 // a process that died while writing leaves one behind.
 inline constexpr std::string_view kTemporaryFilePrefix = ".kp-partial-";

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -497,6 +498,43 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
       EXPECT_TRUE(isPattern(*found->item->get<kp::Data>())) << i;
     }
   }
+}
+
+TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
+  const auto sized = [](std::size_t size) {
+    auto e = bytesEntry(pattern(size), policy(0));
+    e->extraItems["size"] = kp::ArchiveValue(static_cast<std::int64_t>(size));
+    return e;
+  };
+  if (kp::test::inTestChild()) {
+    auto cache = open(fs::path(std::getenv("KP_CACHE_FOLDER")));
+    cache->set(sized(3000), "k");
+    std::printf("saving\n");
+    std::fflush(stdout);
+    cache->waitForBackgroundWork();
+    return;
+  }
+  open()->set(sized(1000), "k");
+  // Another connection holds the database's write lock, so that the save in the child waits
+  // for its row, with its file written or not, until the child is killed.
+  kp::DefaultSQLiteDatabase holder(*kp::Url::parse(dir_.fileUrl("centralcache.db")));
+  holder.createPreparedStatement("BEGIN IMMEDIATE;")->execute();
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  kp::test::BackgroundProcess child({"/usr/bin/env", "KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string(),
+                                     fs::read_symlink("/proc/self/exe").string(),
+                                     std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
+  for (auto line = child.readLine(20s); line && *line != "saving";) line = child.readLine(20s);
+  std::this_thread::sleep_for(500ms);
+  child.sendSignal(SIGKILL);
+  ASSERT_TRUE(child.wait(10s));
+  holder.createPreparedStatement("ROLLBACK;")->execute();
+
+  auto cache = open();
+  auto read = cache->getCacheItem("k");
+  ASSERT_TRUE(read);
+  const auto& bytes = *read->item->get<kp::Data>();
+  EXPECT_TRUE(isPattern(bytes));
+  EXPECT_EQ(*read->extraItems.at("size").get<std::int64_t>(), static_cast<std::int64_t>(bytes.size()));
 }
 
 TEST_F(CacheControllerTest, ReadersWritersWipesAndTheTimerAtOnce) {

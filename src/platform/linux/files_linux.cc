@@ -87,8 +87,8 @@ bool createPrivateDirectories(const std::filesystem::path& path) noexcept {
   }
 }
 
-bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
-                         std::string* error) noexcept {
+std::optional<StagedFile> StagedFile::write(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                                            std::string* error) noexcept {
   try {
     const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
     std::string temporary =
@@ -96,7 +96,7 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
     if (fd < 0) {
       if (error) *error = describeErrno("cannot create a temporary file for", path, errno);
-      return false;
+      return std::nullopt;
     }
     // The data must be on disk before the rename is: a file system may commit the rename
     // first, and a power loss would then leave the final name on a short file.
@@ -105,18 +105,49 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
     if (ok) step = "cannot flush", ok = ::fsync(fd) == 0;
     int failure = ok ? 0 : errno;
     if (::close(fd) != 0 && ok) step = "cannot close", ok = false, failure = errno;
-    if (ok) step = "cannot replace", ok = ::rename(temporary.c_str(), path.c_str()) == 0, failure = ok ? 0 : errno;
     if (!ok) {
       ::unlink(temporary.c_str());
       if (error) *error = describeErrno(step, path, failure);
-      return false;
+      return std::nullopt;
     }
-    // Make the rename durable too. Failing here leaves the new file in place: still done.
-    if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
-    return true;
+    return StagedFile(path, std::move(temporary));
   } catch (...) {
-    return false;  // out of memory building the names
+    return std::nullopt;  // out of memory building the names
   }
+}
+
+bool StagedFile::commit(std::string* error) noexcept {
+  if (temporary_.empty()) return false;
+  if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
+    const int failure = errno;
+    ::unlink(temporary_.c_str());
+    temporary_.clear();
+    try {
+      if (error) *error = describeErrno("cannot replace", path_, failure);
+    } catch (...) {
+      // Out of memory: the failure goes without its reason.
+    }
+    return false;
+  }
+  temporary_.clear();
+  // Make the rename durable too. Failing here leaves the new file in place: still done.
+  try {
+    const auto folder = path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
+    if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
+  } catch (...) {
+    // Out of memory building the folder's name: the rename is done, only not yet durable.
+  }
+  return true;
+}
+
+StagedFile::~StagedFile() {
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                         std::string* error) noexcept {
+  std::optional<StagedFile> staged = StagedFile::write(path, bytes, error);
+  return staged && staged->commit(error);
 }
 
 void removeStaleTemporaryFiles(const std::filesystem::path& path, std::chrono::seconds age) noexcept {
