@@ -1,6 +1,7 @@
 // The file store of the cache.
 #include "kp/cache/file_storage.h"
 
+#include <chrono>
 #include <fstream>
 
 #include "kp/cache/cache_database.h"
@@ -30,6 +31,11 @@ fs::path CacheControllerFileStorage::filePath(std::string_view key, const std::o
 
 namespace {
 
+// A partial file younger than this may belong to a save still running in another process
+// (a tool opening the folder while the application saves); older ones were left by a process
+// that ended mid-write.
+constexpr auto kAbandonedAfter = std::chrono::minutes(10);
+
 // Removes what writes cut short by the end of a process left behind in `folder`.
 void removePartialFiles(const fs::path& folder, bool withGroupFolders) {
   std::error_code ec;
@@ -42,7 +48,8 @@ void removePartialFiles(const fs::path& folder, bool withGroupFolders) {
     if (fs::is_directory(status)) {
       if (withGroupFolders) removePartialFiles(it->path(), false);
     } else if (it->path().filename().string().starts_with(platform::kTemporaryFilePrefix)) {
-      fs::remove(it->path(), ec);
+      const auto modified = fs::last_write_time(it->path(), ec);
+      if (!ec && fs::file_time_type::clock::now() - modified > kAbandonedAfter) fs::remove(it->path(), ec);
     }
   }
 }

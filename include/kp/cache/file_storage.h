@@ -42,7 +42,8 @@ class CacheControllerFileStorage {
   CacheControllerFileStorage& operator=(const CacheControllerFileStorage&) = delete;
 
   // Creates the folder when nothing exists there (missing parents are not created), and
-  // removes the partial files of writes that a process ending mid-write left behind.
+  // removes the partial files of writes that a process ending mid-write left behind (those
+  // older than ten minutes; younger ones may be another process's save at work).
   void prepareCacheFolder();
   // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
   // False when nothing was written (the old file, if any, is left as it was); most callers
