@@ -122,8 +122,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   // Wipes started and not yet done: rows read meanwhile may be on their way out, so they are
   // not taken into memory, where they would outlive the wipe.
   std::atomic<int> pendingWipes{0};
-  // Odd while a save of a file-backed entry hashed to that slot writes its file and row: a
-  // read that overlaps one cannot trust that the row and the file belong together.
+  // Odd while a save hashed to that slot writes or removes a file and writes its row: a read
+  // that overlaps one cannot trust that the row and the file belong together.
   std::array<std::atomic<std::uint32_t>, 64> fileWrites{};
 
   mutable std::mutex timerMutex;
@@ -166,7 +166,10 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     auto encoded = CacheControllerDatabase::encodeEntry(entry);
     if (!encoded) return;
     if (entry.cacheType == CacheItemType::serialized) {
-      database.saveRecord(*encoded, entry, key);
+      writingFiles(key, [&] {
+        removeEarlierFile(key, std::nullopt);
+        database.saveRecord(*encoded, entry, key);
+      });
       return;
     }
     std::optional<Data> bytes;
@@ -182,18 +185,36 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     // cannot be written (a full disk) keeps the old file and the old row; a row that fails
     // loses the new file.
     const auto& group = entry.configuration.groupName;
+    writingFiles(key, [&] {
+      const bool replaced = files.save(*bytes, key, group, [&] {
+        removeEarlierFile(key, files.filePath(key, group));
+        return database.removeCacheItem(key);
+      });
+      if (replaced && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    });
+  }
+
+  // Runs `write`, which changes the key's file or removes it, with its slot odd meanwhile.
+  template <class F>
+  void writingFiles(std::string_view key, F&& write) {
     auto& slot = fileWriteSlot(key);
     slot.fetch_add(1, std::memory_order_acq_rel);
-    const bool replaced = files.save(*bytes, key, group, [&] { return database.removeCacheItem(key); });
-    if (replaced && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    std::forward<F>(write)();
     slot.fetch_add(1, std::memory_order_release);
   }
 
-  void removeStored(std::string_view key) {
+  // Removes the file of the key's stored entry, unless it is `kept`: an entry saved elsewhere
+  // (in another group, or in its row alone) would otherwise leave it where no row names it,
+  // out of reach of every clean-up and of the trim.
+  void removeEarlierFile(std::string_view key, const std::optional<fs::path>& kept) {
     const auto type = database.getCacheItemType(key);
-    if (type == CacheItemType::rawDataToFile || type == CacheItemType::image) {
-      files.removeData(key, database.getCacheItemGroup(key));
-    }
+    if (type != CacheItemType::rawDataToFile && type != CacheItemType::image) return;
+    const auto group = database.getCacheItemGroup(key);
+    if (!kept || files.filePath(key, group) != *kept) files.removeData(key, group);
+  }
+
+  void removeStored(std::string_view key) {
+    removeEarlierFile(key, std::nullopt);
     (void)database.removeCacheItem(key);
   }
 
@@ -367,7 +388,10 @@ void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key)
   state_->post(kTaskOverhead + key.size(),
                [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
                  if (s.wipeGeneration.load() != generation) return;
-                 s.database.encode(*item, key);
+                 s.writingFiles(key, [&] {
+                   s.removeEarlierFile(key, std::nullopt);
+                   s.database.encode(*item, key);
+                 });
                });
 }
 

@@ -243,6 +243,17 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   EXPECT_EQ(cache->databaseItemCount(), 0u);
   EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
 
+  // A key saved again in another group, or as a serialized entry, leaves no file of its
+  // earlier entry behind, where no row would name it for a clean-up or a trim.
+  cache->set(bytesEntry(pattern(30), policy(0, true, "a")), "moving");
+  cache->set(bytesEntry(pattern(40), policy(0, true, "b")), "moving");
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 40u);
+  cache->set(entry(kp::ArchiveValue("now a row"), policy(0)), "moving");
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
+  cache->removeAllItemsFromBackStore();
+
   // A removal also undoes the saves still waiting to run: the entry does not come back.
   for (int i = 0; i < 20; ++i) {
     const std::string key = "k" + std::to_string(i);
