@@ -85,6 +85,12 @@ std::string readSmallFile(const std::filesystem::path& path) {
 
 constexpr std::uint32_t kStateFlags = IFF_UP | IFF_LOOPBACK | IFF_LOWER_UP | IFF_DORMANT;
 
+bool sameState(const Link& a, const Link& b) {
+  return (a.flags & kStateFlags) == (b.flags & kStateFlags) && a.operState == b.operState;
+}
+
+bool isDormant(const Link& link) { return (link.flags & IFF_DORMANT) != 0 || link.operState == IF_OPER_DORMANT; }
+
 }  // namespace
 
 bool forEachMessage(Bytes datagram, const std::function<void(const Message&)>& each) {
@@ -111,6 +117,7 @@ std::optional<ParsedLink> parseLink(Bytes payload) {
   const bool wellFormed =
       forEachAttribute(payload.subspan(NLMSG_ALIGN(sizeof info)), [&](std::uint16_t type, Bytes value) {
         if (type == IFLA_IFNAME) parsed.link.name = readString(value);
+        if (type == IFLA_OPERSTATE && value.size() == 1) parsed.link.operState = value[0];
         if (type != IFLA_LINKINFO) return true;
         return forEachAttribute(value, [&](std::uint16_t inner, Bytes innerValue) {
           if (inner == IFLA_INFO_KIND) parsed.link.kind = readString(innerValue);
@@ -212,9 +219,7 @@ NetworkState::Outcome NetworkState::applyNotifications(Bytes datagram) {
           return;
         }
         const Link* previous = known == links_.end() ? nullptr : &known->second;
-        if (previous == nullptr || (previous->flags & kStateFlags) != (parsed->link.flags & kStateFlags)) {
-          outcome.routesStale = true;
-        }
+        if (previous == nullptr || !sameState(*previous, parsed->link)) outcome.routesStale = true;
         classify(parsed->index, parsed->link, previous);
         links_[parsed->index] = std::move(parsed->link);
         return;
@@ -260,7 +265,7 @@ ReachabilityFlags NetworkState::flags() const {
       const std::uint32_t f = found->second.flags;
       if ((f & IFF_LOOPBACK) != 0 || (f & IFF_UP) == 0 || (f & IFF_LOWER_UP) == 0) continue;
       const Rank rank{route.metric, route.family == AF_INET6, hop.interfaceIndex};
-      auto& best = (f & IFF_DORMANT) != 0 ? dormant : usable;
+      auto& best = isDormant(found->second) ? dormant : usable;
       if (!best || rank < *best) best = rank;
     }
   }

@@ -11,7 +11,8 @@
 //   reachable           a unicast default route leads over a link that is up, has carrier
 //                       and is not dormant;
 //   connectionRequired  no such route, but one leads over a link that is up with carrier and
-//                       dormant (waiting for an outside event such as authentication);
+//                       dormant (waiting for an outside event such as authentication: the
+//                       driver says so, or a supplicant holds the link's state at dormant);
 //   isWWAN              the link of the best such route (lowest metric; IPv4 before IPv6 on a
 //                       tie) is a cellular modem: device type raw IP, link kind "wwan" or
 //                       "rmnet", or a device the system files show as of type or class wwan.
@@ -53,7 +54,8 @@ bool forEachMessage(Bytes datagram, const std::function<void(const Message&)>& e
 
 struct Link {
   std::string name;
-  std::uint32_t flags = 0;  // IFF_* bits
+  std::uint32_t flags = 0;     // IFF_* bits
+  std::uint8_t operState = 0;  // IF_OPER_*; 0 (unknown) when not given
   std::uint16_t deviceType = 0;
   std::string kind;  // of the link's driver, when it says ("veth", "wwan")
   bool cellular = false;
