@@ -231,21 +231,24 @@ void RtnlClient::addAddress(const std::string& name, const std::string& address,
 }
 
 NetlinkMessage RtnlClient::routeMessage(std::uint16_t type, std::uint16_t flags, const std::string& device,
-                                        std::uint32_t metric, bool ipv6) {
+                                        std::uint32_t metric, bool ipv6, bool viaGateway, const std::uint8_t* host) {
   rtmsg header{};
   header.rtm_family = ipv6 ? AF_INET6 : AF_INET;
   header.rtm_table = RT_TABLE_MAIN;
   header.rtm_protocol = RTPROT_BOOT;
-  header.rtm_scope = type == RTM_DELROUTE ? RT_SCOPE_NOWHERE : (ipv6 ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK);
+  header.rtm_scope = type == RTM_DELROUTE ? RT_SCOPE_NOWHERE : (ipv6 || viaGateway) ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
   header.rtm_type = RTN_UNICAST;
+  header.rtm_dst_len = host != nullptr ? 32 : 0;
   NetlinkMessage m(type, flags, ++seq_);
   m.fixed(header).u32(RTA_OIF, static_cast<std::uint32_t>(indexOf(device))).u32(RTA_PRIORITY, metric);
+  if (host != nullptr) m.attribute(RTA_DST, host, 4);
   return m;
 }
 
 void RtnlClient::addDefaultRoute(const std::string& device, std::uint32_t metric, bool ipv6,
                                  const std::optional<std::string>& gateway) {
-  auto m = routeMessage(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL, device, metric, ipv6);
+  auto m = routeMessage(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL, device, metric, ipv6,
+                        gateway.has_value());
   if (gateway) {
     std::uint8_t bytes[16] = {};
     if (::inet_pton(ipv6 ? AF_INET6 : AF_INET, gateway->c_str(), bytes) != 1) {
@@ -257,14 +260,16 @@ void RtnlClient::addDefaultRoute(const std::string& device, std::uint32_t metric
 }
 
 void RtnlClient::deleteDefaultRoute(const std::string& device, std::uint32_t metric, bool ipv6) {
-  request(routeMessage(RTM_DELROUTE, NLM_F_REQUEST | NLM_F_ACK, device, metric, ipv6));
+  request(routeMessage(RTM_DELROUTE, NLM_F_REQUEST | NLM_F_ACK, device, metric, ipv6, false));
 }
 
-void RtnlClient::floodDefaultRoutes(const std::string& device, std::uint32_t baseMetric, int count) {
+void RtnlClient::floodHostRoutes(const std::string& device, int count) {
   for (int i = 1; i <= count; ++i) {
-    const auto metric = baseMetric + static_cast<std::uint32_t>(i);
-    send(routeMessage(RTM_NEWROUTE, NLM_F_REQUEST | NLM_F_CREATE | NLM_F_EXCL, device, metric, false));
-    send(routeMessage(RTM_DELROUTE, NLM_F_REQUEST | (i == count ? NLM_F_ACK : 0), device, metric, false));
+    const std::uint8_t host[4] = {10, 99, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
+    for (const std::uint16_t type : {RTM_NEWROUTE, RTM_DELROUTE}) {
+      const std::uint16_t flags = type == RTM_NEWROUTE ? NLM_F_CREATE | NLM_F_EXCL : (i == count ? NLM_F_ACK : 0);
+      send(routeMessage(type, NLM_F_REQUEST | flags, device, 0, false, false, host));
+    }
   }
   waitForAck(seq_);
 }

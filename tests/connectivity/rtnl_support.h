@@ -59,9 +59,9 @@ class RtnlClient {
   void addDefaultRoute(const std::string& device, std::uint32_t metric, bool ipv6 = false,
                        const std::optional<std::string>& gateway = std::nullopt);
   void deleteDefaultRoute(const std::string& device, std::uint32_t metric, bool ipv6 = false);
-  // Adds and deletes a default route `count` times at metrics above `baseMetric`, sending
-  // every request before reading any answer, as fast as the kernel takes them.
-  void floodDefaultRoutes(const std::string& device, std::uint32_t baseMetric, int count);
+  // Adds and deletes `count` host routes over `device`, sending every request before reading
+  // any answer, as fast as the kernel takes them.
+  void floodHostRoutes(const std::string& device, int count);
   [[nodiscard]] int indexOf(const std::string& name) const;
 
  private:
@@ -69,7 +69,7 @@ class RtnlClient {
   void request(NetlinkMessage message);
   void waitForAck(std::uint32_t seq);
   NetlinkMessage routeMessage(std::uint16_t type, std::uint16_t flags, const std::string& device, std::uint32_t metric,
-                              bool ipv6);
+                              bool ipv6, bool viaGateway, const std::uint8_t* host = nullptr);
   int fd_ = -1;
   std::uint32_t seq_ = 0;
 };
