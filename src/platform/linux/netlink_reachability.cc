@@ -270,7 +270,9 @@ struct Core : std::enable_shared_from_this<Core> {
 
   // Reads the notifications that have arrived and brings the state up to date.
   void readNotifications() {
-    bool readAll = !stateKnown;
+    // After a failed dump everything is read again anyway; what is queued must go, or the
+    // watch would fire at once again while dumps keep failing.
+    bool readAll = !stateKnown && (dropQueuedNotifications(), true);
     bool readRoutes = false;
     for (int i = 0; i < kDatagramsPerTurn && !readAll; ++i) {
       const ssize_t n = events.receive(buffer);
