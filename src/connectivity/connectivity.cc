@@ -29,13 +29,4 @@ Connectivity::Connectivity(std::shared_ptr<Reachability> reachability) : reachab
   }
 }
 
-ConnectionType Connectivity::type() const {
-  if (!reachability_) return ConnectionType::none;
-  return static_cast<ConnectionType>(reachability_->connection());
-}
-
-ConnectivityState Connectivity::state() const {
-  return isOnline() ? ConnectivityState::online : ConnectivityState::offline;
-}
-
 }  // namespace kp

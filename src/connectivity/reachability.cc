@@ -67,28 +67,15 @@ std::optional<ReachabilityFlags> Reachability::flags() const noexcept {
   return static_cast<ReachabilityFlags>(word);
 }
 
-Reachability::Connection Reachability::connectionFor(ReachabilityFlags flags, bool allowsCellularConnection) noexcept {
-  using F = ReachabilityFlag;
-  if ((flags & F::reachable) == 0) return Connection::none;
-  if ((flags & F::isWWAN) != 0) return allowsCellularConnection ? Connection::cellular : Connection::none;
-  const bool required = (flags & F::connectionRequired) != 0;
-  if ((flags & (F::connectionOnTraffic | F::connectionOnDemand)) == 0) {
-    return required ? Connection::none : Connection::wifi;
-  }
-  // A connection made on traffic or on demand is usable unless the user must step in first.
-  return required && (flags & F::interventionRequired) != 0 ? Connection::none : Connection::wifi;
-}
-
-Reachability::Connection Reachability::connection() {
-  if (!flags()) {
-    queue_->sync([this] {
-      try {
-        setReachabilityFlags();
-      } catch (const Error&) {
-        // An unreadable word simply means no connection.
-      }
-    });
-  }
+Reachability::Connection Reachability::connectionAfterFirstRead() {
+  queue_->sync([this] {
+    if (flags()) return;  // read meanwhile
+    try {
+      setReachabilityFlags();
+    } catch (const Error&) {
+      // An unreadable word simply means no connection.
+    }
+  });
   const auto word = flags();
   return word ? connectionFor(*word, allowsCellularConnection()) : Connection::none;
 }

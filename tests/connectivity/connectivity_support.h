@@ -26,9 +26,6 @@ inline bool drainMainQueueUntil(const std::function<bool()>& done,
   return done();
 }
 
-// Drains the main queue for `period`, for calls that must not come.
-inline void drainMainQueueFor(std::chrono::milliseconds period) { MainQueue::shared()->runFor(period); }
-
 // A source whose flags and refusals the test sets; change() delivers like the real one.
 class DrivenSource final : public NetworkReachability {
  public:
@@ -78,25 +75,14 @@ class DrivenSource final : public NetworkReachability {
   int reads_ = 0;                           // guarded by mutex_
 };
 
-inline std::string name(ConnectionType type) {
-  switch (type) {
-    case ConnectionType::none:
-      return "none";
-    case ConnectionType::wifi:
-      return "wifi";
-    case ConnectionType::cellular:
-      return "cellular";
-  }
-  return "?";
-}
-
 // Records every call as text ("wifi<-none", "online", "offline"), with the thread check.
 class RecordingDelegate final : public ConnectivityChangeDelegate,
                                 public ConnectivityOnlineDelegate,
                                 public ConnectivityOfflineDelegate {
  public:
   void connectivity(ConnectionType changedTo, ConnectionType oldType) override {
-    record(name(changedTo) + "<-" + name(oldType));
+    static const char* const names[] = {"none", "wifi", "cellular"};
+    record(std::string(names[static_cast<int>(changedTo)]) + "<-" + names[static_cast<int>(oldType)]);
   }
   void connectivityWentOnline() override { record("online"); }
   void connectivityWentOffline() override { record("offline"); }

@@ -89,14 +89,14 @@ TEST_F(NetlinkReachability, FollowsLinksAndDefaultRoutesInOrder) {
   rtnl->setUp("v0", false);
   expectCalls({"none<-wifi", "offline"});
   rtnl->setUp("v0", true);
-  kp::test::drainMainQueueFor(100ms);
+  kp::MainQueue::shared()->runFor(100ms);
   EXPECT_EQ(reachability->flags(), 0u);
 
   rtnl->addDefaultRoute("v0", 50, true);  // IPv6 counts as well
   expectCalls({"wifi<-none", "online"});
   rtnl->deleteLink("v0");
   expectCalls({"none<-wifi", "offline"});
-  kp::test::drainMainQueueFor(100ms);
+  kp::MainQueue::shared()->runFor(100ms);
   EXPECT_EQ(recorder->calls(), expected);
   EXPECT_FALSE(recorder->offMainThread());
 }
@@ -121,7 +121,7 @@ TEST_F(NetlinkReachability, OverflowIsRecoveredWithTheLastChange) {
   EXPECT_GT(kp::test::droppedNotifications(), droppedBefore) << "the flood did not overflow the socket";
   release.set_value();
   expectCalls({"none<-wifi", "offline"});
-  kp::test::drainMainQueueFor(100ms);
+  kp::MainQueue::shared()->runFor(100ms);
   EXPECT_EQ(recorder->calls(), expected);
   EXPECT_TRUE(connectivity->isOffline());
 
@@ -146,13 +146,13 @@ TEST_F(NetlinkReachability, StormOfChangesEndsRightWithOneCallPerChange) {
   for (int i = 0; i < 300; ++i) {
     rtnl->addDefaultRoute("v0", 100);
     rtnl->deleteDefaultRoute("v0", 100);
-    if (i % 50 == 0) kp::test::drainMainQueueFor(1ms);
+    if (i % 50 == 0) kp::MainQueue::shared()->runFor(1ms);
   }
   rtnl->addDefaultRoute("v0", 100);
   stop.store(true);
   churn.join();
   EXPECT_TRUE(kp::test::drainMainQueueUntil([&] { return monitor->previousType() == kp::ConnectionType::wifi; }));
-  kp::test::drainMainQueueFor(200ms);
+  kp::MainQueue::shared()->runFor(200ms);
 
   // Every change call follows on from the one before; an online or offline call comes right
   // after the change it belongs to (none when the kind had already moved on when read again).

@@ -101,7 +101,7 @@ TEST(Reachability, ChangesRunTheCallbackThenNotifyOnTheMainQueue) {
   reachability->setAllowsCellularConnection(false);
   source->change(0x40002);  // cellular, but not allowed: unreachable
   ASSERT_TRUE(kp::test::drainMainQueueUntil([&] { return events.size() >= 6; }));
-  kp::test::drainMainQueueFor(std::chrono::milliseconds(20));
+  kp::MainQueue::shared()->runFor(std::chrono::milliseconds(20));
   EXPECT_EQ(events,
             (std::vector<std::string>{"unreachable", "notified", "reachable", "notified", "unreachable", "notified"}));
   EXPECT_FALSE(offMain);
@@ -122,7 +122,7 @@ TEST(Reachability, DestructionDetachesAndDropsQueuedDelivery) {
   reachability.reset();
   EXPECT_FALSE(source->watched());
   source->change(0x0);
-  kp::test::drainMainQueueFor(std::chrono::milliseconds(30));
+  kp::MainQueue::shared()->runFor(std::chrono::milliseconds(30));
   EXPECT_EQ(calls, 0);
 }
 
@@ -185,7 +185,7 @@ TEST(ConnectivityMonitor, CallsWhatEachDelegateImplementsOncePerChange) {
   kp::NotificationCenter::defaultCenter().post(Reachability::kReachabilityChangedNotification, nullptr);
   step(0x6, {});
   step(0x2, {"wifi<-none", "online"});
-  kp::test::drainMainQueueFor(std::chrono::milliseconds(20));
+  kp::MainQueue::shared()->runFor(std::chrono::milliseconds(20));
   EXPECT_EQ(recorder->calls(), expected);
   EXPECT_EQ(offlineOnly->calls, 1);
   EXPECT_FALSE(recorder->offMainThread());
@@ -194,7 +194,7 @@ TEST(ConnectivityMonitor, CallsWhatEachDelegateImplementsOncePerChange) {
 
   monitor.removeDelegate(recorder);
   step(0x0, {});
-  kp::test::drainMainQueueFor(std::chrono::milliseconds(20));
+  kp::MainQueue::shared()->runFor(std::chrono::milliseconds(20));
   EXPECT_EQ(recorder->calls().size(), expected.size());
   EXPECT_EQ(offlineOnly->calls, 2);
 }

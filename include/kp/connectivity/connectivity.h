@@ -46,8 +46,12 @@ class Connectivity final : public ConnectivityService {
 
   [[nodiscard]] const std::shared_ptr<Reachability>& reachability() const noexcept { return reachability_; }
 
-  [[nodiscard]] ConnectionType type() const override;
-  [[nodiscard]] ConnectivityState state() const override;
+  [[nodiscard]] ConnectionType type() const override {
+    return reachability_ ? static_cast<ConnectionType>(reachability_->connection()) : ConnectionType::none;
+  }
+  [[nodiscard]] ConnectivityState state() const override {
+    return isOnline() ? ConnectivityState::online : ConnectivityState::offline;
+  }
   [[nodiscard]] bool isOnline() const override { return type() != ConnectionType::none; }
   [[nodiscard]] bool isOffline() const override { return !isOnline(); }
 

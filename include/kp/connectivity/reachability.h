@@ -96,7 +96,11 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   [[nodiscard]] std::optional<ReachabilityFlags> flags() const noexcept;
 
   // The connection kind now. Reads the flags first when none have been read.
-  [[nodiscard]] Connection connection();
+  [[nodiscard]] Connection connection() {
+    const std::uint64_t word = flags_.load(std::memory_order_acquire);
+    if ((word & kFlagsPresent) == 0) return connectionAfterFirstRead();
+    return connectionFor(static_cast<ReachabilityFlags>(word), allowsCellularConnection());
+  }
 
   // Starts delivery of changes; returns at once when running. Reads the flags, so that the
   // first change step (and its callbacks) follows at once. On failure the object is detached
@@ -104,11 +108,23 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   void startNotifier();
 
   // The connection kind that a flag word stands for.
-  [[nodiscard]] static Connection connectionFor(ReachabilityFlags flags, bool allowsCellularConnection) noexcept;
+  [[nodiscard]] static constexpr Connection connectionFor(ReachabilityFlags flags,
+                                                          bool allowsCellularConnection) noexcept {
+    using F = ReachabilityFlag;
+    if ((flags & F::reachable) == 0) return Connection::none;
+    if ((flags & F::isWWAN) != 0) return allowsCellularConnection ? Connection::cellular : Connection::none;
+    const bool required = (flags & F::connectionRequired) != 0;
+    if ((flags & (F::connectionOnTraffic | F::connectionOnDemand)) == 0) {
+      return required ? Connection::none : Connection::wifi;
+    }
+    // A connection made on traffic or on demand is usable unless the user must step in first.
+    return required && (flags & F::interventionRequired) != 0 ? Connection::none : Connection::wifi;
+  }
 
  private:
   Reachability(std::shared_ptr<NetworkReachability> reachabilityRef, DispatchQoS queueQoS,
                std::shared_ptr<DispatchQueue> targetQueue);
+  Connection connectionAfterFirstRead();
   // On the serial queue: reads the flags from the source and stores them. Throws Error.
   void setReachabilityFlags();
   // On the serial queue: a new word from the source.
