@@ -2,11 +2,11 @@
 #include "kp/cache/file_storage.h"
 
 #include <fstream>
-#include <iterator>
 
 #include "kp/cache/cache_database.h"
 #include "kp/platform/application_info.h"
 #include "kp/service/encryption.h"
+#include "platform/files.h"
 
 namespace kp {
 
@@ -27,19 +27,40 @@ fs::path CacheControllerFileStorage::filePath(std::string_view key, const std::o
   return groupFolder(group) / hashSha1(key);
 }
 
+namespace {
+
+// Removes what writes cut short by the end of a process left behind in `folder`.
+void removePartialFiles(const fs::path& folder, bool withGroupFolders) {
+  std::error_code ec;
+  fs::directory_iterator it(folder, ec);
+  if (ec) return;
+  for (const fs::directory_iterator end; it != end; it.increment(ec)) {
+    if (ec) return;
+    const auto status = it->symlink_status(ec);
+    if (ec) continue;
+    if (fs::is_directory(status)) {
+      if (withGroupFolders) removePartialFiles(it->path(), false);
+    } else if (it->path().filename().string().starts_with(platform::kTemporaryFilePrefix)) {
+      fs::remove(it->path(), ec);
+    }
+  }
+}
+
+}  // namespace
+
 void CacheControllerFileStorage::prepareCacheFolder() {
   std::lock_guard lock(mutex_);
-  std::error_code ec;
-  if (!fs::exists(basePath_, ec)) fs::create_directory(basePath_, ec);
+  (void)platform::createPrivateDirectory(basePath_);
+  removePartialFiles(basePath_, true);
 }
 
 void CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
   const auto path = filePath(key, group);
   std::lock_guard lock(mutex_);
-  std::error_code ec;
-  if (group && !group->empty() && !fs::exists(path.parent_path(), ec)) fs::create_directory(path.parent_path(), ec);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (out) out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return;
+  // Written aside and renamed over the old file: a failed or interrupted write keeps the old
+  // payload, and no reader ever sees a cut-off one.
+  (void)platform::writeFileAtomically(path, data.bytes());
 }
 
 std::optional<Data> CacheControllerFileStorage::loadData(std::string_view key,

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "platform/env.h"
+#include "platform/files.h"
 
 namespace kp {
 namespace {
@@ -12,6 +13,9 @@ namespace {
 std::mutex gInfoMutex;
 std::optional<ApplicationInfo> gInfo;  // guarded by gInfoMutex
 
+// The application's folder in an XDG base folder, made (private, with its parents) when
+// missing: on a fresh machine nothing below the home folder may exist yet, and the stores
+// that live there do not create parents themselves.
 std::filesystem::path xdgDirectory(const char* variable, const char* fallback) {
   auto& env = platform::Env::current();
   std::filesystem::path base;
@@ -20,7 +24,9 @@ std::filesystem::path xdgDirectory(const char* variable, const char* fallback) {
   } else {
     base = env.homeDirectory() / fallback;
   }
-  return base / ApplicationInfo::current().identifier;
+  auto directory = base / ApplicationInfo::current().identifier;
+  (void)platform::createPrivateDirectories(directory);  // a failure shows when the stores write
+  return directory;
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 // The cache's database, file and memory stores against real files.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <thread>
 
@@ -222,6 +225,109 @@ TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
   files.save(kp::Data{1}, "k", std::nullopt);
   EXPECT_FALSE(files.loadData("k", std::nullopt));
   EXPECT_EQ(files.getSize(), 0u);
+}
+
+// Lowers the largest file this process may write, so that writes beyond it fail.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    ::getrlimit(RLIMIT_FSIZE, &saved_);
+    savedHandler_ = std::signal(SIGXFSZ, SIG_IGN);  // the write fails with EFBIG instead
+    rlimit lowered = saved_;
+    lowered.rlim_cur = bytes;
+    ::setrlimit(RLIMIT_FSIZE, &lowered);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &saved_);
+    std::signal(SIGXFSZ, savedHandler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit saved_{};
+  void (*savedHandler_)(int) = nullptr;
+};
+
+std::vector<std::string> namesIn(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(CacheFileStorage, AFailedSaveKeepsTheOldPayload) {
+  kp::test::TempDir dir;
+  kp::CacheControllerFileStorage files("store", dir.path());
+  files.prepareCacheFolder();
+  const kp::Data old = kp::Data::fromString("the good payload");
+  files.save(old, "k", std::string("g"));
+  {
+    FileSizeLimit limit(4096);
+    files.save(kp::Data::zeros(64 * 1024), "k", std::string("g"));
+  }
+  EXPECT_EQ(files.loadData("k", std::string("g")), old);
+  const auto path = files.filePath("k", std::string("g"));
+  EXPECT_EQ(namesIn(path.parent_path()), std::vector<std::string>{path.filename().string()});  // nothing left aside
+}
+
+TEST(CacheFileStorage, KillingTheWriterNeverLeavesACutOffFile) {
+  const auto folder = std::getenv("KP_STORE_FOLDER");
+  const kp::Data a(std::vector<std::uint8_t>(2 << 20, 'a'));
+  const kp::Data b(std::vector<std::uint8_t>(2 << 20, 'b'));
+  if (kp::test::inTestChild()) {
+    kp::CacheControllerFileStorage files("store", folder);
+    files.prepareCacheFolder();
+    for (int i = 0;; ++i) files.save(i % 2 ? b : a, "k", std::nullopt);  // until killed
+  }
+  kp::test::TempDir dir;
+  kp::CacheControllerFileStorage files("store", dir.path());
+  int loaded = 0;
+  for (int round = 0; round < 6; ++round) {
+    const std::string after = std::to_string(0.3 + 0.07 * round);
+    auto child =
+        kp::test::runThisTestInChild("KP_STORE_FOLDER=" + kp::test::shellQuote(dir.path()), "timeout -s KILL " + after);
+    ASSERT_NE(child.status, 0) << child.output;
+    auto bytes = files.loadData("k", std::nullopt);
+    if (!bytes) continue;  // killed before the first save was complete
+    ++loaded;
+    EXPECT_TRUE(*bytes == a || *bytes == b) << "round " << round << ": " << bytes->size() << " bytes";
+  }
+  EXPECT_GT(loaded, 0);
+  files.prepareCacheFolder();  // sweeps what the killed writers left aside
+  EXPECT_EQ(namesIn(files.basePath()), std::vector<std::string>{kp::hashSha1(std::string_view("k"))});
+}
+
+// On a machine where nothing of the application exists yet, the stores make their folders
+// and keep what they are given across launches.
+TEST(CacheStores, StoreAndReloadInAFreshHome) {
+  if (kp::test::inTestChild()) {
+    kp::CacheControllerDatabase db("centralcache.db");
+    db.prepare();
+    kp::CacheControllerFileStorage files("KPCentralCacheController");
+    files.prepareCacheFolder();
+    if (std::string(std::getenv("KP_STEP")) == "store") {
+      db.saveRecord(kp::Data{7, 7}, Entry(config(0, "g"), Date::now()), "k");
+      files.save(kp::Data{1, 2, 3}, "k", std::string("g"));
+    }
+    EXPECT_EQ(db.loadCacheData("k"), (kp::Data{7, 7}));
+    EXPECT_EQ(files.loadData("k", std::string("g")), (kp::Data{1, 2, 3}));
+    return;
+  }
+  namespace fs = std::filesystem;
+  kp::test::TempDir home;
+  for (const char* step : {"store", "reload"}) {
+    auto child = kp::test::runThisTestInChild("-u XDG_CACHE_HOME HOME=" + kp::test::shellQuote(home.path()) +
+                                              " KP_STEP=" + step);
+    EXPECT_EQ(child.status, 0) << child.output;
+    EXPECT_NE(child.output.find("[  PASSED  ] 1 test"), std::string::npos) << child.output;
+  }
+  const auto caches = home.path() / ".cache/com.kp.app";
+  EXPECT_TRUE(fs::is_regular_file(caches / "centralcache.db"));
+  for (const auto& folder : {home.path() / ".cache", caches, caches / "KPCentralCacheController",
+                             caches / "KPCentralCacheController" / kp::hashSha1(std::string_view("g"))}) {
+    EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all) << folder;
+  }
 }
 
 TEST(CacheStores, FileAndMemoryStoresUnderConcurrentUse) {

@@ -3,6 +3,9 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
 
 #include "kp/platform/application_info.h"
 #include "kp/platform/data.h"
@@ -10,6 +13,7 @@
 #include "kp/platform/error.h"
 #include "kp/platform/url.h"
 #include "support/assertion_capture.h"
+#include "support/temp_dir.h"
 #include "tarvix/service_container.h"
 
 namespace {
@@ -72,23 +76,62 @@ TEST(Error, DescriptionFallsBackToDomainAndCode) {
   EXPECT_EQ(kp::hexString(kp::Data{0x00, 0xab, 0xff}), "00abff");
 }
 
+// Sets an environment variable for one scope and restores it after.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const std::string& value) : name_(name) {
+    if (const char* saved = std::getenv(name)) saved_ = saved;
+    ::setenv(name, value.c_str(), 1);
+  }
+  ~ScopedVariable() {
+    if (saved_) {
+      ::setenv(name_, saved_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+  ScopedVariable(const ScopedVariable&) = delete;
+  ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> saved_;
+};
+
 TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
+  namespace fs = std::filesystem;
   const auto saved = kp::ApplicationInfo::current();
   auto info = kp::ApplicationInfo::systemDefaults();
   EXPECT_EQ(info.systemName, "Linux");
   EXPECT_FALSE(info.deviceModel.empty());
   info.identifier = "com.example.weather";
   kp::ApplicationInfo::setCurrent(info);
-  const char* savedXdg = std::getenv("XDG_CACHE_HOME");
-  ::setenv("XDG_CACHE_HOME", "/tmp/kp-xdg", 1);
-  EXPECT_EQ(kp::cachesDirectory(), std::filesystem::path("/tmp/kp-xdg/com.example.weather"));
-  ::setenv("XDG_CACHE_HOME", "relative/ignored", 1);  // not absolute: fall back to the home folder
-  EXPECT_EQ(kp::cachesDirectory().filename(), "com.example.weather");
-  EXPECT_NE(kp::cachesDirectory().string().find(".cache"), std::string::npos);
-  if (savedXdg) {
-    ::setenv("XDG_CACHE_HOME", savedXdg, 1);
-  } else {
-    ::unsetenv("XDG_CACHE_HOME");
+  kp::test::TempDir dir;
+  const auto privateFolder = [](const fs::path& p) {
+    return fs::is_directory(p) && (fs::status(p).permissions() & fs::perms::all) == fs::perms::owner_all;
+  };
+  {
+    // Missing folders are made on first use, with their parents, private to the user.
+    ScopedVariable xdg("XDG_CACHE_HOME", (dir.path() / "xdg" / "cache").string());
+    EXPECT_EQ(kp::cachesDirectory(), dir.path() / "xdg/cache/com.example.weather");
+    EXPECT_TRUE(privateFolder(dir.path() / "xdg"));
+    EXPECT_TRUE(privateFolder(dir.path() / "xdg/cache/com.example.weather"));
+    fs::permissions(dir.path() / "xdg/cache/com.example.weather", fs::perms::owner_all | fs::perms::group_read);
+    EXPECT_EQ(kp::cachesDirectory(), dir.path() / "xdg/cache/com.example.weather");
+    EXPECT_FALSE(privateFolder(dir.path() / "xdg/cache/com.example.weather"));  // an existing folder is kept as it is
+  }
+  {
+    // A relative variable is ignored: the home folder's .cache is used.
+    ScopedVariable xdg("XDG_CACHE_HOME", "relative/ignored");
+    ScopedVariable home("HOME", (dir.path() / "home").string());
+    EXPECT_EQ(kp::cachesDirectory(), dir.path() / "home/.cache/com.example.weather");
+    EXPECT_EQ(kp::configurationDirectory(), dir.path() / "home/.config/com.example.weather");
+    EXPECT_TRUE(privateFolder(dir.path() / "home/.cache/com.example.weather"));
+    EXPECT_TRUE(privateFolder(dir.path() / "home/.config"));
+    // A file where the folder should be: the path is still answered; the stores fail later.
+    ScopedVariable blocked("XDG_CACHE_HOME", (dir.path() / "home/.cache/com.example.weather").string());
+    std::ofstream(dir.path() / "home/.cache/com.example.weather/com.example.weather") << "x";
+    EXPECT_EQ(kp::cachesDirectory(), dir.path() / "home/.cache/com.example.weather/com.example.weather");
   }
   kp::ApplicationInfo::setCurrent(saved);
 }

@@ -1,8 +1,10 @@
 #include "support/process.h"
 
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -38,6 +40,20 @@ ProcessResult runCommand(const std::string& command, const std::string& input) {
   std::error_code ignored;
   std::filesystem::remove(inputFile, ignored);
   return result;
+}
+
+namespace {
+constexpr const char* kChildVariable = "KP_TEST_CHILD";
+}
+
+bool inTestChild() { return std::getenv(kChildVariable) != nullptr; }  // NOLINT(concurrency-mt-unsafe)
+
+ProcessResult runThisTestInChild(const std::string& environment, const std::string& wrapper) {
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  const auto self = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string filter = std::string(test->test_suite_name()) + "." + test->name();
+  return runCommand(wrapper + " env " + environment + " " + kChildVariable + "=1 " + shellQuote(self.string()) +
+                    " --gtest_filter=" + shellQuote(filter) + " 2>&1");
 }
 
 }  // namespace kp::test

@@ -16,4 +16,13 @@ struct ProcessResult {
 // Quotes text for the shell.
 [[nodiscard]] std::string shellQuote(const std::string& text);
 
+// Runs the running test case again in a child process of this test program, under
+// `environment` (words for env(1): "NAME=value", "-u NAME") and behind `wrapper` (a command
+// prefix such as "timeout -s KILL 0.5"). Standard error is merged into the output. In the
+// child, inTestChild() is true, so that one test case holds both sides:
+//   if (kp::test::inTestChild()) { ...work in the fresh environment...; return; }
+//   auto child = kp::test::runThisTestInChild("HOME=" + shellQuote(home));
+[[nodiscard]] ProcessResult runThisTestInChild(const std::string& environment, const std::string& wrapper = {});
+[[nodiscard]] bool inTestChild();
+
 }  // namespace kp::test

@@ -5,7 +5,8 @@
 // outside the folder. It also trims the folder to a size limit, oldest entries first.
 //
 // Failures are silent: a save that cannot write stores nothing, a load that cannot read gives
-// nothing.
+// nothing. A save replaces a file whole: a failure or the process ending mid-write leaves
+// the old payload, never a cut-off one. Folders made here are private to the user (0700).
 //
 // Thread safety: every operation may be called from any thread; each runs under the store's
 // own lock. The trim asks the database for its keys before taking that lock.
@@ -39,7 +40,8 @@ class CacheControllerFileStorage {
   CacheControllerFileStorage(const CacheControllerFileStorage&) = delete;
   CacheControllerFileStorage& operator=(const CacheControllerFileStorage&) = delete;
 
-  // Creates the folder when nothing exists there (missing parents are not created).
+  // Creates the folder when nothing exists there (missing parents are not created), and
+  // removes the partial files of writes that a process ending mid-write left behind.
   void prepareCacheFolder();
   // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
   void save(const Data& data, std::string_view key, const std::optional<std::string>& group);

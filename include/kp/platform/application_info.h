@@ -40,9 +40,10 @@ struct ApplicationInfo {
   [[nodiscard]] static ApplicationInfo systemDefaults();
 };
 
-// $XDG_CACHE_HOME (else ~/.cache) joined with the application identifier. Not created here.
+// $XDG_CACHE_HOME (else ~/.cache) joined with the application identifier. Created with its
+// missing parents when it does not exist; the folders made here are private to the user (0700).
 [[nodiscard]] std::filesystem::path cachesDirectory();
-// $XDG_CONFIG_HOME (else ~/.config) joined with the application identifier. Not created here.
+// $XDG_CONFIG_HOME (else ~/.config) joined with the application identifier, created as above.
 [[nodiscard]] std::filesystem::path configurationDirectory();
 
 }  // namespace kp
