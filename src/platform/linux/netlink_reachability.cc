@@ -110,7 +110,7 @@ class Socket {
   int fd_ = -1;
 };
 
-struct Core : std::enable_shared_from_this<Core> {
+struct Core {
   std::mutex mutex;
   Socket requests;  // guarded by mutex
   Socket events;    // guarded by mutex
@@ -259,21 +259,21 @@ struct Core : std::enable_shared_from_this<Core> {
     return true;
   }
 
-  // Drops whatever is queued on the notification socket; false when more keeps coming.
-  bool dropQueuedNotifications() {
+  // Drops whatever is queued on the notification socket.
+  void dropQueuedNotifications() {
     for (int i = 0; i < kMaxDatagramsDropped; ++i) {
       const ssize_t n = events.receive(buffer);
-      if (n == 0) return true;
+      if (n == 0 || (n < 0 && errno != ENOBUFS && errno != EMSGSIZE)) return;
     }
-    return false;
   }
 
   // Reads the notifications that have arrived and brings the state up to date.
   void readNotifications() {
+    bool readAll = !stateKnown;
+    bool readRoutes = false;
     // After a failed dump everything is read again anyway; what is queued must go, or the
     // watch would fire at once again while dumps keep failing.
-    bool readAll = !stateKnown && (dropQueuedNotifications(), true);
-    bool readRoutes = false;
+    if (readAll) dropQueuedNotifications();
     for (int i = 0; i < kDatagramsPerTurn && !readAll; ++i) {
       const ssize_t n = events.receive(buffer);
       if (n == 0) break;
