@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "kp/cache/cache_database.h"
+#include "kp/logging/tarvix_logger.h"
 #include "kp/platform/application_info.h"
 #include "kp/service/encryption.h"
 #include "platform/files.h"
@@ -83,7 +84,7 @@ void CacheControllerFileStorage::removeData(std::string_view key, const std::opt
   const auto path = filePath(key, group);
   std::lock_guard lock(mutex_);
   std::error_code ec;
-  if (fs::exists(path, ec)) fs::remove(path, ec);
+  if (fs::exists(path, ec) && !fs::remove(path, ec) && ec) TarvixLoggers::CL()->error(ec.message());
 }
 
 void CacheControllerFileStorage::removeAllItems(const std::optional<std::string>& group) {

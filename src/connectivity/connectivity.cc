@@ -1,17 +1,12 @@
 // Connectivity: the connection kind of the shared reachability object, as a service.
 #include "kp/connectivity/connectivity.h"
 
-#include <string>
 #include <utility>
 
+#include "kp/logging/tarvix_logger.h"
 #include "platform/no_destructor.h"
 
 namespace kp {
-namespace {
-
-void reportNotifierFailure(const std::string& description) { (void)description; }
-
-}  // namespace
 
 const std::shared_ptr<Connectivity>& Connectivity::default_() {
   static internal::NoDestructor<std::shared_ptr<Connectivity>> instance(std::make_shared<Connectivity>());
@@ -25,7 +20,8 @@ Connectivity::Connectivity(std::shared_ptr<Reachability> reachability) : reachab
   try {
     reachability_->startNotifier();
   } catch (const Reachability::Error& error) {
-    reportNotifierFailure(error.what());
+    // The answers still work: they read the flags on demand.
+    TarvixLoggers::CL()->error(error.what());
   }
 }
 

@@ -11,6 +11,7 @@
 #include <limits>
 #include <memory>
 
+#include "kp/logging/tarvix_logger.h"
 #include "platform/openssl_lifetime.h"
 #include "platform/utf8.h"
 #include "service/cipher.h"
@@ -185,8 +186,9 @@ std::optional<Data> detail::aes256Crypt(bool encrypt, std::span<const std::uint8
   int status = kStatusSuccess;
   auto out = aes256CryptReportingStatus(encrypt, bytes, key, status);
   if (status < 0) fatal("AES-256 cipher failed with status", status);
-  // A positive status would be reported as "Failed to Encrypt with AES256 (<status>)" on the
-  // core log channel, whose levels are silent in this library; EVP reports none.
+  // The same words for both directions: the routine is shared. EVP reports no positive status
+  // today; the report stays for ports whose cipher does.
+  if (status > 0) TarvixLoggers::CL()->error("Failed to Encrypt with AES256 (" + std::to_string(status) + ")");
   return out;
 }
 

@@ -1,0 +1,60 @@
+// `kpcore log` as a user runs it: a separate process writing to a journal socket, to standard
+// error without one, or to the console.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "support/journal_socket.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kp::test::runCommand;
+using kp::test::shellQuote;
+
+std::string kpcoreLog(const std::string& arguments) { return std::string(KPCORE_PATH) + " log " + arguments; }
+
+TEST(KpcoreLog, WritesToTheJournalSocketOrStandardErrorWithoutOne) {
+  kp::test::TempDir dir;
+  const auto socket = dir.path() / "socket";
+  {
+    kp::test::JournalSocket journal(socket);
+    auto sent =
+        runCommand(kpcoreLog("--json --level fault --category Net --file /src/Loader.src --line 7 "
+                             "--function 'load(url:)' --socket " +
+                             shellQuote(socket.string()) + " cannot reach 100%"));
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_EQ(
+        sent.output,
+        R"({"destination":"journal","subsystem":"com.tarvix.KPFrameworkCoreLogic","category":"Net","level":"fault"})"
+        "\n");
+    auto fields = journal.receive();
+    ASSERT_TRUE(fields);
+    EXPECT_EQ((*fields)["MESSAGE"], "L:0007 Loader.src (load): cannot reach 100%");
+    EXPECT_EQ((*fields)["PRIORITY"], "2");
+    EXPECT_EQ((*fields)["CATEGORY"], "Net");
+  }
+  auto spilled = runCommand(kpcoreLog("--socket " + shellQuote(socket.string()) +
+                                      " --line 3 --file a/b.src --function f" + " 2>&1 >/dev/null"),
+                            "from stdin\n");
+  EXPECT_EQ(spilled.status, 0);
+  EXPECT_EQ(spilled.output, "com.tarvix.KPFrameworkCoreLogic[General] default: L:0003 b.src (f): from stdin\n");
+}
+
+TEST(KpcoreLog, ConsoleLayoutAndOneLineErrors) {
+  auto console = runCommand(kpcoreLog("--console --level error --category Cache --line 12345 hello"));
+  EXPECT_EQ(console.status, 0);
+  EXPECT_TRUE(std::regex_match(console.output,
+                               std::regex("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d{3} \u26D4\uFE0F\\] - Cache - log\\.cc runLog "
+                                          "L:12345 - hello\n")))
+      << console.output;
+
+  auto bad = runCommand(kpcoreLog("--level loud x 2>&1"));
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_EQ(bad.output, "kpcore log: unknown level 'loud' (debug, info, notice, error or fault)\n");
+  auto badLine = runCommand(kpcoreLog("--line seven x 2>&1"));
+  EXPECT_EQ(badLine.status, 2);
+}
+
+}  // namespace

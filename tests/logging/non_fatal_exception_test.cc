@@ -1,0 +1,60 @@
+// Non-fatal exceptions: the message blocks, and reporting through Services and the hook.
+#include "kp/logging/non_fatal_exception.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kp/container/dependency.h"
+#include "kp/container/services.h"
+#include "support/assertion_capture.h"
+
+namespace kp {
+namespace {
+
+using UserInfo = NonFatalException::UserInfo;
+
+struct RecordingReporter final : NonFatalExceptionReporter {
+  void report(const NonFatalException& exception) override { descriptions.emplace_back(exception.description()); }
+  std::vector<std::string> descriptions;
+};
+
+TEST(NonFatalExceptionTest, MessageHasOneBlockPerPresentPart) {
+  EXPECT_EQ(NonFatalException("Broken").assertionFailureMessage(), "Description:\n  - Broken");
+  EXPECT_EQ(NonFatalException("Broken", std::nullopt, std::nullopt, UserInfo{}).assertionFailureMessage(),
+            "Description:\n  - Broken");
+  EXPECT_EQ(
+      NonFatalException("Broken", "", "Retry", UserInfo{{"table", "cache"}, {"key", "k1"}}).assertionFailureMessage(),
+      "Description:\n  - Broken\n\n"
+      "Failure Reason:\n  - \n\n"
+      "Recovery Suggestion:\n  - Retry\n\n"
+      "UserInfo:\n  - key: k1\n  - table: cache");
+  EXPECT_EQ(NonFatalException("Broken", std::nullopt, "Retry").assertionFailureMessage(),
+            "Description:\n  - Broken\n\nRecovery Suggestion:\n  - Retry");
+}
+
+TEST(NonFatalExceptionTest, ReportsGoToTheOverrideOrBaseReporterAndAlwaysRaiseTheAssertion) {
+  test::AssertionCapture capture;
+  nonFatalException("Nobody listens", "no reporter");
+
+  auto scoped = std::make_shared<RecordingReporter>();
+  withDependencies([&](DefaultServiceContainer& c) { c.registerInstance<NonFatalExceptionReporter>(scoped); },
+                   [] { nonFatalException("Inside"); });
+  nonFatalException("Outside");
+  EXPECT_EQ(scoped->descriptions, (std::vector<std::string>{"Inside"}));
+
+  auto base = std::make_shared<RecordingReporter>();
+  Services::default_()->registerInstance<NonFatalExceptionReporter>(base);
+  nonFatalException("To base", std::nullopt, std::nullopt, UserInfo{{"k", "v"}});
+  EXPECT_EQ(base->descriptions, (std::vector<std::string>{"To base"}));
+
+  EXPECT_EQ(capture.messages(),
+            (std::vector<std::string>{"Description:\n  - Nobody listens\n\nFailure Reason:\n  - no reporter",
+                                      "Description:\n  - Inside", "Description:\n  - Outside",
+                                      "Description:\n  - To base\n\nUserInfo:\n  - k: v"}));
+}
+
+}  // namespace
+}  // namespace kp
