@@ -1,11 +1,17 @@
 // The cache's stores against their baselines, measured in the same run:
 //   database saves and loads against raw SQLite prepared statements with the same journal
 //   and sync settings; memory-store lookups against a bare std::unordered_map; file-store
-//   saves, loads and a trim of 10,000 files.
+//   saves against a stream writing the file in place and against a temporary file renamed
+//   without flushing it (what the store's flush to disk costs); loads and a trim of 10,000
+//   files.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -154,6 +160,36 @@ BENCHMARK(BM_MemoryStorageLookup);
 
 const kp::Data k64KiB = kp::Data(std::vector<std::uint8_t>(64 * 1024, 0xa5));
 
+void writeInPlace(const fs::path& path, const kp::Data& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+// Baseline: the bytes written straight into the final file, which a crash can cut short.
+void BM_Baseline_FileWriteInPlace64KiB(benchmark::State& state) {
+  const auto dir = freshDir("files-in-place");
+  int i = 0;
+  for (auto _ : state) writeInPlace(dir / ("tile-" + std::to_string(i++ % 200)), k64KiB);
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(k64KiB.size()));
+}
+BENCHMARK(BM_Baseline_FileWriteInPlace64KiB);
+
+// Baseline: a temporary file renamed over the final one, without flushing it to disk first.
+void BM_Baseline_FileWriteRenamedUnflushed64KiB(benchmark::State& state) {
+  const auto dir = freshDir("files-renamed");
+  int i = 0;
+  for (auto _ : state) {
+    const auto path = dir / ("tile-" + std::to_string(i++ % 200));
+    std::string temporary = (dir / ".tmp-XXXXXX").string();
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    benchmark::DoNotOptimize(::write(fd, k64KiB.data(), k64KiB.size()));
+    ::close(fd);
+    std::rename(temporary.c_str(), path.c_str());
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(k64KiB.size()));
+}
+BENCHMARK(BM_Baseline_FileWriteRenamedUnflushed64KiB);
+
 void BM_FileStorageSave64KiB(benchmark::State& state) {
   kp::CacheControllerFileStorage files("store", freshDir("files-save"));
   files.prepareCacheFolder();
@@ -184,7 +220,7 @@ void BM_FileStorageTrim10000Files(benchmark::State& state) {
     const kp::Data small = kp::Data::zeros(100);
     for (int i = 0; i < 10000; ++i) {
       const std::string key = "f" + std::to_string(i);
-      files.save(small, key, std::nullopt);
+      writeInPlace(files.filePath(key, std::nullopt), small);  // setup: skips the store's flush
       Entry entry(kp::CacheItemConfiguration(), kp::CacheItemType::rawDataToFile);
       entry.setCreationDate(kp::Date::fromTimeIntervalSince1970(1700000000 + i));
       db.saveRecord(kp::Data{}, entry, key);

@@ -1,6 +1,6 @@
 // What a server controls in a response: header fields (cookies, dates, the derived headers of
-// the parsed response), and bodies read as JSON or Base64. Any input gives a value or a
-// refusal; nothing else.
+// the parsed response), and bodies read as JSON or Base64 or decrypted as service payloads.
+// Any input gives a value or a refusal; nothing else.
 #include <cstdlib>
 #include <string_view>
 
@@ -8,6 +8,7 @@
 #include "kp/platform/base64.h"
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
+#include "kp/service/encryption.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
@@ -41,5 +42,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (again.size() != text.size() || kp::base64Decode(again) != strict) std::abort();
   }
   (void)kp::base64Decode(text, kp::Base64DecodingOptions::ignoreUnknownCharacters);
+
+  // The body as a service payload: plain JSON, an error page, or damaged ciphertext.
+  using Helper = kp::TarvixServiceEncryptionHelper;
+  static const std::string kKey = "Zt3Lm8QxW5rN2kPv9BcH7jDs4YfG1uEa";
+  (void)Helper::decryptRawData(body.bytes(), kKey);
+  (void)Helper::decryptData(body.bytes(), kKey);
+  // Real ciphertext of the input, whole, then cut short and with one byte changed at a place
+  // the input chooses (in the Base64 text, so padding, alphabet and block boundaries all get
+  // hit). The whole one must read back; the damaged ones may give anything but a stop.
+  auto sealed = Helper::encryptData(body.bytes(), kKey);
+  if (!sealed) std::abort();
+  if (Helper::decryptRawData(sealed->bytes(), kKey) != body) std::abort();
+  const std::size_t at = size == 0 ? 0 : (std::size_t{data[0]} * 257 + size) % sealed->size();
+  kp::Data damaged = *sealed;
+  damaged[at] = static_cast<std::uint8_t>(damaged[at] ^ (size == 0 ? 1 : data[size - 1] | 1));
+  (void)Helper::decryptRawData(damaged.bytes(), kKey);
+  (void)Helper::decryptData(damaged.bytes(), kKey);
+  damaged = *sealed;
+  damaged.resize(at);
+  (void)Helper::decryptRawData(damaged.bytes(), kKey);
+  (void)Helper::decryptData(damaged.bytes(), kKey);
+  (void)Helper::decryptData(sealed->bytes(), "a rotated key");
   return 0;
 }

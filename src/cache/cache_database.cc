@@ -35,6 +35,8 @@ constexpr std::string_view kDeleteExpired =
     "DELETE FROM cache WHERE maximum_age > 0 AND timestamp + maximum_age < ? AND autoExpiration = ?;";
 constexpr std::string_view kSelectFileKeys = "SELECT id, data FROM cache WHERE cacheType >= 1 ORDER BY timestamp ASC;";
 constexpr std::string_view kVacuum = "VACUUM;";
+// The log holds every page written since the last checkpoint; VACUUM writes them all.
+constexpr std::string_view kCheckpointAndTruncate = "PRAGMA wal_checkpoint(TRUNCATE);";
 
 // Seconds as a signed 32-bit count; anything outside that range is a programming error.
 std::int32_t wholeSeconds(double seconds, const char* what) {
@@ -125,16 +127,25 @@ bool CacheControllerDatabase::run(std::string_view sql, const std::vector<SQLite
   }
 }
 
-void CacheControllerDatabase::configureConnection() {
-  if (!db_) return;
+bool CacheControllerDatabase::runPragma(std::string_view sql) {
+  if (!db_) return false;
   try {
-    // journal_mode answers with a row naming the mode in force.
-    auto journal = db_->createPreparedStatement("PRAGMA journal_mode=WAL;");
-    (void)journal->readCells();
-    journal->finalize();
+    // These pragmas answer with a row (the mode in force, the checkpoint's counts).
+    auto statement = db_->createPreparedStatement(sql);
+    (void)statement->readCells();
+    statement->finalize();
+    return true;
   } catch (const std::exception&) {
+    return false;
   }
-  run("PRAGMA synchronous=NORMAL;", {});
+}
+
+void CacheControllerDatabase::configureConnection() {
+  (void)runPragma("PRAGMA journal_mode=WAL;");
+  (void)run("PRAGMA synchronous=NORMAL;", {});
+  // Once a checkpoint has emptied the log, its file shrinks back to this size instead of
+  // keeping the largest size it ever reached.
+  (void)runPragma("PRAGMA journal_size_limit=1048576;");
 }
 
 void CacheControllerDatabase::prepare() {
@@ -321,7 +332,10 @@ std::uint64_t CacheControllerDatabase::getSize() const {
 
 void CacheControllerDatabase::vacuum() {
   std::lock_guard lock(mutex_);
-  (void)run(kVacuum, {});
+  if (!run(kVacuum, {})) return;
+  // VACUUM writes the whole database into the log; without emptying and cutting the log
+  // here, wiping the cache would leave it larger on disk than before.
+  (void)runPragma(kCheckpointAndTruncate);
 }
 
 }  // namespace kp

@@ -23,7 +23,10 @@ Url UrlRequestFactory::append(std::span<const HttpRequestParameter> queryParamet
   text = url.absoluteString();
   text.push_back(text.find('?') == std::string::npos ? '?' : '&');
   HttpRequestParameter::appendParameterString(text, queryParameters, true);
-  auto parsed = Url::parse(text);
+  // The query-value encoding leaves letters outside ASCII and a few symbols ("|", "^", backslash)
+  // as they are; the URL encodes them as any URL parser of the platform would, so that no
+  // parameter a caller added is ever dropped from the wire, the encrypted query or the key.
+  auto parsed = Url::parseEncodingInvalidCharacters(text);
   return parsed ? std::move(*parsed) : url;
 }
 

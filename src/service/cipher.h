@@ -18,12 +18,8 @@ using CipherKey = std::array<std::uint8_t, 32>;
 // The key string cut at its first NUL byte and zero-padded; nothing when longer than 32 bytes.
 [[nodiscard]] std::optional<CipherKey> prepareKey(std::string_view key);
 
-// AES-256-CBC, zero IV, PKCS#7. Stops the program on a negative cipher status.
+// AES-256-CBC, zero IV, PKCS#7. Decrypting bytes that are not ciphertext for the key gives
+// nothing; any other cipher failure stops the program.
 [[nodiscard]] std::optional<Data> aes256Crypt(bool encrypt, std::span<const std::uint8_t> bytes, const CipherKey& key);
-
-// The same, but a failure only sets `status` (negative) and yields nothing. For tools that
-// inspect captured data, where damaged input must not stop the program.
-[[nodiscard]] std::optional<Data> aes256CryptReportingStatus(bool encrypt, std::span<const std::uint8_t> bytes,
-                                                             const CipherKey& key, int& status);
 
 }  // namespace kp::detail

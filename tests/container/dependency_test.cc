@@ -84,6 +84,22 @@ TEST(DependencyTest, DependencyResolvesWhenMadeAndReportsAMissingService) {
   EXPECT_EQ(capture.messages()[0].rfind("Unable to get Other service.", 0), 0U);
 }
 
+TEST(DependencyTest, LazyTriesAgainUntilAResolutionSucceeds) {
+  auto services = baseServices();
+  LazyDependency<Other> lazy(services);
+  test::AssertionCapture capture;
+  EXPECT_EQ(lazy.wrappedValue(), nullptr);  // not registered yet
+  EXPECT_EQ(lazy.wrappedValue(), nullptr);
+  EXPECT_EQ(capture.messages().size(), 2U);  // each failed read asks, and reports, again
+  auto registered = std::make_shared<OtherImpl>();
+  services->container()->registerInstance<Other>(registered);
+  EXPECT_EQ(lazy.wrappedValue(), registered);
+  auto replacement = std::make_shared<Services>(std::make_shared<DefaultServiceContainer>());
+  lazy.setServices(replacement);  // resolved now: kept
+  EXPECT_EQ(lazy.wrappedValue(), registered);
+  EXPECT_EQ(capture.messages().size(), 2U);
+}
+
 TEST(WithDependenciesTest, OverrideHoldsForTheScopeAndNestingReplacesIt) {
   auto services = baseServices();
   auto result = withDependencies(

@@ -47,6 +47,22 @@ TEST(Url, KeepsComponentsAsWrittenWithPercentEscapes) {
   EXPECT_EQ(url->withQuery(std::nullopt).query(), std::nullopt);
 }
 
+TEST(Url, EncodingInvalidCharactersKeepsWhatIsValid) {
+  auto encoded = [](std::string_view text) {
+    auto url = kp::Url::parseEncodingInvalidCharacters(text);
+    return url ? url->absoluteString() : "<none>";
+  };
+  EXPECT_FALSE(kp::Url::parse("https://h/a b?q=M\xc3\xbcnchen"));
+  EXPECT_EQ(encoded("https://h/a b?q=M\xc3\xbcnchen|\"<>{}[]\x7f\n"),
+            "https://h/a%20b?q=M%C3%BCnchen%7C%22%3C%3E%7B%7D%5B%5D%7F%0A");
+  // Escapes, reserved characters and an IPv6 host stay; a stray "%" and a second "#" do not.
+  EXPECT_EQ(encoded("http://u@[::1]:8/p%2F?a=%41&b=50%&c=/?:@#f#g"),
+            "http://u@[::1]:8/p%2F?a=%41&b=50%25&c=/?:@#f%23g");
+  EXPECT_EQ(encoded("rel/\xc3\xa9"), "rel/%C3%A9");
+  EXPECT_EQ(encoded("http://bad host/"), "<none>");  // the authority is not repaired
+  EXPECT_EQ(kp::Url::parseEncodingInvalidCharacters("https://h/?q=%E2%82%AC")->query(), "q=%E2%82%AC");
+}
+
 TEST(Date, ReferenceDatesAndIso8601RoundTrip) {
   const auto ref = kp::Date::fromTimeIntervalSinceReferenceDate(0);
   EXPECT_EQ(ref.timeIntervalSince1970(), 978307200.0);

@@ -59,8 +59,27 @@ TEST(UrlRequestFactory, AppendsQueryParameters) {
   // Only empty names: a bare separator is left.
   EXPECT_EQ(UrlRequestFactory::append(std::vector<P>{{"", "1"}}, url).absoluteString(), "https://h/p?");
   EXPECT_EQ(UrlRequestFactory::append(std::vector<P>{{"", "1"}}, withQuery).absoluteString(), "https://h/p?x=1&");
-  // A result that does not parse leaves the URL as it was.
-  EXPECT_EQ(UrlRequestFactory::append(std::vector<P>{{"a", "x|y"}}, url), url);
+}
+
+// The query-value encoding leaves these characters alone; the URL must still carry them.
+TEST(UrlRequestFactory, CharactersOutsideTheEncodingSetReachWireQueryAndCacheKey) {
+  auto cityRequest = [](std::string_view city) {
+    auto request = requestFor("https://h/v1/weather");
+    request->httpConfig()->addQuery(std::string(city), "city");
+    request->httpConfig()->addQuery("a|b^c`d\\e", "x");
+    request->generateCacheKey();
+    return request;
+  };
+  auto munich = cityRequest("M\xc3\xbcnchen");
+  const std::string wireQuery = "city=M%C3%BCnchen&x=a%7Cb%5Ec%60d%5Ce";
+  EXPECT_EQ(UrlRequestFactory::createUrlRequest(*munich).url.absoluteString(), "https://h/v1/weather?" + wireQuery);
+  EXPECT_EQ(munich->cacheConfig()->key, "https://h/v1/weather?" + wireQuery);
+  EXPECT_NE(cityRequest("Z\xc3\xbcrich")->cacheConfig()->key, munich->cacheConfig()->key);
+
+  const std::string sealed = UrlRequestFactory::createUrlRequest(*munich, kKey, std::nullopt).url.absoluteString();
+  const std::string prefix = "https://h/v1/weather?data=";
+  ASSERT_EQ(sealed.rfind(prefix, 0), 0u) << sealed;
+  EXPECT_EQ(kp::test::openEncodedValue(sealed.substr(prefix.size()), kKey), "city=M\xc3\xbcnchen&x=a|b^c`d\\e");
 }
 
 TEST(UrlRequestFactory, PlainWireRequest) {

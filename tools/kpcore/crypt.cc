@@ -53,17 +53,12 @@ int runCrypt(kpcore::Args& args) {
     if (!body) throw kpcore::CommandError("the key is longer than 32 bytes");
     std::cout << body->view() << "\n";
   } else if (*action == "decrypt") {
-    // Captured data may be damaged: report a cipher failure instead of stopping.
     const auto cipher = kp::base64Decode(input, kp::Base64DecodingOptions::ignoreUnknownCharacters);
     if (!cipher) throw kpcore::CommandError("nothing decrypted: the input is not Base64");
-    const auto keyBytes = kp::detail::prepareKey(key);
-    if (!keyBytes) throw kpcore::CommandError("nothing decrypted: the key is longer than 32 bytes");
-    int status = 0;
-    const auto plain = kp::detail::aes256CryptReportingStatus(false, cipher->bytes(), *keyBytes, status);
-    if (!plain) {
-      throw kpcore::CommandError("nothing decrypted: cipher status " + std::to_string(status) +
-                                 " (wrong key, or not ciphertext)");
-    }
+    if (!kp::detail::prepareKey(key)) throw kpcore::CommandError("nothing decrypted: the key is longer than 32 bytes");
+    const auto plain = kp::aes256Decrypt(cipher->bytes(), key);
+    if (!plain)
+      throw kpcore::CommandError("nothing decrypted: not ciphertext for this key (wrong key, or damaged data)");
     std::cout << plain->view();
   } else {
     throw kpcore::CommandError("unknown action: " + *action, 2);

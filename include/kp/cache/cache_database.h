@@ -98,8 +98,10 @@ class CacheControllerDatabase {
   void removeExpiredItems();
   // Keys of file-backed rows, oldest first. Their group is always absent.
   [[nodiscard]] std::vector<CacheKeyAndGroup> getFileCacheKeysSortedByCreationDate();
-  // Size of the database file in bytes; 0 when it cannot be read.
+  // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
+  // Rebuilds the file without its free pages and empties the log, so that the disk space of
+  // removed rows is given back.
   void vacuum();
 
  private:
@@ -112,6 +114,8 @@ class CacheControllerDatabase {
                                                               bool firstOnly = false);  // REQUIRES: mutex_ held
   // Runs one statement with its bindings to completion; false on any failure.
   bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
+  // Runs a pragma that answers with a row, ignoring the row; false on any failure.
+  bool runPragma(std::string_view sql);  // REQUIRES: mutex_ held
 
   std::string dbFileName_;
   std::filesystem::path path_;

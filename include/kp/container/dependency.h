@@ -2,7 +2,9 @@
 //
 //   kp::Dependency<T>: resolves the service type T through Services when made and keeps it.
 //   kp::LazyDependency<T>: resolves T on first read and keeps it, even if its Services is
-//     replaced later; replacing Services only affects a wrapper not yet read.
+//     replaced later; replacing Services only affects a wrapper not yet resolved. A read that
+//     fails to resolve keeps nothing, so the next read tries again (the service may have been
+//     registered meanwhile).
 //   kp::withDependencies(update, operation): runs `update` on a new, empty override container,
 //     then runs `operation` with that container bound as the override of Services: service types
 //     registered there resolve from it, all others from the base container. Nested scopes
@@ -13,7 +15,7 @@
 //   kp::with(value, update): a changed copy of a value.
 //
 // Both wrappers resolve with the non-throwing get(): a failure is reported through the
-// assertion hook at the place that declared the wrapper, and the wrapper holds null.
+// assertion hook at the place that declared the wrapper, and the read gives null.
 //
 // Thread safety: a Dependency is immutable. A LazyDependency may be read from several threads;
 // the first reader resolves under the wrapper's lock and later readers wait for it, so T is
@@ -34,7 +36,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -75,11 +76,11 @@ class LazyDependency {
   }
   LazyDependency& operator=(const LazyDependency&) = delete;
 
-  // The service, resolved on the first read.
+  // The service, resolved on the first read that succeeds.
   [[nodiscard]] std::shared_ptr<T> wrappedValue() const {
     std::lock_guard lock(mutex_);
     if (!value_) value_ = services_->template get<T>(location_);
-    return *value_;
+    return value_;
   }
   // The pointer stays valid as long as the wrapper: a resolved value is never replaced.
   T* operator->() const { return wrappedValue().get(); }
@@ -96,8 +97,8 @@ class LazyDependency {
 
  private:
   mutable std::mutex mutex_;
-  mutable std::optional<std::shared_ptr<T>> value_;  // present once resolved, even when null
-  std::shared_ptr<Services> services_;
+  mutable std::shared_ptr<T> value_;    // guarded by mutex_; null until a resolution succeeds
+  std::shared_ptr<Services> services_;  // guarded by mutex_
   tarvix::SourceLocation location_;
 };
 

@@ -8,6 +8,8 @@
 // Example:
 //   auto url = kp::Url::parse("https://api.example.com:8443/v1/forecast?lat=1&lon=2");
 //   if (url) { url->host();  /* "api.example.com" */  url->port();  /* 8443 */ }
+//   auto city = kp::Url::parseEncodingInvalidCharacters("https://h/v1?city=M\xc3\xbcnchen");
+//   city->query();  // "city=M%C3%BCnchen"
 #pragma once
 
 #include <compare>
@@ -22,6 +24,13 @@ class Url {
  public:
   // Nothing when `text` is not a URI reference.
   [[nodiscard]] static std::optional<Url> parse(std::string_view text);
+  // As parse(), after percent-encoding (UTF-8 bytes as upper-case %XX) every character that
+  // a URI cannot carry in the path, query and fragment: non-ASCII letters, controls, space,
+  // " < > [ \ ] ^ ` { | }, a "%" that starts no escape, and "#" inside the fragment. Escapes
+  // and reserved characters stay as written, so text that parses already comes back as it
+  // is. The scheme and the authority are not touched: a host that is not valid still gives
+  // nothing.
+  [[nodiscard]] static std::optional<Url> parseEncodingInvalidCharacters(std::string_view text);
 
   [[nodiscard]] const std::string& absoluteString() const noexcept { return text_; }
   [[nodiscard]] bool isAbsolute() const noexcept { return !scheme_.empty(); }

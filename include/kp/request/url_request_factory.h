@@ -29,9 +29,10 @@ class UrlRequestFactory {
  public:
   UrlRequestFactory() = delete;
 
-  // `url` + ("?" or "&") + the URL-encoded parameter string. The URL itself when the list is
-  // empty or the result does not parse. Parameters that all have empty names leave a bare "?"
-  // or "&".
+  // `url` + ("?" or "&") + the URL-encoded parameter string, in which the characters a URL
+  // cannot carry (letters outside ASCII, "|", "^", "`", backslash ...) are then percent-encoded as
+  // UTF-8. The URL itself when the list is empty. Parameters that all have empty names leave a
+  // bare "?" or "&".
   [[nodiscard]] static Url append(std::span<const HttpRequestParameter> queryParameters, const Url& url);
 
   [[nodiscard]] static UrlRequest createUrlRequest(const HttpRequestType& request,

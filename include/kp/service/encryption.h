@@ -5,10 +5,11 @@
 // than 32 bytes is refused (nothing comes back), never truncated. This construction is the
 // wire contract with the servers and must not change.
 //
-// A failing cipher call stops the program (std::abort, with the status on standard error):
-// decrypting bytes that are not a whole number of blocks, or whose padding is wrong (as with
-// a wrong key), is treated as a programming error, not as a soft failure. Callers that
-// decrypt untrusted bytes must check them first.
+// Decrypting bytes that are not ciphertext for the key (not a whole number of blocks, or
+// padding that does not check out, as with a wrong key or a plain body) gives nothing, so
+// any bytes from outside may be handed to the decrypting functions. Every other cipher
+// failure (an encryption that fails, a key the cipher refuses) can only be a fault in this
+// program and stops it (std::abort, with the status on standard error).
 //
 // Thread safety: every function here is a pure function of its arguments.
 //
@@ -36,8 +37,8 @@ namespace kp {
 // Ciphertext of `bytes` (always a whole number of 16-byte blocks, at least one), or nothing
 // when the key is longer than 32 bytes.
 [[nodiscard]] std::optional<Data> aes256Encrypt(std::span<const std::uint8_t> bytes, std::string_view key);
-// Plaintext of `bytes`, or nothing when the key is longer than 32 bytes. Stops the program
-// when `bytes` is not valid ciphertext for the key (see above).
+// Plaintext of `bytes`, or nothing when the key is longer than 32 bytes or `bytes` is not
+// ciphertext for the key.
 [[nodiscard]] std::optional<Data> aes256Decrypt(std::span<const std::uint8_t> bytes, std::string_view key);
 
 // ---- String helpers -----------------------------------------------------------------------
@@ -79,7 +80,7 @@ class TarvixServiceEncryptionHelper {
   // Base64 of the ciphertext in 64-character lines joined by CR LF; nothing when the key is
   // refused.
   [[nodiscard]] static std::optional<Data> encryptData(std::span<const std::uint8_t> data, std::string_view key);
-  // Base64-decodes skipping unknown characters, then decrypts.
+  // Base64-decodes skipping unknown characters, then decrypts; nothing when either fails.
   [[nodiscard]] static std::optional<Data> decryptRawData(std::span<const std::uint8_t> data, std::string_view key);
   // decryptRawData, then the plaintext parsed as a JSON object or array (nothing if it is not
   // JSON). When decoding or decryption yields nothing, the body itself is parsed as JSON
