@@ -16,9 +16,9 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "kp/cache/cacheable.h"
+#include "kp/platform/string_map.h"
 
 namespace kp {
 
@@ -39,15 +39,11 @@ class CacheMemoryStorage {
   [[nodiscard]] std::size_t count() const;
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
-  };
   template <class Keep>
   void keepOnly(Keep keep);
 
   mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<Cacheable>, Hash, std::equal_to<>> items_;  // guarded by mutex_
+  StringMap<std::shared_ptr<Cacheable>> items_;  // guarded by mutex_
 };
 
 }  // namespace kp

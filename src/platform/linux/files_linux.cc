@@ -1,10 +1,15 @@
-// Linux implementation of the private folders and whole-file replacement.
+// Linux implementation of the private folders, whole-file replacement, bounded reads, file
+// identities and flock() locks.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
+#include <thread>
 
 #include "platform/files.h"
 
@@ -27,6 +32,36 @@ bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
   }
   return true;
 }
+
+std::string describeErrno(std::string_view what, const std::filesystem::path& path, int error) {
+  return std::string(what) + " " + path.string() + ": " + std::strerror(error);
+}
+
+FileIdentity identityOf(const struct stat& info) {
+  FileIdentity id;
+  id.exists = true;
+  id.device = info.st_dev;
+  id.inode = info.st_ino;
+  id.size = static_cast<std::uint64_t>(info.st_size);
+  id.modifiedNanoseconds = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+  return id;
+}
+
+// Closes a descriptor on every path out of a function.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) noexcept : fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  [[nodiscard]] bool valid() const noexcept { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
 
 }  // namespace
 
@@ -52,23 +87,135 @@ bool createPrivateDirectories(const std::filesystem::path& path) noexcept {
   }
 }
 
-bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) noexcept {
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                         std::string* error) noexcept {
   try {
     const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
     std::string temporary =
         (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
-    if (fd < 0) return false;
+    if (fd < 0) {
+      if (error) *error = describeErrno("cannot create a temporary file for", path, errno);
+      return false;
+    }
     // The data must be on disk before the rename is: a file system may commit the rename
     // first, and a power loss would then leave the final name on a short file.
-    bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
-    ok = ::close(fd) == 0 && ok;
-    ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
-    if (!ok) ::unlink(temporary.c_str());
-    return ok;
+    const char* step = "cannot write";
+    bool ok = writeAll(fd, bytes);
+    if (ok) step = "cannot flush", ok = ::fsync(fd) == 0;
+    int failure = ok ? 0 : errno;
+    if (::close(fd) != 0 && ok) step = "cannot close", ok = false, failure = errno;
+    if (ok) step = "cannot replace", ok = ::rename(temporary.c_str(), path.c_str()) == 0, failure = ok ? 0 : errno;
+    if (!ok) {
+      ::unlink(temporary.c_str());
+      if (error) *error = describeErrno(step, path, failure);
+      return false;
+    }
+    // Make the rename durable too. Failing here leaves the new file in place: still done.
+    if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
+    return true;
   } catch (...) {
     return false;  // out of memory building the names
   }
+}
+
+void removeStaleTemporaryFiles(const std::filesystem::path& path, std::chrono::seconds age) noexcept {
+  namespace fs = std::filesystem;
+  try {
+    const std::string prefix = std::string(kTemporaryFilePrefix) + path.filename().string() + ".";
+    const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+      if (!it->path().filename().string().starts_with(prefix)) continue;
+      std::error_code ignored;
+      const auto modified = fs::last_write_time(it->path(), ignored);
+      if (!ignored && fs::file_time_type::clock::now() - modified > age) fs::remove(it->path(), ignored);
+    }
+  } catch (...) {
+    // Out of memory: the leftovers stay for another time.
+  }
+}
+
+FileIdentity fileIdentity(const std::filesystem::path& path) noexcept {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return {};
+  return identityOf(info);
+}
+
+FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize) {
+  FileContents out;
+  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) {
+    const int error = errno;
+    out.status = error == ENOENT ? FileContents::Status::missing : FileContents::Status::failed;
+    out.error = describeErrno("cannot open", path, error);
+    return out;
+  }
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) {
+    out.error = describeErrno("cannot inspect", path, errno);
+    return out;
+  }
+  out.identity = identityOf(info);
+  if (!S_ISREG(info.st_mode)) {
+    out.error = path.string() + " is not a regular file";
+    return out;
+  }
+  if (static_cast<std::uint64_t>(info.st_size) > maxSize) {
+    out.status = FileContents::Status::tooLarge;
+    out.error = path.string() + " is larger than " + std::to_string(maxSize) + " bytes";
+    return out;
+  }
+  out.bytes.reserve(static_cast<std::size_t>(info.st_size));
+  std::uint8_t buffer[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      out.error = describeErrno("cannot read", path, errno);
+      out.bytes.clear();
+      return out;
+    }
+    if (n == 0) break;
+    // The file may grow while it is read; the bound holds for what we keep.
+    if (out.bytes.size() + static_cast<std::size_t>(n) > maxSize) {
+      out.status = FileContents::Status::tooLarge;
+      out.error = path.string() + " grew beyond " + std::to_string(maxSize) + " bytes";
+      out.bytes.clear();
+      return out;
+    }
+    out.bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  out.status = FileContents::Status::ok;
+  return out;
+}
+
+std::optional<FileLock> FileLock::acquire(const std::filesystem::path& lockFile, std::chrono::milliseconds timeout) {
+  const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return std::nullopt;
+  FileLock lock(fd);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  auto pause = std::chrono::microseconds(200);
+  for (;;) {
+    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return lock;
+    if (errno != EWOULDBLOCK && errno != EINTR) return std::nullopt;
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(pause);
+    pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(10));
+  }
+}
+
+FileLock& FileLock::operator=(FileLock&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+FileLock::~FileLock() {
+  // Closing the descriptor releases the lock.
+  if (fd_ >= 0) ::close(fd_);
 }
 
 }  // namespace kp::platform

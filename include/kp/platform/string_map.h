@@ -1,0 +1,28 @@
+// kp::StringMap<T>: a hash map from text to T that finds entries by std::string_view without
+// making a std::string first (heterogeneous lookup).
+//
+// Thread safety: as std::unordered_map.
+//
+// Example:
+//   kp::StringMap<int> counts;
+//   counts.emplace("units", 1);
+//   auto it = counts.find(std::string_view("units"));
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace kp {
+
+struct StringHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
+};
+
+template <class T>
+using StringMap = std::unordered_map<std::string, T, StringHash, std::equal_to<>>;
+
+}  // namespace kp

@@ -1,0 +1,401 @@
+// The user-defaults store against real files in a temporary XDG folder, with other processes
+// (kpcore, and this test program in a writer mode) using the same suites.
+#include "kp/storage/user_defaults.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "kp/coding/property_list.h"
+#include "kp/storage/user_defaults_storage.h"
+#include "storage/suite_store.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using kp::Value;
+
+std::string fileBytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes(fs::file_size(path), '\0');
+  in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
+Value readFile(const fs::path& path) {
+  const std::string bytes = fileBytes(path);
+  return kp::readPropertyList({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+template <class Condition>
+bool eventually(Condition condition, std::chrono::milliseconds limit = 5s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return condition();
+}
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // A test run again in a child process works in its parent's folder.
+    if (kp::test::inTestChild()) {
+      root_ = std::getenv("KP_TEST_CONFIG");  // NOLINT(concurrency-mt-unsafe)
+    } else {
+      owned_.emplace();
+      root_ = owned_->path();
+    }
+    ::setenv("XDG_CONFIG_HOME", (root_ / "config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+  }
+  // Every suite is written before the folder goes, so that no late write brings it back.
+  void TearDown() override { kp::storage_detail::SuiteStore::synchronizeAll(); }
+
+  [[nodiscard]] fs::path folder() const { return root_ / "config" / "com.kp.app"; }
+  [[nodiscard]] fs::path suiteFile(const std::string& suite) const { return folder() / (suite + ".plist"); }
+  static kp::test::ProcessResult kpcore(const std::string& arguments) {
+    return kp::test::runCommand(std::string(KPCORE_PATH) + " " + arguments + " 2>&1");
+  }
+  // Files beside the suite file other than the suite file itself and its lock file.
+  [[nodiscard]] std::vector<fs::path> asideFiles(const std::string& suite) const {
+    std::vector<fs::path> out;
+    for (const auto& entry : fs::directory_iterator(folder())) {
+      const std::string name = entry.path().filename().string();
+      if (name.starts_with(suite + ".plist.damaged-")) out.push_back(entry.path());
+    }
+    return out;
+  }
+
+  std::optional<kp::test::TempDir> owned_;
+  fs::path root_;
+};
+
+TEST_F(UserDefaultsTest, ValuesPersistAsAPropertyListDictionary) {
+  auto defaults = kp::UserDefaults::suite("values");
+  ASSERT_TRUE(defaults);
+  defaults->setObject(std::string("metric"), "units");
+  defaults->setInteger(-7, "count");
+  defaults->setDouble(2.5, "scale");
+  defaults->setBool(true, "onboarded");
+  defaults->setObject(kp::Date::fromTimeIntervalSince1970(1e9), "installed");
+  defaults->setObject(std::vector<std::string>{"Bern", "Thun"}, "cities");
+  defaults->setObject(std::map<std::string, std::any>{{"zoom", 3}, {"layers", std::vector<std::any>{1, "rain"}}},
+                      "map");
+  defaults->setUrl(kp::Url::parse("https://example.com/a?b=1"), "link");
+  defaults->setObject(std::string("empty key"), "");
+  const std::string binaryKey("k\0\xc3\xa9", 4);
+  defaults->setObject(kp::Data::fromString(std::string("v\0", 2)), binaryKey);
+  ASSERT_TRUE(defaults->synchronize());
+
+  // Another process (and a fresh reader) sees the same values in the file.
+  const Value file = readFile(suiteFile("values"));
+  EXPECT_EQ(*file.find("units")->ifString(), "metric");
+  EXPECT_EQ(*file.find("count")->ifInteger(), -7);
+  EXPECT_EQ(file.find("map")->find("layers")->ifArray()->size(), 2U);
+  EXPECT_EQ(*file.find("")->ifString(), "empty key");
+  EXPECT_EQ(*file.find(binaryKey)->ifData(), kp::Data::fromString(std::string("v\0", 2)));
+  const auto shown = kpcore("defaults read --suite values count");
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_EQ(shown.output, "-7\n");
+
+  // object() hands back plain C++ values; lists and dictionaries stay trees.
+  EXPECT_EQ(std::any_cast<std::string>(*defaults->object("units")), "metric");
+  EXPECT_EQ(std::any_cast<std::int64_t>(*defaults->object("count")), -7);
+  EXPECT_EQ(std::any_cast<Value>(*defaults->object("cities")).ifArray()->size(), 2U);
+  EXPECT_EQ(defaults->stringArray("cities"), (std::vector<std::string>{"Bern", "Thun"}));
+  EXPECT_EQ(defaults->stringArray("map"), std::nullopt);
+  EXPECT_EQ(defaults->url("link")->host(), "example.com");
+  defaults->setObject(std::string("/tmp/a b/100%?.txt"), "path");
+  EXPECT_EQ(defaults->url("path")->absoluteString(), "file:///tmp/a%20b/100%25%3F.txt");
+  EXPECT_EQ(std::any_cast<kp::Date>(*defaults->object("installed")), kp::Date::fromTimeIntervalSince1970(1e9));
+}
+
+TEST_F(UserDefaultsTest, TypedGettersConvertLikeThePlatformStore) {
+  auto defaults = kp::UserDefaults::suite("conversions");
+  defaults->setObject(std::string(" 42 "), "text");
+  defaults->setObject(std::string("YES"), "yes");
+  defaults->setObject(std::string("3.75"), "real text");
+  defaults->setDouble(-3.75, "real");
+  defaults->setBool(true, "flag");
+  defaults->setObject(std::string("weather"), "word");
+  EXPECT_EQ(defaults->integer("text"), 42);
+  EXPECT_EQ(defaults->integer("real text"), 3);
+  EXPECT_EQ(defaults->integer("real"), -3);
+  EXPECT_EQ(defaults->integer("flag"), 1);
+  EXPECT_EQ(defaults->integer("word"), 0);
+  EXPECT_EQ(defaults->double_("real text"), 3.75);
+  EXPECT_TRUE(defaults->bool_("yes"));
+  EXPECT_TRUE(defaults->bool_("real"));
+  EXPECT_FALSE(defaults->bool_("word"));
+  EXPECT_EQ(defaults->string("real"), "-3.75");
+  EXPECT_EQ(defaults->string("flag"), "1");
+  EXPECT_EQ(defaults->data("text"), std::nullopt);
+  EXPECT_EQ(defaults->integer("missing"), 0);
+  // Keys given by their description.
+  defaults->setInteger(5, 1234);
+  EXPECT_EQ(defaults->integer("1234"), 5);
+  EXPECT_EQ(defaults->string(1234), "5");
+}
+
+TEST_F(UserDefaultsTest, RefusesWhatAPropertyListCannotHoldAndNamesThatAreNoFiles) {
+  auto defaults = kp::UserDefaults::suite("refusals");
+  defaults->setObject(std::string("kept"), "k");
+  struct Opaque {};
+  defaults->setObject(Opaque{}, "k");
+  defaults->setObject(std::string("\xff\xfe"), "k");
+  defaults->setObject(std::uint64_t{UINT64_MAX}, "k");
+  defaults->setObject(std::vector<std::any>{std::string("ok"), Opaque{}}, "k");
+  defaults->setObject(std::string("x"), std::string("\xc3", 1));  // a key that is not UTF-8
+  EXPECT_EQ(defaults->string("k"), "kept");
+  EXPECT_EQ(defaults->dictionaryRepresentation().size(), 1U);
+  defaults->setObject(Value(), "k");  // null removes
+  EXPECT_EQ(defaults->object("k"), std::nullopt);
+  EXPECT_TRUE(defaults->synchronize());
+
+  for (const char* bad : {"", ".", "..", ".hidden", "a/b", "tab\there", "\xff"}) {
+    EXPECT_EQ(kp::UserDefaults::suite(bad), nullptr) << bad;
+  }
+  EXPECT_EQ(kp::UserDefaults::suite(std::string(201, 'a')), nullptr);
+  EXPECT_NE(kp::UserDefaults::suite("Zürich widget"), nullptr);
+}
+
+TEST_F(UserDefaultsTest, AFirstRunCreatesAPrivateFolderAndLargeValuesRoundTrip) {
+  EXPECT_FALSE(fs::exists(root_ / "config"));
+  auto defaults = kp::UserDefaults::suite("first");
+  kp::Data big = kp::Data::zeros(3 << 20);
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 7);
+  defaults->setObject(big, "big");
+  ASSERT_TRUE(defaults->synchronize());
+  struct stat info {};
+  ASSERT_EQ(::stat(folder().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700U);
+  EXPECT_EQ(*readFile(suiteFile("first")).find("big")->ifData(), big);
+  EXPECT_EQ(kp::UserDefaults::suite("first")->data("big"), big);
+}
+
+TEST_F(UserDefaultsTest, ABurstOfWritesReturnsAtOnceAndIsWrittenOnce) {
+  auto defaults = kp::UserDefaults::suite("burst");
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10'000; ++i) defaults->setInteger(i, "key" + std::to_string(i % 100));
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_LT(elapsed, 2s);  // memory speed even under the sanitizers
+  ASSERT_TRUE(defaults->synchronize());
+  // Writes wait for a pause in the changes, and for a second at most while they continue;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(elapsed).count();
+  EXPECT_LE(defaults->fileWriteCount(),
+            3U + 2U * static_cast<std::uint64_t>(seconds));  // stalls of a loaded machine count as pauses
+  EXPECT_EQ(*readFile(suiteFile("burst")).find("key99")->ifInteger(), 9999);
+  // Without synchronize(), the write still happens a moment later.
+  defaults->setInteger(1, "late");
+  EXPECT_TRUE(eventually([&] { return readFile(suiteFile("burst")).find("late") != nullptr; }));
+}
+
+TEST_F(UserDefaultsTest, ProcessesSharingASuiteKeepEachOthersKeys) {
+  auto defaults = kp::UserDefaults::suite("shared");
+  defaults->setObject(std::string("mine"), "ours");
+  ASSERT_TRUE(defaults->synchronize());
+
+  // The other process writes a key of its own while ours waits unwritten; neither is lost.
+  defaults->setObject(std::string("pending"), "ours too");
+  ASSERT_EQ(kpcore("defaults write --suite shared theirs -int 12").status, 0);
+  ASSERT_TRUE(defaults->synchronize());
+  const Value file = readFile(suiteFile("shared"));
+  EXPECT_NE(file.find("ours"), nullptr);
+  EXPECT_NE(file.find("ours too"), nullptr);
+  EXPECT_NE(file.find("theirs"), nullptr);
+  EXPECT_EQ(defaults->integer("theirs"), 12);
+
+  // Their changes reach this process without asking.
+  ASSERT_EQ(kpcore("defaults write --suite shared later -bool yes").status, 0);
+  EXPECT_TRUE(eventually([&] { return defaults->bool_("later"); }));
+  ASSERT_EQ(kpcore("defaults delete --suite shared theirs").status, 0);
+  EXPECT_TRUE(eventually([&] { return !defaults->object("theirs"); }));
+
+  // Both sides writing many keys at the same time.
+  std::thread other([&] {
+    for (int i = 0; i < 8; ++i) kpcore("defaults write --suite shared other" + std::to_string(i) + " -int 1");
+  });
+  for (int i = 0; i < 40; ++i) {
+    defaults->setInteger(i, "own" + std::to_string(i));
+    std::this_thread::sleep_for(5ms);
+  }
+  other.join();
+  ASSERT_TRUE(defaults->synchronize());
+  const Value merged = readFile(suiteFile("shared"));
+  for (int i = 0; i < 8; ++i) EXPECT_NE(merged.find("other" + std::to_string(i)), nullptr) << i;
+  for (int i = 0; i < 40; ++i) EXPECT_NE(merged.find("own" + std::to_string(i)), nullptr) << i;
+}
+
+TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
+  fs::create_directories(folder());
+  const std::string valid = kp::writePropertyList(Value(Value::Dictionary{{"a", 1}})).toString();
+  const std::pair<const char*, std::string> cases[] = {
+      {"truncated", valid.substr(0, valid.size() - 5)},
+      {"text", "this is not a property list"},
+      {"array", kp::writePropertyList(Value(Value::Array{1, 2})).toString()},
+      {"empty", ""},
+  };
+  for (const auto& [suite, bytes] : cases) {
+    std::ofstream(suiteFile(suite), std::ios::binary) << bytes;
+    auto defaults = kp::UserDefaults::suite(suite);
+    EXPECT_TRUE(defaults->dictionaryRepresentation().empty()) << suite;
+    const auto aside = asideFiles(suite);
+    ASSERT_EQ(aside.size(), 1U) << suite;
+    EXPECT_EQ(fileBytes(aside[0]), bytes) << suite;
+    defaults->setInteger(1, "fresh");
+    EXPECT_TRUE(defaults->synchronize()) << suite;
+    EXPECT_EQ(*readFile(suiteFile(suite)).find("fresh")->ifInteger(), 1) << suite;
+  }
+  // A folder where the file should be cannot be read; it is moved aside the same way.
+  fs::create_directories(suiteFile("folder"));
+  auto defaults = kp::UserDefaults::suite("folder");
+  EXPECT_EQ(asideFiles("folder").size(), 1U);
+  defaults->setInteger(2, "fresh");
+  EXPECT_TRUE(defaults->synchronize());
+
+  // Another process damaging a suite this one has open is noticed too.
+  auto live = kp::UserDefaults::suite("live");
+  live->setInteger(3, "x");
+  ASSERT_TRUE(live->synchronize());
+  std::ofstream(suiteFile("live"), std::ios::binary) << "garbage";
+  EXPECT_TRUE(eventually([&] { return asideFiles("live").size() == 1; }));
+  EXPECT_TRUE(eventually([&] { return !live->object("x"); }));
+}
+
+TEST_F(UserDefaultsTest, AKilledWriterLeavesTheOldFileOrTheNew) {
+  if (kp::test::inTestChild()) {
+    // The writer: rewrites a large value until it is killed. Each round's value is one byte
+    // repeated, so a torn file would show mixed bytes.
+    auto defaults = kp::UserDefaults::suite("killed");
+    for (std::int64_t round = 1;; ++round) {
+      defaults->setObject(kp::Data(std::vector<std::uint8_t>(2 << 20, static_cast<std::uint8_t>(round))), "payload");
+      defaults->setInteger(round, "round");
+      defaults->synchronize();
+    }
+  }
+  const fs::path file = suiteFile("killed");
+  std::mt19937 random(42);
+  double startup = 0.3;  // seconds until the writer writes; longer on a busy machine
+  for (int round = 0; round < 8; ++round) {
+    const std::string after = std::to_string(startup + static_cast<double>(random() % 500) / 1000.0);
+    (void)kp::test::runThisTestInChild("KP_TEST_CONFIG=" + kp::test::shellQuote(root_.string()),
+                                       "timeout -s KILL " + after);
+    if (!fs::exists(file)) {  // killed before its first write
+      startup = std::min(startup * 2, 4.0);
+      continue;
+    }
+    const Value value = readFile(file);  // throws (and fails the test) for a torn file
+    const kp::Data* payload = value.find("payload")->ifData();
+    ASSERT_NE(payload, nullptr);
+    ASSERT_EQ(payload->size(), 2U << 20);
+    const std::vector<std::uint8_t> expected(payload->size(),
+                                             static_cast<std::uint8_t>(*value.find("round")->ifInteger()));
+    EXPECT_EQ(std::memcmp(payload->data(), expected.data(), expected.size()), 0);
+  }
+  EXPECT_TRUE(fs::exists(file));
+
+  // Temporary files of killed writers are cleared when the suite is opened, unless they may
+  // belong to a writer that is still at work.
+  const fs::path stale = folder() / ".kp-partial-killed.plist.stale1";
+  const fs::path recent = folder() / ".kp-partial-killed.plist.recent";
+  std::ofstream(stale) << "x";
+  std::ofstream(recent) << "x";
+  fs::last_write_time(stale, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  auto reader = kp::UserDefaults::suite("killed");
+  EXPECT_FALSE(fs::exists(stale));
+  EXPECT_TRUE(fs::exists(recent));
+  EXPECT_GT(reader->integer("round"), 0);
+}
+
+TEST_F(UserDefaultsTest, AFullDiskLeavesTheOldFileAndTheChangesPending) {
+  auto defaults = kp::UserDefaults::suite("full");
+  defaults->setObject(std::string("old"), "value");
+  ASSERT_TRUE(defaults->synchronize());
+  const std::uintmax_t oldSize = fs::file_size(suiteFile("full"));
+
+  // A file-size limit makes writes fail part-way, as a full disk does.
+  rlimit previous{};
+  ::getrlimit(RLIMIT_FSIZE, &previous);
+  auto* previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limited = previous;
+  limited.rlim_cur = 64 * 1024;
+  ::setrlimit(RLIMIT_FSIZE, &limited);
+  defaults->setObject(kp::Data::zeros(1 << 20), "value");
+  const bool written = defaults->synchronize();
+  ::setrlimit(RLIMIT_FSIZE, &previous);
+  std::signal(SIGXFSZ, previousHandler);
+
+  EXPECT_FALSE(written);
+  EXPECT_EQ(fs::file_size(suiteFile("full")), oldSize);
+  EXPECT_EQ(*readFile(suiteFile("full")).find("value")->ifString(), "old");
+  EXPECT_EQ(defaults->data("value")->size(), 1U << 20);  // memory keeps the change
+  EXPECT_TRUE(defaults->synchronize());                  // and it is written once there is room
+  EXPECT_EQ(readFile(suiteFile("full")).find("value")->ifData()->size(), 1U << 20);
+}
+
+TEST_F(UserDefaultsTest, ManyThreadsReadAndWriteOneSuite) {
+  auto defaults = kp::UserDefaults::suite("threads");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      auto same = kp::UserDefaults::suite("threads");  // another object over the same values
+      for (int i = 0; i < 500; ++i) {
+        same->setInteger(i, "t" + std::to_string(t));
+        (void)defaults->integer("t" + std::to_string((t + 1) % 4));
+        if (i % 100 == 0) (void)defaults->synchronize();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(defaults->synchronize());
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(defaults->integer("t" + std::to_string(t)), 499);
+  EXPECT_EQ(readFile(suiteFile("threads")).ifDictionary()->size(), 4U);
+}
+
+TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
+  ASSERT_EQ(kpcore("defaults write --suite tool when -date 2024-05-01T12:00:00Z").status, 0);
+  ASSERT_EQ(kpcore("defaults write --suite tool blob -data 00ff10").status, 0);
+  ASSERT_EQ(kpcore("defaults write --suite tool ratio -float 0.5").status, 0);
+  ASSERT_EQ(kpcore("defaults write --suite tool name Bern").status, 0);
+  EXPECT_EQ(kpcore("defaults read --suite tool blob").output, "<00ff10>\n");
+  EXPECT_EQ(kpcore("defaults read --suite tool when --json").output, "\"2024-05-01T12:00:00Z\"\n");
+  auto defaults = kp::UserDefaults::suite("tool");
+  EXPECT_EQ(defaults->double_("ratio"), 0.5);
+  EXPECT_EQ(defaults->string("name"), "Bern");
+
+  const auto missing = kpcore("defaults read --suite tool nothing");
+  EXPECT_NE(missing.status, 0);
+  EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1);
+  EXPECT_NE(kpcore("defaults write --suite tool n -int twelve").status, 0);
+  EXPECT_NE(kpcore("defaults read --suite ../escape").status, 0);
+  ASSERT_EQ(kpcore("defaults delete --suite tool").status, 0);
+  EXPECT_EQ(readFile(suiteFile("tool")).ifDictionary()->size(), 0U);
+}
+
+TEST_F(UserDefaultsTest, TheServiceFormForwardsToTheStore) {
+  auto defaults = kp::UserDefaults::suite("service");
+  auto storage = std::make_shared<kp::UserDefaultsStorage>(defaults);
+  storage->setObject(std::string("5"), "n");
+  EXPECT_EQ(storage->integer("n"), 5);  // the store's conversions
+  storage->setFloat(0.25F, "f");
+  EXPECT_EQ(defaults->float_("f"), 0.25F);
+  storage->removeObject("n");
+  EXPECT_EQ(defaults->object("n"), std::nullopt);
+  EXPECT_TRUE(storage->synchronize());
+  EXPECT_NE(readFile(suiteFile("service")).find("f"), nullptr);
+}
+
+}  // namespace
