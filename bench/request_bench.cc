@@ -5,6 +5,7 @@
 #include <httplib.h>
 
 #include <condition_variable>
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <thread>
@@ -166,22 +167,34 @@ std::string fetchWithNewEasy(const std::string& url, CURLSH* share) {
   return body;
 }
 
-void countRequests(benchmark::State& state) {
+// CPU time of the whole process (every thread, the in-process server's too), in seconds.
+double processCpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// Requests per second, and the process's CPU time per request since `cpuAtStart`: a figure
+// that the load of a shared machine skews far less than wall time.
+void countRequests(benchmark::State& state, double cpuAtStart) {
   state.counters["requests/s"] =
       benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  state.counters["cpu_us/req"] = (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations());
 }
 
 void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
+  const double cpuAtStart = processCpuSeconds();
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
   auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, session));
   session->invalidateAndCancel();
-  countRequests(state);
+  countRequests(state, cpuAtStart);
 }
 
 void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
+  const double cpuAtStart = processCpuSeconds();
   CURL* easy = curl_easy_init();
   setCommonOptions(easy, url);
   std::string body;
@@ -193,31 +206,34 @@ void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
     benchmark::DoNotOptimize(body);
   }
   curl_easy_cleanup(easy);
-  countRequests(state);
+  countRequests(state, cpuAtStart);
 }
 
 void BM_Transfer_SmallGets_Handler_PrivateSession(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
+  const double cpuAtStart = processCpuSeconds();
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, nullptr));
-  countRequests(state);
+  countRequests(state, cpuAtStart);
 }
 
 void BM_Transfer_SmallGets_RawCurl_NewEasy(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
+  const double cpuAtStart = processCpuSeconds();
   for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, nullptr));
-  countRequests(state);
+  countRequests(state, cpuAtStart);
 }
 
 // New easy handles whose connections live in a share handle: what a connection pool beneath
 // short-lived sessions would gain over a new connection per request.
 void BM_Transfer_SmallGets_RawCurl_NewEasy_PooledConnection(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
+  const double cpuAtStart = processCpuSeconds();
   CURLSH* share = curl_share_init();
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
   for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, share));
   curl_share_cleanup(share);
-  countRequests(state);
+  countRequests(state, cpuAtStart);
 }
 
 void BM_Transfer_Large_Handler_ToMemory(benchmark::State& state) {

@@ -5,6 +5,7 @@
 #include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
+#include "platform/no_destructor.h"
 
 namespace kp {
 
@@ -31,6 +32,12 @@ std::string HttpRequestParameter::makeParameterString(std::span<const HttpReques
   std::string out;
   appendParameterString(out, parameters, urlEncode);
   return out;
+}
+
+const HttpRequestConfig& HttpRequestType::httpConfigOrDefault() const {
+  static internal::NoDestructor<const HttpRequestConfig> defaults;
+  const auto& config = httpConfig();
+  return config ? *config : *defaults;
 }
 
 HttpRequest::HttpRequest(Url url)

@@ -219,8 +219,9 @@ void HttpRequestHandler::didReceiveChallenge(UrlSession&, UrlSessionTask&, const
     return;
   }
   auto current = request.lock();
-  if (current && current->httpConfig()->acceptUntrustedSSLCertificate && space.serverTrust) {
-    // Deliberately the cancel disposition with a credential: the challenge is cancelled.
+  if (current && current->httpConfigOrDefault().acceptUntrustedSSLCertificate && space.serverTrust) {
+    // Deliberately the cancel disposition with a credential: the challenge, and so the task,
+    // is cancelled, and a cancelled task completes silently.
     completion(AuthChallengeDisposition::cancelAuthenticationChallenge, UrlCredential::make(space.serverTrust));
     return;
   }

@@ -9,28 +9,18 @@
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
 #include "platform/no_destructor.h"
+#include "request/header_text.h"
 
 namespace kp {
 
 namespace {
 
-char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
-}
+using internal::equalsIgnoringCase;
 
 std::string lowercased(std::string_view text) {
   std::string out(text);
-  for (auto& c : out) c = lower(c);
+  for (auto& c : out) c = internal::asciiLower(c);
   return out;
-}
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
 }
 
 constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
@@ -153,10 +143,11 @@ std::vector<std::string_view> splitCookies(std::string_view field) {
     if (field[i] != ',') continue;
     std::string_view current = field.substr(start, i - start);
     const auto attribute = current.rfind(';');
-    std::string_view last = trim(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
+    std::string_view last =
+        internal::trimSpaces(attribute == std::string_view::npos ? current : current.substr(attribute + 1));
     const auto eq = last.find('=');
-    if (eq != std::string_view::npos && equalsIgnoringCase(trim(last.substr(0, eq)), "expires") &&
-        trim(last.substr(eq + 1)).size() <= 9) {
+    if (eq != std::string_view::npos && equalsIgnoringCase(internal::trimSpaces(last.substr(0, eq)), "expires") &&
+        internal::trimSpaces(last.substr(eq + 1)).size() <= 9) {
       continue;
     }
     out.push_back(current);
@@ -183,23 +174,24 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
     if (!equalsIgnoringCase(fieldName, "Set-Cookie")) continue;
     for (std::string_view text : splitCookies(fieldValue)) {
       const auto firstSemicolon = text.find(';');
-      const std::string_view pair = trim(text.substr(0, firstSemicolon));
+      const std::string_view pair = internal::trimSpaces(text.substr(0, firstSemicolon));
       const auto eq = pair.find('=');
       if (eq == std::string_view::npos) continue;
-      const std::string_view name = trim(pair.substr(0, eq));
+      const std::string_view name = internal::trimSpaces(pair.substr(0, eq));
       if (name.empty()) continue;
-      HttpCookie cookie{std::string(name), std::string(trim(pair.substr(eq + 1))), host, defaultPath};
+      HttpCookie cookie{std::string(name), std::string(internal::trimSpaces(pair.substr(eq + 1))), host, defaultPath};
       std::optional<Date> expires;
       std::optional<Date> maxAge;
       bool rejected = false;
       std::string_view attributes = firstSemicolon == std::string_view::npos ? "" : text.substr(firstSemicolon + 1);
       while (!attributes.empty() && !rejected) {
         const auto next = attributes.find(';');
-        const std::string_view attribute = trim(attributes.substr(0, next));
+        const std::string_view attribute = internal::trimSpaces(attributes.substr(0, next));
         attributes = next == std::string_view::npos ? "" : attributes.substr(next + 1);
         const auto aeq = attribute.find('=');
-        const std::string key = lowercased(trim(attribute.substr(0, aeq)));
-        const std::string_view value = aeq == std::string_view::npos ? "" : trim(attribute.substr(aeq + 1));
+        const std::string key = lowercased(internal::trimSpaces(attribute.substr(0, aeq)));
+        const std::string_view value =
+            aeq == std::string_view::npos ? "" : internal::trimSpaces(attribute.substr(aeq + 1));
         if (key == "expires") {
           if (auto date = parseCookieDate(value)) expires = date;
         } else if (key == "max-age") {

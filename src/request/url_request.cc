@@ -3,21 +3,11 @@
 
 #include <algorithm>
 
+#include "request/header_text.h"
+
 namespace kp {
 namespace {
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    char x = a[i];
-    char y = b[i];
-    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
-    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
-    if (x != y) return false;
-  }
-  return true;
-}
-
+using internal::equalsIgnoringCase;
 }  // namespace
 
 std::vector<UrlRequest::HeaderField>::iterator UrlRequest::find(std::string_view field) {

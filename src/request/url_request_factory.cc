@@ -6,12 +6,6 @@
 namespace kp {
 namespace {
 
-const HttpRequestConfig& configOf(const HttpRequestType& request) {
-  static const HttpRequestConfig kEmpty;
-  const auto& config = request.httpConfig();
-  return config ? *config : kEmpty;
-}
-
 bool isUsableKey(const std::optional<std::string_view>& key) { return key && !key->empty(); }
 
 }  // namespace
@@ -33,7 +27,7 @@ Url UrlRequestFactory::append(std::span<const HttpRequestParameter> queryParamet
 UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
                                                std::optional<std::string_view> queryEncryptionKey,
                                                std::optional<std::string_view> bodyEncryptionKey) {
-  const HttpRequestConfig& config = configOf(request);
+  const HttpRequestConfig& config = request.httpConfigOrDefault();
   Url url = append(config.queryParameters, request.url());
   if (isUsableKey(queryEncryptionKey)) {
     if (auto encrypted = TarvixServiceEncryptionHelper::encrypt(url, *queryEncryptionKey)) url = std::move(*encrypted);
@@ -62,7 +56,7 @@ UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
 }
 
 std::string HttpRequestTypeCacheKeyGenerator::generate(const HttpRequestType& request) {
-  const HttpRequestConfig& config = configOf(request);
+  const HttpRequestConfig& config = request.httpConfigOrDefault();
   std::string key = request.completeUrl().absoluteString();
   if (config.bodyData) {
     key += "bodyDataHash=";

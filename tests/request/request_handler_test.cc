@@ -239,6 +239,47 @@ TEST(HandlerTlsTest, UntrustedCertificates) {
   lenient.request->httpConfig()->acceptUntrustedSSLCertificate = true;
   lenient.start();
   EXPECT_EQ(lenient.wait(2s), nullptr);
+
+  // A request without a configuration is handled as one with the default configuration.
+  Transfer unconfigured(server.url("/"));
+  unconfigured.request->setHttpConfig(nullptr);
+  unconfigured.start();
+  result = unconfigured.wait();
+  ASSERT_TRUE(result);
+  EXPECT_EQ(result->error->code(), -1202);
+}
+
+// Well-known headers are found whatever the server's spelling, and cookies from fields
+// spelled differently all arrive.
+TEST(HandlerHeaderTest, ServerSpellingsOfHeaderNamesAreFound) {
+  test::RawServer raw([](const test::RawServer::Writer& write) {
+    write(
+        "HTTP/1.1 200 OK\r\n"
+        "etag: \"v7\"\r\n"
+        "Content-type: application/json\r\n"
+        "last-modified: Tue, 15 Nov 1994 12:45:26 GMT\r\n"
+        "EXPIRES: Thu, 01 Dec 2044 16:00:00 GMT\r\n"
+        "date: Tue, 15 Nov 1994 08:12:31 GMT\r\n"
+        "set-cookie: a=1; Path=/\r\n"
+        "Set-Cookie: b=2; Expires=Wed, 21 Oct 2037 07:28:00 GMT\r\n"
+        "SET-COOKIE: c=3\r\n"
+        "content-length: 2\r\n\r\n{}");
+  });
+  Transfer run(raw.url("/"));
+  run.start();
+  auto result = run.wait();
+  ASSERT_TRUE(result);
+  ASSERT_TRUE(result->isSuccess());
+  const auto& response = *result->response;
+  EXPECT_EQ(response.etag(), "\"v7\"");
+  EXPECT_EQ(response.contentType(), "application/json");
+  EXPECT_EQ(response.lastModifiedDate(), Date::fromTimeIntervalSince1970(784903526));
+  EXPECT_EQ(response.expiresDate(), Date::fromTimeIntervalSince1970(2364220800));
+  EXPECT_EQ(response.sentDate(), Date::fromTimeIntervalSince1970(784887151));
+  ASSERT_EQ(response.cookies.size(), 3u);
+  EXPECT_EQ(response.getCookieByName("b")->value(), "2");
+  EXPECT_EQ(response.getCookieByName("b")->expiresDate(), Date::fromTimeIntervalSince1970(2139722880));
+  EXPECT_EQ(response.getCookieByName("c")->value(), "3");
 }
 
 // Receives the callbacks of a custom session instead of the handler.
@@ -288,7 +329,8 @@ TEST_F(HandlerTest, ManyTransfersShareOneSession) {
   for (int i = 0; i < kCount; ++i) {
     auto result = runs[i]->wait();
     ASSERT_TRUE(result) << i;
-    EXPECT_EQ(body(*result), "body " + std::to_string(i)) << (result->error ? result->error->localizedDescription() + " " + std::to_string(result->error->code()) : "");
+    EXPECT_EQ(body(*result), "body " + std::to_string(i))
+        << (result->error ? result->error->localizedDescription() + " " + std::to_string(result->error->code()) : "");
     EXPECT_EQ(runs[i]->count(), 1u);
   }
   auto router = std::dynamic_pointer_cast<HttpRequestURLSessionDelegateHandler>(shared->delegate());

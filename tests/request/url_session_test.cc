@@ -7,9 +7,11 @@
 
 #include <condition_variable>
 #include <fstream>
+#include <limits>
 #include <mutex>
 #include <utility>
 
+#include "kp/request/http_response.h"
 #include "support/temp_dir.h"
 #include "support/test_servers.h"
 
@@ -174,6 +176,10 @@ class SessionTest : public ::testing::Test {
       std::this_thread::sleep_for(1500ms);
       r.set_content("late", "text/plain");
     });
+    s.Get("/pause", [](const httplib::Request&, httplib::Response& r) {
+      std::this_thread::sleep_for(300ms);
+      r.set_content("paused", "text/plain");
+    });
     s.Get("/big", [](const httplib::Request&, httplib::Response& r) {
       r.set_content(std::string(3 << 20, 'x'), "application/octet-stream");
     });
@@ -318,6 +324,39 @@ TEST_F(SessionTest, TransportErrorsCarryTheUrlLoadingCodes) {
   }
 }
 
+// Timeouts too large for the clock's arithmetic mean no limit, not an instant one.
+TEST_F(SessionTest, HugeTimeoutsMeanNoLimit) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  for (double timeout : {1e10, 1e300, kInfinity}) {
+    auto recorder = std::make_shared<Recorder>();
+    auto s = session(recorder);
+    s->dataTask(requestFor(server.url("/pause"), timeout))->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << timeout;
+    EXPECT_EQ(recorder->events(), (Events{"response 200 6", "complete ok"})) << timeout;
+  }
+  // The session's default, used when the request sets none.
+  auto configuration = UrlSessionConfiguration::defaultConfiguration();
+  configuration.timeoutIntervalForRequest = kInfinity;
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(configuration, recorder);
+  s->dataTask(requestFor(server.url("/pause"), 0))->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  EXPECT_EQ(recorder->events(), (Events{"response 200 6", "complete ok"}));
+
+  // The wait for the delegate's trust answer is bounded by the same timeout.
+  test::SelfSignedCertificate certificate;
+  test::TestServer secure(&certificate);
+  secure.server().Get("/", [](const httplib::Request&, httplib::Response& r) { r.set_content("tls", "text/plain"); });
+  secure.start();
+  auto trusting = std::make_shared<Recorder>();
+  trusting->trustAnswer = AuthChallengeDisposition::useCredential;
+  trusting->credentialFromTrust = true;
+  auto s2 = session(trusting);
+  s2->dataTask(requestFor(secure.url("/"), kInfinity))->resume();
+  ASSERT_TRUE(trusting->waitForCompletions(1));
+  EXPECT_EQ(trusting->events(), (Events{"challenge untrusted", "response 200 3", "complete ok"}));
+}
+
 TEST_F(SessionTest, CancelStopsASlowBodyAndClosesTheConnection) {
   std::atomic<bool> firstSent{false};
   test::RawServer slow([&](const test::RawServer::Writer& write) {
@@ -425,6 +464,8 @@ TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
          w("\r\n");
        },
        -1011},
+      {"one header line over 100 KiB",
+       [](auto& w) { w("HTTP/1.1 200 OK\r\nX-Long: " + std::string(200 * 1024, 'y') + "\r\n\r\n"); }, -1011},
       {"closed mid-body", [](auto& w) { w("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nshort"); }, -1005},
       {"nothing at all", [](auto&) {}, -1005},
   };
@@ -522,6 +563,116 @@ TEST(SessionConnectionTest, PlainConnectionsServeLaterSessionsButTlsConnectionsN
   seen = portsSeen();
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_NE(seen[0], seen[1]);
+}
+
+}  // namespace
+}  // namespace kp
+
+namespace kp {
+namespace {
+
+// A body set on a GET goes out with it, as the caller asked (and as the request's cache key
+// says); a HEAD cannot carry one and is refused without being sent. Without a body nothing
+// announces one.
+TEST(SessionRequestTest, AGetSendsItsBodyAndAHeadWithABodyIsRefused) {
+  std::mutex mutex;
+  std::vector<std::string> received;
+  test::RawServer raw([&](const std::string& request, const test::RawServer::Writer& write) {
+    {
+      std::lock_guard lock(mutex);
+      received.push_back(request);
+    }
+    write(request.starts_with("HEAD") ? "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n"
+                                      : "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello");
+  });
+  auto lastReceived = [&] {
+    std::lock_guard lock(mutex);
+    return received.empty() ? std::string() : received.back();
+  };
+  struct Case {
+    const char* method;
+    std::optional<std::string> body;
+    Events events;
+    const char* sentBody;  // null: nothing sent
+  };
+  const Case cases[] = {
+      {"GET", "q=1", {"response 200 5", "complete ok"}, "q=1"},
+      {"GET", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"HEAD", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"HEAD", "q=1", {"complete -1103"}, nullptr},
+  };
+  for (const auto& c : cases) {
+    const std::string before = lastReceived();
+    auto recorder = std::make_shared<Recorder>();
+    auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+    auto request = requestFor(raw.url("/q"), 5);
+    request.httpMethod = c.method;
+    if (c.body) request.httpBody = Data::fromString(*c.body);
+    auto task = s->dataTask(request);
+    task->resume();
+    ASSERT_TRUE(recorder->waitForCompletions(1)) << c.method;
+    EXPECT_EQ(recorder->events(), c.events) << c.method;
+    if (!c.sentBody) {
+      EXPECT_EQ(task->error()->localizedDescription(), "A HEAD request cannot carry a body.");
+      EXPECT_EQ(lastReceived(), before);
+      continue;
+    }
+    const std::string sent = lastReceived();
+    EXPECT_TRUE(sent.starts_with(std::string(c.method) + " /q HTTP/1.1\r\n")) << sent;
+    EXPECT_TRUE(sent.ends_with(std::string("\r\n\r\n") + c.sentBody)) << sent;
+    EXPECT_EQ(sent.find("Content-Length") != std::string::npos, c.body.has_value()) << sent;
+  }
+}
+
+// Servers spell header names as they like, and HTTP/2 sends them all in lower case; the
+// delegate sees one spelling per name, so that exact lookups find what the server sent.
+TEST(SessionHeaderTest, NamesTakeOneSpellingWhateverTheServerWrote) {
+  test::RawServer raw([](const test::RawServer::Writer& write) {
+    write(
+        "HTTP/1.1 200 OK\r\n"
+        "content-type: text/plain\r\n"
+        "etag: \"v7\"\r\n"
+        "www-authenticate: Basic realm=\"x\"\r\n"
+        "x-forecast-RUN: a\r\n"
+        "X-Forecast-Run: b\r\n"
+        "Content-Length: 2\r\n\r\nok");
+  });
+  auto recorder = std::make_shared<Recorder>();
+  auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);
+  auto task = s->dataTask(requestFor(raw.url("/"), 5));
+  task->resume();
+  ASSERT_TRUE(recorder->waitForCompletions(1));
+  ASSERT_TRUE(task->response());
+  EXPECT_EQ(task->response()->allHeaderFields(), (std::map<std::string, std::string>{
+                                                     {"Content-Length", "2"},
+                                                     {"Content-Type", "text/plain"},
+                                                     {"ETag", "\"v7\""},
+                                                     {"WWW-Authenticate", "Basic realm=\"x\""},
+                                                     {"X-Forecast-Run", "a, b"},
+                                                 }));
+  EXPECT_EQ(task->response()->headerFields().size(), 6u);
+  EXPECT_EQ(task->response()->value("x-forecast-run"), "a, b");
+
+  if (!test::Http2Server::binary()) GTEST_SKIP() << "nghttpd is missing (Debian package nghttp2-server)";
+  test::TempDir folder;
+  std::ofstream(folder.path() / "forecast.json") << R"({"t":21})";
+  test::SelfSignedCertificate certificate;
+  test::Http2Server http2(folder.path(), certificate);
+  auto overHttp2 = std::make_shared<Recorder>();
+  overHttp2->trustAnswer = AuthChallengeDisposition::useCredential;
+  overHttp2->credentialFromTrust = true;
+  auto s2 = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), overHttp2);
+  auto task2 = s2->dataTask(requestFor(http2.url("/forecast.json")));
+  task2->resume();
+  ASSERT_TRUE(overHttp2->waitForCompletions(1));
+  EXPECT_EQ(overHttp2->events(), (Events{"challenge untrusted", "response 200 8", "complete ok"}));
+  EXPECT_EQ(overHttp2->body(), R"({"t":21})");
+  HttpResponse response;
+  response.headers = task2->response()->allHeaderFields();
+  EXPECT_EQ(response.contentType(), "application/json");
+  EXPECT_TRUE(response.lastModifiedDate());
+  EXPECT_TRUE(response.sentDate());
+  EXPECT_EQ(response.headers.count("Content-Length"), 1u);
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
-// Test helpers: HTTP and HTTPS servers on 127.0.0.1 (cpp-httplib), a raw TCP server that
-// answers every connection with fixed bytes, and a self-signed certificate made at run time.
-// Only the request tests link these.
+// Test helpers: HTTP and HTTPS servers on 127.0.0.1 (cpp-httplib), an HTTP/2 server (nghttpd)
+// serving a folder, a raw TCP server that answers every connection with fixed bytes, and a
+// self-signed certificate made at run time. Only the request tests link these.
 #pragma once
 
 #include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -51,12 +52,35 @@ class TestServer {
   std::thread thread_;
 };
 
-// Accepts connections one after another; reads the request head, then calls `answer` with
-// a function that writes bytes to the client; the connection closes when `answer` returns.
+// nghttpd on 127.0.0.1, speaking only HTTP/2 over TLS, serving the files of a folder with
+// lower-case header names as HTTP/2 requires. Started by the constructor (which throws when
+// it does not come up within a few seconds), killed by the destructor.
+class Http2Server {
+ public:
+  // Where nghttpd is installed, if it is.
+  [[nodiscard]] static std::optional<std::filesystem::path> binary();
+
+  Http2Server(const std::filesystem::path& folder, const SelfSignedCertificate& certificate);
+  ~Http2Server();
+  Http2Server(const Http2Server&) = delete;
+  Http2Server& operator=(const Http2Server&) = delete;
+  [[nodiscard]] std::string url(const std::string& path) const;
+
+ private:
+  void stop();
+  int pid_ = -1;
+  int port_ = 0;
+};
+
+// Accepts connections one after another; reads the request head (and a body as long as its
+// Content-Length says), then calls `answer` with a function that writes bytes to the client;
+// the connection closes when `answer` returns.
 class RawServer {
  public:
   using Writer = std::function<bool(const std::string&)>;
   explicit RawServer(std::function<void(const Writer&)> answer);
+  // `answer` also gets the request as received: head, blank line and body.
+  explicit RawServer(std::function<void(const std::string& request, const Writer&)> answer);
   ~RawServer();
   RawServer(const RawServer&) = delete;
   RawServer& operator=(const RawServer&) = delete;
@@ -66,7 +90,7 @@ class RawServer {
 
  private:
   void run();
-  std::function<void(const Writer&)> answer_;
+  std::function<void(const std::string&, const Writer&)> answer_;
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};

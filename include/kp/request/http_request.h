@@ -52,8 +52,11 @@ class HttpRequestType : public RequestType {
   virtual void setCompletionHandler(RequestCompletionHandler handler) = 0;
   [[nodiscard]] virtual const std::shared_ptr<RequestCacheConfig>& cacheConfig() const = 0;
   virtual void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) = 0;
+  // May be null: the request then runs with the default configuration (httpConfigOrDefault).
   [[nodiscard]] virtual const std::shared_ptr<HttpRequestConfig>& httpConfig() const = 0;
   virtual void setHttpConfig(std::shared_ptr<HttpRequestConfig> config) = 0;
+  // What the request runs with: httpConfig(), or a default configuration when it has none.
+  [[nodiscard]] const HttpRequestConfig& httpConfigOrDefault() const;
   [[nodiscard]] virtual const Url& url() const = 0;
   virtual void setUrl(Url url) = 0;
   // Where the completion handler runs; with none, it runs on the completing thread.

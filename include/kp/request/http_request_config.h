@@ -34,6 +34,12 @@ class HttpRequestConfig {
   std::map<std::string, std::string> headers;
   HttpRequestMethod method = HttpRequestMethod::get;
   TimeInterval timeoutInterval = 10.0;
+  // Does NOT make an untrusted certificate acceptable. When set, the handler answers every
+  // server-trust challenge with "cancel" together with a credential made from the trust (a
+  // deliberate pairing, kept for compatibility): the TLS handshake is cancelled and the
+  // request ends cancelled without calling its completion at all, whether the certificate is
+  // trusted or not. Left unset, certificates are verified as usual. To accept an untrusted
+  // certificate, answer the challenge with useCredential from a handler subclass.
   bool acceptUntrustedSSLCertificate = false;
   // Sent as "If-None-Match" when present and non-empty.
   std::optional<std::string> etag;

@@ -46,6 +46,8 @@ class UrlRequest {
   std::string httpMethod = "GET";
   TimeInterval timeoutInterval = kDefaultTimeoutInterval;
   UrlRequestCachePolicy cachePolicy = UrlRequestCachePolicy::useProtocolCachePolicy;
+  // Sent with any method, GET included; a HEAD with a body is refused (its task fails with
+  // UrlError::dataLengthExceedsMaximum), since a HEAD answer cannot be read after one.
   std::optional<Data> httpBody;
 
   [[nodiscard]] const std::vector<HeaderField>& allHTTPHeaderFields() const noexcept { return headers_; }

@@ -85,7 +85,8 @@ struct UrlSessionConfiguration {
   [[nodiscard]] static UrlSessionConfiguration defaultConfiguration() { return {}; }
 
   // Used when a request's own timeout is not positive. Timeouts are idle times: the task
-  // fails when nothing moves for that long.
+  // fails when nothing moves for that long. Infinity and values beyond ten years mean ten
+  // years, which is no limit in practice.
   TimeInterval timeoutIntervalForRequest = 60.0;
   // Sent with every request unless the request sets the field itself.
   std::map<std::string, std::string> httpAdditionalHeaders;
@@ -94,17 +95,25 @@ struct UrlSessionConfiguration {
 };
 
 // A received HTTP response head.
+//
+// Field names take one canonical spelling whatever the server wrote (HTTP/2 sends every name
+// in lower case, and HTTP/1 servers write "Content-type" and the like): the usual spelling of
+// well-known names ("ETag", "WWW-Authenticate") and otherwise each hyphen-separated word
+// capitalised ("content-type" -> "Content-Type", "x-request-id" -> "X-Request-Id"), so that
+// exact lookups in allHeaderFields() find what the server sent.
 class HttpUrlResponse {
  public:
   using HeaderField = std::pair<std::string, std::string>;
 
+  // Gives the names of `headerFields` their canonical spelling.
   HttpUrlResponse(Url url, int statusCode, std::vector<HeaderField> headerFields);
 
   [[nodiscard]] const Url& url() const noexcept { return url_; }
   [[nodiscard]] int statusCode() const noexcept { return statusCode_; }
-  // Every field as received, in order, duplicates kept.
+  // Every field as received, in order, duplicates kept; names in canonical spelling.
   [[nodiscard]] const std::vector<HeaderField>& headerFields() const noexcept { return headerFields_; }
-  // One entry per field name (first spelling kept); repeated fields joined with ", ".
+  // One entry per canonical field name; repeated fields (also "Set-Cookie", whose reader
+  // splits them again) joined with ", " in the order received.
   [[nodiscard]] const std::map<std::string, std::string>& allHeaderFields() const noexcept { return allHeaderFields_; }
   // Looks the field up without regard to case.
   [[nodiscard]] std::optional<std::string> value(std::string_view field) const;

@@ -1,0 +1,167 @@
+// The state of a session and the work of its driver, split by job over the files of this
+// folder:
+//   session_driver.cc    the driver loop, its commands, timeouts and invalidation
+//   session_transfer.cc  libcurl set-up of a hop, and the head, body and progress callbacks
+//   session_delivery.cc  delegate callbacks in order, the delegate's answers, task ends
+//   session_trust.cc     the server-trust question inside the TLS handshake
+// Internal to the session layer; not installed.
+//
+// Thread safety: members under "mutex" may be used from any thread with the lock held;
+// members marked "driver thread only" belong to the session's driver, which also runs every
+// member function except post(), wake() and deliver() (any thread) and the delegate-queue
+// steps named so.
+#pragma once
+
+#include <curl/curl.h>
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "kp/request/url_session.h"
+#include "platform/spin_wait.h"
+#include "request/header_text.h"
+#include "request/session/task_state.h"
+#include "request/session/transport.h"
+
+namespace kp {
+
+namespace internal {
+
+inline constexpr int kMaximumRedirects = 16;
+// Body bytes kept while the delegate decides about a response (or a redirect).
+inline constexpr std::size_t kMaximumHeldBody = 1 << 20;
+// Data handed to the delegate queue but not yet consumed; beyond it the transfer pauses.
+inline constexpr std::int64_t kMaximumPendingBytes = 8 << 20;
+inline constexpr std::int64_t kResumePendingBytes = 2 << 20;
+
+using TrustDecision = std::pair<AuthChallengeDisposition, std::shared_ptr<const UrlCredential>>;
+
+[[nodiscard]] inline bool isHttpScheme(const Url& url) {
+  return equalsIgnoringCase(url.scheme(), "http") || equalsIgnoringCase(url.scheme(), "https");
+}
+
+}  // namespace internal
+
+struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
+  using Clock = internal::Clock;
+  using TaskPtr = std::shared_ptr<UrlSessionTask>;
+  using Delivery = std::function<void(UrlSession&, UrlSessionDelegate&)>;
+
+  Impl(UrlSessionConfiguration config, std::shared_ptr<UrlSessionDelegate> sessionDelegate,
+       std::shared_ptr<DispatchQueue> queue);
+  ~Impl();
+
+  const UrlSessionConfiguration configuration;
+  const std::shared_ptr<DispatchQueue> delegateQueue;
+  std::weak_ptr<UrlSession> owner;
+  // The driver thread uses it without the lock; it alone changes it, under the lock, when
+  // the session has ended. Other threads only wake its multi handle, under the lock.
+  internal::Transport transport;
+
+  mutable std::mutex mutex;
+  std::shared_ptr<UrlSessionDelegate> delegate;  // guarded by mutex
+  std::shared_ptr<UrlSession> keepAlive;         // guarded by mutex
+  std::deque<std::function<void()>> commands;    // guarded by mutex
+  // !commands.empty(), for a spinning driver to watch without the lock.
+  std::atomic<bool> pendingCommands{false};
+  std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks;  // guarded by mutex
+  std::uint64_t nextTaskIdentifier = 1;                                        // guarded by mutex
+  bool threadRunning = false;                                                  // guarded by mutex
+  // The driver thread sleeps in curl_multi_poll (or is about to): commands must wake it.
+  bool polling = false;          // guarded by mutex
+  bool invalidated = false;      // guarded by mutex
+  bool ended = false;            // guarded by mutex
+  std::size_t runningCount = 0;  // guarded by mutex
+
+  // Driver thread only.
+  std::unordered_map<std::uint64_t, TaskPtr> running;
+  // Heads completed during this pass whose disposition question is still to be asked.
+  std::vector<TaskPtr> deferredHeads;
+  // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
+  std::size_t handedOver = 0;
+  // A transfer has used https (its connections must not outlive the session).
+  bool carriedTls = false;
+  bool invalidating = false;
+  bool invalidationDone = false;
+  internal::SpinWait transferSpin{internal::kDriverSpin};
+  internal::SpinWait idleSpin{internal::kDriverSpin};
+
+  // MARK: Any thread (session_driver.cc, session_delivery.cc)
+
+  // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
+  void post(std::function<void()> command, bool urgent = true);
+  // Wakes the driver from its poll, if the session still has a transport.
+  void wake();
+  // Queues a delegate callback; false when there is no delegate any more.
+  // `mayRunHere` false: always on another thread, for body data, whose handling then overlaps
+  // with receiving the next piece.
+  bool deliver(Delivery call, bool mayRunHere = true);
+
+  // MARK: The driver (session_driver.cc)
+
+  void run();
+  void endInvalidation();
+  void releaseTransport(internal::Transport done);
+  void waitForWork(int waitMs);
+  void waitInPoll(int waitMs);
+  void start(const TaskPtr& task);
+  void beginHop(const TaskPtr& task);
+  void cancel(const TaskPtr& task);
+  void forget(UrlSessionTask::Impl& t);
+  void invalidate(bool cancelRunning);
+  void checkInvalidationDone();
+  void releaseAfterInvalidation();
+  void readMessages();
+  void transferDone(const TaskPtr& task, CURLcode code);
+  int expireTimeouts();
+
+  // MARK: Transfers (session_transfer.cc)
+
+  void configure(UrlSessionTask::Impl& t);
+  static std::shared_ptr<Impl> sessionOf(UrlSessionTask::Impl& t) { return t.session.lock(); }
+  static size_t onHeader(char* buffer, size_t size, size_t count, void* user);
+  void headComplete(UrlSessionTask::Impl& t);
+  static size_t onWrite(char* bytes, size_t size, size_t count, void* user);
+  bool consumeBody(const TaskPtr& task, const void* bytes, size_t length);
+  static int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded);
+  ErrorPtr errorFor(UrlSessionTask::Impl& t, CURLcode code);
+  void releaseTransfer(UrlSessionTask::Impl& t);
+  void detach(UrlSessionTask::Impl& t);
+  bool openDownloadFile(UrlSessionTask::Impl& t);
+
+  // MARK: Delegate callbacks and answers (session_delivery.cc)
+
+  void completeUnstarted(const TaskPtr& task);
+  void answerResponse(const TaskPtr& task, ResponseDisposition disposition);
+  void askForRedirect(const TaskPtr& task);
+  void answerRedirect(const TaskPtr& task, std::optional<UrlRequest> next);
+  void unpause(const TaskPtr& task);
+  void askDeferred();
+  void deliverWhole(const TaskPtr& task);
+  // Delegate queue.
+  void finishWhole(UrlSession& s, UrlSessionDelegate& d, const TaskPtr& task, ResponseDisposition disposition,
+                   internal::WholeTransfer& whole);
+  void settle(const TaskPtr& task);
+  void askForDisposition(const TaskPtr& task);
+  void finish(const TaskPtr& taskRef, ErrorPtr error);
+
+  // MARK: Trust (session_trust.cc)
+
+  static CURLcode onSslContext(CURL*, void* context, void* user);
+  static int onVerify(X509_STORE_CTX* context, void* user);
+  // Asks the delegate and waits; nothing when the task was cancelled or timed out meanwhile.
+  std::optional<internal::TrustDecision> askTrust(UrlSessionTask::Impl& t,
+                                                  const std::shared_ptr<const ServerTrust>& trust);
+};
+
+}  // namespace kp
