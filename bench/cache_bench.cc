@@ -4,11 +4,16 @@
 //   saves against a stream writing the file in place and against a temporary file renamed
 //   without flushing it (what the store's flush to disk costs); loads and a trim of 10,000
 //   files.
+// The cache controller against its stores: a memory hit against the memory store's lookup, a
+// database hit against the database's load, 100,000 background saves against the database's
+// own save loop, and a cold start over 100,000 rows against opening the file with raw SQLite.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +21,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "kp/cache/cache_controller.h"
 #include "kp/cache/cache_database.h"
 #include "kp/cache/file_storage.h"
 #include "kp/cache/memory_storage.h"
@@ -230,5 +236,179 @@ void BM_FileStorageTrim10000Files(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_FileStorageTrim10000Files)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// ---- the controller ----
+
+std::unique_ptr<kp::CacheController> openController(const fs::path& dir) {
+  kp::CacheController::Options options;
+  options.directory = dir;
+  return std::make_unique<kp::CacheController>(options);
+}
+
+kp::CacheItemConfiguration retained(bool inMemory) {
+  kp::CacheItemConfiguration config(3600);
+  config.retainInBackStore = true;
+  config.retainInMemory = inMemory;
+  return config;
+}
+
+std::vector<std::string> keys(int count) {
+  std::vector<std::string> out;
+  for (int i = 0; i < count; ++i) out.push_back("forecast/" + std::to_string(i));
+  return out;
+}
+
+void BM_ControllerMemoryHit(benchmark::State& state) {
+  auto cache = openController(freshDir("controller-memory"));
+  const auto names = keys(1000);
+  for (const auto& key : names) {
+    cache->set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kPayload), kp::CacheItemConfiguration()), key);
+  }
+  std::size_t i = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(cache->getCacheItem(names[i++ % names.size()]));
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ControllerMemoryHit);
+
+// 1 KiB serialized entries kept only in the database: every read decodes a row.
+void BM_ControllerDatabaseHit(benchmark::State& state) {
+  auto cache = openController(freshDir("controller-database"));
+  const auto names = keys(1000);
+  for (const auto& key : names)
+    cache->set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kPayload), retained(false)), key);
+  cache->waitForBackgroundWork();
+  std::size_t i = 0;
+  for (auto _ : state) {
+    if (!cache->getCacheItem(names[i++ % names.size()])) state.SkipWithError("a row is missing");
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ControllerDatabaseHit);
+
+constexpr int kBulk = 100000;
+
+std::vector<std::shared_ptr<kp::CacheItem>> bulkEntries() {
+  std::vector<std::shared_ptr<kp::CacheItem>> entries;
+  for (int i = 0; i < kBulk; ++i)
+    entries.push_back(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kPayload), retained(true)));
+  return entries;
+}
+
+// Bytes the process has allocated and not freed (glibc's count).
+std::int64_t heapInUse() { return static_cast<std::int64_t>(mallinfo2().uordblks); }
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The baseline: the database's own loop, encoding and saving each entry in turn.
+void BM_Baseline_DatabaseEncodeLoop100k(benchmark::State& state) {
+  const auto entries = bulkEntries();
+  const auto names = keys(kBulk);
+  for (auto _ : state) {
+    state.PauseTiming();
+    kp::CacheControllerDatabase db("centralcache.db", freshDir("encode-loop"));
+    db.prepare();
+    state.ResumeTiming();
+    for (int i = 0; i < kBulk; ++i) db.encode(*entries[i], names[i]);
+  }
+  state.counters["rows_per_s"] =
+      benchmark::Counter(kBulk * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_Baseline_DatabaseEncodeLoop100k)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+// The baseline of the calls: the memory store's own set of the same entries.
+void BM_Baseline_MemoryStorageSet100k(benchmark::State& state) {
+  const auto entries = bulkEntries();
+  const auto names = keys(kBulk);
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto memory = std::make_unique<kp::CacheMemoryStorage>();
+    const auto heapBefore = heapInUse();
+    state.ResumeTiming();
+    for (int i = 0; i < kBulk; ++i) memory->set(entries[i], names[i]);
+    state.PauseTiming();
+    state.counters["heap_growth_MiB"] = static_cast<double>(heapInUse() - heapBefore) / (1 << 20);
+    memory.reset();
+    state.ResumeTiming();
+  }
+  state.counters["set_calls_per_s"] =
+      benchmark::Counter(kBulk * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_Baseline_MemoryStorageSet100k)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+// 100,000 sets of entries kept in memory and the database: the time until every row has landed,
+// with the rate of the calls themselves and the most background work waiting at once.
+void BM_ControllerSet100k(benchmark::State& state) {
+  const auto entries = bulkEntries();
+  const auto names = keys(kBulk);
+  double callSeconds = 0;
+  kp::CacheBackgroundStatistics stats;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto cache = openController(freshDir("controller-set"));
+    state.ResumeTiming();
+    const auto heapBefore = heapInUse();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kBulk; ++i) cache->set(entries[i], names[i]);
+    callSeconds += secondsSince(start);
+    // The memory store's share is the baseline's; the rest is the backlog of saves.
+    state.counters["heap_growth_MiB"] = static_cast<double>(heapInUse() - heapBefore) / (1 << 20);
+    cache->waitForBackgroundWork();
+    state.PauseTiming();
+    if (cache->databaseItemCount() != kBulk) state.SkipWithError("not every row landed");
+    stats = cache->backgroundStatistics();
+    cache.reset();
+    state.ResumeTiming();
+  }
+  const double calls = kBulk * static_cast<double>(state.iterations());
+  state.counters["set_calls_per_s"] = calls / callSeconds;
+  state.counters["rows_per_s"] = benchmark::Counter(calls, benchmark::Counter::kIsRate);
+  state.counters["peak_pending_tasks"] = static_cast<double>(stats.peakTasks);
+  state.counters["peak_pending_MiB"] = static_cast<double>(stats.peakBytes) / (1 << 20);
+}
+BENCHMARK(BM_ControllerSet100k)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+// A database of 100,000 rows, made once.
+const fs::path& bigDatabaseFolder() {
+  static const fs::path dir = [] {
+    auto folder = freshDir("cold-start");
+    auto cache = openController(folder);
+    const auto names = keys(kBulk);
+    for (const auto& key : names)
+      cache->set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kPayload), retained(false)), key);
+    cache->waitForBackgroundWork();
+    return folder;
+  }();
+  return dir;
+}
+
+void BM_Baseline_RawSqliteOpenAndFirstRead100k(benchmark::State& state) {
+  const auto path = bigDatabaseFolder() / "centralcache.db";
+  for (auto _ : state) {
+    sqlite3* db = nullptr;
+    sqlite3_open(path.c_str(), &db);
+    sqlite3_stmt* select = nullptr;
+    sqlite3_prepare_v2(db, "SELECT data FROM cache WHERE id = ?;", -1, &select, nullptr);
+    sqlite3_bind_text(select, 1, "forecast/4242", -1, SQLITE_STATIC);
+    if (sqlite3_step(select) != SQLITE_ROW) state.SkipWithError("no row");
+    sqlite3_finalize(select);
+    sqlite3_close(db);
+  }
+}
+BENCHMARK(BM_Baseline_RawSqliteOpenAndFirstRead100k)->Unit(benchmark::kMicrosecond);
+
+// Opening the controller over 100,000 rows and reading one entry.
+void BM_ControllerColdStart100k(benchmark::State& state) {
+  const auto& dir = bigDatabaseFolder();
+  for (auto _ : state) {
+    auto cache = openController(dir);
+    if (!cache->getCacheItem("forecast/4242")) state.SkipWithError("no entry");
+    state.PauseTiming();
+    cache.reset();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(BM_ControllerColdStart100k)->Unit(benchmark::kMicrosecond)->Iterations(20);
 
 }  // namespace

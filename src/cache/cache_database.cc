@@ -2,6 +2,7 @@
 // lock; every failure yields the empty result.
 #include "kp/cache/cache_database.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -23,6 +24,7 @@ constexpr std::string_view kSave =
     "INSERT OR REPLACE INTO cache (id, cacheType, groupName, rollingExpiration, autoExpiration, data, timestamp, "
     "maximum_age) VALUES (?, ?, ?, ?, ?, ?, ?, ?);";
 constexpr std::string_view kLoad = "SELECT data FROM cache WHERE id = ?;";
+constexpr std::string_view kLoadWithTimestamp = "SELECT data, timestamp FROM cache WHERE id = ?;";
 constexpr std::string_view kSelectType = "SELECT cacheType FROM cache WHERE id = ? LIMIT 1";
 constexpr std::string_view kSelectGroup = "SELECT groupName FROM cache WHERE id = ? LIMIT 1";
 constexpr std::string_view kDelete = "DELETE FROM cache WHERE id = ?;";
@@ -34,6 +36,13 @@ constexpr std::string_view kSelectExpired =
 constexpr std::string_view kDeleteExpired =
     "DELETE FROM cache WHERE maximum_age > 0 AND timestamp + maximum_age < ? AND autoExpiration = ?;";
 constexpr std::string_view kSelectFileKeys = "SELECT id, data FROM cache WHERE cacheType >= 1 ORDER BY timestamp ASC;";
+constexpr std::string_view kSelectSummaries =
+    "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
+    "length(data) AS dataSize FROM cache ORDER BY timestamp ASC;";
+constexpr std::string_view kSelectSummary =
+    "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
+    "length(data) AS dataSize FROM cache WHERE id = ?;";
+constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kVacuum = "VACUUM;";
 // The log holds every page written since the last checkpoint; VACUUM writes them all.
 constexpr std::string_view kCheckpointAndTruncate = "PRAGMA wal_checkpoint(TRUNCATE);";
@@ -48,7 +57,36 @@ std::int32_t wholeSeconds(double seconds, const char* what) {
   return static_cast<std::int32_t>(seconds);  // the fraction is dropped
 }
 
-std::int32_t nowSeconds() { return wholeSeconds(std::floor(Date::now().timeIntervalSince1970()), "clock"); }
+std::int32_t nowSeconds(Date now) { return wholeSeconds(std::floor(now.timeIntervalSince1970()), "clock"); }
+
+// The columns of a row listing.
+enum class SummaryColumns { id, group, type, timestamp, maximumAge, rolling, autoExpiration, dataSize, count, data };
+
+std::string_view sqliteColumnName(SummaryColumns column) noexcept {
+  switch (column) {
+    case SummaryColumns::id:
+      return "id";
+    case SummaryColumns::group:
+      return "groupName";
+    case SummaryColumns::type:
+      return "cacheType";
+    case SummaryColumns::timestamp:
+      return "timestamp";
+    case SummaryColumns::maximumAge:
+      return "maximum_age";
+    case SummaryColumns::rolling:
+      return "rollingExpiration";
+    case SummaryColumns::autoExpiration:
+      return "autoExpiration";
+    case SummaryColumns::dataSize:
+      return "dataSize";
+    case SummaryColumns::count:
+      return "count";
+    case SummaryColumns::data:
+      return "data";
+  }
+  return "";
+}
 
 // Encodes the file URL of a path: the characters that a URL cannot carry as they are.
 std::string fileUrlOf(const std::filesystem::path& path) {
@@ -146,6 +184,9 @@ void CacheControllerDatabase::configureConnection() {
   // Once a checkpoint has emptied the log, its file shrinks back to this size instead of
   // keeping the largest size it ever reached.
   (void)runPragma("PRAGMA journal_size_limit=1048576;");
+  // Another process (kpcore on a live cache) may hold the write lock for a moment: wait for
+  // it rather than drop the statement.
+  (void)runPragma("PRAGMA busy_timeout=2000;");
 }
 
 void CacheControllerDatabase::prepare() {
@@ -211,17 +252,20 @@ struct Coding<CodedEntry> {
   static void encode(Encoder& encoder, const CodedEntry& coded) { coded.entry.encode(encoder); }
 };
 
-void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view key) {
-  std::optional<Data> data;
+std::optional<Data> CacheControllerDatabase::encodeEntry(const Cacheable& entry) {
   try {
-    data = PropertyListEncoder().encode(CodedEntry{entry});
+    return PropertyListEncoder().encode(CodedEntry{entry});
   } catch (const std::exception&) {
-    return;  // an entry that cannot be encoded is not stored
+    return std::nullopt;
   }
-  saveRecord(*data, entry, key);
 }
 
-void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
+void CacheControllerDatabase::encode(const Cacheable& entry, std::string_view key) {
+  // An entry that cannot be encoded is not stored.
+  if (auto data = encodeEntry(entry)) saveRecord(*data, entry, key);
+}
+
+bool CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entry, std::string_view key) {
   const auto& config = entry.cacheConfiguration();
   std::vector<SQLiteValue> bindings{
       SQLiteValue(std::string(key)),
@@ -234,20 +278,20 @@ void CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entr
       SQLiteValue(wholeSeconds(config.maximumAge, "maximum age")),
   };
   std::lock_guard lock(mutex_);
-  (void)run(kSave, bindings);
+  return run(kSave, bindings);
 }
 
-std::vector<SQLiteRow<CacheItemColumns>> CacheControllerDatabase::rows(std::string_view sql,
-                                                                       const std::vector<SQLiteValue>& bindings,
-                                                                       bool firstOnly) {
+template <SQLiteColumn Column>
+std::vector<SQLiteRow<Column>> CacheControllerDatabase::rows(std::string_view sql,
+                                                             const std::vector<SQLiteValue>& bindings, bool firstOnly) {
   if (!db_) return {};
   try {
     auto statement = db_->createPreparedStatement(sql, bindings);
-    std::vector<SQLiteRow<CacheItemColumns>> result;
+    std::vector<SQLiteRow<Column>> result;
     if (firstOnly) {
-      if (auto row = statement->readRow<CacheItemColumns>()) result.push_back(std::move(*row));
+      if (auto row = statement->template readRow<Column>()) result.push_back(std::move(*row));
     } else {
-      result = statement->readAllRows<CacheItemColumns>();
+      result = statement->template readAllRows<Column>();
     }
     statement->finalize();
     return result;
@@ -260,6 +304,17 @@ std::optional<Data> CacheControllerDatabase::loadCacheData(std::string_view key)
   std::lock_guard lock(mutex_);
   auto found = rows(kLoad, {SQLiteValue(std::string(key))}, true);
   return found.empty() ? std::nullopt : found.front().data(CacheItemColumns::data);
+}
+
+std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::loadCacheDataAndTimestamp(
+    std::string_view key) {
+  std::lock_guard lock(mutex_);
+  auto found = rows<SummaryColumns>(kLoadWithTimestamp, {SQLiteValue(std::string(key))}, true);
+  if (found.empty()) return std::nullopt;
+  auto data = found.front().data(SummaryColumns::data);
+  if (!data) return std::nullopt;
+  const auto seconds = found.front().int32(SummaryColumns::timestamp).value_or(0);
+  return StoredData{std::move(*data), Date::fromTimeIntervalSince1970(seconds)};
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {
@@ -299,17 +354,17 @@ void CacheControllerDatabase::updateTimestamp(std::string_view key, const Cachea
   (void)run(kUpdateTimestamp, {SQLiteValue(seconds), SQLiteValue(std::string(key))});
 }
 
-std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type) {
-  const auto now = nowSeconds();
+std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type, Date now) {
+  const auto seconds = nowSeconds(now);
   std::lock_guard lock(mutex_);
-  return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(now)}));
+  return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(seconds)}));
 }
 
-void CacheControllerDatabase::removeExpiredItems() {
-  const auto now = nowSeconds();
+void CacheControllerDatabase::removeExpiredItems(Date now) {
+  const auto seconds = nowSeconds(now);
   {
     std::lock_guard lock(mutex_);
-    (void)run(kDeleteExpired, {SQLiteValue(now), SQLiteValue(std::int32_t{1})});
+    (void)run(kDeleteExpired, {SQLiteValue(seconds), SQLiteValue(std::int32_t{1})});
   }
   vacuum();
 }
@@ -318,6 +373,48 @@ std::vector<CacheKeyAndGroup> CacheControllerDatabase::getFileCacheKeysSortedByC
   std::lock_guard lock(mutex_);
   // The statement selects no group, so every group comes back absent.
   return keysAndGroups(rows(kSelectFileKeys, {}));
+}
+
+std::vector<CacheRowSummary> CacheControllerDatabase::summaries(std::string_view sql,
+                                                                const std::vector<SQLiteValue>& bindings) {
+  std::vector<SQLiteRow<SummaryColumns>> found;
+  {
+    std::lock_guard lock(mutex_);
+    found = rows<SummaryColumns>(sql, bindings);
+  }
+  std::vector<CacheRowSummary> result;
+  result.reserve(found.size());
+  for (const auto& row : found) {
+    auto key = row.string(SummaryColumns::id);
+    if (!key) continue;
+    CacheRowSummary summary;
+    summary.key = std::move(*key);
+    summary.group = row.string(SummaryColumns::group);
+    const auto type = row.int32(SummaryColumns::type);
+    summary.type = type ? cacheItemTypeFromRawValue(*type) : std::nullopt;
+    summary.timestamp = Date::fromTimeIntervalSince1970(row.int32(SummaryColumns::timestamp).value_or(0));
+    summary.maximumAge = row.int32(SummaryColumns::maximumAge).value_or(0);
+    summary.rollingExpiration = row.int32(SummaryColumns::rolling).value_or(0) != 0;
+    summary.autoExpiration = row.int32(SummaryColumns::autoExpiration).value_or(0) != 0;
+    summary.dataSize = static_cast<std::uint64_t>(std::max(0, row.int32(SummaryColumns::dataSize).value_or(0)));
+    result.push_back(std::move(summary));
+  }
+  return result;
+}
+
+std::vector<CacheRowSummary> CacheControllerDatabase::getRowSummaries() { return summaries(kSelectSummaries, {}); }
+
+std::optional<CacheRowSummary> CacheControllerDatabase::getRowSummary(std::string_view key) {
+  auto found = summaries(kSelectSummary, {SQLiteValue(std::string(key))});
+  if (found.empty()) return std::nullopt;
+  return std::move(found.front());
+}
+
+std::uint64_t CacheControllerDatabase::getItemCount() {
+  std::lock_guard lock(mutex_);
+  auto found = rows<SummaryColumns>(kCount, {}, true);
+  if (found.empty()) return 0;
+  return static_cast<std::uint64_t>(std::max(0, found.front().int32(SummaryColumns::count).value_or(0)));
 }
 
 std::uint64_t CacheControllerDatabase::getSize() const {

@@ -66,21 +66,28 @@ CacheItem CacheItem::decode(const Decoder& decoder) {
       if (auto bytes = keyed.decodeIfPresent<Data>(kItemKey)) {
         if (auto payload = KeyedUnarchiver::safeUnarchivedObject(*bytes); payload && !payload->isNull()) {
           entry.item = std::move(*payload);
+        } else {
+          entry.complete_ = false;
         }
       }
     } catch (const CodingError&) {
       // an unreadable payload leaves the entry without one
+      entry.complete_ = false;
     }
   }
   try {
     if (auto bytes = keyed.decodeIfPresent<Data>(kExtraItemsKey)) {
       auto extras = KeyedUnarchiver::safeUnarchivedObject(*bytes);
-      if (extras) {
-        if (const auto* dictionary = extras->get<ArchiveValue::Dictionary>()) entry.extraItems = *dictionary;
+      const auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr;
+      if (dictionary) {
+        entry.extraItems = *dictionary;
+      } else {
+        entry.complete_ = false;
       }
     }
   } catch (const CodingError&) {
     // unreadable extra items leave the dictionary empty
+    entry.complete_ = false;
   }
   return entry;
 }

@@ -55,13 +55,13 @@ void CacheControllerFileStorage::prepareCacheFolder() {
   removePartialFiles(basePath_, true);
 }
 
-void CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
+bool CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
   const auto path = filePath(key, group);
   std::lock_guard lock(mutex_);
-  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return;
+  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return false;
   // Written aside and renamed over the old file: a failed or interrupted write keeps the old
   // payload, and no reader ever sees a cut-off one.
-  (void)platform::writeFileAtomically(path, data.bytes());
+  return platform::writeFileAtomically(path, data.bytes());
 }
 
 std::optional<Data> CacheControllerFileStorage::loadData(std::string_view key,

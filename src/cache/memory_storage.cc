@@ -6,8 +6,16 @@ namespace kp {
 void CacheMemoryStorage::set(std::shared_ptr<Cacheable> entry, std::string_view key) {
   std::lock_guard lock(mutex_);
   auto it = items_.find(key);
+  if (entry && entry->cacheConfiguration().retainInMemory) {
+    if (it != items_.end()) {
+      it->second = std::move(entry);
+    } else {
+      items_.emplace(std::string(key), std::move(entry));
+    }
+    return;
+  }
   if (it != items_.end()) items_.erase(it);
-  if (entry && entry->cacheConfiguration().retainInMemory) items_.emplace(std::string(key), std::move(entry));
+  ++removals_;
 }
 
 std::shared_ptr<Cacheable> CacheMemoryStorage::get(std::string_view key) const {
@@ -19,21 +27,45 @@ std::shared_ptr<Cacheable> CacheMemoryStorage::get(std::string_view key) const {
 void CacheMemoryStorage::remove(std::string_view key) {
   std::lock_guard lock(mutex_);
   if (auto it = items_.find(key); it != items_.end()) items_.erase(it);
+  ++removals_;
+}
+
+void CacheMemoryStorage::remove(std::string_view key, const Cacheable& entry) {
+  std::lock_guard lock(mutex_);
+  if (auto it = items_.find(key); it != items_.end() && it->second.get() == &entry) {
+    items_.erase(it);
+    ++removals_;
+  }
+}
+
+std::uint64_t CacheMemoryStorage::removalGeneration() const {
+  std::lock_guard lock(mutex_);
+  return removals_;
+}
+
+std::shared_ptr<Cacheable> CacheMemoryStorage::insertIfUnchanged(std::shared_ptr<Cacheable> entry, std::string_view key,
+                                                                 std::uint64_t generation) {
+  std::lock_guard lock(mutex_);
+  if (auto it = items_.find(key); it != items_.end()) return it->second;
+  if (removals_ != generation || !entry || !entry->cacheConfiguration().retainInMemory) return nullptr;
+  items_.emplace(std::string(key), entry);
+  return entry;
 }
 
 void CacheMemoryStorage::removeAll() {
   std::lock_guard lock(mutex_);
   items_.clear();
+  ++removals_;
 }
 
 template <class Keep>
 void CacheMemoryStorage::keepOnly(Keep keep) {
   std::lock_guard lock(mutex_);
   std::erase_if(items_, [&](const auto& item) { return !keep(*item.second); });
+  ++removals_;
 }
 
-void CacheMemoryStorage::removeExpired() {
-  const Date now = Date::now();
+void CacheMemoryStorage::removeExpired(Date now) {
   keepOnly([now](const Cacheable& entry) { return !entry.isExpired(now); });
 }
 

@@ -34,7 +34,13 @@ void Services::registerFactory(const std::vector<tarvix::ServiceType>& serviceTy
   container_->registerFactory(serviceTypes, instanceType, std::move(factory));
 }
 
-std::shared_ptr<void> Services::safeGet(const tarvix::ServiceType& serviceType) {
+std::shared_ptr<void> Services::safeGet(const tarvix::ServiceType& serviceType) { return resolve(serviceType, true); }
+
+std::shared_ptr<void> Services::resolveIfRegistered(const tarvix::ServiceType& serviceType) {
+  return resolve(serviceType, false);
+}
+
+std::shared_ptr<void> Services::resolve(const tarvix::ServiceType& serviceType, bool required) {
   const auto& local = localContainer();
   // Without a bound override the default one answers, and it is almost always empty: skip it
   // without taking its lock or copying a pointer.
@@ -49,7 +55,7 @@ std::shared_ptr<void> Services::safeGet(const tarvix::ServiceType& serviceType) 
       // Any other failure of the override falls through to the base container.
     }
   }
-  return container_->safeGet(serviceType);
+  return required ? container_->safeGet(serviceType) : container_->resolveIfRegistered(serviceType);
 }
 
 std::string Services::description() const { return container_->merge(*localContainer().get())->description(); }

@@ -44,6 +44,8 @@ ApplicationInfo ApplicationInfo::systemDefaults() {
   info.deviceModel = facts.model;
   info.localeIdentifier = env.localeIdentifier();
   info.timeZone = env.timeZoneName();
+  info.currencyCode = env.currencyCode().value_or("");
+  info.preferredLanguages = env.preferredLanguages();
   return info;
 }
 

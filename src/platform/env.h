@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kp::platform {
 
@@ -34,6 +35,11 @@ class Env {
   [[nodiscard]] virtual std::string localeIdentifier() const = 0;
   // IANA zone name such as "Europe/Berlin", "UTC" when unknown.
   [[nodiscard]] virtual std::string timeZoneName() const = 0;
+  // ISO 4217 code of the environment's monetary locale ("EUR"); nothing when the locale is
+  // unset, "C", or not installed.
+  [[nodiscard]] virtual std::optional<std::string> currencyCode() const = 0;
+  // The user's languages, most preferred first, as language tags ("nl-NL", "en"); never empty.
+  [[nodiscard]] virtual std::vector<std::string> preferredLanguages() const = 0;
 };
 
 }  // namespace kp::platform

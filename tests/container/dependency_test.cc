@@ -87,17 +87,28 @@ TEST(DependencyTest, DependencyResolvesWhenMadeAndReportsAMissingService) {
 TEST(DependencyTest, LazyTriesAgainUntilAResolutionSucceeds) {
   auto services = baseServices();
   LazyDependency<Other> lazy(services);
+  OptionalLazyDependency<Other> optional(services);
   test::AssertionCapture capture;
   EXPECT_EQ(lazy.wrappedValue(), nullptr);  // not registered yet
   EXPECT_EQ(lazy.wrappedValue(), nullptr);
-  EXPECT_EQ(capture.messages().size(), 2U);  // each failed read asks, and reports, again
+  EXPECT_EQ(optional.wrappedValue(), nullptr);  // quietly
+  EXPECT_EQ(capture.messages().size(), 2U);     // each failed read asks, and reports, again
   auto registered = std::make_shared<OtherImpl>();
   services->container()->registerInstance<Other>(registered);
   EXPECT_EQ(lazy.wrappedValue(), registered);
+  EXPECT_EQ(optional.wrappedValue(), registered);
   auto replacement = std::make_shared<Services>(std::make_shared<DefaultServiceContainer>());
   lazy.setServices(replacement);  // resolved now: kept
   EXPECT_EQ(lazy.wrappedValue(), registered);
   EXPECT_EQ(capture.messages().size(), 2U);
+
+  // A registered service that cannot be made is reported by the optional form too.
+  OptionalLazyDependency<Greeter> failing(replacement);
+  replacement->container()->register_<Greeter>(
+      [](ServiceContainer&) -> std::shared_ptr<Named> { throw std::runtime_error("no greeter today"); });
+  EXPECT_EQ(failing.wrappedValue(), nullptr);
+  ASSERT_EQ(capture.messages().size(), 3U);
+  EXPECT_EQ(capture.messages()[2], "no greeter today");
 }
 
 TEST(WithDependenciesTest, OverrideHoldsForTheScopeAndNestingReplacesIt) {

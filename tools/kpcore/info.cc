@@ -11,6 +11,8 @@ int runInfo(kpcore::Args& args) {
   const bool json = args.flag("json");
   args.expectEnd();
   const auto info = kp::ApplicationInfo::current();
+  std::string languages;
+  for (const auto& language : info.preferredLanguages) languages += (languages.empty() ? "" : ",") + language;
   const std::pair<const char*, std::string> rows[] = {
       {"libraryVersion", KP_VERSION_STRING},
       {"identifier", info.identifier},
@@ -20,6 +22,8 @@ int runInfo(kpcore::Args& args) {
       {"deviceModel", info.deviceModel},
       {"locale", info.localeIdentifier},
       {"timeZone", info.timeZone},
+      {"currencyCode", info.currencyCode},
+      {"preferredLanguages", languages},
       {"cachesDirectory", kp::cachesDirectory().string()},
   };
   if (json) {

@@ -42,6 +42,21 @@ struct CacheKeyAndGroup {
   friend bool operator==(const CacheKeyAndGroup&, const CacheKeyAndGroup&) = default;
 };
 
+// One row as a listing shows it.
+struct CacheRowSummary {
+  std::string key;
+  std::optional<std::string> group;
+  // Nothing for a kind this library does not know.
+  std::optional<CacheItemType> type;
+  // The entry's creation date, whole seconds.
+  Date timestamp;
+  std::int32_t maximumAge = 0;
+  bool rollingExpiration = false;
+  bool autoExpiration = false;
+  // Bytes of the encoded entry in the row.
+  std::uint64_t dataSize = 0;
+};
+
 enum class CacheItemColumns { id, type, group, data };
 enum class MetadataColumns { id, version };
 [[nodiscard]] std::string_view sqliteColumnName(CacheItemColumns column) noexcept;
@@ -67,37 +82,55 @@ class CacheControllerDatabase {
   // Stores the entry's coded form (a property list) under `key`; nothing when it cannot be
   // encoded.
   void encode(const Cacheable& entry, std::string_view key);
+  // The entry's coded form as saveRecord() takes it; nothing when it cannot be encoded.
+  [[nodiscard]] static std::optional<Data> encodeEntry(const Cacheable& entry);
   // The entry stored under `key` decoded as T (a Cacheable with a coded form), or null when
   // there is none or it cannot be decoded. Expiry is not checked here.
   template <class T>
   [[nodiscard]] std::shared_ptr<T> decode(std::string_view key) {
     auto bytes = loadCacheData(key);
-    if (!bytes) return nullptr;
+    return bytes ? decodeEntry<T>(*bytes) : nullptr;
+  }
+  // An entry of type T from its stored coded form, or null when it cannot be decoded.
+  template <class T>
+  [[nodiscard]] static std::shared_ptr<T> decodeEntry(const Data& bytes) {
     try {
-      return std::make_shared<T>(PropertyListDecoder().decode<T>(*bytes));
+      return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
     } catch (const std::exception&) {
       return nullptr;
     }
   }
 
-  // Stores (or replaces) the row of `key` with the encoded entry `data`.
+  // Stores (or replaces) the row of `key` with the encoded entry `data`; false when the row
+  // could not be written (most callers need not look).
   // REQUIRES: the entry's creation date and age limit fit in signed 32-bit seconds; anything
   // else stops the program.
-  void saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
+  bool saveRecord(const Data& data, const Cacheable& entry, std::string_view key);
   [[nodiscard]] std::optional<Data> loadCacheData(std::string_view key);
+  // The row's encoded entry with its timestamp (which rolling expiry moves on without
+  // re-encoding the entry), or nothing.
+  struct StoredData {
+    Data data;
+    Date timestamp;
+  };
+  [[nodiscard]] std::optional<StoredData> loadCacheDataAndTimestamp(std::string_view key);
   [[nodiscard]] std::optional<CacheItemType> getCacheItemType(std::string_view key);
   [[nodiscard]] std::optional<std::string> getCacheItemGroup(std::string_view key);
   void removeCacheItem(std::string_view key);
   // Empties the group (or, without one, the whole table), then vacuums.
   void removeAllItems(const std::optional<std::string>& group);
   void updateTimestamp(std::string_view key, const Cacheable& entry);
-  // Keys (with groups) of the rows of `type` whose positive age limit has passed, whatever
-  // their automatic-expiry flag.
-  [[nodiscard]] std::vector<CacheKeyAndGroup> getExpiredCacheKeys(CacheItemType type);
-  // Deletes the expired rows that allow automatic expiry, then vacuums.
-  void removeExpiredItems();
+  // Keys (with groups) of the rows of `type` whose positive age limit has passed at `now`,
+  // whatever their automatic-expiry flag.
+  [[nodiscard]] std::vector<CacheKeyAndGroup> getExpiredCacheKeys(CacheItemType type, Date now = Date::now());
+  // Deletes the rows expired at `now` that allow automatic expiry, then vacuums.
+  void removeExpiredItems(Date now = Date::now());
   // Keys of file-backed rows, oldest first. Their group is always absent.
   [[nodiscard]] std::vector<CacheKeyAndGroup> getFileCacheKeysSortedByCreationDate();
+  // Every row, oldest first.
+  [[nodiscard]] std::vector<CacheRowSummary> getRowSummaries();
+  [[nodiscard]] std::optional<CacheRowSummary> getRowSummary(std::string_view key);
+  [[nodiscard]] std::uint64_t getItemCount();
   // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
   // Rebuilds the file without its free pages and empties the log, so that the disk space of
@@ -107,11 +140,12 @@ class CacheControllerDatabase {
  private:
   void createDatabase();                       // REQUIRES: mutex_ held
   [[nodiscard]] std::int64_t storedVersion();  // REQUIRES: mutex_ held
-  void configureConnection();                  // REQUIRES: mutex_ held
+  [[nodiscard]] std::vector<CacheRowSummary> summaries(std::string_view sql, const std::vector<SQLiteValue>& bindings);
+  void configureConnection();  // REQUIRES: mutex_ held
   // The rows of one statement (only the first with `firstOnly`); none on any failure.
-  [[nodiscard]] std::vector<SQLiteRow<CacheItemColumns>> rows(std::string_view sql,
-                                                              const std::vector<SQLiteValue>& bindings,
-                                                              bool firstOnly = false);  // REQUIRES: mutex_ held
+  template <SQLiteColumn Column = CacheItemColumns>
+  [[nodiscard]] std::vector<SQLiteRow<Column>> rows(std::string_view sql, const std::vector<SQLiteValue>& bindings,
+                                                    bool firstOnly = false);  // REQUIRES: mutex_ held
   // Runs one statement with its bindings to completion; false on any failure.
   bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
   // Runs a pragma that answers with a row, ignoring the row; false on any failure.

@@ -71,10 +71,17 @@ class CacheItem final : public Cacheable {
   // Throws CacheItemCodingError for a kind that is not 0, 1 or 2, and CodingError for an unreadable
   // configuration or date. An unreadable payload or extra items leave them empty.
   [[nodiscard]] static CacheItem decode(const Decoder& decoder);
+  // False for an entry whose decoding dropped a stored payload or stored extra items that could
+  // not be read (damaged bytes, a class this process does not know): such an entry is not
+  // the one that was stored.
+  [[nodiscard]] bool isComplete() const noexcept { return complete_; }
 
   // Kind, configuration, extra items and payload (objects by their own equality); the
   // creation date takes no part.
   friend bool operator==(const CacheItem& a, const CacheItem& b);
+
+ private:
+  bool complete_ = true;
 };
 
 template <class Item>

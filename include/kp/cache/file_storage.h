@@ -44,7 +44,9 @@ class CacheControllerFileStorage {
   // removes the partial files of writes that a process ending mid-write left behind.
   void prepareCacheFolder();
   // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
-  void save(const Data& data, std::string_view key, const std::optional<std::string>& group);
+  // False when nothing was written (the old file, if any, is left as it was); most callers
+  // need not look.
+  bool save(const Data& data, std::string_view key, const std::optional<std::string>& group);
   [[nodiscard]] std::optional<Data> loadData(std::string_view key, const std::optional<std::string>& group) const;
   void removeData(std::string_view key, const std::optional<std::string>& group);
   // Without a group (absent or empty): removes every entry of the folder, files and group

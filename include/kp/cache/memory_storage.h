@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,9 +30,20 @@ class CacheMemoryStorage {
   void set(std::shared_ptr<Cacheable> entry, std::string_view key);
   [[nodiscard]] std::shared_ptr<Cacheable> get(std::string_view key) const;
   void remove(std::string_view key);
+  // Removes the entry under `key` only when it is `entry` (not one stored since).
+  void remove(std::string_view key, const Cacheable& entry);
+
+  // A count that moves on with every removal and eviction. A reader that takes it before
+  // reading an entry from elsewhere can store that entry with insertIfUnchanged() without
+  // bringing back what a removal, a wipe or a newer set() meant to be gone.
+  [[nodiscard]] std::uint64_t removalGeneration() const;
+  // Stores `entry` under `key` when the key is free and nothing was removed since
+  // `generation`. Returns the entry now under the key: `entry`, one stored meanwhile, or null.
+  std::shared_ptr<Cacheable> insertIfUnchanged(std::shared_ptr<Cacheable> entry, std::string_view key,
+                                               std::uint64_t generation);
   void removeAll();
-  // Keeps only the entries that have not expired.
-  void removeExpired();
+  // Keeps only the entries that have not expired at `now`.
+  void removeExpired(Date now = Date::now());
   // Keeps only the entries whose configuration does not expire them on memory warnings.
   void removeLowMemoryWarningItems();
   // Keeps only the entries whose group differs from `group` (entries without one are kept).
@@ -43,6 +55,7 @@ class CacheMemoryStorage {
   void keepOnly(Keep keep);
 
   mutable std::mutex mutex_;
+  std::uint64_t removals_ = 0;                   // guarded by mutex_
   StringMap<std::shared_ptr<Cacheable>> items_;  // guarded by mutex_
 };
 

@@ -5,6 +5,8 @@
 //     replaced later; replacing Services only affects a wrapper not yet resolved. A read that
 //     fails to resolve keeps nothing, so the next read tries again (the service may have been
 //     registered meanwhile).
+//   kp::OptionalLazyDependency<T>: the same for a service the host may leave out: while T is
+//     registered nowhere, a read gives null without reporting it.
 //   kp::withDependencies(update, operation): runs `update` on a new, empty override container,
 //     then runs `operation` with that container bound as the override of Services: service types
 //     registered there resolve from it, all others from the base container. Nested scopes
@@ -62,7 +64,10 @@ class Dependency {
   std::shared_ptr<T> value_;
 };
 
-template <class T>
+// Whether a lazy dependency's service must be registered.
+enum class Presence { required, optional };
+
+template <class T, Presence kPresence = Presence::required>
 class LazyDependency {
  public:
   explicit LazyDependency(std::shared_ptr<Services> services = Services::default_(),
@@ -79,7 +84,13 @@ class LazyDependency {
   // The service, resolved on the first read that succeeds.
   [[nodiscard]] std::shared_ptr<T> wrappedValue() const {
     std::lock_guard lock(mutex_);
-    if (!value_) value_ = services_->template get<T>(location_);
+    if (!value_) {
+      if constexpr (kPresence == Presence::required) {
+        value_ = services_->template get<T>(location_);
+      } else {
+        value_ = services_->template getIfRegistered<T>(location_);
+      }
+    }
     return value_;
   }
   // The pointer stays valid as long as the wrapper: a resolved value is never replaced.
@@ -101,6 +112,9 @@ class LazyDependency {
   std::shared_ptr<Services> services_;  // guarded by mutex_
   tarvix::SourceLocation location_;
 };
+
+template <class T>
+using OptionalLazyDependency = LazyDependency<T, Presence::optional>;
 
 template <class Update, class Operation>
 decltype(auto) withDependencies(Update&& update, Operation&& operation) {

@@ -44,12 +44,36 @@ class Services final : public tarvix::ServiceContainer {
                        Factory factory) override;
   [[nodiscard]] std::shared_ptr<void> safeGet(const tarvix::ServiceType& serviceType) override;
   using tarvix::ServiceContainer::safeGet;
+  // Like safeGet(), but null when `serviceType` is registered neither in the override nor in
+  // the base container; other failures still throw.
+  [[nodiscard]] std::shared_ptr<void> resolveIfRegistered(const tarvix::ServiceType& serviceType);
+  template <class S>
+  [[nodiscard]] std::shared_ptr<S> resolveIfRegistered() {
+    return std::static_pointer_cast<S>(resolveIfRegistered(tarvix::ServiceType::of<S>()));
+  }
+  // The non-throwing form of resolveIfRegistered(), as get() is of safeGet(): failures other
+  // than a missing registration are reported through the assertion hook at `location`.
+  template <class S>
+  [[nodiscard]] std::shared_ptr<S> getIfRegistered(
+      tarvix::SourceLocation location = tarvix::SourceLocation::current()) noexcept {
+    try {
+      return resolveIfRegistered<S>();
+    } catch (const std::exception& error) {
+      tarvix::AssertionCoordinator::assertionFailure(error.what(), location.file_name(), location.line());
+    } catch (...) {
+      tarvix::AssertionCoordinator::assertionFailure(
+          "Unable to get " + tarvix::ServiceType::of<S>().name() + " service.", location.file_name(), location.line());
+    }
+    return nullptr;
+  }
 
   // Those of the base container merged with the current override (the override's entries win).
   [[nodiscard]] std::string description() const;
   [[nodiscard]] std::string debugDescription() const;
 
  private:
+  [[nodiscard]] std::shared_ptr<void> resolve(const tarvix::ServiceType& serviceType, bool required);
+
   std::shared_ptr<DefaultServiceContainer> container_;
 };
 

@@ -1,7 +1,7 @@
 // kp::ApplicationInfo: facts about the running application and device that the service
 // parameters and the cache paths use. The host fills in what it knows at start-up; the rest
-// keeps Linux defaults (kernel name and release, DMI product name, locale and time zone of
-// the environment).
+// keeps Linux defaults (kernel name and release, DMI product name, locale, currency, languages
+// and time zone of the environment).
 //
 // Thread safety: current() and setCurrent() may be called from any thread.
 //
@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace kp {
 
@@ -27,11 +28,13 @@ struct ApplicationInfo {
   std::string build;       // build number
   UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;
   double screenScale = 1.0;
-  std::string systemName;        // "Linux"
-  std::string systemVersion;     // kernel release
-  std::string deviceModel;       // DMI product name or machine type
-  std::string localeIdentifier;  // "en_US"
-  std::string timeZone;          // "Europe/Berlin"
+  std::string systemName;                       // "Linux"
+  std::string systemVersion;                    // kernel release
+  std::string deviceModel;                      // DMI product name or machine type
+  std::string localeIdentifier;                 // "en_US"
+  std::string timeZone;                         // "Europe/Berlin"
+  std::string currencyCode;                     // "EUR"; empty when unknown
+  std::vector<std::string> preferredLanguages;  // "nl-NL", "en": most preferred first
 
   // The facts in force: the host's, or the defaults read from the system on first use.
   [[nodiscard]] static ApplicationInfo current();

@@ -1,0 +1,181 @@
+// kp::CacheController: the library's central cache, in three tiers: entries live in memory,
+// in a database row ("centralcache.db") and, for bytes and images, in a file of their own
+// (folder "KPCentralCacheController"), both in the application's caches directory.
+//
+// Reads look in memory, then in the database, then in the entry's file, and apply the
+// entry's expiry rules: an expired entry that allows automatic expiry reads as absent, a read
+// restarts the lifetime of an entry with rolling expiry, and an entry whose file has gone
+// reads as absent and loses its row. Writes go to memory at once; saves to the database and
+// the files, wipes, the expired clean-up and the size trim run as background tasks on the
+// library's pool, one at a time in the order they were started (a wipe always follows the
+// saves started before it). Background work waiting to run is bounded in memory: beyond
+// the controller's budget, the caller waits for (or runs) the work started before.
+//
+// Application life: the controller observes the application notifications on the default
+// notification centre. While the application is active, a repeating timer on the main queue
+// (every cleanUpInterval seconds) purges expired entries; becoming active purges them and
+// starts the timer, resigning active stops it, and a memory warning drops the entries that
+// ask for it. At construction the controller reads the application state once, on the main
+// thread, from the Application service; with no Application registered it counts as not
+// active, and the timer waits for the first did-become-active.
+//
+// Nothing here reports an error: a database that cannot be opened leaves a memory-only cache,
+// a file that cannot be written is not stored, and damaged stored data reads as absent.
+//
+// Thread safety: every operation may be called from any thread. Timer and notification
+// handling runs on the main thread. Destruction unregisters the observers, stops the timer
+// and waits for the background work already started, so another controller over the same
+// files sees every write.
+//
+// Example:
+//   auto cache = kp::CacheController::sharedInstance();
+//   kp::CacheItemConfiguration policy(3600);
+//   policy.retainInBackStore = true;
+//   cache->set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kp::Data::fromString("tile")), policy,
+//                                              kp::CacheItemType::rawDataToFile),
+//              "radar/12/34");
+//   if (auto tile = cache->getCacheItem("radar/12/34")) { const kp::Data* bytes = tile->item->get<kp::Data>(); }
+//   cache->setMaximumCacheSizeInBytes(100u << 20);
+//   cache->curbUsedDiskSpace();
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kp/cache/cache_database.h"
+#include "kp/cache/cache_service.h"
+#include "kp/container/services.h"
+#include "kp/platform/notification_center.h"
+#include "tarvix/date_service.h"
+
+namespace kp {
+
+// One back-store entry as a listing shows it.
+struct CacheEntrySummary {
+  CacheRowSummary row;
+  // Bytes of the entry's file; nothing for a serialized entry and for a file that is missing.
+  std::optional<std::uint64_t> fileSize;
+};
+
+// What the cache holds under one key, read without the side effects of a lookup (no rolling
+// expiry, no removal).
+struct CacheItemInspection {
+  // The entry in memory, else its row decoded; null when the row cannot be decoded.
+  std::shared_ptr<CacheItem> entry;
+  bool inMemory = false;
+  // The row, when there is one.
+  std::optional<CacheEntrySummary> stored;
+  // For bytes and images: the file's bytes, when it can be read.
+  std::optional<Data> fileData;
+  // Expired by the controller's clock (whatever its automatic-expiry flag).
+  bool expired = false;
+};
+
+// The background work of a controller: tasks and bytes waiting now, and the most seen.
+struct CacheBackgroundStatistics {
+  std::size_t pendingTasks = 0;
+  std::size_t pendingBytes = 0;
+  std::size_t peakTasks = 0;
+  std::size_t peakBytes = 0;
+};
+
+class CacheController final : public CacheService {
+ public:
+  static constexpr std::string_view kDatabaseFileName = "centralcache.db";
+  static constexpr std::string_view kStorageFileName = "KPCentralCacheController";
+  static constexpr std::uint64_t kDefaultMaximumCacheSizeInBytes = 367001600;  // 350 MiB
+  static constexpr double kDefaultCleanUpInterval = 900;                       // 15 minutes
+  static constexpr std::size_t kDefaultBackgroundBudgetBytes = 64u << 20;
+
+  struct Options {
+    std::string databaseFileName{kDatabaseFileName};
+    std::string storageFileName{kStorageFileName};
+    // The folder of the database and the file folder; the application's caches directory
+    // when empty. Created (with its parents) when missing.
+    std::filesystem::path directory;
+    // The clock of every expiry rule; the system clock when null.
+    std::shared_ptr<const tarvix::DateService> clock;
+    // Where the Application service is looked up; Services::default_() when null.
+    std::shared_ptr<Services> services;
+    // Bytes that background work may hold while it waits to run.
+    std::size_t backgroundBudgetBytes = kDefaultBackgroundBudgetBytes;
+  };
+
+  // The process-wide controller over "centralcache.db" and "KPCentralCacheController", made on
+  // first use and never destroyed.
+  [[nodiscard]] static const std::shared_ptr<CacheController>& sharedInstance();
+
+  CacheController(std::string_view databaseFileName, std::string_view storageFileName);
+  explicit CacheController(Options options);
+  ~CacheController() override;
+  CacheController(const CacheController&) = delete;
+  CacheController& operator=(const CacheController&) = delete;
+
+  // An empty group name is cleared (it means no group) before the entry is stored.
+  void set(std::shared_ptr<CacheItem> item, std::string_view key) override;
+  void set(std::shared_ptr<Cacheable> item, std::string_view key) override;
+  // Removes the entry from memory, its file and its row now, and again after the saves
+  // already started, so that none of them brings it back.
+  void removeCacheItem(std::string_view key) override;
+  using CacheService::get;
+  [[nodiscard]] std::shared_ptr<Cacheable> get(const CacheableType& type, std::string_view key) override;
+  [[nodiscard]] std::shared_ptr<CacheItem> getCacheItem(std::string_view key) override;
+  [[nodiscard]] std::shared_ptr<CacheItem> getCacheItem(std::string_view key, bool loadData) override;
+  void wipeCompleteCache() override;
+  void wipeCompleteCache(std::string_view group) override;
+  // Drops expired entries from memory now (whatever their automatic-expiry flag); in the
+  // background, removes the files of expired entries, then the expired rows that allow
+  // automatic expiry.
+  void wipeCompleteExpiredCache() override;
+
+  // The limit of the file store for curbUsedDiskSpace().
+  [[nodiscard]] std::uint64_t maximumCacheSizeInBytes() const;
+  void setMaximumCacheSizeInBytes(std::uint64_t bytes);
+  // Seconds between clean-ups while the application is active; a change takes effect when
+  // the timer next starts. A value that is not positive starts no timer.
+  [[nodiscard]] double cleanUpInterval() const noexcept;
+  void setCleanUpInterval(double seconds) noexcept;
+
+  // In the background, trims the file store below maximumCacheSizeInBytes(), oldest entries
+  // first (their rows stay until read).
+  void curbUsedDiskSpace();
+  // The background part of wipeCompleteCache(): memory is left as it is.
+  void removeAllItemsFromBackStore();
+  [[nodiscard]] std::uint64_t getBackStoreTotalSize() const;
+  [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
+  [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
+
+  // The application notifications; the host may also call these directly, from any thread.
+  void didBecomeActive(const Notification& notification);
+  void willResignActive(const Notification& notification);
+  void receivedMemoryWarning(const Notification& notification);
+  void cleanUpTimerFired();
+
+  // Inspection, for tools and diagnostics.
+  [[nodiscard]] bool hasCleanUpTimer() const;
+  [[nodiscard]] std::size_t memoryItemCount() const;
+  [[nodiscard]] std::uint64_t databaseItemCount();
+  // Every row, oldest first, with its file's size.
+  [[nodiscard]] std::vector<CacheEntrySummary> listEntries();
+  // Nothing when neither memory nor the database knows the key.
+  [[nodiscard]] std::optional<CacheItemInspection> inspect(std::string_view key);
+  [[nodiscard]] std::filesystem::path databasePath() const;
+  [[nodiscard]] std::filesystem::path storagePath() const;
+  [[nodiscard]] CacheBackgroundStatistics backgroundStatistics() const;
+  // Returns once the background work started before the call has run.
+  void waitForBackgroundWork();
+
+  struct State;
+
+ private:
+  std::shared_ptr<State> state_;
+  std::vector<NotificationCenter::ObservationToken> observations_;
+};
+
+}  // namespace kp

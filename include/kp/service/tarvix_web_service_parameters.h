@@ -1,0 +1,65 @@
+// kp::TarvixWebServiceParameters: the device and application facts that every web-service
+// call carries as query parameters, so that the server can shape its answer (language,
+// units, time zone, app version).
+//
+// A new record takes its values from kp::ApplicationInfo::current(): the identifier and
+// version of the application, the platform (the system name in lower case: "linux" here,
+// "ios" for a host that says it runs iOS), the device kind from the idiom, the system version
+// and machine model, the display scale, locale, time zone, currency and preferred languages.
+// Empty facts become absent values, which travel as empty parameters. A host whose server
+// expects other texts sets them in kp::ApplicationInfo or on the record.
+//
+// Thread safety: a plain value.
+//
+// Example:
+//   kp::TarvixWebServiceParameters parameters;      // from the application information
+//   parameters.consent = true;
+//   request->httpConfig()->addQuery(parameters.queryParameters());
+//   // appId=...&appVersion=...&platform=linux&device=desktop&...&displayScale=1.0&consent=1
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kp/platform/application_info.h"
+#include "kp/request/http_request_parameter.h"
+
+namespace kp {
+
+struct TarvixWebServiceParameters {
+  // From ApplicationInfo::current().
+  TarvixWebServiceParameters();
+  explicit TarvixWebServiceParameters(const ApplicationInfo& info);
+
+  std::optional<std::string> appId;
+  std::optional<std::string> appVersion;
+  std::optional<std::string> platform;
+  std::optional<std::string> device;
+  std::optional<std::string> systemVersion;
+  std::optional<std::string> machineIdentifier;
+  double displayScale = 1.0;
+  std::optional<std::string> locale;
+  std::optional<std::string> timeZoneName;
+  std::optional<std::string> currencyCode;
+  std::optional<std::vector<std::string>> preferredLanguages;
+  std::optional<bool> consent;
+
+  // In the order servers read them: appId, appVersion, platform, device, machineIdentifier,
+  // systemVersion, locale, currencyCode, timeZone, preferredLanguages (joined by ","),
+  // displayScale (shortest decimal text, "2.0"), and consent ("1" or "0") only when set.
+  [[nodiscard]] std::vector<HttpRequestParameter> queryParameters() const;
+
+  friend bool operator==(const TarvixWebServiceParameters&, const TarvixWebServiceParameters&) = default;
+};
+
+// The device kind servers know for an idiom: "iphone", "ipad", "tv", "carplay", "mac",
+// "vision", and "desktop" for a machine that has not named its idiom.
+[[nodiscard]] std::string_view deviceKindName(UserInterfaceIdiom idiom) noexcept;
+
+// The shortest decimal text that reads back as `value`, with ".0" on whole numbers ("2.0",
+// "1.5", "1e+20").
+[[nodiscard]] std::string shortestDecimalText(double value);
+
+}  // namespace kp

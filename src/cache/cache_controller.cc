@@ -1,0 +1,553 @@
+// The cache controller: the read path across the three tiers, the background tasks, and the
+// application-life handling.
+#include "kp/cache/cache_controller.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <mutex>
+#include <typeinfo>
+
+#include "cache/background_work.h"
+#include "kp/cache/file_storage.h"
+#include "kp/cache/memory_storage.h"
+#include "kp/coding/archivable_image.h"
+#include "kp/container/core_services.h"
+#include "kp/container/dependency.h"
+#include "kp/platform/application_info.h"
+#include "kp/platform/synchronized.h"
+#include "platform/files.h"
+#include "tarvix/application.h"
+
+namespace kp {
+namespace {
+
+namespace fs = std::filesystem;
+
+// What a queued task holds besides what it shares with the memory store.
+constexpr std::size_t kTaskOverhead = 256;
+constexpr int kMaxEstimateDepth = 8;
+
+// Roughly the bytes a value holds.
+std::size_t estimatedBytes(const ArchiveValue& value, int depth = 0) {
+  if (const auto* data = value.get<Data>()) return data->size();
+  if (const auto* text = value.get<std::string>()) return text->size();
+  if (auto image = value.object<ArchivableImage>()) return image->image().pixels().size();
+  if (depth >= kMaxEstimateDepth) return 64;
+  std::size_t total = 0;
+  if (const auto* array = value.get<ArchiveValue::Array>()) {
+    for (const auto& element : *array) total += estimatedBytes(element, depth + 1) + 16;
+    return total;
+  }
+  if (const auto* dictionary = value.get<ArchiveValue::Dictionary>()) {
+    for (const auto& [name, element] : *dictionary) total += name.size() + estimatedBytes(element, depth + 1) + 48;
+    return total;
+  }
+  return 64;
+}
+
+// Rolling expiry moves the row's timestamp on, not the creation date coded in the row: a
+// later one is the entry's.
+void adoptStoredTimestamp(Cacheable& entry, Date timestamp) {
+  if (entry.cacheConfiguration().rollingExpiration && timestamp > entry.creationDate()) {
+    entry.setCreationDate(timestamp);
+  }
+}
+
+// A general entry is valid when its payload suits its kind.
+bool isValid(const CacheItem& entry) {
+  if (!entry.item) return false;
+  switch (entry.cacheType) {
+    case CacheItemType::serialized: {
+      if (entry.item->isNull()) return false;
+      const auto* object = entry.item->get<ArchivablePtr>();
+      return object == nullptr || *object != nullptr;
+    }
+    case CacheItemType::rawDataToFile:
+      return entry.item->get<Data>() != nullptr;
+    case CacheItemType::image:
+      return entry.item->object<ArchivableImage>() != nullptr;
+  }
+  return false;
+}
+
+Duration intervalDuration(double seconds) {
+  constexpr double kLongest = 366.0 * 24 * 3600;
+  return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(std::min(seconds, kLongest)));
+}
+
+// The folder of both stores: made when missing, as the application's caches folder is.
+fs::path prepareDirectory(const fs::path& requested) {
+  if (requested.empty()) return cachesDirectory();
+  (void)platform::createPrivateDirectories(requested);
+  return requested;
+}
+
+}  // namespace
+
+struct CacheController::State : std::enable_shared_from_this<State> {
+  explicit State(CacheController::Options& options, const fs::path& directory)
+      : clock(options.clock ? std::move(options.clock) : std::make_shared<DefaultDateService>()),
+        database(options.databaseFileName, directory),
+        files(options.storageFileName, directory),
+        maximumCacheSizeInBytes(kDefaultMaximumCacheSizeInBytes, SerialQueue::make("kp.cache.limit")),
+        application(options.services ? std::move(options.services) : Services::default_()),
+        background("kp.cache.background", options.backgroundBudgetBytes) {}
+
+  std::shared_ptr<const tarvix::DateService> clock;
+  CacheMemoryStorage memory;
+  CacheControllerDatabase database;
+  CacheControllerFileStorage files;
+  Synchronized<std::uint64_t> maximumCacheSizeInBytes;
+  std::atomic<double> cleanUpInterval{kDefaultCleanUpInterval};
+  OptionalLazyDependency<tarvix::Application> application;
+  internal::CacheBackgroundWork background;
+  // Moves on when a wipe of everything is started: saves started before it need not run.
+  std::atomic<std::uint64_t> wipeGeneration{0};
+  // Wipes started and not yet done: rows read meanwhile may be on their way out, so they are
+  // not taken into memory, where they would outlive the wipe.
+  std::atomic<int> pendingWipes{0};
+  // Odd while a save of a file-backed entry hashed to that slot writes its file and row: a
+  // read that overlaps one cannot trust that the row and the file belong together.
+  std::array<std::atomic<std::uint32_t>, 64> fileWrites{};
+
+  mutable std::mutex timerMutex;
+  std::unique_ptr<RepeatingTimer> cleanUpTimer;  // guarded by timerMutex
+  bool closed = false;                           // guarded by timerMutex
+
+  [[nodiscard]] Date now() const { return Date::fromTimePoint(clock->now()); }
+
+  std::atomic<std::uint32_t>& fileWriteSlot(std::string_view key) {
+    return fileWrites[std::hash<std::string_view>{}(key) % fileWrites.size()];
+  }
+
+  // Queues `task` (a callable taking the state) as a background task.
+  template <class F>
+  void post(std::size_t cost, F&& task) {
+    background.post(cost, [self = shared_from_this(), task = std::forward<F>(task)]() mutable { task(*self); });
+  }
+
+  void postWipe(const std::optional<std::string>& group) {
+    pendingWipes.fetch_add(1);
+    post(kTaskOverhead + group.value_or("").size(), [group](State& s) {
+      s.wipeBackStore(group);
+      s.pendingWipes.fetch_sub(1);
+    });
+  }
+
+  // What a read needs to know before it looks past memory: whether it may keep what it finds.
+  struct ReadStart {
+    bool mayKeep;
+    std::uint64_t generation;
+  };
+  [[nodiscard]] ReadStart startRead() const {
+    const bool mayKeep = pendingWipes.load() == 0;
+    return {mayKeep, memory.removalGeneration()};
+  }
+
+  // ---- background tasks ----
+
+  void save(const CacheItem& entry, const std::string& key) {
+    auto encoded = CacheControllerDatabase::encodeEntry(entry);
+    if (!encoded) return;
+    if (entry.cacheType == CacheItemType::serialized) {
+      database.saveRecord(*encoded, entry, key);
+      return;
+    }
+    std::optional<Data> bytes;
+    if (entry.cacheType == CacheItemType::rawDataToFile) {
+      bytes = *entry.item->get<Data>();
+    } else {
+      bytes = entry.item->object<ArchivableImage>()->image().pngData();
+      if (!bytes) return;  // an image without a PNG form is not written
+    }
+    // The file before the row: a reader that finds the row finds its file. When one of the two
+    // cannot be written, the other must not pair with what is left of an earlier save: a file
+    // that failed keeps the old file and the old row; a row that failed loses the new file.
+    const auto& group = entry.configuration.groupName;
+    auto& slot = fileWriteSlot(key);
+    slot.fetch_add(1, std::memory_order_acq_rel);
+    if (files.save(*bytes, key, group) && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    slot.fetch_add(1, std::memory_order_release);
+  }
+
+  void removeStored(std::string_view key) {
+    const auto type = database.getCacheItemType(key);
+    if (type == CacheItemType::rawDataToFile || type == CacheItemType::image) {
+      files.removeData(key, database.getCacheItemGroup(key));
+    }
+    database.removeCacheItem(key);
+  }
+
+  void wipeBackStore(const std::optional<std::string>& group) {
+    database.removeAllItems(group);
+    // An empty group names no folder: the file store would take it for all of them.
+    if (!group || !group->empty()) files.removeAllItems(group);
+  }
+
+  void removeExpiredStored() {
+    const Date at = now();
+    for (auto type : {CacheItemType::image, CacheItemType::rawDataToFile}) {
+      for (const auto& [key, group] : database.getExpiredCacheKeys(type, at)) files.removeData(key, group);
+    }
+    database.removeExpiredItems(at);
+  }
+
+  // ---- application life (timer changes on the main thread) ----
+
+  void purgeExpired() {
+    memory.removeExpired(now());
+    post(kTaskOverhead, [](State& s) { s.removeExpiredStored(); });
+  }
+
+  void startTimer() {
+    std::lock_guard lock(timerMutex);
+    if (closed || cleanUpTimer) return;
+    const double interval = cleanUpInterval.load();
+    if (!(interval > 0)) return;
+    cleanUpTimer = RepeatingTimer::schedule(MainQueue::shared(), intervalDuration(interval), [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->purgeExpired();
+    });
+  }
+
+  void stopTimer() {
+    std::lock_guard lock(timerMutex);
+    if (cleanUpTimer) cleanUpTimer->invalidate();
+    cleanUpTimer.reset();
+  }
+
+  void close() {
+    std::lock_guard lock(timerMutex);
+    closed = true;
+    if (cleanUpTimer) cleanUpTimer->invalidate();
+    cleanUpTimer.reset();
+  }
+
+  void onMainThread(void (State::*step)()) {
+    runOnMainThread([weak = weak_from_this(), step] {
+      if (auto self = weak.lock()) ((*self).*step)();
+    });
+  }
+
+  void startUp() {
+    auto app = application.wrappedValue();
+    if (!app || app->applicationState() != tarvix::ApplicationState::active) return;
+    purgeExpired();
+    startTimer();
+  }
+
+  void becomeActive() {
+    purgeExpired();
+    onMainThread(&State::startTimer);
+  }
+
+  void stopTimerOnMainThread() { onMainThread(&State::stopTimer); }
+
+  void dropMemoryWarningItems() { memory.removeLowMemoryWarningItems(); }
+
+  // ---- reads ----
+
+  // The payload of a file-backed entry from its file.
+  std::optional<ArchiveValue> loadPayload(std::string_view key, const CacheItem& entry) const {
+    auto bytes = files.loadData(key, entry.configuration.groupName);
+    if (!bytes) return std::nullopt;
+    if (entry.cacheType == CacheItemType::rawDataToFile) return ArchiveValue(std::move(*bytes));
+    const double scale = ApplicationInfo::current().screenScale;
+    auto image = Image::decode(*bytes, std::isfinite(scale) && scale > 0 ? std::optional<double>(scale) : std::nullopt);
+    if (!image) return std::nullopt;
+    return ArchiveValue(std::make_shared<ArchivableImage>(std::move(*image)));
+  }
+
+  [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData);
+
+  // The rules every read applies once it has found an entry: expiry, rolling expiry, and
+  // keeping an entry read from the database in memory.
+  std::shared_ptr<Cacheable> finishRead(std::shared_ptr<Cacheable> entry, std::string_view key, bool fromMemory,
+                                        bool keepInMemory, ReadStart start = {false, 0}) {
+    const auto& config = entry->cacheConfiguration();
+    const bool ages = config.autoExpiration && config.maximumAge > 0;
+    if (fromMemory && !ages && !config.rollingExpiration) return entry;  // nothing to apply
+    // Most entries need no clock: it is read only for an age limit or rolling expiry.
+    std::optional<Date> at;
+    const auto current = [&] { return at ? *at : *(at = now()); };
+    // The lifetime that has already ended is not restarted: an expired entry stays expired.
+    if (ages && entry->isExpired(current())) {
+      if (fromMemory) memory.remove(key, *entry);
+      return nullptr;
+    }
+    if (config.rollingExpiration) {
+      entry->setCreationDate(current());
+      if (config.retainInBackStore) {
+        post(kTaskOverhead + key.size(),
+             [key = std::string(key), entry](State& s) { s.database.updateTimestamp(key, *entry); });
+      }
+    }
+    if (!fromMemory && keepInMemory && start.mayKeep) (void)memory.insertIfUnchanged(entry, key, start.generation);
+    return entry;
+  }
+};
+
+const std::shared_ptr<CacheController>& CacheController::sharedInstance() {
+  static const auto* instance =
+      new std::shared_ptr<CacheController>(std::make_shared<CacheController>(kDatabaseFileName, kStorageFileName));
+  return *instance;
+}
+
+CacheController::CacheController(std::string_view databaseFileName, std::string_view storageFileName)
+    : CacheController(Options{
+          std::string(databaseFileName), std::string(storageFileName), {}, {}, {}, kDefaultBackgroundBudgetBytes}) {}
+
+CacheController::CacheController(Options options) {
+  const fs::path directory = prepareDirectory(options.directory);
+  state_ = std::make_shared<State>(options, directory);
+  state_->database.prepare();
+  state_->files.prepareCacheFolder();
+
+  auto& center = NotificationCenter::defaultCenter();
+  auto observe = [&](std::string_view name, void (State::*handler)()) {
+    observations_.push_back(center.addObserver(name, nullptr, nullptr, [weak = std::weak_ptr(state_), handler](auto&) {
+      if (auto state = weak.lock()) ((*state).*handler)();
+    }));
+  };
+  observe(ApplicationNotifications::kDidBecomeActive, &State::becomeActive);
+  observe(ApplicationNotifications::kWillResignActive, &State::stopTimerOnMainThread);
+  observe(ApplicationNotifications::kDidReceiveMemoryWarning, &State::dropMemoryWarningItems);
+  // Queued even on the main thread: the controller may be made by a service factory, under
+  // the lock of the container that the start-up step asks for the application.
+  MainQueue::shared()->async([weak = std::weak_ptr(state_)] {
+    if (auto state = weak.lock()) state->startUp();
+  });
+}
+
+CacheController::~CacheController() {
+  observations_.clear();
+  state_->close();
+  if (!state_->background.isCurrent()) state_->background.waitUntilIdle();
+}
+
+// ---- writes ----
+
+void CacheController::set(std::shared_ptr<CacheItem> item, std::string_view key) {
+  if (!item || key.empty() || !isValid(*item)) return;
+  auto& config = item->configuration;
+  if (config.groupName && config.groupName->empty()) config.groupName.reset();
+  state_->memory.set(item, key);
+  if (!config.retainInBackStore) return;
+  std::size_t cost = kTaskOverhead + key.size();
+  if (!config.retainInMemory) cost += estimatedBytes(*item->item) + estimatedBytes(ArchiveValue(item->extraItems));
+  state_->post(cost, [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
+    if (s.wipeGeneration.load() != generation) return;  // a wipe started later removes it anyway
+    s.save(*item, key);
+  });
+}
+
+void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key) {
+  if (!item || key.empty()) return;
+  state_->memory.set(item, key);
+  if (!item->cacheConfiguration().retainInBackStore) return;
+  // Entries of other types have no estimate of their size; only what the task adds counts.
+  state_->post(kTaskOverhead + key.size(),
+               [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
+                 if (s.wipeGeneration.load() != generation) return;
+                 s.database.encode(*item, key);
+               });
+}
+
+void CacheController::removeCacheItem(std::string_view key) {
+  // In turn with the background work, so that no save started before it lands afterwards, and
+  // out of memory on both sides of it, so that no read brings back the row it removes.
+  state_->memory.remove(key);
+  state_->background.runInTurn([&] { state_->removeStored(key); });
+  state_->memory.remove(key);
+}
+
+void CacheController::wipeCompleteCache() {
+  state_->wipeGeneration.fetch_add(1);
+  state_->pendingWipes.fetch_add(1);  // before memory empties: see startRead()
+  state_->memory.removeAll();
+  state_->postWipe(std::nullopt);
+  state_->pendingWipes.fetch_sub(1);
+}
+
+void CacheController::wipeCompleteCache(std::string_view group) {
+  state_->pendingWipes.fetch_add(1);
+  state_->memory.removeForGroup(group);
+  state_->postWipe(std::string(group));
+  state_->pendingWipes.fetch_sub(1);
+}
+
+void CacheController::removeAllItemsFromBackStore() {
+  state_->wipeGeneration.fetch_add(1);
+  state_->postWipe(std::nullopt);
+}
+
+void CacheController::wipeCompleteExpiredCache() { state_->purgeExpired(); }
+
+void CacheController::curbUsedDiskSpace() {
+  state_->post(kTaskOverhead, [](State& s) { s.files.removeOldestFiles(s.maximumCacheSizeInBytes.get(), s.database); });
+}
+
+// ---- reads ----
+
+std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key) { return getCacheItem(key, true); }
+
+std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, bool loadData) {
+  State& s = *state_;
+  // CacheItem is final: comparing the exact type is enough, and cheaper than a cast.
+  if (auto hit = s.memory.get(key); hit && typeid(*hit) == typeid(CacheItem)) {
+    return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
+  }
+  return s.readCacheItem(key, loadData);
+}
+
+// Apart from the memory hit, so that the hit stays a short call.
+std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData) {
+  State& s = *this;
+  const auto start = s.startRead();
+  auto& slot = s.fileWriteSlot(key);
+  const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);
+  auto stored = s.database.loadCacheDataAndTimestamp(key);
+  if (!stored) return nullptr;
+  auto entry = CacheControllerDatabase::decodeEntry<CacheItem>(stored->data);
+  // A payload or extra items that were stored but cannot be read back make another entry.
+  if (!entry || !entry->isComplete()) return nullptr;
+  if (entry->cacheType == CacheItemType::serialized && !entry->item) return nullptr;
+  adoptStoredTimestamp(*entry, stored->timestamp);
+  bool complete = true;
+  if (entry->cacheType != CacheItemType::serialized) {
+    if (loadData) {
+      entry->item = s.loadPayload(key, *entry);
+      const bool settled = writesBefore % 2 == 0 && slot.load(std::memory_order_acquire) == writesBefore;
+      // A save of this key ran meanwhile: the row and the file may not belong together.
+      if (!settled) return nullptr;
+      if (!entry->item) {
+        s.database.removeCacheItem(key);
+        return nullptr;
+      }
+    } else {
+      complete = false;  // without its payload it must not stand in for the entry in memory
+    }
+  }
+  const bool keep = complete && entry->configuration.retainInMemory;
+  return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(entry), key, false, keep, start));
+}
+
+std::shared_ptr<Cacheable> CacheController::get(const CacheableType& type, std::string_view key) {
+  State& s = *state_;
+  if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
+  const auto start = s.startRead();
+  auto stored = s.database.loadCacheDataAndTimestamp(key);
+  if (!stored) return nullptr;
+  auto entry = type.decode(stored->data);
+  if (!entry) return nullptr;
+  adoptStoredTimestamp(*entry, stored->timestamp);
+  const bool keep = entry->cacheConfiguration().retainInMemory;
+  return s.finishRead(std::move(entry), key, false, keep, start);
+}
+
+// ---- settings and sizes ----
+
+std::uint64_t CacheController::maximumCacheSizeInBytes() const { return state_->maximumCacheSizeInBytes.get(); }
+
+void CacheController::setMaximumCacheSizeInBytes(std::uint64_t bytes) { state_->maximumCacheSizeInBytes.set(bytes); }
+
+double CacheController::cleanUpInterval() const noexcept { return state_->cleanUpInterval.load(); }
+
+void CacheController::setCleanUpInterval(double seconds) noexcept { state_->cleanUpInterval.store(seconds); }
+
+std::uint64_t CacheController::getBackStoreTotalSize() const {
+  const std::uint64_t database = getDatabaseTotalSize();
+  const std::uint64_t files = getFileStorageTotalSize();
+  if (files > UINT64_MAX - database) std::abort();  // sizes of real files never get there
+  return database + files;
+}
+
+std::uint64_t CacheController::getDatabaseTotalSize() const { return state_->database.getSize(); }
+
+std::uint64_t CacheController::getFileStorageTotalSize() const { return state_->files.getSize(); }
+
+// ---- application life ----
+
+void CacheController::didBecomeActive(const Notification&) { state_->becomeActive(); }
+
+void CacheController::willResignActive(const Notification&) { state_->stopTimerOnMainThread(); }
+
+void CacheController::receivedMemoryWarning(const Notification&) { state_->dropMemoryWarningItems(); }
+
+void CacheController::cleanUpTimerFired() { state_->purgeExpired(); }
+
+// ---- inspection ----
+
+bool CacheController::hasCleanUpTimer() const {
+  std::lock_guard lock(state_->timerMutex);
+  return state_->cleanUpTimer != nullptr;
+}
+
+std::size_t CacheController::memoryItemCount() const { return state_->memory.count(); }
+
+std::uint64_t CacheController::databaseItemCount() { return state_->database.getItemCount(); }
+
+namespace {
+
+std::optional<std::uint64_t> fileSizeOf(const fs::path& path) {
+  std::error_code ec;
+  const auto size = fs::file_size(path, ec);
+  if (ec) return std::nullopt;
+  return static_cast<std::uint64_t>(size);
+}
+
+bool isFileBacked(const std::optional<CacheItemType>& type) {
+  return type == CacheItemType::rawDataToFile || type == CacheItemType::image;
+}
+
+}  // namespace
+
+std::vector<CacheEntrySummary> CacheController::listEntries() {
+  std::vector<CacheEntrySummary> entries;
+  for (auto& row : state_->database.getRowSummaries()) {
+    CacheEntrySummary entry{std::move(row), std::nullopt};
+    if (isFileBacked(entry.row.type))
+      entry.fileSize = fileSizeOf(state_->files.filePath(entry.row.key, entry.row.group));
+    entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
+std::optional<CacheItemInspection> CacheController::inspect(std::string_view key) {
+  State& s = *state_;
+  CacheItemInspection inspection;
+  inspection.entry = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key));
+  inspection.inMemory = inspection.entry != nullptr;
+  if (auto row = s.database.getRowSummary(key)) {
+    inspection.stored = CacheEntrySummary{std::move(*row), std::nullopt};
+    const auto& stored = inspection.stored->row;
+    if (isFileBacked(stored.type)) {
+      inspection.fileData = s.files.loadData(key, stored.group);
+      if (inspection.fileData) inspection.stored->fileSize = inspection.fileData->size();
+    }
+    if (!inspection.entry) {
+      if (auto bytes = s.database.loadCacheData(key))
+        inspection.entry = CacheControllerDatabase::decodeEntry<CacheItem>(*bytes);
+      if (inspection.entry && !inspection.entry->isComplete()) inspection.entry.reset();
+    }
+  } else if (!inspection.inMemory) {
+    return std::nullopt;
+  }
+  if (inspection.entry) inspection.expired = inspection.entry->isExpired(s.now());
+  return inspection;
+}
+
+fs::path CacheController::databasePath() const { return state_->database.path(); }
+
+fs::path CacheController::storagePath() const { return state_->files.basePath(); }
+
+CacheBackgroundStatistics CacheController::backgroundStatistics() const {
+  const auto stats = state_->background.statistics();
+  return {stats.pendingTasks, stats.pendingBytes, stats.peakTasks, stats.peakBytes};
+}
+
+void CacheController::waitForBackgroundWork() { state_->background.waitUntilIdle(); }
+
+}  // namespace kp

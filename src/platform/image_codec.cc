@@ -1,0 +1,170 @@
+// The image codecs over stb (from the distribution's headers, compiled into this file only,
+// with internal linkage so they never clash with a host's own copy).
+#include "platform/image_codec.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace kp::internal {
+namespace {
+
+// The bytes the decode running on this thread may still allocate; unlimited outside one.
+thread_local bool tBudgeted = false;
+thread_local std::size_t tBudget = 0;
+
+// Every block carries its size in front, so that frees and reallocations give it back.
+constexpr std::size_t kHeader = 16;
+
+void* budgetedMalloc(std::size_t size) {
+  if (tBudgeted) {
+    if (size > tBudget) return nullptr;
+    tBudget -= size;
+  }
+  auto* block = static_cast<unsigned char*>(std::malloc(size + kHeader));
+  if (block == nullptr) {
+    if (tBudgeted) tBudget += size;
+    return nullptr;
+  }
+  std::memcpy(block, &size, sizeof size);
+  return block + kHeader;
+}
+
+void budgetedFree(void* pointer) {
+  if (pointer == nullptr) return;
+  auto* block = static_cast<unsigned char*>(pointer) - kHeader;
+  std::size_t size = 0;
+  std::memcpy(&size, block, sizeof size);
+  if (tBudgeted) tBudget += size;
+  std::free(block);
+}
+
+void* budgetedRealloc(void* pointer, std::size_t size) {
+  if (pointer == nullptr) return budgetedMalloc(size);
+  auto* block = static_cast<unsigned char*>(pointer) - kHeader;
+  std::size_t old = 0;
+  std::memcpy(&old, block, sizeof old);
+  if (tBudgeted && size > old && size - old > tBudget) return nullptr;
+  auto* moved = static_cast<unsigned char*>(std::realloc(block, size + kHeader));
+  if (moved == nullptr) return nullptr;
+  if (tBudgeted) tBudget = tBudget + old - size;  // within range: checked above
+  std::memcpy(moved, &size, sizeof size);
+  return moved + kHeader;
+}
+
+// Sets the allocation budget of this thread for one decode.
+class DecodeBudget {
+ public:
+  explicit DecodeBudget(std::size_t bytes) {
+    tBudgeted = true;
+    tBudget = bytes;
+  }
+  ~DecodeBudget() { tBudgeted = false; }
+  DecodeBudget(const DecodeBudget&) = delete;
+  DecodeBudget& operator=(const DecodeBudget&) = delete;
+};
+
+// The JPEG decoder of the distribution's stb trusts the symbol counts of a Huffman table
+// (it writes up to 4080 symbols into room for 256). Such a table is damage whatever else the
+// file holds, so the file is refused before decoding. Every FF C4 is checked the way the
+// decoder reads a table segment (tables follow each other while the segment's length lasts,
+// and bytes past the end read as zero), so that no parse of the file can reach one unchecked.
+// True for bytes that are not a JPEG (which starts with FF, then any fill, then D8).
+bool jpegHuffmanTablesFit(std::span<const std::uint8_t> bytes) {
+  const std::size_t size = bytes.size();
+  if (size < 2 || bytes[0] != 0xff) return true;
+  const auto at = [&](std::size_t i) -> std::size_t { return i < size ? bytes[i] : 0; };
+  for (std::size_t p = 1; p + 1 < size; ++p) {
+    if (bytes[p] != 0xff || bytes[p + 1] != 0xc4) continue;
+    auto left = static_cast<std::int64_t>((at(p + 2) << 8) | at(p + 3)) - 2;
+    std::size_t table = p + 4;
+    while (left > 0 && table < size) {
+      std::size_t symbols = 0;
+      for (std::size_t k = 1; k <= 16; ++k) symbols += at(table + k);
+      if (symbols > 256) return false;
+      table += 17 + symbols;
+      left -= static_cast<std::int64_t>(17 + symbols);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace kp::internal
+
+#define STB_IMAGE_STATIC
+#define STB_IMAGE_IMPLEMENTATION
+#define STBI_ONLY_PNG
+#define STBI_ONLY_JPEG
+#define STBI_ONLY_GIF
+#define STBI_NO_STDIO
+#define STBI_NO_FAILURE_STRINGS
+#define STBI_MAX_DIMENSIONS 16384
+#define STBI_MALLOC(size) kp::internal::budgetedMalloc(size)
+#define STBI_REALLOC(pointer, size) kp::internal::budgetedRealloc(pointer, size)
+#define STBI_FREE(pointer) kp::internal::budgetedFree(pointer)
+#include <stb/stb_image.h>
+
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
+#define STBI_WRITE_NO_STDIO
+#include <stb/stb_image_write.h>
+
+namespace kp::internal {
+
+std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits) {
+  if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
+  if (!jpegHuffmanTablesFit(bytes)) return std::nullopt;
+  const int length = static_cast<int>(bytes.size());
+  int width = 0;
+  int height = 0;
+  int channels = 0;
+  if (stbi_info_from_memory(bytes.data(), length, &width, &height, &channels) == 0) return std::nullopt;
+  if (width <= 0 || height <= 0) return std::nullopt;
+  const auto w = static_cast<std::uint64_t>(width);
+  const auto h = static_cast<std::uint64_t>(height);
+  if (w > limits.maxDimension || h > limits.maxDimension || w * h > limits.maxPixelCount) return std::nullopt;
+
+  // Room for the decoders' working buffers (16-bit samples, interlacing, progressive
+  // coefficients, GIF history) beside the result, and for the compressed input.
+  const std::uint64_t budget = w * h * 24 + 2 * bytes.size() + (4u << 20);
+  DecodedPixels decoded;
+  {
+    DecodeBudget scope(
+        static_cast<std::size_t>(std::min<std::uint64_t>(budget, std::numeric_limits<std::size_t>::max())));
+    stbi_uc* pixels = stbi_load_from_memory(bytes.data(), length, &width, &height, &channels, 4);
+    if (pixels == nullptr) return std::nullopt;
+    // The info pass and the decoder agree on the size; anything else is not to be trusted.
+    if (static_cast<std::uint64_t>(width) != w || static_cast<std::uint64_t>(height) != h) {
+      stbi_image_free(pixels);
+      return std::nullopt;
+    }
+    decoded.rgba.assign(pixels, pixels + w * h * 4);
+    stbi_image_free(pixels);
+  }
+  decoded.width = static_cast<std::uint32_t>(w);
+  decoded.height = static_cast<std::uint32_t>(h);
+  return decoded;
+}
+
+std::optional<std::vector<std::uint8_t>> encodePng(std::span<const std::uint8_t> rgba, std::uint32_t width,
+                                                   std::uint32_t height) {
+  if (width == 0 || height == 0 || width > static_cast<std::uint32_t>(INT_MAX / 4) ||
+      height > static_cast<std::uint32_t>(INT_MAX) || rgba.size() != static_cast<std::uint64_t>(width) * height * 4) {
+    return std::nullopt;
+  }
+  std::vector<std::uint8_t> png;
+  auto append = [](void* context, void* data, int size) {
+    auto* out = static_cast<std::vector<std::uint8_t>*>(context);
+    const auto* begin = static_cast<const std::uint8_t*>(data);
+    out->insert(out->end(), begin, begin + size);
+  };
+  const int ok = stbi_write_png_to_func(append, &png, static_cast<int>(width), static_cast<int>(height), 4, rgba.data(),
+                                        static_cast<int>(width * 4));
+  if (ok == 0 || png.empty()) return std::nullopt;
+  return png;
+}
+
+}  // namespace kp::internal

@@ -1,0 +1,39 @@
+// The image codecs behind kp::Image: decoding PNG, JPEG and GIF bytes to RGBA pixels and
+// encoding RGBA pixels as PNG. Internal; not installed.
+//
+// Decoding is bounded for hostile input: images larger than the limits are refused from their
+// header, before any pixel memory is taken, and every allocation the decoder makes counts
+// against a budget, so that a compressed bomb ends in a refusal instead of exhausting memory.
+//
+// Thread safety: every function may be called from any thread at once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace kp::internal {
+
+struct DecodedPixels {
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::vector<std::uint8_t> rgba;  // 4 bytes per pixel, rows top to bottom
+};
+
+struct DecodeLimits {
+  std::uint32_t maxDimension = 0;
+  std::uint64_t maxPixelCount = 0;
+};
+
+// The first frame of a PNG, JPEG or GIF image; nothing for anything else, for truncated or
+// damaged data and for images beyond `limits`.
+[[nodiscard]] std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits);
+
+// A PNG of RGBA pixels; nothing when the encoder fails.
+// REQUIRES: rgba.size() == 4 * width * height.
+[[nodiscard]] std::optional<std::vector<std::uint8_t>> encodePng(std::span<const std::uint8_t> rgba,
+                                                                 std::uint32_t width, std::uint32_t height);
+
+}  // namespace kp::internal

@@ -1,0 +1,117 @@
+// `kpcore cache` as a user runs it, on a cache folder this process filled.
+#include <gtest/gtest.h>
+
+#include "kp/cache/cache_controller.h"
+#include "kp/coding/archivable_image.h"
+#include "support/process.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using kp::test::runCommand;
+using kp::test::shellQuote;
+
+class KpcoreCacheTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    kp::CacheController::Options options;
+    options.directory = dir_.path();
+    kp::CacheController cache(options);
+    auto stored = [](double age, std::optional<std::string> group = {}) {
+      kp::CacheItemConfiguration c(age);
+      c.retainInBackStore = true;
+      c.groupName = std::move(group);
+      return c;
+    };
+    auto forecast = std::make_shared<kp::CacheItem>(kp::ArchiveValue("sunny\n\x1b[31mred"), stored(3600));
+    forecast->extraItems["status"] = kp::ArchiveValue(200);
+    cache.set(forecast, "forecast/berlin");
+    cache.set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(kp::Data(std::vector<std::uint8_t>(3000, 7))),
+                                              stored(0, "radar"), kp::CacheItemType::rawDataToFile),
+              "radar/1");
+    const kp::Image image(3, 2, std::vector<std::uint8_t>(24, 90), 2);
+    cache.set(std::make_shared<kp::CacheItem>(kp::ArchiveValue(std::make_shared<kp::ArchivableImage>(image)),
+                                              stored(60), kp::CacheItemType::image),
+              "icon\tsun");
+    auto old = std::make_shared<kp::CacheItem>(kp::ArchiveValue("stale"), stored(1));
+    old->setCreationDate(kp::Date::now().addingTimeInterval(-7000));
+    cache.set(old, "stale");
+  }
+
+  kp::test::ProcessResult kpcore(const std::string& arguments) {
+    return runCommand(std::string(KPCORE_PATH) + " cache " + arguments + " --dir " + shellQuote(dir_.path()) + " 2>&1");
+  }
+
+  kp::test::TempDir dir_;
+};
+
+TEST_F(KpcoreCacheTest, ShowsTheFolderItsEntriesAndOneEntry) {
+  const auto stats = kpcore("stats");
+  EXPECT_EQ(stats.status, 0);
+  EXPECT_NE(stats.output.find("folder:            " + dir_.path().string() + "\n"), std::string::npos) << stats.output;
+  EXPECT_NE(stats.output.find("database entries:  4\n"), std::string::npos) << stats.output;
+  EXPECT_NE(stats.output.find("file storage size: 3."), std::string::npos) << stats.output;
+
+  const auto list = kpcore("list");
+  EXPECT_EQ(list.status, 0);
+  EXPECT_NE(list.output.find("2.9 KiB    data       radar        radar/1\n"), std::string::npos) << list.output;
+  EXPECT_NE(list.output.find("icon\\x09sun\n"), std::string::npos) << list.output;  // no raw control bytes
+  EXPECT_NE(list.output.find("1h     1h ago "), std::string::npos) << list.output;
+  EXPECT_TRUE(list.output.ends_with("4 entries, " + list.output.substr(list.output.rfind(", ") + 2))) << list.output;
+
+  const auto json = kpcore("list --json");
+  EXPECT_EQ(json.status, 0);
+  EXPECT_NE(json.output.find("{\"key\":\"radar/1\",\"kind\":\"data\",\"group\":\"radar\","), std::string::npos)
+      << json.output;
+
+  const auto one = kpcore("get forecast/berlin");
+  EXPECT_EQ(one.status, 0);
+  EXPECT_NE(one.output.find("payload: text \"sunny\\x0a\\x1b[31mred\" (14 bytes)\n"), std::string::npos) << one.output;
+  EXPECT_NE(one.output.find("maximum age: 1h\n"), std::string::npos) << one.output;
+  EXPECT_NE(one.output.find("extra items: status (integer 200)\n"), std::string::npos) << one.output;
+  EXPECT_NE(kpcore("get 'icon\tsun'").output.find("payload: PNG file, "), std::string::npos);
+
+  EXPECT_EQ(kpcore("get radar/1 --raw").output, std::string(3000, '\x07'));
+  const auto png = kpcore("get 'icon\tsun' --raw");
+  const auto image = kp::Image::decode(kp::Data::fromString(png.output));
+  ASSERT_TRUE(image);
+  EXPECT_EQ(image->scale(), 2.0);
+}
+
+TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
+  const auto expired = kpcore("expired");
+  EXPECT_EQ(expired.status, 0);
+  EXPECT_EQ(expired.output.rfind("expired clean-up: removed 1 entry; file storage ", 0), 0u) << expired.output;
+  const auto curb = kpcore("curb --max 1K");
+  EXPECT_EQ(curb.status, 0);
+  EXPECT_NE(curb.output.find("curb to 1.0 KiB: removed 0 entries; file storage 3."), std::string::npos) << curb.output;
+  EXPECT_TRUE(curb.output.ends_with(" -> 2.9 KiB\n") || curb.output.ends_with(" -> 0 B\n")) << curb.output;
+  const auto group = kpcore("wipe --group radar");
+  EXPECT_EQ(group.status, 0);
+  EXPECT_EQ(group.output.rfind("wipe group radar: removed 1 entry", 0), 0u) << group.output;
+  EXPECT_EQ(kpcore("wipe --json").output.rfind("{\"action\":\"wipe\",\"removedEntries\":2,", 0), 0u);
+  EXPECT_NE(kpcore("stats").output.find("database entries:  0\n"), std::string::npos);
+
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string output;
+  };
+  const Case cases[] = {
+      {"get missing", 1, "kpcore cache: no entry under missing\n"},
+      {"curb", 2, "kpcore cache: curb needs --max BYTES\n"},
+      {"curb --max lots", 2, "kpcore cache: not a size: lots\n"},
+      {"shrink", 2, "kpcore cache: unknown subcommand: shrink\n"},
+  };
+  for (const auto& c : cases) {
+    const auto result = kpcore(c.arguments);
+    EXPECT_EQ(result.status, c.status) << c.arguments;
+    EXPECT_EQ(result.output, c.output) << c.arguments;
+  }
+  kp::test::TempDir empty;
+  const auto none = runCommand(std::string(KPCORE_PATH) + " cache stats --dir " + shellQuote(empty.path()) + " 2>&1");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.output, "kpcore cache: no cache database in " + empty.path().string() + "\n");
+}
+
+}  // namespace

@@ -1,0 +1,160 @@
+// Images: decoding the three formats, the lossless PNG with its scale, and hostile bytes.
+#include "kp/platform/image.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
+#define STBI_WRITE_NO_STDIO
+#include <stb/stb_image_write.h>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+kp::Image gradient(std::uint32_t w, std::uint32_t h, double scale) {
+  Bytes rgba;
+  for (std::uint32_t y = 0; y < h; ++y) {
+    for (std::uint32_t x = 0; x < w; ++x) {
+      rgba.insert(rgba.end(), {static_cast<std::uint8_t>(x * 37), static_cast<std::uint8_t>(y * 53),
+                               static_cast<std::uint8_t>((x + y) * 11), static_cast<std::uint8_t>(255 - x)});
+    }
+  }
+  return kp::Image(w, h, std::move(rgba), scale);
+}
+
+void appendBigEndian(Bytes& out, std::uint32_t v) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
+}
+
+// A PNG chunk; the decoder does not check CRCs, so they are left zero.
+void appendChunk(Bytes& png, const char* type, const Bytes& data) {
+  appendBigEndian(png, static_cast<std::uint32_t>(data.size()));
+  png.insert(png.end(), type, type + 4);
+  png.insert(png.end(), data.begin(), data.end());
+  appendBigEndian(png, 0);
+}
+
+// An 8-bit RGBA PNG of the given size whose image data is `idat`.
+Bytes pngWith(std::uint32_t w, std::uint32_t h, const Bytes& idat, bool interlaced = false) {
+  Bytes png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  Bytes header;
+  appendBigEndian(header, w);
+  appendBigEndian(header, h);
+  header.insert(header.end(), {8, 6, 0, 0, static_cast<std::uint8_t>(interlaced ? 1 : 0)});
+  appendChunk(png, "IHDR", header);
+  appendChunk(png, "IDAT", idat);
+  appendChunk(png, "IEND", {});
+  return png;
+}
+
+// A zlib stream that inflates to `size` (rounded up to 1 + a multiple of 258) zero bytes from
+// 13 bits per 258: one fixed-Huffman block of a literal zero and then "repeat 258 bytes at
+// distance 1".
+Bytes zlibBomb(std::size_t size) {
+  Bytes out = {0x78, 0x01};
+  std::uint32_t bits = 0;
+  int count = 0;
+  auto put = [&](std::uint32_t value, int n) {  // least significant bit first
+    bits |= value << count;
+    count += n;
+    while (count >= 8) {
+      out.push_back(static_cast<std::uint8_t>(bits));
+      bits >>= 8;
+      count -= 8;
+    }
+  };
+  auto putCode = [&](std::uint32_t code, int n) {  // Huffman codes go most significant bit first
+    for (int i = n - 1; i >= 0; --i) put((code >> i) & 1, 1);
+  };
+  put(1, 1);         // final block
+  put(1, 2);         // fixed Huffman codes
+  putCode(0x30, 8);  // literal 0
+  std::size_t produced = 1;
+  for (; produced < size; produced += 258) {
+    putCode(0xc5, 8);  // length 258 (code 285)
+    putCode(0, 5);     // distance 1
+  }
+  putCode(0, 7);  // end of block
+  put(0, 7);
+  appendBigEndian(out, static_cast<std::uint32_t>((produced % 65521) << 16 | 1));  // Adler-32 of zeros
+  return out;
+}
+
+TEST(Image, PngIsLosslessAndRecordsTheScale) {
+  const auto image = gradient(7, 5, 2);
+  const auto png = image.pngData();
+  ASSERT_TRUE(png);
+  const auto back = kp::Image::decode(*png);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(*back, image);
+  EXPECT_EQ(back->size(), (kp::ImageSize{3.5, 2.5}));
+  // The scale is a 144 dpi pHYs chunk, which other tools read too.
+  const std::string text(png->view());
+  const auto phys = text.find("pHYs");
+  ASSERT_NE(phys, std::string::npos);
+  EXPECT_EQ(text.substr(phys + 4, 9), std::string("\x00\x00\x16\x25\x00\x00\x16\x25\x01", 9));
+
+  EXPECT_EQ(kp::Image::decode(*png, 3.0)->scale(), 3.0);  // a given scale wins
+  EXPECT_EQ(kp::Image::decode(*gradient(2, 2, 1).pngData())->scale(), 1.0);
+  EXPECT_EQ(kp::Image::decode(*gradient(2, 2, 3).pngData())->scale(), 3.0);
+  EXPECT_FALSE(kp::Image::decode(*png, 0.0));
+  EXPECT_THROW(kp::Image(2, 2, Bytes(15), 1), std::invalid_argument);
+  EXPECT_THROW(kp::Image(0, 2, Bytes(), 1), std::invalid_argument);
+  EXPECT_THROW(image.withScale(-1), std::invalid_argument);
+}
+
+TEST(Image, DecodesJpegAndTheFirstGifFrame) {
+  Bytes jpeg;
+  Bytes pixels;
+  for (int i = 0; i < 16 * 8; ++i) pixels.insert(pixels.end(), {20, 40, 230});
+  stbi_write_jpg_to_func(
+      [](void* context, void* data, int size) {
+        auto* out = static_cast<Bytes*>(context);
+        out->insert(out->end(), static_cast<std::uint8_t*>(data), static_cast<std::uint8_t*>(data) + size);
+      },
+      &jpeg, 16, 8, 3, pixels.data(), 95);
+  const auto photo = kp::Image::decode(kp::Data(jpeg));
+  ASSERT_TRUE(photo);
+  EXPECT_EQ(photo->pixelWidth(), 16u);
+  EXPECT_EQ(photo->pixelHeight(), 8u);
+  EXPECT_EQ(photo->scale(), 1.0);
+  EXPECT_NEAR(photo->pixels()[2], 230, 8);  // lossy, but blue
+  EXPECT_EQ(photo->pixels()[3], 255);
+
+  // A one-pixel GIF whose palette starts with red.
+  const Bytes gif = {'G', 'I',  'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0, 0xff, 0, 0, 0,   0,
+                     0,   0x2c, 0,   0,   0,   0,   1, 0, 1, 0, 0,    2, 2, 0x44, 1, 0, 0x3b};
+  const auto dot = kp::Image::decode(kp::Data(gif));
+  ASSERT_TRUE(dot);
+  EXPECT_EQ(Bytes(dot->pixels().begin(), dot->pixels().end()), (Bytes{255, 0, 0, 255}));
+}
+
+TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
+  const auto png = *gradient(40, 30, 1).pngData();
+  // Truncated anywhere, or another format, or nothing at all.
+  for (std::size_t cut : {std::size_t{0}, std::size_t{7}, std::size_t{40}, png.size() / 2, png.size() - 20}) {
+    EXPECT_FALSE(kp::Image::decode(std::span(png.data(), cut))) << cut;
+  }
+  EXPECT_FALSE(kp::Image::decode(kp::Data::fromString("<html>not an image</html>")));
+  EXPECT_FALSE(kp::Image::decode(kp::Data(Bytes(4096, 0xff))));
+  // A JPEG Huffman table that claims 300 symbols, which would overrun the decoder's tables.
+  Bytes table = {0xff, 0xd8, 0xff, 0xc4, 0x01, 0x3f, 0x00, 255, 45};
+  table.resize(table.size() + 14 + 300, 0);
+  table.insert(table.end(), {0xff, 0xd9});
+  EXPECT_FALSE(kp::Image::decode(kp::Data(table)));
+  // Headers that promise more pixels than allowed are refused before any pixel memory.
+  EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(100000, 100000, zlibBomb(1000)))));
+  EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(16384, 16384, zlibBomb(1000)))));
+  // An interlaced one-pixel image (which may carry data beyond its pixels) whose data
+  // inflates to 64 MiB ends at the decoder's budget.
+  EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(1, 1, zlibBomb(64u << 20), true))));
+  EXPECT_TRUE(kp::Image::decode(kp::Data(pngWith(1, 1, zlibBomb(1000), true))));
+  // The same stream sized for its image decodes: 257 rows of 64 pixels and a filter byte.
+  EXPECT_TRUE(kp::Image::decode(kp::Data(pngWith(64, 257, zlibBomb(257 * (64 * 4 + 1))))));
+}
+
+}  // namespace

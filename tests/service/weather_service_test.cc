@@ -1,0 +1,400 @@
+// The local weather service end to end: requests built, encrypted and sent by the library's
+// own request layer over HTTP and HTTPS on 127.0.0.1; refusals and hostile requests at the
+// protocol; `kpcore serve` run as a user runs it.
+#include "weather_service.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <future>
+#include <random>
+#include <set>
+
+#include "kp/request/request_handler.h"
+#include "kp/request/url_request_factory.h"
+#include "kp/service/encryption.h"
+#include "kp/service/tarvix_service_content_info.h"
+#include "kp/service/tarvix_web_service_parameters.h"
+#include "support/process.h"
+#include "support/test_servers.h"
+
+namespace kp {
+namespace {
+
+using namespace std::chrono_literals;
+using weather::ServiceAnswer;
+using weather::ServiceCall;
+using weather::WeatherProtocol;
+
+const std::string kQueryKey(kDefaultQueryStringEncryptionKey);
+const std::string kBodyKey(kClientInfoBodyEncryptionKey);
+const std::string kResponseKey(kClientInfoResponseDecryptionKey);
+
+// Accepts the test certificate, as an application pinned to it would.
+class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
+ public:
+  void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
+                           ChallengeHandler completion) override {
+    if (const auto& trust = challenge.protectionSpace.serverTrust) {
+      return completion(AuthChallengeDisposition::useCredential, UrlCredential::make(trust));
+    }
+    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
+  }
+  // Its TLS connections are closed by then, so that none outlives the test.
+  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override { ended.set_value(); }
+  std::promise<void> ended;
+};
+
+// An encrypted URL names its authority "host:<port>"; the service is reached on the loopback
+// address instead.
+UrlRequest onLoopback(UrlRequest wire) {
+  const Url& url = wire.url;
+  wire.url = *Url::parse(url.scheme() + "://127.0.0.1:" + std::to_string(*url.port()) + url.path() +
+                         (url.query() ? "?" + *url.query() : ""));
+  return wire;
+}
+
+JsonValue envelopeOf(const HttpRequestResult& result, const std::string& key) {
+  const Data* body = std::any_cast<Data>(&result.data);
+  if (body == nullptr) return {};
+  return TarvixServiceEncryptionHelper::decryptData(body->bytes(), key).value_or(JsonValue());
+}
+
+class WeatherServiceTest : public ::testing::TestWithParam<bool> {
+ protected:
+  static void SetUpTestSuite() { certificate_ = new test::SelfSignedCertificate(); }
+  static void TearDownTestSuite() { delete certificate_; }
+
+  void SetUp() override {
+    weather::WeatherServiceOptions options;
+    if (GetParam()) {
+      options.certificatePath = certificate_->certificatePath().string();
+      options.privateKeyPath = certificate_->keyPath().string();
+    }
+    service_ = std::make_unique<weather::WeatherService>(options);
+    service_->start();
+    router_ = std::make_shared<TrustingRouter>();
+    session_ = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), router_);
+  }
+  void TearDown() override {
+    auto ended = router_->ended.get_future();
+    session_->finishTasksAndInvalidate();
+    EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
+  }
+
+  // A service request as the facades make them: POST, JSON content type, the common
+  // parameters first.
+  std::shared_ptr<HttpRequest> request(const std::string& method) {
+    auto request = HttpRequest::make(*Url::parse(service_->baseUrl() + "/" + method));
+    auto& config = *request->httpConfig();
+    config.method = HttpRequestMethod::post;
+    config.setHeader("application/json", "Content-Type");
+    config.addQuery(TarvixWebServiceParameters().queryParameters());
+    request->setUrlSession(session_);
+    return request;
+  }
+
+  std::shared_ptr<HttpRequestResult> call(const std::shared_ptr<HttpRequest>& request,
+                                          std::optional<std::string> queryKey = kQueryKey,
+                                          std::optional<std::string> bodyKey = std::nullopt) {
+    auto handler = std::make_shared<HttpRequestHandler>();
+    EXPECT_EQ(handler->canHandle(request), nullptr);
+    handler->urlRequest = onLoopback(UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey));
+    auto done = std::make_shared<std::promise<std::shared_ptr<HttpRequestResult>>>();
+    auto future = done->get_future();
+    handler->handle(request, [done](const std::shared_ptr<RequestResult>& result) {
+      done->set_value(std::dynamic_pointer_cast<HttpRequestResult>(result));
+    });
+    const auto end = std::chrono::steady_clock::now() + 10s;
+    while (future.wait_for(0s) != std::future_status::ready && std::chrono::steady_clock::now() < end) {
+      MainQueue::shared()->runFor(5ms);
+    }
+    EXPECT_EQ(future.wait_for(0s), std::future_status::ready) << "no answer within 10 s";
+    return future.wait_for(0s) == std::future_status::ready ? future.get() : nullptr;
+  }
+
+  static inline test::SelfSignedCertificate* certificate_ = nullptr;
+  std::unique_ptr<weather::WeatherService> service_;
+  std::shared_ptr<TrustingRouter> router_;
+  std::shared_ptr<UrlSession> session_;
+};
+
+TEST_P(WeatherServiceTest, EncryptedForecastCarriesItsFreshnessAndRevalidates) {
+  auto first = request("forecast");
+  first->httpConfig()->addQuery("52.3702", "latitude");
+  first->httpConfig()->addQuery("4.8952", "longitude");
+  const auto result = call(first);
+  ASSERT_TRUE(result && result->response);
+  ASSERT_TRUE(result->isSuccess()) << result->error->localizedDescription();
+  const JsonValue envelope = envelopeOf(*result, kResponseKey);
+  EXPECT_EQ(envelope["success"].boolValue(), true);
+  EXPECT_EQ(envelope["meta"]["code"].intValue(), 200);
+  const JsonValue data = envelope["data"];
+  EXPECT_EQ(data["location"]["latitude"].doubleValue(), 52.37);
+  EXPECT_EQ(data["hourly"].size(), 48u);
+  EXPECT_EQ(data["daily"].size(), 7u);
+  EXPECT_TRUE(data["current"]["temperature"].doubleValue());
+
+  // Headers and envelope agree, and the creation time is the start of this hour.
+  TarvixServiceContentInfo info;
+  info.applyContentHeaders(*result->response);
+  EXPECT_EQ(info.formatVersion, envelope["meta"]["contentInfo"]["formatVersion"].intValue());
+  EXPECT_EQ(info.expiryInterval, 3600.0);
+  ASSERT_TRUE(info.remoteCreatedAt);
+  const double created = info.remoteCreatedAt->timeIntervalSince1970();
+  EXPECT_EQ(envelope["meta"]["contentInfo"]["createdTimestamp"].doubleValue(), created);
+  EXPECT_EQ(std::fmod(created, 3600), 0);
+  EXPECT_LE(Date::now().timeIntervalSince1970() - created, 3600 + 5);
+  EXPECT_EQ(data["current"]["time"].doubleValue(), created);
+  const auto etag = result->response->etag();
+  ASSERT_TRUE(etag);
+
+  // The same call with the tag is answered 304: no body, the content headers again.
+  auto again = request("forecast");
+  again->httpConfig()->queryParameters = first->httpConfig()->queryParameters;
+  again->httpConfig()->etag = etag;
+  const auto revalidated = call(again);
+  ASSERT_TRUE(revalidated && revalidated->response);
+  EXPECT_EQ(revalidated->response->statusCode, 304);
+  EXPECT_FALSE(revalidated->data.has_value() && std::any_cast<Data>(revalidated->data).size() > 0);
+  TarvixServiceContentInfo refreshed;
+  refreshed.applyContentHeaders(*revalidated->response);
+  EXPECT_EQ(refreshed.remoteCreatedAt, info.remoteCreatedAt);
+  EXPECT_EQ(refreshed.expiryInterval, info.expiryInterval);
+}
+
+TEST_P(WeatherServiceTest, BasicInfoSeesTheCallerAndBodiesOpenWithTheMethodsKey) {
+  auto who = request("basicInfo");
+  who->httpConfig()->setHeader("WeatherApp/5.2 (Linux)", "User-Agent");
+  const auto info = call(who, kQueryKey, kBodyKey);
+  ASSERT_TRUE(info && info->isSuccess());
+  const JsonValue payload = envelopeOf(*info, kResponseKey)["data"];
+  EXPECT_EQ(payload["network"]["ip"].stringValue(), "127.0.0.1");
+  EXPECT_EQ(payload["device"]["userAgent"].stringValue(), "WeatherApp/5.2 (Linux)");
+
+  // Coordinates in an encrypted form body, then in an encrypted JSON body.
+  auto form = request("forecast");
+  form->httpConfig()->addBody("-33.87", "latitude");
+  form->httpConfig()->addBody("151.21", "longitude");
+  auto json = request("forecast");
+  json->httpConfig()->bodyData = Data::fromString(R"({"latitude": -33.87, "longitude": "151.21"})");
+  for (const auto& sent : {form, json}) {
+    const auto result = call(sent, kQueryKey, kBodyKey);
+    ASSERT_TRUE(result && result->isSuccess());
+    EXPECT_EQ(envelopeOf(*result, kResponseKey)["data"]["location"]["longitude"].doubleValue(), 151.21);
+  }
+
+  // Under "skipcrypt" everything travels in plain.
+  auto plain = request("forecast");
+  plain->httpConfig()->addQuery("1", "skipcrypt");
+  plain->httpConfig()->addQuery("10", "latitude");
+  plain->httpConfig()->addQuery("20", "longitude");
+  const auto open = call(plain, std::nullopt);
+  ASSERT_TRUE(open && open->isSuccess());
+  const auto parsed = objectFromJSONData(std::any_cast<Data>(open->data));
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ((*parsed)["data"]["location"]["latitude"].doubleValue(), 10);
+}
+
+TEST_P(WeatherServiceTest, RefusalsReachTheClientAsFailures) {
+  auto located = [this](const std::string& latitude) {
+    auto r = request("forecast");
+    r->httpConfig()->addQuery(latitude, "latitude");
+    r->httpConfig()->addQuery("4.9", "longitude");
+    return r;
+  };
+  // A query sealed with another key, and coordinates that are missing: HTTP 400.
+  const auto wrongKey = call(located("52"), std::string("another key"));
+  ASSERT_TRUE(wrongKey && wrongKey->error);
+  EXPECT_EQ(wrongKey->response->statusCode, 400);
+  const auto missing = call(request("forecast"));
+  ASSERT_TRUE(missing && missing->error);
+  EXPECT_EQ(missing->response->statusCode, 400);
+  const auto unknown = call(request("snowfall"));
+  ASSERT_TRUE(unknown && unknown->error);
+  EXPECT_EQ(unknown->response->statusCode, 404);
+
+  // Understood but without content: HTTP 200 and the failure envelope, for the client to show.
+  const auto offGlobe = call(located("91"));
+  ASSERT_TRUE(offGlobe && offGlobe->isSuccess());
+  const JsonValue envelope = envelopeOf(*offGlobe, kResponseKey);
+  EXPECT_EQ(envelope["success"].boolValue(), false);
+  EXPECT_EQ(envelope["meta"]["code"].intValue(), 422);
+  EXPECT_EQ(envelope["meta"]["statusCode"].intValue(), 422);
+  EXPECT_NE(envelope["message"].stringValue()->find("latitude 91"), std::string_view::npos);
+  EXPECT_EQ(envelope["meta"]["message"], envelope["message"]);
+  EXPECT_FALSE(offGlobe->response->etag());
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, WeatherServiceTest, ::testing::Values(false, true),
+                         [](const auto& transport) { return transport.param ? "Https" : "Http"; });
+
+// ---- The protocol without a transport ----------------------------------------------------------
+
+std::string sealedQuery(const std::string& query, const std::string& key = kQueryKey) {
+  return "data=" + urlEncodeQueryParameter(*aes256EncryptString(query, key));
+}
+
+JsonValue plainEnvelope(const ServiceAnswer& answer, const std::string& key = kResponseKey) {
+  return TarvixServiceEncryptionHelper::decryptData(
+             {reinterpret_cast<const std::uint8_t*>(answer.body.data()), answer.body.size()}, key)
+      .value_or(JsonValue());
+}
+
+TEST(WeatherProtocol, RefusalsNameTheFaultInBothEnvelopeForms) {
+  const WeatherProtocol protocol({});
+  const struct {
+    ServiceCall call;
+    int status;
+    std::string_view words;
+    bool sealed;
+  } cases[] = {
+      {{.target = "/forecast?" + sealedQuery("latitude=1&longitude=2", "other")}, 400, "could not be decrypted", true},
+      {{.target = "/forecast?latitude=1&longitude=2"}, 400, "must travel encrypted", true},
+      {{.target = "/forecast?" + sealedQuery("latitude=north&longitude=2")}, 400, "not decimal numbers", true},
+      {{.target = "/forecast?" + sealedQuery("latitude=1")}, 400, "Missing coordinates", true},
+      {{.target = "/forecast?" + sealedQuery("latitude=1&longitude=2"), .body = "data=%%%"}, 400, "body", true},
+      {{.httpMethod = "DELETE", .target = "/forecast"}, 405, "DELETE", true},
+      {{.target = "/"}, 404, "Missing method", false},
+      {{.target = "/v2/snowfall?skipcrypt=1"}, 404, "'snowfall'", false},
+  };
+  for (const auto& c : cases) {
+    const ServiceAnswer answer = protocol.answer(c.call);
+    EXPECT_EQ(answer.status, c.status) << c.call.target;
+    // Refusals of a known method are sealed like its answers; the rest are plain JSON.
+    EXPECT_EQ(answer.contentType != "application/json", c.sealed) << c.call.target;
+    const JsonValue envelope = plainEnvelope(answer);
+    EXPECT_EQ(envelope["success"].boolValue(), false);
+    EXPECT_EQ(envelope["meta"]["code"].intValue(), c.status);
+    EXPECT_EQ(envelope["meta"]["statusCode"].intValue(), c.status);
+    EXPECT_NE(envelope["meta"]["message"].stringValue().value_or("").find(c.words), std::string_view::npos)
+        << envelope.serialize();
+  }
+}
+
+TEST(WeatherProtocol, ForecastsAreFixedForTheHourAndPlausible) {
+  Date now = Date::fromTimeIntervalSince1970(1'736'942'400 + 60);  // 2025-01-15 12:01 UTC
+  weather::WeatherServiceOptions options;
+  options.clock = [&now] { return now; };
+  const WeatherProtocol protocol(options);
+  auto forecast = [&](const std::string& latitude, const std::string& longitude) {
+    return protocol.answer({.target = "/forecast?" + sealedQuery("latitude=" + latitude + "&longitude=" + longitude)});
+  };
+  const ServiceAnswer first = forecast("52.37", "4.9");
+  now = now.addingTimeInterval(3000);
+  const ServiceAnswer sameHour = forecast("52.371", "4.9");  // the same place, to 0.01 degrees
+  EXPECT_EQ(sameHour.body, first.body);
+  EXPECT_EQ(sameHour.header("ETag"), first.header("ETag"));
+  now = now.addingTimeInterval(600);
+  const ServiceAnswer nextHour = forecast("52.37", "4.9");
+  EXPECT_NE(nextHour.header("ETag"), first.header("ETag"));
+  EXPECT_EQ(nextHour.header("Tarvix-Content-Created"), "1736946000");
+
+  const JsonValue data = plainEnvelope(first)["data"];
+  const std::set<std::string_view> conditions{"clear", "partlyCloudy", "cloudy", "rain", "snow"};
+  for (std::size_t i = 0; i < 48; ++i) {
+    const JsonValue hour = data["hourly"][i];
+    EXPECT_EQ(hour["time"].intValue(), 1'736'942'400 + static_cast<std::int64_t>(i) * 3600);
+    EXPECT_GT(hour["temperature"].doubleValue(), -30);
+    EXPECT_LT(hour["temperature"].doubleValue(), 25);  // January in Amsterdam
+    EXPECT_GT(hour["pressure"].doubleValue(), 960);
+    EXPECT_LT(hour["pressure"].doubleValue(), 1060);
+    EXPECT_GE(hour["precipitation"].doubleValue(), 0);
+    EXPECT_LE(hour["precipitationProbability"].intValue(), 100);
+    EXPECT_LT(hour["windDirection"].intValue(), 360);
+    EXPECT_TRUE(conditions.contains(*hour["condition"].stringValue()));
+  }
+  for (std::size_t i = 0; i < 7; ++i) {
+    const JsonValue day = data["daily"][i];
+    EXPECT_EQ(day["date"].intValue(), 1'736'899'200 + static_cast<std::int64_t>(i) * 86400);
+    EXPECT_LE(day["temperatureMin"].doubleValue(), day["temperatureMax"].doubleValue());
+  }
+  // January is summer in Sydney and winter in Oslo; the equator is warmer than both poles.
+  auto meanHigh = [&](const std::string& latitude) {
+    const JsonValue days = plainEnvelope(forecast(latitude, "10"))["data"]["daily"];
+    double sum = 0;
+    for (std::size_t i = 0; i < 7; ++i) sum += *days[i]["temperatureMax"].doubleValue();
+    return sum / 7;
+  };
+  EXPECT_GT(meanHigh("-33.9"), meanHigh("59.9") + 10);
+  EXPECT_GT(meanHigh("0"), meanHigh("-80") + 20);
+  EXPECT_GT(meanHigh("0"), meanHigh("80") + 20);
+}
+
+TEST(WeatherProtocol, HostileRequestsEndInAnswers) {
+  const WeatherProtocol protocol({});
+  const std::string block16 = base64Encode(std::vector<std::uint8_t>(16, 0x41));
+  const std::vector<ServiceCall> calls{
+      {.target = "/forecast?data="},
+      {.target = "/forecast?data=%"},
+      {.target = "/forecast?data=%zz&data=%41"},
+      {.target = "/forecast?data=QUJD"},        // not whole blocks
+      {.target = "/forecast?data=" + block16},  // whole blocks, wrong padding
+      {.target = "/forecast?" + sealedQuery(std::string("latitude=1\0\x01&longitude=2", 24))},
+      {.target = "/basicInfo?skipcrypt=1", .body = "{\"a\":" + std::string(100000, '[')},
+      {.target = "/basicInfo?" + sealedQuery("x"), .body = "data=" + block16},
+      {.target = "/basicInfo?" + sealedQuery("x"), .body = block16},
+      {.target = "/basicInfo?" + sealedQuery("x"), .body = *aes256EncryptString("[1,2]", kBodyKey)},
+      {.target = "/forecast?" + sealedQuery("latitude=1e400&longitude=nan")},
+      {.target = "?"},
+      {.target = ""},
+      {.target = std::string(100000, '/')},
+      {.httpMethod = "", .target = "/%", .ifNoneMatch = ",,W/\"\"\",*"},
+  };
+  // Every answer is an envelope that opens, whatever was asked.
+  auto answers = [&protocol](const ServiceCall& call, std::initializer_list<int> statuses) {
+    const ServiceAnswer answer = protocol.answer(call);
+    EXPECT_TRUE(std::find(statuses.begin(), statuses.end(), answer.status) != statuses.end())
+        << call.target.substr(0, 80) << " " << answer.status;
+    if (answer.status != 304) {
+      EXPECT_FALSE(plainEnvelope(answer).isNull()) << call.target.substr(0, 80);
+    }
+  };
+  for (const auto& call : calls) answers(call, {400, 404, 405});
+  answers({.target = "/basicInfo?skipcrypt=1", .userAgent = "\xff\xfe agent"}, {200});
+  answers({.target = "/\xc3(" + std::string(300, 'x')}, {404});
+
+  // Random bytes everywhere, sometimes behind a valid key so that the parameters are reached.
+  std::mt19937 rng(7);
+  auto noise = [&rng](std::size_t size) {
+    std::string out(size, '\0');
+    for (char& c : out) c = static_cast<char>(rng() % 4 == 0 ? "&=%?/+"[rng() % 6] : rng());
+    return out;
+  };
+  for (int i = 0; i < 1500; ++i) {
+    const std::string query = rng() % 2 ? sealedQuery(noise(rng() % 64)) : noise(rng() % 64);
+    answers({.httpMethod = rng() % 4 ? "GET" : "POST",
+             .target = (rng() % 2 ? "/forecast?" : "/basicInfo?") + query,
+             .body = noise(rng() % 48),
+             .ifNoneMatch = noise(rng() % 8),
+             .userAgent = noise(rng() % 8)},
+            {200, 304, 400});
+  }
+}
+
+// ---- kpcore serve ------------------------------------------------------------------------------
+
+TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
+  test::BackgroundProcess serve({KPCORE_PATH, "serve", "--quiet"});
+  const auto url = serve.readLine(20s);
+  ASSERT_TRUE(url);
+  ASSERT_TRUE(url->starts_with("http://127.0.0.1:")) << *url;
+
+  const std::string target = "/forecast?skipcrypt=1&latitude=1&longitude=2";
+  const auto answer = test::runCommand(std::string(KPCORE_PATH) + " get --include " + test::shellQuote(*url + target));
+  EXPECT_EQ(answer.status, 0);
+  EXPECT_NE(answer.output.find("HTTP 200\n"), std::string::npos) << answer.output;
+  EXPECT_NE(answer.output.find("\"latitude\":1"), std::string::npos);
+
+  const std::string port = url->substr(url->rfind(':') + 1);
+  const auto busy = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --port " + port + " 2>&1");
+  EXPECT_EQ(busy.status, 1);
+  EXPECT_EQ(busy.output, "kpcore serve: cannot listen on 127.0.0.1 port " + port + "\n");
+
+  serve.sendSignal(SIGTERM);
+  EXPECT_EQ(serve.wait(10s), 0);
+}
+
+}  // namespace
+}  // namespace kp

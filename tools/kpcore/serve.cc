@@ -1,0 +1,82 @@
+// kpcore serve: runs the local weather service until interrupted. The first line on standard
+// output is the base URL, so that scripts can start it on a free port and read where it is.
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <csignal>
+#include <iostream>
+#include <thread>
+
+#include "command.h"
+#include "weather_service.h"
+
+namespace {
+
+// Set by the signal handler; a lock-free atomic is safe to touch there.
+std::atomic<bool> gStopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+extern "C" void requestStop(int) { gStopRequested.store(true); }
+
+int portFrom(const std::optional<std::string>& text) {
+  if (!text) return 0;
+  int port = -1;
+  const auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), port);
+  if (ec != std::errc() || end != text->data() + text->size() || port < 0 || port > 65535) {
+    throw kpcore::CommandError("--port must be a number from 0 to 65535", 2);
+  }
+  return port;
+}
+
+int runServe(kpcore::Args& args) {
+  kp::weather::WeatherServiceOptions options;
+  options.port = portFrom(args.option("port"));
+  if (auto host = args.option("host")) options.host = *host;
+  if (auto certificate = args.option("cert")) options.certificatePath = *certificate;
+  if (auto key = args.option("key")) options.privateKeyPath = *key;
+  if (options.certificatePath.empty() != options.privateKeyPath.empty()) {
+    throw kpcore::CommandError("--cert and --key go together", 2);
+  }
+  if (auto key = args.option("query-key")) options.queryKey = *key;
+  if (auto key = args.option("body-key")) options.forecastBodyKey = *key;
+  if (auto key = args.option("response-key")) options.forecastResponseKey = *key;
+  for (const auto* key : {&options.queryKey, &options.forecastBodyKey, &options.forecastResponseKey}) {
+    if (key->size() > 32) throw kpcore::CommandError("keys are at most 32 bytes", 2);
+  }
+  const bool quiet = args.flag("quiet");
+  const bool json = args.flag("json");
+  args.expectEnd();
+
+  kp::weather::WeatherService::AccessLog log;
+  if (!quiet) {
+    log = [](const std::string& method, const std::string& target, int status) {
+      // The query is ciphertext; the path says which method ran.
+      std::cerr << method << " " << target.substr(0, target.find('?')) << " " << status << "\n";
+    };
+  }
+  kp::weather::WeatherService service(options, log);
+  // Installed before the serving threads exist, so that whichever thread the signal meets
+  // only sets the flag.
+  std::signal(SIGINT, requestStop);
+  std::signal(SIGTERM, requestStop);
+  service.start();
+  if (json) {
+    std::cout << "{\"url\":" << kpcore::jsonQuote(service.baseUrl()) << "}" << std::endl;
+  } else {
+    std::cout << service.baseUrl() << std::endl;
+  }
+  while (!gStopRequested.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  service.stop();
+  if (!quiet) std::cerr << "stopped\n";
+  return 0;
+}
+
+const kpcore::Registration registration{
+    "serve", "Run the local weather service (basicInfo, forecast) until interrupted",
+    "kpcore serve [--port N] [--host 127.0.0.1] [--cert PEM --key PEM] [--query-key K] [--body-key K]\n"
+    "                    [--response-key K] [--quiet] [--json]\n"
+    "  Prints the base URL as its first line; stops on SIGINT or SIGTERM.\n"
+    "  --body-key and --response-key set the forecast's keys (empty for plain).",
+    runServe};
+
+}  // namespace
