@@ -392,6 +392,10 @@ TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
   auto defaults = kp::UserDefaults::suite("tool");
   EXPECT_EQ(defaults->double_("ratio"), 0.5);
   EXPECT_EQ(defaults->string("name"), "Bern");
+  // Stored text reaches the terminal with its control characters escaped.
+  defaults->setObject(std::string("line\nnext \x1b[31mred"), "odd");
+  ASSERT_TRUE(defaults->synchronize());
+  EXPECT_EQ(kpcore("defaults read --suite tool odd").output, "line\\x0anext \\x1b[31mred\n");
 
   const auto missing = kpcore("defaults read --suite tool nothing");
   EXPECT_NE(missing.status, 0);

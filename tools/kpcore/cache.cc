@@ -19,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using kpcore::CommandError;
+using kpcore::printable;
 
 constexpr const char* kUsage =
     "kpcore cache stats|list|get KEY [--raw]|wipe [--group G]|expired|curb --max BYTES [--dir DIR] [--json]";
@@ -69,21 +70,6 @@ std::uint64_t parseSize(const std::string& text) {
   const double bytes = value * scale;
   if (!std::isfinite(bytes) || bytes < 0 || bytes >= 1.8e19) throw CommandError("not a size: " + text, 2);
   return static_cast<std::uint64_t>(bytes);
-}
-
-// Keys and groups come from whoever filled the cache: control characters are shown escaped.
-std::string printable(std::string_view text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-      out += escaped;
-    } else {
-      out.push_back(static_cast<char>(c));
-    }
-  }
-  return out;
 }
 
 std::string kindName(const std::optional<kp::CacheItemType>& type) {

@@ -87,6 +87,21 @@ std::string readInput(const std::optional<std::string>& path) {
   return buffer.str();
 }
 
+std::string printable(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7f) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+      out += escaped;
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
 std::string jsonQuote(std::string_view raw) {
   // JSON is UTF-8: bytes that are not (keys, paths and arguments may hold any) become U+FFFD.
   std::string repaired;

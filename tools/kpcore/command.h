@@ -65,6 +65,10 @@ struct CommandInfo {
 // Reads all of standard input, or of `path` when given ("-" also means standard input).
 [[nodiscard]] std::string readInput(const std::optional<std::string>& path);
 
+// Text from outside (stored values, cache keys) for a terminal: control characters become
+// "\xNN", so that none can move the cursor, recolour the screen or forge a line.
+[[nodiscard]] std::string printable(std::string_view text);
+
 // Text as a JSON string literal. Text that is not UTF-8 is repaired first: malformed bytes and
 // control characters become U+FFFD.
 [[nodiscard]] std::string jsonQuote(std::string_view text);

@@ -82,9 +82,10 @@ kp::Value parseValue(std::string_view type, const std::string& text) {
   throw CommandError("unknown value type " + std::string(type), 2);
 }
 
-// Scalars as plain text; lists and dictionaries as JSON.
+// Scalars as plain text (text with its control characters escaped, since any process of
+// the application may have stored it); lists and dictionaries as JSON.
 std::string plainText(const kp::Value& value) {
-  if (const std::string* s = value.ifString()) return *s;
+  if (const std::string* s = value.ifString()) return kpcore::printable(*s);
   if (const bool* b = value.ifBoolean()) return *b ? "true" : "false";
   if (const kp::Date* d = value.ifDate()) return d->iso8601(true);
   if (const kp::Data* d = value.ifData()) return "<" + kp::hexString(d->bytes()) + ">";
@@ -107,7 +108,8 @@ int runDefaults(kpcore::Args& args) {
       return 0;
     }
     std::optional<kp::Value> value = defaults->value(*key);
-    if (!value) throw CommandError("no value for key '" + *key + "' in suite " + defaults->suiteName());
+    if (!value)
+      throw CommandError("no value for key '" + kpcore::printable(*key) + "' in suite " + defaults->suiteName());
     std::cout << (json ? kp::writeJson(*value, kp::DateStrategy::iso8601) : plainText(*value)) << "\n";
     return 0;
   }
@@ -135,7 +137,7 @@ int runDefaults(kpcore::Args& args) {
     args.expectEnd();
     if (key) {
       if (!defaults->value(*key))
-        throw CommandError("no value for key '" + *key + "' in suite " + defaults->suiteName());
+        throw CommandError("no value for key '" + kpcore::printable(*key) + "' in suite " + defaults->suiteName());
       defaults->removeObject(*key);
     } else {
       defaults->removeAll();
