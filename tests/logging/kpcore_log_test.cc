@@ -65,6 +65,15 @@ TEST(KpcoreLog, ConsoleLayoutAndOneLineErrors) {
   EXPECT_EQ(bad.output, "kpcore log: unknown level 'loud' (debug, info, notice, error or fault)\n");
   auto badLine = runCommand(kpcoreLog("--line seven x 2>&1"));
   EXPECT_EQ(badLine.status, 2);
+
+  // Standard input is read up to the largest message the journal takes, and no further.
+  const std::string eightMiB = "head -c 8388608 /dev/zero | tr '\\0' x";
+  auto largest = runCommand("(" + eightMiB + "; echo) | " + kpcoreLog("--console | wc -c"));
+  EXPECT_EQ(largest.status, 0);
+  EXPECT_GT(std::stoul(largest.output), 8388608U);
+  auto larger = runCommand("(" + eightMiB + "; echo xy) | " + kpcoreLog("--console 2>&1 >/dev/null"));
+  EXPECT_EQ(larger.status, 1);
+  EXPECT_EQ(larger.output, "kpcore log: the message on standard input is longer than 8 MiB\n");
 }
 
 }  // namespace

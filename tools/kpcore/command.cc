@@ -6,7 +6,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <sstream>
+#include <limits>
 
 #include "platform/utf8.h"
 
@@ -75,16 +75,27 @@ void Args::expectEnd() const {
   if (!args_.empty()) throw CommandError("unexpected argument: " + args_.front(), 2);
 }
 
-std::string readInput(const std::optional<std::string>& path) {
-  std::ostringstream buffer;
-  if (!path || *path == "-") {
-    buffer << std::cin.rdbuf();
-  } else {
-    std::ifstream in(*path, std::ios::binary);
-    if (!in) throw CommandError("cannot open " + *path);
-    buffer << in.rdbuf();
+std::optional<std::string> readInputUpTo(const std::optional<std::string>& path, std::size_t maxBytes) {
+  std::ifstream file;
+  std::istream* in = &std::cin;
+  if (path && *path != "-") {
+    file.open(*path, std::ios::binary);
+    if (!file) throw CommandError("cannot open " + *path);
+    in = &file;
   }
-  return buffer.str();
+  std::string out;
+  char buffer[65536];
+  while (in->read(buffer, sizeof buffer) || in->gcount() > 0) {
+    const auto got = static_cast<std::size_t>(in->gcount());
+    if (got > maxBytes - out.size()) return std::nullopt;
+    out.append(buffer, got);
+  }
+  if (in->bad()) throw CommandError(path && *path != "-" ? "cannot read " + *path : "cannot read standard input");
+  return out;
+}
+
+std::string readInput(const std::optional<std::string>& path) {
+  return *readInputUpTo(path, std::numeric_limits<std::size_t>::max());
 }
 
 std::string printable(std::string_view text) {

@@ -11,6 +11,7 @@
 //   }
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <iosfwd>
 #include <optional>
@@ -64,6 +65,8 @@ struct CommandInfo {
 
 // Reads all of standard input, or of `path` when given ("-" also means standard input).
 [[nodiscard]] std::string readInput(const std::optional<std::string>& path);
+// The same, reading no more than `maxBytes`: nothing when the input is longer.
+[[nodiscard]] std::optional<std::string> readInputUpTo(const std::optional<std::string>& path, std::size_t maxBytes);
 
 // Text from outside (stored values, cache keys) for a terminal: control characters become
 // "\xNN", so that none can move the cursor, recolour the screen or forge a line.

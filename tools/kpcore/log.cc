@@ -10,6 +10,9 @@
 
 namespace {
 
+// The longest message the journal writer passes on whole.
+constexpr std::size_t kMaxMessageBytes = 8u << 20;
+
 // Passes entries on and remembers whether the journal took the last one.
 class WatchedSystemLog final : public kp::SystemLog {
  public:
@@ -52,8 +55,13 @@ int runLog(kpcore::Args& args) {
   while (auto word = args.positional()) message += (message.empty() ? "" : " ") + *word;
   args.expectEnd();
   if (message.empty()) {
-    message = kpcore::readInput(std::nullopt);
+    // Read no more than the journal writer would keep, so endless input cannot exhaust memory.
+    const auto tooLong = [] { return kpcore::CommandError("the message on standard input is longer than 8 MiB"); };
+    auto input = kpcore::readInputUpTo(std::nullopt, kMaxMessageBytes + 1);  // and its line end
+    if (!input) throw tooLong();
+    message = std::move(*input);
     if (message.ends_with('\n')) message.pop_back();
+    if (message.size() > kMaxMessageBytes) throw tooLong();
   }
 
   kp::TarvixLogData data{level,
