@@ -1,6 +1,7 @@
 // Application facts: host-set values over system defaults.
 #include "kp/platform/application_info.h"
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 
@@ -9,6 +10,10 @@
 
 namespace kp {
 namespace {
+
+constexpr std::string_view kDefaultIdentifier = "com.kp.app";
+// The longest file name Linux file systems take.
+constexpr std::size_t kMaxFolderNameBytes = 255;
 
 std::mutex gInfoMutex;
 std::optional<ApplicationInfo> gInfo;  // guarded by gInfoMutex
@@ -35,7 +40,7 @@ ApplicationInfo ApplicationInfo::systemDefaults() {
   auto& env = platform::Env::current();
   const auto facts = env.systemFacts();
   ApplicationInfo info;
-  info.identifier = "com.kp.app";
+  info.identifier = kDefaultIdentifier;
   info.name = "KPApp";
   info.version = "1.0";
   info.build = "1";
@@ -55,7 +60,23 @@ ApplicationInfo ApplicationInfo::current() {
   return *gInfo;
 }
 
+std::string ApplicationInfo::canonicalIdentifier(std::string_view identifier) {
+  std::string name(identifier.substr(0, kMaxFolderNameBytes + 1));
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return c == '/' || c == '\0'; }, '_');
+  if (name.size() > kMaxFolderNameBytes) {
+    std::size_t end = kMaxFolderNameBytes;
+    while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;  // a continuation byte
+    name.resize(end);
+  }
+  if (name.empty() || name == "." || name == "..") return std::string(kDefaultIdentifier);
+  return name;
+}
+
 void ApplicationInfo::setCurrent(ApplicationInfo info) {
+  // Every store joins the identifier to a base folder: an empty one would put them in the base
+  // folder itself, and "..", a path or an absolute name somewhere outside it.
+  info.identifier = canonicalIdentifier(info.identifier);
   std::lock_guard lock(gInfoMutex);
   gInfo = std::move(info);
 }

@@ -149,6 +149,28 @@ TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
     std::ofstream(dir.path() / "home/.cache/com.example.weather/com.example.weather") << "x";
     EXPECT_EQ(kp::cachesDirectory(), dir.path() / "home/.cache/com.example.weather/com.example.weather");
   }
+  {
+    // Identifiers that cannot name one folder get a form that does, inside the base folder.
+    ScopedVariable xdg("XDG_CONFIG_HOME", (dir.path() / "config").string());
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "com.kp.app"},
+        {".", "com.kp.app"},
+        {"..", "com.kp.app"},
+        {"/", "_"},
+        {"../../escape", ".._.._escape"},
+        {"/etc", "_etc"},
+        {std::string("a\0b", 3), "a_b"},
+        {std::string(300, 'x'), std::string(255, 'x')},
+        {std::string(254, 'x') + "\xc3\xa9", std::string(254, 'x')},  // not cut inside a character
+    };
+    for (const auto& [given, canonical] : cases) {
+      info.identifier = given;
+      kp::ApplicationInfo::setCurrent(info);
+      EXPECT_EQ(kp::ApplicationInfo::current().identifier, canonical);
+      EXPECT_EQ(kp::configurationDirectory(), dir.path() / "config" / canonical);
+    }
+    EXPECT_FALSE(fs::exists(dir.path() / "escape"));
+  }
   kp::ApplicationInfo::setCurrent(saved);
 }
 

@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kp {
@@ -22,10 +23,12 @@ namespace kp {
 enum class UserInterfaceIdiom { unspecified = -1, phone = 0, pad = 1, tv = 2, carPlay = 3, mac = 5, vision = 6 };
 
 struct ApplicationInfo {
-  std::string identifier;  // reverse-domain bundle identifier
-  std::string name;        // display name
-  std::string version;     // marketing version, "5.2.0"
-  std::string build;       // build number
+  // Reverse-domain bundle identifier; it also names the application's folders, so setCurrent()
+  // stores it in canonicalIdentifier() form.
+  std::string identifier;
+  std::string name;     // display name
+  std::string version;  // marketing version, "5.2.0"
+  std::string build;    // build number
   UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;
   double screenScale = 1.0;
   std::string systemName;                       // "Linux"
@@ -38,7 +41,12 @@ struct ApplicationInfo {
 
   // The facts in force: the host's, or the defaults read from the system on first use.
   [[nodiscard]] static ApplicationInfo current();
+  // Puts `info` in force, its identifier in canonical form.
   static void setCurrent(ApplicationInfo info);
+  // `identifier` as the name of exactly one folder inside a base folder: "/" and NUL bytes
+  // become "_", the name is cut to 255 bytes (not inside a UTF-8 character), and what is then
+  // empty, "." or ".." becomes the default "com.kp.app". Any other identifier is kept as it is.
+  [[nodiscard]] static std::string canonicalIdentifier(std::string_view identifier);
   // Defaults for this system, with identifier "com.kp.app".
   [[nodiscard]] static ApplicationInfo systemDefaults();
 };
