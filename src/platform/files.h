@@ -93,7 +93,10 @@ struct FileIdentity {
 [[nodiscard]] FileIdentity fileIdentity(const std::filesystem::path& path) noexcept;
 
 struct FileContents {
-  enum class Status { ok, missing, tooLarge, failed };
+  // `wrongKind`: something other than a regular file is there. `failed`: the file could not be
+  // read this time (out of descriptors, permission denied, an I/O error); its content may be
+  // whole.
+  enum class Status { ok, missing, tooLarge, wrongKind, failed };
   Status status = Status::failed;
   Data bytes;
   FileIdentity identity;  // of the file the bytes came from
@@ -101,8 +104,8 @@ struct FileContents {
 };
 
 // Reads a regular file whole. Files larger than `maxSize` are not read (tooLarge); anything
-// that is not a regular file (a named pipe or a device included, which are never waited on),
-// or fails to read, is `failed`.
+// that is not a regular file (a named pipe or a device included, which are never waited on)
+// is `wrongKind`.
 [[nodiscard]] FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize);
 
 // An exclusive advisory lock on a lock file, held until destruction. Every process that

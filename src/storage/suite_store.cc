@@ -61,7 +61,7 @@ std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
     std::lock_guard io(store->ioMutex_);
     // Watch first, so that a change made while the file is read is not missed.
     store->watch();
-    store->reloadLocked(false);
+    (void)store->reloadLocked(false);
   }
   r.stores[file] = store;
   return store;
@@ -137,8 +137,7 @@ bool SuiteStore::synchronize() {
   if (!pending) {
     // Without pending changes there is nothing to write; still pick up other processes' changes,
     // which is the only way they arrive where no watcher runs.
-    reloadLocked(false);
-    return true;
+    return reloadLocked(false);
   }
   return writeLocked();
 }
@@ -183,8 +182,9 @@ bool SuiteStore::writeLocked() {
   if (!platform::createPrivateDirectories(file_.parent_path())) return failed("cannot create its folder");
   std::optional<platform::FileLock> lock = platform::FileLock::acquire(lockFile_, kLockTimeout);
   if (!lock) return failed("the suite stayed locked by another process");
-  // Another process may have written since we last looked: start from its file.
-  reloadLocked(true);
+  // Another process may have written since we last looked: start from its file. One that
+  // cannot be read must not be replaced by a file without its keys.
+  if (!reloadLocked(true)) return failed("cannot read the file it would replace (" + readError_ + ")");
 
   std::vector<std::pair<std::string, std::shared_ptr<const Value>>> entries;
   std::vector<std::pair<std::string, std::uint64_t>> written;
@@ -230,11 +230,20 @@ bool SuiteStore::writeLocked() {
   return true;
 }
 
-void SuiteStore::reloadLocked(bool lockHeld) {
+bool SuiteStore::reloadLocked(bool lockHeld) {
   // A few rounds at most: each one that fails found the file replaced by another writer.
   for (int round = 0; round < 3; ++round) {
-    if (platform::fileIdentity(file_) == lastSeen_) return;
+    if (platform::fileIdentity(file_) == lastSeen_) return true;
     platform::FileContents contents = platform::readFile(file_, kMaxFileSize);
+    if (contents.status == platform::FileContents::Status::failed) {
+      // Nothing says the content is damaged: the file stays, memory keeps what it had, and
+      // lastSeen_ still differs from the file, so the next reload and every write read it again.
+      readError_ = contents.error;
+      TarvixLoggers::CL()->error("User defaults could not read suite file " + file_.string() + " (" + readError_ +
+                                 "); trying again later");
+      scheduleReadRetry();
+      return false;
+    }
     Entries disk;
     std::string damage;
     if (contents.status == platform::FileContents::Status::ok) {
@@ -259,7 +268,7 @@ void SuiteStore::reloadLocked(bool lockHeld) {
         damage = std::string("it is not a property list: ") + e.what();
       }
     } else if (contents.status != platform::FileContents::Status::missing) {
-      damage = contents.error;
+      damage = contents.error;  // too large, or not a regular file
     }
     if (!damage.empty()) {
       if (!setAside(contents, damage, lockHeld)) continue;
@@ -267,6 +276,7 @@ void SuiteStore::reloadLocked(bool lockHeld) {
       contents.identity = platform::fileIdentity(file_);
     }
     lastSeen_ = contents.identity;
+    readRetryDelay_ = 0ms;
     std::lock_guard lock(mutex_);
     values_ = std::move(disk);
     for (const auto& [key, change] : pending_) {
@@ -276,8 +286,23 @@ void SuiteStore::reloadLocked(bool lockHeld) {
         values_.erase(it);
       }
     }
-    return;
+    return true;
   }
+  // Replaced by other writers in every round: not read yet, so not to be written over either.
+  readError_ = "it kept being replaced while it was read";
+  return false;
+}
+
+void SuiteStore::scheduleReadRetry() {
+  if (std::exchange(readRetryScheduled_, true)) return;
+  readRetryDelay_ = std::clamp<std::chrono::milliseconds>(readRetryDelay_ * 2, 1s, 60s);
+  queue_->asyncAfter(readRetryDelay_, [weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self) return;
+    std::lock_guard io(self->ioMutex_);
+    self->readRetryScheduled_ = false;
+    (void)self->reloadLocked(false);
+  });
 }
 
 bool SuiteStore::setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld) {
@@ -330,7 +355,7 @@ void SuiteStore::fileChanged() {
     if (!self) return;
     self->reloadScheduled_.store(false);
     std::lock_guard io(self->ioMutex_);
-    self->reloadLocked(false);
+    (void)self->reloadLocked(false);
   });
 }
 

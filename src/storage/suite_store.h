@@ -9,8 +9,11 @@
 // each other's keys. Changes other processes make are picked up through the directory
 // watcher, or on synchronize() where the system has none.
 //
-// A file that is not a readable property-list dictionary is renamed aside (never deleted),
-// reported, and the suite starts empty.
+// A file whose content is damaged (not a property-list dictionary, too large, not a regular
+// file) is renamed aside (never deleted), reported, and the suite starts empty. A file that
+// cannot be read at the moment (out of descriptors, permission denied, an I/O error) stays where
+// it is: memory keeps what it had, the read is tried again a little later and before every
+// write, and no write replaces the file before it has been read, so none loses its keys.
 //
 // Lock order: ioMutex_ (file work of this process) before mutex_ (the values). Readers take
 // only mutex_ and never wait for file work.
@@ -74,7 +77,8 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   [[nodiscard]] std::vector<std::pair<std::string, std::shared_ptr<const Value>>> snapshot() const;
 
   // Writes pending changes now and reads changes of other processes; false when pending
-  // changes could not be written (they stay pending and are tried again later).
+  // changes could not be written (they stay pending and are tried again later) or the file
+  // could not be read.
   bool synchronize();
 
   [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
@@ -98,8 +102,11 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   // REQUIRES: ioMutex_ held. Writes the pending changes, if any.
   bool writeLocked();
   // REQUIRES: ioMutex_ held. Reads the file again when it changed since we last saw it and lays
-  // the pending changes over it. `lockHeld` tells whether the suite's lock file is ours.
-  void reloadLocked(bool lockHeld);
+  // the pending changes over it. `lockHeld` tells whether the suite's lock file is ours. False
+  // when the file is there but could not be read (readError_ says why).
+  bool reloadLocked(bool lockHeld);
+  // REQUIRES: ioMutex_ held. Reads the file again later, waiting longer after each failure.
+  void scheduleReadRetry();
   // REQUIRES: ioMutex_ held. Renames a damaged file aside (under the suite's lock); false when
   // another file has replaced it meanwhile.
   bool setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld);
@@ -109,8 +116,11 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   const std::shared_ptr<SerialQueue> queue_;
 
   std::mutex ioMutex_;
-  platform::FileIdentity lastSeen_;          // guarded by ioMutex_: the file as we last read or wrote it
-  std::chrono::milliseconds retryDelay_{0};  // guarded by ioMutex_
+  platform::FileIdentity lastSeen_;              // guarded by ioMutex_: the file as we last read or wrote it
+  std::chrono::milliseconds retryDelay_{0};      // guarded by ioMutex_
+  std::string readError_;                        // guarded by ioMutex_: why the last read failed
+  std::chrono::milliseconds readRetryDelay_{0};  // guarded by ioMutex_
+  bool readRetryScheduled_ = false;              // guarded by ioMutex_
 
   mutable std::mutex mutex_;
   Entries values_;                // guarded by mutex_: the file's content with the pending changes laid over

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -280,6 +281,37 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
   std::ofstream(suiteFile("live"), std::ios::binary) << "garbage";
   EXPECT_TRUE(eventually([&] { return asideFiles("live").size() == 1; }));
   EXPECT_TRUE(eventually([&] { return !live->object("x"); }));
+}
+
+TEST_F(UserDefaultsTest, AFileThatCannotBeReadNowIsLeftAloneAndNeverOverwritten) {
+  const fs::path file = suiteFile("unreadable");
+  if (kp::test::inTestChild()) {
+    if (std::ifstream(file)) GTEST_SKIP() << "this process reads files whatever their mode";
+    auto defaults = kp::UserDefaults::suite("unreadable");
+    EXPECT_FALSE(defaults->object("kept"));
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_TRUE(asideFiles("unreadable").empty());
+    // A write must not replace keys it could not read with its own alone.
+    defaults->setInteger(2, "added");
+    EXPECT_FALSE(defaults->synchronize());
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(readFile(file).ifDictionary()->size(), 1U);
+    // Once it can be read, its keys and the change meet.
+    EXPECT_TRUE(defaults->synchronize());
+    EXPECT_EQ(defaults->integer("kept"), 1);
+    EXPECT_EQ(*readFile(file).find("added")->ifInteger(), 2);
+    EXPECT_EQ(*readFile(file).find("kept")->ifInteger(), 1);
+    return;
+  }
+  fs::create_directories(folder());
+  std::ofstream(file, std::ios::binary) << kp::writePropertyList(Value(Value::Dictionary{{"kept", 1}})).toString();
+  fs::permissions(file, fs::perms::none);
+  // Without the capabilities that let root read any file, the mode applies to root too.
+  const std::string wrapper = ::geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search" : "";
+  const auto child = kp::test::runThisTestInChild("KP_TEST_CONFIG=" + kp::test::shellQuote(root_.string()), wrapper);
+  if (child.output.find("[  SKIPPED ]") != std::string::npos) GTEST_SKIP() << child.output;
+  EXPECT_EQ(child.status, 0) << child.output;
+  EXPECT_NE(child.output.find("[  PASSED  ] 1 test"), std::string::npos) << child.output;
 }
 
 TEST_F(UserDefaultsTest, AKilledWriterLeavesTheOldFileOrTheNew) {

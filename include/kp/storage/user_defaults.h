@@ -20,9 +20,11 @@
 // numbers and numeric text read as each other's kind, booleans as 0/1, "YES"/"true" as true;
 // anything else gives 0, false or nothing.
 //
-// A suite file that cannot be read, is not a property list, or holds something other than a
-// dictionary is renamed aside ("<file>.damaged-<milliseconds>"), reported, and the suite
-// starts empty.
+// A suite file that is not a property list, holds something other than a dictionary, or is
+// not a regular file is renamed aside ("<file>.damaged-<milliseconds>"), reported, and the
+// suite starts empty. A file that cannot be read at the moment (out of file descriptors,
+// permission denied) stays where it is: the suite starts empty in memory and reads it again
+// later and before each write; until then no write replaces it, and synchronize() says false.
 //
 // Thread safety: every member may be called from any thread.
 //
@@ -138,7 +140,8 @@ class UserDefaults final : public tarvix::KeyedStorageService,
   void saveObject(const std::optional<ArchiveValue>& object, std::string_view key) override;
 
   // Writes pending changes now (and reads other processes' changes); false when they could
-  // not be written, in which case they stay pending and are tried again later.
+  // not be written, in which case they stay pending and are tried again later, or when the
+  // suite file could not be read.
   bool synchronize() override;
   // How many times this process has written the suite file.
   [[nodiscard]] std::uint64_t fileWriteCount() const noexcept;

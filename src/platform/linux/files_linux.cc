@@ -180,7 +180,18 @@ FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize) 
   Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd.valid()) {
     const int error = errno;
-    out.status = error == ENOENT ? FileContents::Status::missing : FileContents::Status::failed;
+    switch (error) {
+      case ENOENT:
+        out.status = FileContents::Status::missing;
+        break;
+      case ENXIO:  // a socket, or a device without a driver
+      case ENODEV:
+      case ELOOP:  // a symbolic link that leads nowhere
+        out.status = FileContents::Status::wrongKind;
+        break;
+      default:
+        out.status = FileContents::Status::failed;
+    }
     out.error = describeErrno("cannot open", path, error);
     return out;
   }
@@ -191,6 +202,7 @@ FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize) 
   }
   out.identity = identityOf(info);
   if (!S_ISREG(info.st_mode)) {
+    out.status = FileContents::Status::wrongKind;
     out.error = path.string() + " is not a regular file";
     return out;
   }
