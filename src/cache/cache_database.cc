@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 
 #include "kp/platform/application_info.h"
+#include "platform/files.h"
 
 namespace kp {
 namespace {
@@ -44,6 +46,9 @@ constexpr std::string_view kSelectSummary =
     "length(data) AS dataSize FROM cache WHERE id = ?;";
 constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kVacuum = "VACUUM;";
+// How long prepare() waits for another process that prepares the same file; that takes
+// moments, unless the other waits on a busy database itself.
+constexpr auto kPrepareLockTimeout = std::chrono::seconds(5);
 // The log holds every page written since the last checkpoint; VACUUM writes them all.
 constexpr std::string_view kCheckpointAndTruncate = "PRAGMA wal_checkpoint(TRUNCATE);";
 
@@ -190,22 +195,31 @@ void CacheControllerDatabase::configureConnection() {
 }
 
 void CacheControllerDatabase::prepare() {
+  // Processes preparing the same file take turns: one that found the file another had just
+  // created, before its tables existed, would take it for an old one and delete it under the
+  // other's connection, whose saves would then go to a file without a name.
+  const std::filesystem::path lockFile = path_.parent_path() / ("." + path_.filename().string() + ".lock");
+  const auto turn = platform::FileLock::acquire(lockFile, kPrepareLockTimeout);
   std::lock_guard lock(mutex_);
-  {
-    std::error_code ec;
-    if (std::filesystem::exists(path_, ec)) {
-      try {
-        db_ = std::make_unique<DefaultSQLiteDatabase>(*Url::parse(fileUrlOf(path_)));
-      } catch (const std::exception&) {
-        return;  // unreadable: no persistent store until the next launch
-      }
-      configureConnection();
-    } else {
-      createDatabase();
+  std::error_code ec;
+  if (std::filesystem::exists(path_, ec)) {
+    try {
+      db_ = std::make_unique<DefaultSQLiteDatabase>(*Url::parse(fileUrlOf(path_)));
+    } catch (const std::exception&) {
+      return;  // unreadable: no persistent store until the next launch
     }
-    if (storedVersion() > 2) return;
+    configureConnection();
+  } else {
     createDatabase();
   }
+  if (storedVersion() > 2) return;
+  if (!turn) {
+    // Without our turn this may be a file that another process is still making: it is left
+    // alone, and this process keeps its entries in memory.
+    db_.reset();
+    return;
+  }
+  createDatabase();
 }
 
 std::int64_t CacheControllerDatabase::storedVersion() {

@@ -512,6 +512,36 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
   }
 }
 
+TEST_F(CacheControllerTest, TwoProcessesStartingOnAnEmptyMachineKeepBothTheirSaves) {
+  constexpr int kFolders = 8;
+  constexpr auto kApart = 60ms;
+  if (kp::test::inTestChild()) {
+    // Both processes open each fresh folder at the same moment and save one entry there.
+    const fs::path root(std::getenv("KP_CACHE_FOLDER"));
+    const std::chrono::system_clock::time_point start(std::chrono::milliseconds(std::stoll(std::getenv("KP_START"))));
+    for (int i = 0; i < kFolders; ++i) {
+      std::this_thread::sleep_until(start + i * kApart);
+      auto cache = open(root / std::to_string(i));
+      cache->set(entry(kp::ArchiveValue("saved"), policy(0)), "by " + std::to_string(::getpid()));
+    }
+    return;
+  }
+  for (int round = 0; round < 2; ++round) {
+    const fs::path root = dir_.path() / std::to_string(round);
+    const auto start = std::chrono::duration_cast<std::chrono::milliseconds>(
+        (std::chrono::system_clock::now() + 1500ms).time_since_epoch());
+    // The wrapper runs the child command twice at once and fails when either fails.
+    const auto children = kp::test::runThisTestInChild(
+        "KP_CACHE_FOLDER=" + kp::test::shellQuote(root) + " KP_START=" + std::to_string(start.count()),
+        R"(sh -c '"$@" & "$@"; a=$?; wait $!; exit $((a | $?))' twice)");
+    ASSERT_EQ(children.status, 0) << children.output;
+    for (int i = 0; i < kFolders; ++i) {
+      EXPECT_EQ(sqlite(root / std::to_string(i) / "centralcache.db", "SELECT count(*) FROM cache;"), "2\n")
+          << "round " << round << ", folder " << i;
+    }
+  }
+}
+
 TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
   const auto sized = [](std::size_t size) {
     auto e = bytesEntry(pattern(size), policy(0));

@@ -74,7 +74,9 @@ class CacheControllerDatabase {
   CacheControllerDatabase& operator=(const CacheControllerDatabase&) = delete;
 
   // Opens the file, or creates it; a file whose schema version is 2 or less (or unreadable)
-  // is replaced by a new, empty one. Run once, before any other operation.
+  // is replaced by a new, empty one. Processes preparing the same file take turns (through
+  // the lock file ".<name>.lock" beside it), so none replaces a file another has just created;
+  // one that cannot have its turn replaces nothing. Run once, before any other operation.
   void prepare();
   [[nodiscard]] bool isOpen() const;
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
