@@ -11,6 +11,7 @@
 #include <typeinfo>
 
 #include "cache/background_work.h"
+#include "cache/stored_entries.h"
 #include "kp/cache/file_storage.h"
 #include "kp/cache/memory_storage.h"
 #include "kp/coding/archivable_image.h"
@@ -19,7 +20,6 @@
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"
-#include "platform/utf8.h"
 #include "tarvix/application.h"
 
 namespace kp {
@@ -74,12 +74,10 @@ bool isValid(const CacheItem& entry) {
   return false;
 }
 
-// Keys and groups reach the database as text cut at a NUL byte, and come back from it only
-// when they are UTF-8. Any other would share a row with another key, or leave a row and a file
-// that no clean-up and no trim can name; entries under such names live in memory only.
-bool databaseCanHold(std::string_view name) {
-  return name.find('\0') == std::string_view::npos && internal::isValidUtf8(name);
-}
+// A key or group the database cannot hold would share a row with another key, or leave a row
+// and a file that no clean-up and no trim can name; entries under such names live in memory
+// only.
+using internal::databaseCanHold;
 
 bool databaseCanHold(const Cacheable& entry, std::string_view key) {
   const auto& group = entry.cacheConfiguration().groupName;
@@ -532,30 +530,8 @@ std::size_t CacheController::memoryItemCount() const { return state_->memory.cou
 
 std::uint64_t CacheController::databaseItemCount() { return state_->database.getItemCount(); }
 
-namespace {
-
-std::optional<std::uint64_t> fileSizeOf(const fs::path& path) {
-  std::error_code ec;
-  const auto size = fs::file_size(path, ec);
-  if (ec) return std::nullopt;
-  return static_cast<std::uint64_t>(size);
-}
-
-bool isFileBacked(const std::optional<CacheItemType>& type) {
-  return type == CacheItemType::rawDataToFile || type == CacheItemType::image;
-}
-
-}  // namespace
-
 std::vector<CacheEntrySummary> CacheController::listEntries() {
-  std::vector<CacheEntrySummary> entries;
-  for (auto& row : state_->database.getRowSummaries()) {
-    CacheEntrySummary entry{std::move(row), std::nullopt};
-    if (isFileBacked(entry.row.type))
-      entry.fileSize = fileSizeOf(state_->files.filePath(entry.row.key, entry.row.group));
-    entries.push_back(std::move(entry));
-  }
-  return entries;
+  return internal::listStoredEntries(state_->database, state_->files);
 }
 
 std::optional<CacheItemInspection> CacheController::inspect(std::string_view key) {
@@ -563,21 +539,7 @@ std::optional<CacheItemInspection> CacheController::inspect(std::string_view key
   CacheItemInspection inspection;
   inspection.entry = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key));
   inspection.inMemory = inspection.entry != nullptr;
-  if (auto row = databaseCanHold(key) ? s.database.getRowSummary(key) : std::nullopt) {
-    inspection.stored = CacheEntrySummary{std::move(*row), std::nullopt};
-    const auto& stored = inspection.stored->row;
-    if (isFileBacked(stored.type)) {
-      inspection.fileData = s.files.loadData(key, stored.group);
-      if (inspection.fileData) inspection.stored->fileSize = inspection.fileData->size();
-    }
-    if (!inspection.entry) {
-      if (auto bytes = s.database.loadCacheData(key))
-        inspection.entry = CacheControllerDatabase::decodeEntry<CacheItem>(*bytes);
-      if (inspection.entry && !inspection.entry->isComplete()) inspection.entry.reset();
-    }
-  } else if (!inspection.inMemory) {
-    return std::nullopt;
-  }
+  if (!internal::inspectStored(s.database, s.files, key, inspection) && !inspection.inMemory) return std::nullopt;
   if (inspection.entry) inspection.expired = inspection.entry->isExpired(s.now());
   return inspection;
 }

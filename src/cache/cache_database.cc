@@ -45,6 +45,8 @@ constexpr std::string_view kSelectSummary =
     "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
     "length(data) AS dataSize FROM cache WHERE id = ?;";
 constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
+constexpr std::string_view kCountCacheTables =
+    "SELECT count(*) AS count FROM sqlite_master WHERE type = 'table' AND name IN ('cache', 'db_metadata');";
 constexpr std::string_view kVacuum = "VACUUM;";
 // How long prepare() waits for another process that prepares the same file; that takes
 // moments, unless the other waits on a busy database itself.
@@ -220,6 +222,34 @@ void CacheControllerDatabase::prepare() {
     return;
   }
   createDatabase();
+}
+
+std::optional<std::string> CacheControllerDatabase::openForReading() {
+  std::lock_guard lock(mutex_);
+  const std::string name = path_.string();
+  std::error_code ec;
+  if (!std::filesystem::exists(path_, ec)) return name + " does not exist";
+  try {
+    // "mode=ro": SQLite neither creates the file nor writes to it.
+    db_ = std::make_unique<DefaultSQLiteDatabase>(*Url::parse(fileUrlOf(path_) + "?mode=ro"));
+  } catch (const std::exception&) {
+    return "cannot open " + name;
+  }
+  // The application may be writing: wait for it rather than fail.
+  (void)runPragma("PRAGMA busy_timeout=2000;");
+  auto problem = [&](std::string text) {
+    db_.reset();
+    return std::optional<std::string>(std::move(text));
+  };
+  // The first statement is where SQLite notices that the file is not one of its own.
+  const auto tables = rows<SummaryColumns>(kCountCacheTables, {}, true);
+  if (tables.empty()) return problem(name + " cannot be read as an SQLite database");
+  if (tables.front().int32(SummaryColumns::count) != 2) return problem(name + " has no cache tables");
+  if (const auto version = storedVersion(); version <= 2) {
+    return problem(name + " has schema version " + std::to_string(version) + ", older than " +
+                   std::to_string(kDbVersion) + ", which the application replaces with an empty cache");
+  }
+  return std::nullopt;
 }
 
 std::int64_t CacheControllerDatabase::storedVersion() {

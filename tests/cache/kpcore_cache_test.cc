@@ -1,6 +1,10 @@
 // `kpcore cache` as a user runs it, on a cache folder this process filled.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <functional>
+#include <iterator>
+
 #include "kp/cache/cache_controller.h"
 #include "kp/coding/archivable_image.h"
 #include "support/process.h"
@@ -112,6 +116,42 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
   const auto none = runCommand(std::string(KPCORE_PATH) + " cache stats --dir " + shellQuote(empty.path()) + " 2>&1");
   EXPECT_EQ(none.status, 1);
   EXPECT_EQ(none.output, "kpcore cache: no cache database in " + empty.path().string() + "\n");
+}
+
+TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {
+  const auto file = dir_.path() / "centralcache.db";
+  const auto bytesOf = [](const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  const auto sqlite = [&](const std::string& sql) {
+    return runCommand("sqlite3 " + shellQuote(file.string()) + " " + shellQuote(sql) + " 2>&1").output;
+  };
+  const std::string named = "kpcore cache: " + file.string();
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { sqlite("UPDATE db_metadata SET version = 2;"); },
+       named + " has schema version 2, older than 3, which the application replaces with an empty cache\n"},
+      {[&] { sqlite("DROP TABLE cache;"); }, named + " has no cache tables\n"},
+      {[&] {
+         std::filesystem::remove(file);
+         std::ofstream(file, std::ios::binary) << std::string(4096, '\x9c');
+       },
+       named + " cannot be read as an SQLite database\n"},
+  };
+  for (const auto& [damage, message] : cases) {
+    damage();
+    sqlite("PRAGMA wal_checkpoint(TRUNCATE);");
+    const std::string before = bytesOf(file);
+    for (const char* inspection : {"stats", "list --json", "get forecast/berlin"}) {
+      const auto result = kpcore(inspection);
+      EXPECT_EQ(result.status, 1) << inspection;
+      EXPECT_EQ(result.output, message) << inspection;
+    }
+    EXPECT_TRUE(bytesOf(file) == before) << message;
+  }
+  // Maintenance may replace what it cannot read.
+  EXPECT_EQ(kpcore("wipe").status, 0);
+  EXPECT_NE(kpcore("stats").output.find("database entries:  0\n"), std::string::npos);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // kpcore cache: inspects and maintains a cache folder (the database "centralcache.db" and the
-// file folder beside it): statistics, the entries, one entry, wipes, the expired clean-up and
-// the size trim.
+// file folder beside it): statistics, the entries and one entry (read-only), wipes, the expired
+// clean-up and the size trim.
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -12,6 +12,7 @@
 
 #include "command.h"
 #include "kp/cache/cache_controller.h"
+#include "kp/cache/cache_inspector.h"
 #include "kp/coding/archivable_image.h"
 #include "kp/platform/application_info.h"
 
@@ -148,33 +149,32 @@ kp::Data rawPayload(const kp::CacheItemInspection& inspection) {
 
 // ---- subcommands ----
 
-struct Context {
+// Where the output goes and in which form.
+struct Output {
   fs::path folder;
   bool json = false;
-  kp::CacheController& cache;
 };
 
-int stats(Context& c) {
-  const auto database = c.cache.getDatabaseTotalSize();
-  const auto files = c.cache.getFileStorageTotalSize();
-  const auto entries = c.cache.databaseItemCount();
+int stats(kp::CacheInspector& cache, const Output& c) {
+  const auto database = cache.databaseBytes();
+  const auto files = cache.fileStorageBytes();
+  const auto entries = cache.entryCount();
   if (c.json) {
     std::cout << "{\"folder\":" << kpcore::jsonQuote(c.folder.string()) << ",\"databaseEntries\":" << entries
-              << ",\"memoryEntries\":" << c.cache.memoryItemCount() << ",\"databaseBytes\":" << database
-              << ",\"fileStorageBytes\":" << files << ",\"totalBytes\":" << database + files << "}\n";
+              << ",\"databaseBytes\":" << database << ",\"fileStorageBytes\":" << files
+              << ",\"totalBytes\":" << database + files << "}\n";
     return 0;
   }
   std::cout << "folder:            " << c.folder.string() << "\n"
             << "database entries:  " << entries << "\n"
-            << "memory entries:    " << c.cache.memoryItemCount() << "\n"
             << "database size:     " << humanSize(database) << "\n"
             << "file storage size: " << humanSize(files) << "\n"
             << "total size:        " << humanSize(database + files) << "\n";
   return 0;
 }
 
-int list(Context& c) {
-  const auto entries = c.cache.listEntries();
+int list(kp::CacheInspector& cache, const Output& c) {
+  const auto entries = cache.listEntries();
   const kp::Date now = kp::Date::now();
   if (c.json) {
     std::cout << "[";
@@ -205,8 +205,8 @@ int list(Context& c) {
   return 0;
 }
 
-int get(Context& c, const std::string& key, bool raw) {
-  const auto inspection = c.cache.inspect(key);
+int get(kp::CacheInspector& cache, const Output& c, const std::string& key, bool raw) {
+  const auto inspection = cache.inspect(key);
   if (!inspection) throw CommandError("no entry under " + printable(key));
   if (raw) {
     const kp::Data bytes = rawPayload(*inspection);
@@ -251,7 +251,6 @@ int get(Context& c, const std::string& key, bool raw) {
   } else {
     rows.emplace_back("entry", "unreadable row");
   }
-  rows.emplace_back("in memory", inspection->inMemory ? "yes" : "no");
   if (inspection->stored) rows.emplace_back("row size", humanSize(inspection->stored->row.dataSize));
   if (c.json) {
     std::cout << "{";
@@ -266,13 +265,13 @@ int get(Context& c, const std::string& key, bool raw) {
 }
 
 // Runs a maintenance step and reports how many rows it took away.
-int maintain(Context& c, const std::string& what, const std::function<void()>& step) {
-  const auto before = c.cache.databaseItemCount();
-  const auto filesBefore = c.cache.getFileStorageTotalSize();
+int maintain(kp::CacheController& cache, const Output& c, const std::string& what, const std::function<void()>& step) {
+  const auto before = cache.databaseItemCount();
+  const auto filesBefore = cache.getFileStorageTotalSize();
   step();
-  c.cache.waitForBackgroundWork();
-  const auto after = c.cache.databaseItemCount();
-  const auto filesAfter = c.cache.getFileStorageTotalSize();
+  cache.waitForBackgroundWork();
+  const auto after = cache.databaseItemCount();
+  const auto filesAfter = cache.getFileStorageTotalSize();
   const auto removed = before - std::min(before, after);
   if (c.json) {
     std::cout << "{\"action\":" << kpcore::jsonQuote(what) << ",\"removedEntries\":" << removed
@@ -308,20 +307,30 @@ int runCache(kpcore::Args& args) {
   if (!fs::is_regular_file(folder / kp::CacheController::kDatabaseFileName, ec)) {
     throw CommandError("no cache database in " + folder.string());
   }
+  const Output output{folder, json};
+  if (*action == "stats" || *action == "list" || *action == "get") {
+    // Inspecting opens the database read-only: a folder it cannot read is reported as it is,
+    // never recreated, since that would destroy what the user came to look at.
+    std::string problem;
+    const auto inspector = kp::CacheInspector::open(folder, &problem);
+    if (!inspector) throw CommandError(problem);
+    if (*action == "stats") return stats(*inspector, output);
+    if (*action == "list") return list(*inspector, output);
+    return get(*inspector, output, *key, raw);
+  }
   kp::CacheController::Options options;
   options.directory = folder;
   kp::CacheController cache(options);
-  Context c{folder, json, cache};
-  if (*action == "stats") return stats(c);
-  if (*action == "list") return list(c);
-  if (*action == "get") return get(c, *key, raw);
   if (*action == "wipe") {
-    if (group) return maintain(c, "wipe group " + printable(*group), [&] { cache.wipeCompleteCache(*group); });
-    return maintain(c, "wipe", [&] { cache.wipeCompleteCache(); });
+    if (group)
+      return maintain(cache, output, "wipe group " + printable(*group), [&] { cache.wipeCompleteCache(*group); });
+    return maintain(cache, output, "wipe", [&] { cache.wipeCompleteCache(); });
   }
-  if (*action == "expired") return maintain(c, "expired clean-up", [&] { cache.wipeCompleteExpiredCache(); });
+  if (*action == "expired") {
+    return maintain(cache, output, "expired clean-up", [&] { cache.wipeCompleteExpiredCache(); });
+  }
   cache.setMaximumCacheSizeInBytes(limit);
-  return maintain(c, "curb to " + humanSize(limit), [&] { cache.curbUsedDiskSpace(); });
+  return maintain(cache, output, "curb to " + humanSize(limit), [&] { cache.curbUsedDiskSpace(); });
 }
 
 const kpcore::Registration registration{"cache", "Inspect and maintain a cache folder", kUsage, runCache};

@@ -78,6 +78,12 @@ class CacheControllerDatabase {
   // the lock file ".<name>.lock" beside it), so none replaces a file another has just created;
   // one that cannot have its turn replaces nothing. Run once, before any other operation.
   void prepare();
+  // Instead of prepare(), for tools that inspect a cache the application owns: opens the
+  // existing file read-only, creating, replacing and migrating nothing. Nothing when it is open
+  // afterwards; otherwise one line saying why it cannot be read as a cache database (missing,
+  // not SQLite, without the cache's tables, of a schema version older than 3), and the
+  // database stays closed. Writes through a database opened this way change nothing.
+  [[nodiscard]] std::optional<std::string> openForReading();
   [[nodiscard]] bool isOpen() const;
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
 
