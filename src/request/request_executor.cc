@@ -139,7 +139,7 @@ void RequestExecutor::runCacheStep(const std::shared_ptr<RequestType>& request, 
   const auto& ticket = this->ticket();
   if (ticket->cancelRequested()) return;
   if (auto item = CacheController::sharedInstance()->getCacheItem(key, true)) {
-    if (auto result = resultFromCacheItem(*item)) {
+    if (auto result = resultFromCacheItem(*item); result && request->deliversResult(*result)) {
       if (ticket->cancelRequested()) return;
       loadedFromCache_.store(true);
       request->handleCompletion(result);

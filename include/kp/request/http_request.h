@@ -33,12 +33,12 @@
 #include "kp/platform/dispatch.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request_config.h"
+#include "kp/request/request_ticket.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
 
 class RequestExecutor;
-class RequestTicketType;
 
 // A fraction of the transfer done, 0...1.
 using ProgressUpdateHandler = std::function<void(float)>;
@@ -135,14 +135,12 @@ class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_
   // Hands a result that this request delivers to the executor, then to the completion
   // handler (on the completion queue when there is one). Other results are ignored.
   void handleCompletion(const std::shared_ptr<RequestResult>& result) override;
+  // Every HTTP result; typed requests deliver only their own result type.
+  [[nodiscard]] bool deliversResult(const RequestResult& result) const override;
 
  protected:
   // The same defaults with another handler, for kinds that bring their own.
   BasicHttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler);
-
-  // Whether handleCompletion() takes `result`: every HTTP result here; typed requests take
-  // only their own result type.
-  [[nodiscard]] virtual bool deliversResult(const RequestResult& result) const;
 
  private:
   std::shared_ptr<RequestHandlerInterface> handler_;

@@ -102,6 +102,7 @@ class HttpRequestHandler : public RequestHandler,
                            public UrlSessionDelegate,
                            public std::enable_shared_from_this<HttpRequestHandler> {
  public:
+  HttpRequestHandler() : HttpRequestHandler(std::make_shared<HttpRequestResult>()) {}
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
   void handle(const std::shared_ptr<RequestType>& request, RequestHandlerCompletion completion) override;
   void cancel() override;
@@ -134,7 +135,8 @@ class HttpRequestHandler : public RequestHandler,
   std::shared_ptr<UrlSessionTask> urlSessionTask;
   std::optional<UrlRequest> urlRequest;
   std::optional<Data> receivedData;
-  std::shared_ptr<HttpRequestResult> result = std::make_shared<HttpRequestResult>();
+  // Of the kind's result type; filled as the transfer goes.
+  std::shared_ptr<HttpRequestResult> result;
   std::weak_ptr<HttpRequestType> request;
   std::shared_ptr<CancelledFlag> cancelledFlag = std::make_shared<CancelledFlag>();
   std::int64_t expectedContentLength = -1;
@@ -144,6 +146,9 @@ class HttpRequestHandler : public RequestHandler,
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sessionDelegateHandler;
 
  protected:
+  // Typed handlers start from an empty result of their own type.
+  explicit HttpRequestHandler(std::shared_ptr<HttpRequestResult> emptyResult) : result(std::move(emptyResult)) {}
+
   // Makes the result from the response head (status, all header fields, cookies).
   void initializeResult(const HttpUrlResponse& response);
   void updateProgress();
@@ -162,6 +167,13 @@ class HttpRequestHandler : public RequestHandler,
  private:
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sharedDelegateHandler_;
   std::shared_ptr<UrlSession> sharedSession_;
+};
+
+// The base of the typed handlers: an HttpRequestHandler whose result is a Result.
+template <class Result>
+class TypedRequestHandler : public HttpRequestHandler {
+ public:
+  TypedRequestHandler() : HttpRequestHandler(std::make_shared<Result>()) {}
 };
 
 }  // namespace kp

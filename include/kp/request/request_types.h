@@ -69,8 +69,10 @@ class RequestType {
 
   // Called with the finished result (by the queue, or by the executor on a cache hit): the
   // executor settles the ticket and the cache, then the completion callback runs. Results
-  // of a type the request does not deliver are ignored.
+  // that the request does not deliver are ignored.
   virtual void handleCompletion(const std::shared_ptr<RequestResult>& result) = 0;
+  // Whether handleCompletion() takes `result` (a cached result of another kind is a miss).
+  [[nodiscard]] virtual bool deliversResult(const RequestResult&) const { return true; }
 };
 
 // A request whose results the cache may answer and keep.
