@@ -22,16 +22,10 @@ void DirectExecutionQueue::addRequest(const std::shared_ptr<RequestType>& reques
     isUsed_ = true;
     request_ = request;
   }
-  const auto handler = request->handler();
-  if (!handler) {
-    handlerEnded(nullptr);
-    return;
-  }
   // Weakly: the request holds this queue, and the handler holds its completion.
-  std::weak_ptr<DirectExecutionQueue> weak = weak_from_this();
-  handler->handle(request, internal::completionReportingOnce([weak](const std::shared_ptr<RequestResult>& result) {
-                    if (auto self = weak.lock()) self->handlerEnded(result);
-                  }));
+  internal::runHandler(request, [weak = weak_from_this()](const std::shared_ptr<RequestResult>& result) {
+    if (auto self = weak.lock()) self->handlerEnded(result);
+  });
 }
 
 void DirectExecutionQueue::handlerEnded(const std::shared_ptr<RequestResult>& result) {
@@ -57,8 +51,6 @@ void DirectExecutionQueue::cancelRequest(const std::shared_ptr<RequestType>& req
 
 void SynchronousRequestQueue::addRequest(const std::shared_ptr<RequestType>& request) {
   if (!request) return;
-  const auto handler = request->handler();
-  if (!handler) return;
   struct Outcome {
     std::mutex mutex;
     std::condition_variable ended;
@@ -66,12 +58,12 @@ void SynchronousRequestQueue::addRequest(const std::shared_ptr<RequestType>& req
     std::shared_ptr<RequestResult> result;  // guarded by mutex
   };
   auto outcome = std::make_shared<Outcome>();
-  handler->handle(request, internal::completionReportingOnce([outcome](const std::shared_ptr<RequestResult>& result) {
-                    std::lock_guard lock(outcome->mutex);
-                    outcome->result = result;
-                    outcome->done = true;
-                    outcome->ended.notify_all();
-                  }));
+  internal::runHandler(request, [outcome](const std::shared_ptr<RequestResult>& result) {
+    std::lock_guard lock(outcome->mutex);
+    outcome->result = result;
+    outcome->done = true;
+    outcome->ended.notify_all();
+  });
   std::shared_ptr<RequestResult> result;
   {
     std::unique_lock lock(outcome->mutex);

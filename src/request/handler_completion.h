@@ -35,4 +35,15 @@ using HandlerEndReport = std::function<void(const std::shared_ptr<RequestResult>
   };
 }
 
+// Starts the request's handler with a completion that reports once; a request without a
+// handler reports its end at once.
+inline void runHandler(const std::shared_ptr<RequestType>& request, HandlerEndReport report) {
+  const auto handler = request->handler();
+  if (!handler) {
+    report(nullptr);
+    return;
+  }
+  handler->handle(request, completionReportingOnce(std::move(report)));
+}
+
 }  // namespace kp::internal

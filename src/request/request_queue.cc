@@ -43,26 +43,27 @@ void RequestQueueOperation::start() {
     executing_.store(true);
     announce(true, RequestQueueOperationDelegate::Key::isExecuting);
   }
-  const auto handler = request_->handler();
-  if (!handler) {
-    handlerEnded(nullptr);
-    return;
-  }
   // Weakly: the handler keeps its completion as long as the request lives, and the request
   // lives in this operation.
-  std::weak_ptr<RequestQueueOperation> weak = weak_from_this();
-  handler->handle(request_, internal::completionReportingOnce([weak](const std::shared_ptr<RequestResult>& result) {
-                    if (auto self = weak.lock()) self->handlerEnded(result);
-                  }));
+  internal::runHandler(request_, [weak = weak_from_this()](const std::shared_ptr<RequestResult>& result) {
+    if (auto self = weak.lock()) self->handlerEnded(result);
+  });
+  // A cancel that came while the handler was being started found no transfer to stop.
+  if (cancelled_.load()) {
+    if (const auto handler = request_->handler()) handler->cancel();
+  }
 }
 
 void RequestQueueOperation::handlerEnded(const std::shared_ptr<RequestResult>& result) {
   // Checked before locking: a handler cancelled by cancel() may end inside it, on this thread.
   if (cancelled_.load() || finished_.load()) return;
   if (result && delegate_.lock()) request_->handleCompletion(result);
-  std::lock_guard lock(lock_);
-  if (cancelled_.load() || finished_.load() || !executing_.load()) return;
-  moveToFinished();
+  {
+    std::lock_guard lock(lock_);
+    if (cancelled_.load() || finished_.load() || !executing_.load()) return;
+    moveToFinished();
+  }
+  if (auto delegate = delegate_.lock()) delegate->operationDidEnd(*this);
 }
 
 void RequestQueueOperation::moveToFinished() {
@@ -75,53 +76,88 @@ void RequestQueueOperation::moveToFinished() {
 }
 
 void RequestQueueOperation::cancel() {
-  std::lock_guard lock(lock_);
-  if (cancelled_.load() || finished_.load()) return;
-  // Before the handler is cancelled, so that its end, reported from inside cancel(), is
-  // recognised as this cancel and ignored.
-  cancelled_.store(true);
-  if (!executing_.load()) return;
-  if (const auto handler = request_->handler()) handler->cancel();
-  moveToFinished();
+  {
+    std::lock_guard lock(lock_);
+    if (cancelled_.load() || finished_.load()) return;
+    // Before the handler is cancelled, so that its end, reported from inside cancel(), is
+    // recognised as this cancel and ignored.
+    cancelled_.store(true);
+    if (!executing_.load()) return;
+    if (const auto handler = request_->handler()) handler->cancel();
+    moveToFinished();
+  }
+  if (auto delegate = delegate_.lock()) delegate->operationDidEnd(*this);
 }
 
 // MARK: - Queue
 
+namespace {
+// Set while this thread starts an operation, so that operations ending inside that start
+// have their successors posted instead of started deeper in the same stack.
+thread_local bool startingInline = false;
+}  // namespace
+
 void RequestQueue::addRequest(const std::shared_ptr<RequestType>& request) {
   if (!request) return;
   auto operation = std::make_shared<RequestQueueOperation>(request, weak_from_this());
-  std::unique_lock lock(mutex_);
-  const Sequence sequence = nextSequence_++;
-  sequences_.emplace(operation.get(), sequence);
-  waiting_.emplace(-operation->queuePriority(), sequence);
-  operations_.emplace(sequence, std::move(operation));
-  startWaiting(lock);
+  {
+    std::lock_guard lock(mutex_);
+    const Sequence sequence = nextSequence_++;
+    sequences_.emplace(operation.get(), sequence);
+    waiting_.emplace(-operation->queuePriority(), sequence);
+    operations_.emplace(sequence, std::move(operation));
+    claimWaiting();
+  }
+  startReady();
 }
 
-void RequestQueue::startWaiting(std::unique_lock<std::mutex>& lock) {
-  std::vector<std::shared_ptr<RequestQueueOperation>> starting;
+void RequestQueue::claimWaiting() {
   while (!waiting_.empty() && (maxConcurrent_ < 0 || running_.size() < static_cast<std::uint64_t>(maxConcurrent_))) {
     const Sequence sequence = waiting_.begin()->second;
     waiting_.erase(waiting_.begin());
     running_.insert(sequence);
-    starting.push_back(operations_.at(sequence));
+    ready_.push_back(operations_.at(sequence));
   }
-  lock.unlock();
-  std::weak_ptr<RequestQueue> weak = weak_from_this();
-  for (auto& operation : starting) {
-    globalQueue()->async([weak, operation = std::move(operation)] {
-      operation->start();
-      // An operation cancelled before it started says nothing: its slot is freed here.
-      if (operation->isFinished()) {
-        if (auto self = weak.lock()) self->operationEnded(*operation);
+}
+
+void RequestQueue::startReady() {
+  while (true) {
+    std::vector<std::shared_ptr<RequestQueueOperation>> starting;
+    {
+      std::lock_guard lock(mutex_);
+      starting.swap(ready_);
+    }
+    if (starting.empty()) return;
+    for (auto& operation : starting) {
+      // The thread that finished an operation starts the next one: a hand-over to the pool
+      // would cost a thread wake-up per request. The main thread never runs a handler.
+      if (isMainThread() || startingInline) {
+        globalQueue()->async([weak = weak_from_this(), operation = std::move(operation)] {
+          if (auto self = weak.lock()) {
+            self->start(*operation);
+            self->startReady();
+          } else {
+            operation->start();
+          }
+        });
+      } else {
+        startingInline = true;
+        start(*operation);
+        startingInline = false;
       }
-    });
+    }
   }
+}
+
+void RequestQueue::start(RequestQueueOperation& operation) {
+  operation.start();
+  // An operation cancelled before it started says nothing: its place is freed here.
+  if (operation.isFinished() && !operation.isExecuting()) operationEnded(operation);
 }
 
 void RequestQueue::operationEnded(const RequestQueueOperation& operation) {
   std::shared_ptr<RequestQueueOperation> released;  // destroyed after the lock is let go
-  std::unique_lock lock(mutex_);
+  std::lock_guard lock(mutex_);
   const auto found = sequences_.find(&operation);
   if (found == sequences_.end()) return;
   const Sequence sequence = found->second;
@@ -131,11 +167,12 @@ void RequestQueue::operationEnded(const RequestQueueOperation& operation) {
   const auto held = operations_.find(sequence);
   released = std::move(held->second);
   operations_.erase(held);
-  startWaiting(lock);
+  claimWaiting();
 }
 
 void RequestQueue::forgetIfFinished(const std::shared_ptr<RequestQueueOperation>& operation) {
   if (operation->isFinished() && !operation->isExecuting()) operationEnded(*operation);
+  startReady();
 }
 
 void RequestQueue::cancelRequest(const std::shared_ptr<RequestType>& request) {
@@ -173,9 +210,12 @@ std::int64_t RequestQueue::maxConcurrentRequests() const {
 }
 
 void RequestQueue::setMaxConcurrentRequests(std::int64_t count) {
-  std::unique_lock lock(mutex_);
-  maxConcurrent_ = count;
-  startWaiting(lock);
+  {
+    std::lock_guard lock(mutex_);
+    maxConcurrent_ = count;
+    claimWaiting();
+  }
+  startReady();
 }
 
 std::size_t RequestQueue::numberOfRequestsInQueue() const {
@@ -188,5 +228,7 @@ void RequestQueue::operationWillChange(RequestQueueOperation&, Key) {}
 void RequestQueue::operationDidChange(RequestQueueOperation& operation, Key key) {
   if (key == Key::isFinished && operation.isFinished()) operationEnded(operation);
 }
+
+void RequestQueue::operationDidEnd(RequestQueueOperation&) { startReady(); }
 
 }  // namespace kp

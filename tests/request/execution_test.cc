@@ -243,12 +243,23 @@ TEST_F(ExecutionTest, CancellingAtEachStageEndsQuietly) {
 }
 
 TEST_F(ExecutionTest, TheQueueRunsTwoAtATimeAndStartsWaitingRequestsByPriority) {
+  // Notes whether a handler was ever started on the main thread.
+  struct Watched : HttpRequestHandler {
+    explicit Watched(std::atomic<int>& count) : onMain(count) {}
+    void handle(const std::shared_ptr<RequestType>& r, RequestHandlerCompletion completion) override {
+      if (isMainThread()) ++onMain;
+      HttpRequestHandler::handle(r, std::move(completion));
+    }
+    std::atomic<int>& onMain;
+  };
+  std::atomic<int> startedOnMain{0};
   auto queue = RequestQueue::make();
   EXPECT_EQ(queue->maxConcurrentRequests(), 2);
   Completions<HttpRequestResultType> done;
   std::vector<std::shared_ptr<RequestTicketType>> tickets;
   auto add = [&](const std::string& name, int priority) {
     auto run = request("/item/" + name);
+    run->setHandler(std::make_shared<Watched>(startedOnMain));
     run->setQueue(queue);
     run->setPriority(static_cast<RequestPriority>(priority));
     run->setCompletionDispatchQueue(nullptr);
@@ -278,6 +289,7 @@ TEST_F(ExecutionTest, TheQueueRunsTwoAtATimeAndStartsWaitingRequestsByPriority) 
                                                          "normal2", "low"}));
   EXPECT_TRUE(eventually([&] { return queue->numberOfRequestsInQueue() == 0; }));
   for (const auto& ticket : tickets) EXPECT_EQ(ticket->state(), RequestTicketState::finished);
+  EXPECT_EQ(startedOnMain.load(), 0);
 }
 
 TEST_F(ExecutionTest, CancellingQueuedAndRunningRequestsFreesTheirPlaces) {

@@ -5,7 +5,8 @@
 //     cancels the handler and drops a result that still arrives.
 //   SynchronousRequestQueue: runs the handler and blocks the caller until the result is
 //     there, then completes the request on the calling thread. It cannot cancel. It must not
-//     be used on a thread that the transfer's callbacks need (a session's delegate queue).
+//     be used on a thread that the transfer's callbacks need: a session's delegate queue, or
+//     the library's pool when every pool thread might be blocked in it at once.
 //     A handler that ends without a result (a transfer cancelled elsewhere) releases the
 //     caller without one.
 //

@@ -1,7 +1,9 @@
 // kp::RequestQueue: an operation queue for requests. It runs at most
-// maxConcurrentRequests() handlers at a time (2 by default) on the library's pool, never on
-// the main queue, and starts waiting requests by priority (high, normal, low; values outside
-// the three count as normal), in the order they arrived within one priority.
+// maxConcurrentRequests() handlers at a time (2 by default) and starts waiting requests by
+// priority (high, normal, low; values outside the three count as normal), in the order they
+// arrived within one priority. Handlers start on the library's threads, never on the main
+// thread: on the pool, or on the thread that has just finished the operation before them
+// (which spares a thread hand-off per request).
 //
 // Each request travels as a kp::RequestQueueOperation: pending, then executing, then
 // finished, with "cancelled" as a flag beside them. An operation cancelled before it started
@@ -36,6 +38,7 @@
 #include <mutex>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "kp/request/request_types.h"
 
@@ -53,6 +56,9 @@ class RequestQueueOperationDelegate {
   // read its flags.
   virtual void operationWillChange(RequestQueueOperation& operation, Key key) = 0;
   virtual void operationDidChange(RequestQueueOperation& operation, Key key) = 0;
+  // Called once an executing operation has finished (or was cancelled), after it let go of
+  // its lock; the delegate may start further work from here.
+  virtual void operationDidEnd(RequestQueueOperation&) {}
 };
 
 class RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
@@ -124,17 +130,22 @@ class RequestQueue final : public RequestQueueInterface,
 
   void operationWillChange(RequestQueueOperation& operation, Key key) override;
   void operationDidChange(RequestQueueOperation& operation, Key key) override;
+  void operationDidEnd(RequestQueueOperation& operation) override;
 
  private:
   using Sequence = std::uint64_t;
   // Waiting operations in start order: higher priority first, then earlier arrival.
   using WaitingKey = std::pair<int, Sequence>;
 
-  // Forgets an operation that reads as finished; starts what may start now.
+  // Forgets an operation that reads as finished and claims the places it frees.
   void operationEnded(const RequestQueueOperation& operation);
-  // Moves waiting operations to running while the limit allows and posts their starts.
-  // REQUIRES: `lock` holds mutex_; it is released.
-  void startWaiting(std::unique_lock<std::mutex>& lock);
+  // Moves waiting operations to running, and into ready_, while the limit allows.
+  // REQUIRES: mutex_ held.
+  void claimWaiting();
+  // Starts the ready operations: on this thread unless it is the main thread or already
+  // starting one, otherwise on the pool.
+  void startReady();
+  void start(RequestQueueOperation& operation);
   // Drops cancelled operations that never started.
   void forgetIfFinished(const std::shared_ptr<RequestQueueOperation>& operation);
 
@@ -144,7 +155,9 @@ class RequestQueue final : public RequestQueueInterface,
   std::set<WaitingKey> waiting_;                                           // guarded by mutex_
   std::map<const RequestQueueOperation*, Sequence> sequences_;             // guarded by mutex_
   std::set<Sequence> running_;                                             // guarded by mutex_
-  std::int64_t maxConcurrent_ = kDefaultMaxConcurrentRequests;             // guarded by mutex_
+  // Claimed places whose operations are not started yet; guarded by mutex_.
+  std::vector<std::shared_ptr<RequestQueueOperation>> ready_;
+  std::int64_t maxConcurrent_ = kDefaultMaxConcurrentRequests;  // guarded by mutex_
   std::atomic<int> qualityOfService_{kQualityOfServiceUtility};
 };
 
