@@ -161,30 +161,6 @@ TEST_F(ExecutionTest, TheCacheAnswersHitsAndKeepsOnlyFreshSuccesses) {
   EXPECT_EQ(cache->listEntries().size(), entriesBefore);
 }
 
-TEST_F(ExecutionTest, AStoredFailureServedFromTheCacheKeepsItsClassAndError) {
-  // Whatever wrote the entry, the executor delivers what it holds, and a stored failure
-  // fails the ticket.
-  auto stored = std::make_shared<HttpRequestResult>();
-  stored->error = RequestErrors::noConnectionError();
-  auto item = RequestExecutor::cacheItemFor(*stored, RequestCacheConfig{});
-  EXPECT_EQ(item, nullptr);  // no payload, no entry
-  stored->data = Data::fromString("partial");
-  item = RequestExecutor::cacheItemFor(*stored, RequestCacheConfig{});
-  ASSERT_TRUE(item);
-  CacheController::sharedInstance()->set(item, "stored-failure");
-
-  auto run = request("/counted/never");
-  run->cacheConfig()->key = "stored-failure";
-  run->setCompletionDispatchQueue(nullptr);
-  Completions<HttpRequestResultType> done;
-  auto ticket = run->execute(done.handler());
-  ASSERT_TRUE(done.waitFor(1));
-  EXPECT_TRUE(done.at(0)->noConnection());
-  EXPECT_EQ(body(*done.at(0)), "partial");
-  EXPECT_EQ(ticket->state(), RequestTicketState::failed);
-  EXPECT_EQ(hits.load(), 0);
-}
-
 TEST_F(ExecutionTest, CancellingAtEachStageEndsQuietly) {
   // Before the cache step runs (the pool is kept busy until then): nothing is sent.
   {
@@ -336,34 +312,6 @@ TEST_F(ExecutionTest, CancellingQueuedAndRunningRequestsFreesTheirPlaces) {
   server.open();
   MainQueue::shared()->runFor(300ms);
   EXPECT_EQ(never.size(), 0u);
-}
-
-TEST(RequestQueueOperationTest, AnOperationCancelledBeforeItStartsReadsAsFinishedWithoutAnnouncing) {
-  struct Recorder : RequestQueueOperationDelegate {
-    void operationWillChange(RequestQueueOperation&, Key) override { ++announcements; }
-    void operationDidChange(RequestQueueOperation&, Key) override { ++announcements; }
-    int announcements = 0;
-  };
-  struct Counting : HttpRequestHandler {
-    void handle(const std::shared_ptr<RequestType>&, RequestHandlerCompletion) override { ++calls; }
-    int calls = 0;
-  };
-  auto recorder = std::make_shared<Recorder>();
-  auto handler = std::make_shared<Counting>();
-  auto run = HttpRequest::make(*Url::parse("http://127.0.0.1/"));
-  run->setHandler(handler);
-  run->setPriority(static_cast<RequestPriority>(7));
-  auto operation = std::make_shared<RequestQueueOperation>(run, recorder);
-  EXPECT_EQ(operation->queuePriority(), 0);
-  EXPECT_EQ(RequestQueueOperation::queuePriorityFor(RequestPriority::low), -4);
-  EXPECT_EQ(RequestQueueOperation::queuePriorityFor(RequestPriority::high), 4);
-  operation->cancel();
-  EXPECT_TRUE(operation->isFinished());
-  EXPECT_TRUE(operation->isCancelled());
-  EXPECT_FALSE(operation->isExecuting());
-  operation->start();
-  EXPECT_EQ(handler->calls, 0);
-  EXPECT_EQ(recorder->announcements, 0);
 }
 
 TEST_F(ExecutionTest, ThousandsOfQueuedRequestsKeepTheirOrderAndBound) {
