@@ -248,7 +248,16 @@ class Job {
     if (queue_) request.setQueue(queue_);
     const bool showProgress =
         options_.progress || (options_.kind == Kind::file && kp::platform::Env::current().standardErrorIsTerminal());
-    if (showProgress) request.setProgressUpdateHandler(drawProgress);
+    if (showProgress) {
+      // Redrawn when the percentage moves, not at every chunk. The handler is copied for
+      // each update, so what was shown lives outside it; updates run on the main thread.
+      request.setProgressUpdateHandler([shown = std::make_shared<int>(-1)](float fraction) {
+        const int percent = static_cast<int>(fraction * 100);
+        if (percent == *shown) return;
+        *shown = percent;
+        drawProgress(fraction);
+      });
+    }
     showsProgress_ = showProgress;
   }
 

@@ -75,7 +75,9 @@ class HttpRequestType : public RequestType {
   [[nodiscard]] virtual std::shared_ptr<RequestTicketType> execute() = 0;
 };
 
-// Every field and operation of a request except the cache policy.
+// Every field and operation of a request except the cache policy. Subclasses reach their
+// shared_ptr through this base's weak_from_this(); a second enable_shared_from_this base
+// would leave both unset, and the executor without its request.
 class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_this<BasicHttpRequest> {
  public:
   // A new HttpRequestHandler, a new DirectExecutionQueue, fresh configuration, normal
