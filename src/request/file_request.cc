@@ -104,15 +104,15 @@ void FileRequestHandler::didFinishDownloading(UrlSession&, UrlSessionDownloadTas
   if (result->response && result->response->statusCode && *result->response->statusCode >= 400) return;
   if (!target_) return;
   const fs::path& target = *target_;
+  // A failed step composes its diagnostic (written nowhere) and leaves its error in the result.
+  auto failed = [&](const std::string& diagnostic, const std::error_code& failure) {
+    [[maybe_unused]] const std::string message = diagnostic + failure.message();
+    result->error = fileWriteError(failure, target);
+  };
   std::error_code failure;
   if (const fs::path folder = target.parent_path(); !folder.empty()) {
     fs::create_directories(folder, failure);
-    if (failure) {
-      [[maybe_unused]] const std::string diagnostic =
-          "Failed to create target directory '" + folder.string() + "': " + failure.message();
-      result->error = fileWriteError(failure, target);
-      return;
-    }
+    if (failure) return failed("Failed to create target directory '" + folder.string() + "': ", failure);
   }
   std::error_code absent;
   const auto existing = fs::symlink_status(target, absent);
@@ -125,20 +125,10 @@ void FileRequestHandler::didFinishDownloading(UrlSession&, UrlSessionDownloadTas
     } else {
       fs::remove(target, failure);
     }
-    if (failure) {
-      [[maybe_unused]] const std::string diagnostic =
-          "Failed to remove file'" + target.string() + "': " + failure.message();
-      result->error = fileWriteError(failure, target);
-      return;
-    }
+    if (failure) return failed("Failed to remove file'" + target.string() + "': ", failure);
   }
   failure = platform::moveFile(location, target);
-  if (failure) {
-    [[maybe_unused]] const std::string diagnostic =
-        "Failed to move file '" + target.string() + "': " + failure.message();
-    result->error = fileWriteError(failure, target);
-    return;
-  }
+  if (failure) return failed("Failed to move file '" + target.string() + "': ", failure);
   moved_ = true;
 }
 

@@ -160,7 +160,7 @@ class Job {
     const auto parsed = kp::Url::parse(url_);
     switch (options_.kind) {
       case Kind::data:
-        request_ = startKind<kp::DataRequest>(*parsed, [this](const kp::DataRequestResult& result) {
+        request_ = startKind<kp::DataRequest>(*parsed, [](const kp::DataRequestResult& result) {
           if (const auto* bytes = result.dataAsData()) std::cout.write(bytes->view().data(), bytes->view().size());
           return true;
         });
