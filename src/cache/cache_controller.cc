@@ -19,6 +19,7 @@
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"
+#include "platform/utf8.h"
 #include "tarvix/application.h"
 
 namespace kp {
@@ -73,6 +74,18 @@ bool isValid(const CacheItem& entry) {
   return false;
 }
 
+// Keys and groups reach the database as text cut at a NUL byte, and come back from it only
+// when they are UTF-8. Any other would share a row with another key, or leave a row and a file
+// that no clean-up and no trim can name; entries under such names live in memory only.
+bool databaseCanHold(std::string_view name) {
+  return name.find('\0') == std::string_view::npos && internal::isValidUtf8(name);
+}
+
+bool databaseCanHold(const Cacheable& entry, std::string_view key) {
+  const auto& group = entry.cacheConfiguration().groupName;
+  return databaseCanHold(key) && (!group || databaseCanHold(*group));
+}
+
 Duration intervalDuration(double seconds) {
   constexpr double kLongest = 366.0 * 24 * 3600;
   return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(std::min(seconds, kLongest)));
@@ -109,8 +122,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   // Wipes started and not yet done: rows read meanwhile may be on their way out, so they are
   // not taken into memory, where they would outlive the wipe.
   std::atomic<int> pendingWipes{0};
-  // Odd while a save of a file-backed entry hashed to that slot writes its file and row: a
-  // read that overlaps one cannot trust that the row and the file belong together.
+  // Odd while a save hashed to that slot writes or removes a file and writes its row: a read
+  // that overlaps one cannot trust that the row and the file belong together.
   std::array<std::atomic<std::uint32_t>, 64> fileWrites{};
 
   mutable std::mutex timerMutex;
@@ -153,7 +166,10 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     auto encoded = CacheControllerDatabase::encodeEntry(entry);
     if (!encoded) return;
     if (entry.cacheType == CacheItemType::serialized) {
-      database.saveRecord(*encoded, entry, key);
+      writingFiles(key, [&] {
+        removeEarlierFile(key, std::nullopt);
+        database.saveRecord(*encoded, entry, key);
+      });
       return;
     }
     std::optional<Data> bytes;
@@ -163,22 +179,43 @@ struct CacheController::State : std::enable_shared_from_this<State> {
       bytes = entry.item->object<ArchivableImage>()->image().pngData();
       if (!bytes) return;  // an image without a PNG form is not written
     }
-    // The file before the row: a reader that finds the row finds its file. When one of the two
-    // cannot be written, the other must not pair with what is left of an earlier save: a file
-    // that failed keeps the old file and the old row; a row that failed loses the new file.
+    // The file before the row: a reader that finds the row finds its file. The old row goes
+    // once the new bytes are on the disk and before they replace the old file, so that no
+    // moment, not even the end of the process, pairs the old row with the new file. A file that
+    // cannot be written (a full disk) keeps the old file and the old row; a row that fails
+    // loses the new file.
     const auto& group = entry.configuration.groupName;
+    writingFiles(key, [&] {
+      const bool replaced = files.save(*bytes, key, group, [&] {
+        removeEarlierFile(key, files.filePath(key, group));
+        return database.removeCacheItem(key);
+      });
+      if (replaced && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    });
+  }
+
+  // Runs `write`, which changes the key's file or removes it, with its slot odd meanwhile.
+  template <class F>
+  void writingFiles(std::string_view key, F&& write) {
     auto& slot = fileWriteSlot(key);
     slot.fetch_add(1, std::memory_order_acq_rel);
-    if (files.save(*bytes, key, group) && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
+    std::forward<F>(write)();
     slot.fetch_add(1, std::memory_order_release);
   }
 
-  void removeStored(std::string_view key) {
+  // Removes the file of the key's stored entry, unless it is `kept`: an entry saved elsewhere
+  // (in another group, or in its row alone) would otherwise leave it where no row names it,
+  // out of reach of every clean-up and of the trim.
+  void removeEarlierFile(std::string_view key, const std::optional<fs::path>& kept) {
     const auto type = database.getCacheItemType(key);
-    if (type == CacheItemType::rawDataToFile || type == CacheItemType::image) {
-      files.removeData(key, database.getCacheItemGroup(key));
-    }
-    database.removeCacheItem(key);
+    if (type != CacheItemType::rawDataToFile && type != CacheItemType::image) return;
+    const auto group = database.getCacheItemGroup(key);
+    if (!kept || files.filePath(key, group) != *kept) files.removeData(key, group);
+  }
+
+  void removeStored(std::string_view key) {
+    removeEarlierFile(key, std::nullopt);
+    (void)database.removeCacheItem(key);
   }
 
   void wipeBackStore(const std::optional<std::string>& group) {
@@ -334,7 +371,7 @@ void CacheController::set(std::shared_ptr<CacheItem> item, std::string_view key)
   auto& config = item->configuration;
   if (config.groupName && config.groupName->empty()) config.groupName.reset();
   state_->memory.set(item, key);
-  if (!config.retainInBackStore) return;
+  if (!config.retainInBackStore || !databaseCanHold(*item, key)) return;
   std::size_t cost = kTaskOverhead + key.size();
   if (!config.retainInMemory) cost += estimatedBytes(*item->item) + estimatedBytes(ArchiveValue(item->extraItems));
   state_->post(cost, [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
@@ -346,12 +383,15 @@ void CacheController::set(std::shared_ptr<CacheItem> item, std::string_view key)
 void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key) {
   if (!item || key.empty()) return;
   state_->memory.set(item, key);
-  if (!item->cacheConfiguration().retainInBackStore) return;
+  if (!item->cacheConfiguration().retainInBackStore || !databaseCanHold(*item, key)) return;
   // Entries of other types have no estimate of their size; only what the task adds counts.
   state_->post(kTaskOverhead + key.size(),
                [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
                  if (s.wipeGeneration.load() != generation) return;
-                 s.database.encode(*item, key);
+                 s.writingFiles(key, [&] {
+                   s.removeEarlierFile(key, std::nullopt);
+                   s.database.encode(*item, key);
+                 });
                });
 }
 
@@ -359,6 +399,7 @@ void CacheController::removeCacheItem(std::string_view key) {
   // In turn with the background work, so that no save started before it lands afterwards, and
   // out of memory on both sides of it, so that no read brings back the row it removes.
   state_->memory.remove(key);
+  if (!databaseCanHold(key)) return;
   state_->background.runInTurn([&] { state_->removeStored(key); });
   state_->memory.remove(key);
 }
@@ -374,7 +415,7 @@ void CacheController::wipeCompleteCache() {
 void CacheController::wipeCompleteCache(std::string_view group) {
   state_->pendingWipes.fetch_add(1);
   state_->memory.removeForGroup(group);
-  state_->postWipe(std::string(group));
+  if (databaseCanHold(group)) state_->postWipe(std::string(group));
   state_->pendingWipes.fetch_sub(1);
 }
 
@@ -405,6 +446,7 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, b
 // Apart from the memory hit, so that the hit stays a short call.
 std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData) {
   State& s = *this;
+  if (!databaseCanHold(key)) return nullptr;
   const auto start = s.startRead();
   auto& slot = s.fileWriteSlot(key);
   const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);
@@ -423,7 +465,7 @@ std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_vie
       // A save of this key ran meanwhile: the row and the file may not belong together.
       if (!settled) return nullptr;
       if (!entry->item) {
-        s.database.removeCacheItem(key);
+        (void)s.database.removeCacheItem(key);
         return nullptr;
       }
     } else {
@@ -437,6 +479,7 @@ std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_vie
 std::shared_ptr<Cacheable> CacheController::get(const CacheableType& type, std::string_view key) {
   State& s = *state_;
   if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
+  if (!databaseCanHold(key)) return nullptr;
   const auto start = s.startRead();
   auto stored = s.database.loadCacheDataAndTimestamp(key);
   if (!stored) return nullptr;
@@ -520,7 +563,7 @@ std::optional<CacheItemInspection> CacheController::inspect(std::string_view key
   CacheItemInspection inspection;
   inspection.entry = std::dynamic_pointer_cast<CacheItem>(s.memory.get(key));
   inspection.inMemory = inspection.entry != nullptr;
-  if (auto row = s.database.getRowSummary(key)) {
+  if (auto row = databaseCanHold(key) ? s.database.getRowSummary(key) : std::nullopt) {
     inspection.stored = CacheEntrySummary{std::move(*row), std::nullopt};
     const auto& stored = inspection.stored->row;
     if (isFileBacked(stored.type)) {

@@ -331,9 +331,9 @@ std::optional<std::string> CacheControllerDatabase::getCacheItemGroup(std::strin
   return found.empty() ? std::nullopt : found.front().string(CacheItemColumns::group);
 }
 
-void CacheControllerDatabase::removeCacheItem(std::string_view key) {
+bool CacheControllerDatabase::removeCacheItem(std::string_view key) {
   std::lock_guard lock(mutex_);
-  (void)run(kDelete, {SQLiteValue(std::string(key))});
+  return run(kDelete, {SQLiteValue(std::string(key))});
 }
 
 void CacheControllerDatabase::removeAllItems(const std::optional<std::string>& group) {

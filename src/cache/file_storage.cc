@@ -1,6 +1,7 @@
 // The file store of the cache.
 #include "kp/cache/file_storage.h"
 
+#include <chrono>
 #include <fstream>
 
 #include "kp/cache/cache_database.h"
@@ -30,6 +31,11 @@ fs::path CacheControllerFileStorage::filePath(std::string_view key, const std::o
 
 namespace {
 
+// A partial file younger than this may belong to a save still running in another process
+// (a tool opening the folder while the application saves); older ones were left by a process
+// that ended mid-write.
+constexpr auto kAbandonedAfter = std::chrono::minutes(10);
+
 // Removes what writes cut short by the end of a process left behind in `folder`.
 void removePartialFiles(const fs::path& folder, bool withGroupFolders) {
   std::error_code ec;
@@ -42,7 +48,8 @@ void removePartialFiles(const fs::path& folder, bool withGroupFolders) {
     if (fs::is_directory(status)) {
       if (withGroupFolders) removePartialFiles(it->path(), false);
     } else if (it->path().filename().string().starts_with(platform::kTemporaryFilePrefix)) {
-      fs::remove(it->path(), ec);
+      const auto modified = fs::last_write_time(it->path(), ec);
+      if (!ec && fs::file_time_type::clock::now() - modified > kAbandonedAfter) fs::remove(it->path(), ec);
     }
   }
 }
@@ -55,13 +62,18 @@ void CacheControllerFileStorage::prepareCacheFolder() {
   removePartialFiles(basePath_, true);
 }
 
-bool CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group) {
+bool CacheControllerFileStorage::save(const Data& data, std::string_view key, const std::optional<std::string>& group,
+                                      const std::function<bool()>& beforeReplacing) {
   const auto path = filePath(key, group);
-  std::lock_guard lock(mutex_);
-  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return false;
   // Written aside and renamed over the old file: a failed or interrupted write keeps the old
-  // payload, and no reader ever sees a cut-off one.
-  return platform::writeFileAtomically(path, data.bytes());
+  // payload, and no reader ever sees a cut-off one. Only the rename needs the lock; the
+  // temporary file is this call's own, and `beforeReplacing` may take other stores' locks.
+  if (group && !group->empty() && !platform::createPrivateDirectory(path.parent_path())) return false;
+  std::optional<platform::StagedFile> staged = platform::StagedFile::write(path, data.bytes());
+  if (!staged) return false;
+  if (beforeReplacing && !beforeReplacing()) return false;
+  std::lock_guard lock(mutex_);
+  return staged->commit();
 }
 
 std::optional<Data> CacheControllerFileStorage::loadData(std::string_view key,

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -44,15 +45,49 @@ namespace kp::platform {
 [[nodiscard]] bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
                                        std::string* error = nullptr) noexcept;
 
+// The two halves of writeFileAtomically(), for a caller that must do something between them
+// (make a record of the old file go before the new one replaces it): write() puts the bytes in
+// a temporary file beside `path` and on the disk; commit() renames it over `path` and makes the
+// rename durable. A staged file dropped without a successful commit() is removed.
+class StagedFile {
+ public:
+  [[nodiscard]] static std::optional<StagedFile> write(const std::filesystem::path& path,
+                                                       std::span<const std::uint8_t> bytes,
+                                                       std::string* error = nullptr) noexcept;
+  // The same with the bytes that `fill` writes to the temporary file's descriptor; `fill`
+  // returns 0, or the errno value of its failure, which `errorNumber` then receives (as it
+  // does for the other steps).
+  [[nodiscard]] static std::optional<StagedFile> write(const std::filesystem::path& path,
+                                                       const std::function<int(int fd)>& fill,
+                                                       std::string* error = nullptr,
+                                                       int* errorNumber = nullptr) noexcept;
+  // False, with the temporary file removed, when the rename fails.
+  [[nodiscard]] bool commit(std::string* error = nullptr, int* errorNumber = nullptr) noexcept;
+
+  StagedFile(StagedFile&& other) noexcept
+      : path_(std::move(other.path_)), temporary_(std::exchange(other.temporary_, {})) {}
+  StagedFile& operator=(StagedFile&&) = delete;
+  StagedFile(const StagedFile&) = delete;
+  StagedFile& operator=(const StagedFile&) = delete;
+  ~StagedFile();
+
+ private:
+  StagedFile(std::filesystem::path path, std::string temporary) noexcept
+      : path_(std::move(path)), temporary_(std::move(temporary)) {}
+
+  std::filesystem::path path_;
+  std::string temporary_;  // empty once committed or removed
+};
+
 // Moves the file at `from` to `to`, replacing what is there. Within one file system this is a
-// rename. Across file systems the bytes are copied to a temporary file beside `to`, flushed
-// and renamed over it, so that `to` holds the old file or the whole new one, never a part of
-// it (a full disk leaves the old one), and `from` is removed afterwards. Returns the error of
-// the step that failed, nothing on success.
+// rename. Across file systems the bytes are copied to a staged file beside `to` and committed,
+// so that `to` holds the old file or the whole new one, never a part of it (a full disk leaves
+// the old one), and `from` is removed afterwards. Returns the error of the step that failed,
+// nothing on success.
 [[nodiscard]] std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
 
-// Temporary files of writeFileAtomically() and moveFile() start with this, then the file's name and "."; only
-// a process that died while writing leaves one behind.
+// Temporary files of writeFileAtomically(), StagedFile and moveFile() start with this, then
+// the file's name and "."; only a process that died while writing leaves one behind.
 inline constexpr std::string_view kTemporaryFilePrefix = ".kp-partial-";
 
 // Removes the temporary files that writers of `path` left behind when they died, if they are
@@ -82,7 +117,8 @@ struct FileContents {
 };
 
 // Reads a regular file whole. Files larger than `maxSize` are not read (tooLarge); anything
-// that is not a regular file, or fails to read, is `failed`.
+// that is not a regular file (a named pipe or a device included, which are never waited on),
+// or fails to read, is `failed`.
 [[nodiscard]] FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize);
 
 // An exclusive advisory lock on a lock file, held until destruction. Every process that

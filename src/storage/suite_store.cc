@@ -207,6 +207,11 @@ bool SuiteStore::writeLocked() {
   } catch (const std::exception& e) {
     return failed(e.what());
   }
+  // Readers take a larger file for damage and set it aside with every key in it.
+  if (bytes.size() > kMaxFileSize) {
+    return failed("it would hold " + std::to_string(bytes.size()) + " bytes, more than the " +
+                  std::to_string(kMaxFileSize) + " a suite may have");
+  }
   if (std::string error; !platform::writeFileAtomically(file_, bytes.bytes(), &error)) return failed(error);
   // Still under the suite's lock, so the file there is the one just written.
   lastSeen_ = platform::fileIdentity(file_);

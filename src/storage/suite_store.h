@@ -44,7 +44,8 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   static constexpr std::chrono::milliseconds kMaximumDelay{1000};
   // How long a write waits for another process's lock on the suite.
   static constexpr std::chrono::milliseconds kLockTimeout{2000};
-  // Larger suite files are treated as damaged rather than read into memory.
+  // Larger suite files are treated as damaged rather than read into memory, so none is
+  // written: changes that would make one stay pending.
   static constexpr std::uint64_t kMaxFileSize = 64ULL << 20;
 
   // The store of the suite file `file`, shared by every caller in this process; the folder is

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -242,6 +243,17 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   EXPECT_EQ(cache->databaseItemCount(), 0u);
   EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
 
+  // A key saved again in another group, or as a serialized entry, leaves no file of its
+  // earlier entry behind, where no row would name it for a clean-up or a trim.
+  cache->set(bytesEntry(pattern(30), policy(0, true, "a")), "moving");
+  cache->set(bytesEntry(pattern(40), policy(0, true, "b")), "moving");
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 40u);
+  cache->set(entry(kp::ArchiveValue("now a row"), policy(0)), "moving");
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
+  cache->removeAllItemsFromBackStore();
+
   // A removal also undoes the saves still waiting to run: the entry does not come back.
   for (int i = 0; i < 20; ++i) {
     const std::string key = "k" + std::to_string(i);
@@ -264,6 +276,33 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   EXPECT_FALSE(fresh->getCacheItem("note"));
   clock_->advance(61);
   EXPECT_FALSE(fresh->get<Note>("note"));
+}
+
+TEST_F(CacheControllerTest, KeysAndGroupsTheDatabaseCannotHoldStayInMemory) {
+  auto cache = open();
+  const std::string invalid = "bad\xff";
+  const std::string withNul("a\0b", 3);
+  const std::string groupWithNul("g\0h", 3);
+  cache->set(bytesEntry(pattern(100), policy(60)), invalid);
+  cache->set(bytesEntry(pattern(200), policy(60)), withNul);
+  cache->set(bytesEntry(pattern(300), policy(60, true, groupWithNul)), "grouped");
+  cache->set(bytesEntry(pattern(400), policy(60, true, "g")), "other-group");
+  cache->set(entry(kp::ArchiveValue("plain"), policy(0)), "a");
+  cache->waitForBackgroundWork();
+  EXPECT_TRUE(isPattern(*cache->getCacheItem(invalid)->item->get<kp::Data>()));
+  cache->wipeCompleteCache(groupWithNul);  // not the group its text is cut to
+  cache->waitForBackgroundWork();
+
+  cache->receivedMemoryWarning({});
+  EXPECT_TRUE(cache->getCacheItem("other-group"));
+  EXPECT_FALSE(cache->getCacheItem(std::string("a\0zzz", 5)));  // not the entry of "a"
+  EXPECT_EQ(*cache->getCacheItem("a")->item->get<std::string>(), "plain");
+  // Once expired, nothing is left on disk that no clean-up can find.
+  clock_->advance(61);
+  cache->wipeCompleteExpiredCache();
+  cache->waitForBackgroundWork();
+  EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
+  EXPECT_EQ(sqlite(database(), "SELECT id FROM cache;"), "a\n");
 }
 
 TEST_F(CacheControllerTest, TheTimerRunsWhileTheApplicationIsActive) {
@@ -457,7 +496,8 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
   auto cache = open();
   std::size_t count = 0;
   for (const auto& item : fs::recursive_directory_iterator(cache->storagePath())) {
-    if (!item.is_regular_file()) continue;
+    // Partial files of the killed writers are not entries; they stay until they are old.
+    if (!item.is_regular_file() || item.path().filename().string().starts_with(".kp-partial-")) continue;
     std::ifstream in(item.path(), std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), {});
     EXPECT_TRUE(isPattern(kp::Data::fromString(bytes))) << item.path() << " holds " << bytes.size() << " bytes";
@@ -470,6 +510,43 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
       EXPECT_TRUE(isPattern(*found->item->get<kp::Data>())) << i;
     }
   }
+}
+
+TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
+  const auto sized = [](std::size_t size) {
+    auto e = bytesEntry(pattern(size), policy(0));
+    e->extraItems["size"] = kp::ArchiveValue(static_cast<std::int64_t>(size));
+    return e;
+  };
+  if (kp::test::inTestChild()) {
+    auto cache = open(fs::path(std::getenv("KP_CACHE_FOLDER")));
+    cache->set(sized(3000), "k");
+    std::printf("saving\n");
+    std::fflush(stdout);
+    cache->waitForBackgroundWork();
+    return;
+  }
+  open()->set(sized(1000), "k");
+  // Another connection holds the database's write lock, so that the save in the child waits
+  // for its row, with its file written or not, until the child is killed.
+  kp::DefaultSQLiteDatabase holder(*kp::Url::parse(dir_.fileUrl("centralcache.db")));
+  holder.createPreparedStatement("BEGIN IMMEDIATE;")->execute();
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  kp::test::BackgroundProcess child({"/usr/bin/env", "KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string(),
+                                     fs::read_symlink("/proc/self/exe").string(),
+                                     std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
+  for (auto line = child.readLine(20s); line && *line != "saving";) line = child.readLine(20s);
+  std::this_thread::sleep_for(500ms);
+  child.sendSignal(SIGKILL);
+  ASSERT_TRUE(child.wait(10s));
+  holder.createPreparedStatement("ROLLBACK;")->execute();
+
+  auto cache = open();
+  auto read = cache->getCacheItem("k");
+  ASSERT_TRUE(read);
+  const auto& bytes = *read->item->get<kp::Data>();
+  EXPECT_TRUE(isPattern(bytes));
+  EXPECT_EQ(*read->extraItems.at("size").get<std::int64_t>(), static_cast<std::int64_t>(bytes.size()));
 }
 
 TEST_F(CacheControllerTest, ReadersWritersWipesAndTheTimerAtOnce) {

@@ -40,6 +40,16 @@ TEST(KpcoreLog, WritesToTheJournalSocketOrStandardErrorWithoutOne) {
                             "from stdin\n");
   EXPECT_EQ(spilled.status, 0);
   EXPECT_EQ(spilled.output, "com.tarvix.KPFrameworkCoreLogic[General] default: L:0003 b.src (f): from stdin\n");
+
+  // The JSON stays JSON when the words given are not UTF-8.
+  auto odd =
+      runCommand(kpcoreLog("--json --category 'N\xff"
+                           "et' --socket " +
+                           shellQuote(socket.string()) + " x 2>/dev/null"));
+  EXPECT_EQ(odd.output, R"({"destination":"stderr","subsystem":"com.tarvix.KPFrameworkCoreLogic","category":"N)"
+                        "\uFFFD"
+                        R"(et","level":"notice"})"
+                        "\n");
 }
 
 TEST(KpcoreLog, ConsoleLayoutAndOneLineErrors) {

@@ -54,6 +54,18 @@ TEST(NonFatalExceptionTest, ReportsGoToTheOverrideOrBaseReporterAndAlwaysRaiseTh
             (std::vector<std::string>{"Description:\n  - Nobody listens\n\nFailure Reason:\n  - no reporter",
                                       "Description:\n  - Inside", "Description:\n  - Outside",
                                       "Description:\n  - To base\n\nUserInfo:\n  - k: v"}));
+
+  // The hook hears the same place every time, whichever caller reports.
+  std::string file;
+  int line = 0;
+  auto previous = tarvix::AssertionCoordinator::setHandler([&](std::string_view, std::string_view f, int l) {
+    file = f;
+    line = l;
+  });
+  nonFatalException("Where");
+  tarvix::AssertionCoordinator::setHandler(std::move(previous));
+  EXPECT_TRUE(file.ends_with("non_fatal_exception.cc")) << file;
+  EXPECT_EQ(line, 68);
 }
 
 }  // namespace

@@ -265,6 +265,13 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
   EXPECT_EQ(asideFiles("folder").size(), 1U);
   defaults->setInteger(2, "fresh");
   EXPECT_TRUE(defaults->synchronize());
+  // So is a named pipe, which must not make the reader wait for a writer that never comes.
+  ASSERT_EQ(::mkfifo(suiteFile("pipe").c_str(), 0600), 0);
+  const auto piped =
+      kp::test::runCommand("timeout -s KILL 20 " + std::string(KPCORE_PATH) + " defaults read --suite pipe 2>&1");
+  EXPECT_EQ(piped.status, 0) << piped.output;
+  EXPECT_EQ(piped.output, "{}\n");
+  EXPECT_EQ(asideFiles("pipe").size(), 1U);
 
   // Another process damaging a suite this one has open is noticed too.
   auto live = kp::UserDefaults::suite("live");
@@ -344,6 +351,16 @@ TEST_F(UserDefaultsTest, AFullDiskLeavesTheOldFileAndTheChangesPending) {
   EXPECT_EQ(defaults->data("value")->size(), 1U << 20);  // memory keeps the change
   EXPECT_TRUE(defaults->synchronize());                  // and it is written once there is room
   EXPECT_EQ(readFile(suiteFile("full")).find("value")->ifData()->size(), 1U << 20);
+
+  // A suite too large to be read back is not written either: the next reader would find the
+  // file damaged and start without any of its keys.
+  defaults->setObject(kp::Data::zeros(kp::storage_detail::SuiteStore::kMaxFileSize), "huge");
+  EXPECT_FALSE(defaults->synchronize());
+  const auto reader = kpcore("defaults read --suite full value");
+  EXPECT_EQ(reader.status, 0) << reader.output;
+  EXPECT_TRUE(asideFiles("full").empty());
+  defaults->removeObject("huge");
+  EXPECT_TRUE(defaults->synchronize());
 }
 
 TEST_F(UserDefaultsTest, ManyThreadsReadAndWriteOneSuite) {
@@ -380,6 +397,13 @@ TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
   EXPECT_NE(missing.status, 0);
   EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1);
   EXPECT_NE(kpcore("defaults write --suite tool n -int twelve").status, 0);
+  // What the store refuses is an error, not a success that changed nothing.
+  for (const char* refused : {"name \xff", "'\xfe' text"}) {
+    const auto failed = kpcore(std::string("defaults write --suite tool ") + refused);
+    EXPECT_NE(failed.status, 0) << refused;
+    EXPECT_EQ(std::count(failed.output.begin(), failed.output.end(), '\n'), 1) << failed.output;
+  }
+  EXPECT_EQ(kpcore("defaults read --suite tool name").output, "Bern\n");
   EXPECT_NE(kpcore("defaults read --suite ../escape").status, 0);
   ASSERT_EQ(kpcore("defaults delete --suite tool").status, 0);
   EXPECT_EQ(readFile(suiteFile("tool")).ifDictionary()->size(), 0U);

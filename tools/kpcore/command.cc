@@ -8,6 +8,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "platform/utf8.h"
+
 namespace kpcore {
 namespace {
 
@@ -85,7 +87,11 @@ std::string readInput(const std::optional<std::string>& path) {
   return buffer.str();
 }
 
-std::string jsonQuote(std::string_view text) {
+std::string jsonQuote(std::string_view raw) {
+  // JSON is UTF-8: bytes that are not (keys, paths and arguments may hold any) become U+FFFD.
+  std::string repaired;
+  if (!kp::internal::isValidUtf8(raw)) kp::internal::appendPrintableUtf8(repaired, raw);
+  const std::string_view text = repaired.empty() ? raw : std::string_view(repaired);
   std::string out = "\"";
   for (unsigned char c : text) {
     switch (c) {

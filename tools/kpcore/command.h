@@ -65,7 +65,8 @@ struct CommandInfo {
 // Reads all of standard input, or of `path` when given ("-" also means standard input).
 [[nodiscard]] std::string readInput(const std::optional<std::string>& path);
 
-// Text as a JSON string literal.
+// Text as a JSON string literal. Text that is not UTF-8 is repaired first: malformed bytes and
+// control characters become U+FFFD.
 [[nodiscard]] std::string jsonQuote(std::string_view text);
 
 }  // namespace kpcore

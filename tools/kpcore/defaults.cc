@@ -4,7 +4,9 @@
 
 #include "command.h"
 #include "kp/coding/json.h"
+#include "kp/storage/stored_value.h"
 #include "kp/storage/user_defaults.h"
+#include "platform/utf8.h"
 
 namespace {
 
@@ -122,7 +124,13 @@ int runDefaults(kpcore::Args& args) {
       text = *rest;
     }
     args.expectEnd();
-    defaults->setObject(std::any(parseValue(type, text)), *key);
+    kp::Value value = parseValue(type, text);
+    // The store refuses these without a word; the user must hear of it.
+    if (!kp::internal::isValidUtf8(*key)) throw CommandError("the key is not UTF-8 text", 2);
+    if (std::string problem; !kp::propertyListValue(std::any(value), &problem)) {
+      throw CommandError("cannot store the value: " + problem, 2);
+    }
+    defaults->setObject(std::any(std::move(value)), *key);
   } else if (*action == "delete") {
     args.expectEnd();
     if (key) {

@@ -9,7 +9,9 @@
 // the files, wipes, the expired clean-up and the size trim run as background tasks on the
 // library's pool, one at a time in the order they were started (a wipe always follows the
 // saves started before it). Background work waiting to run is bounded in memory: beyond
-// the controller's budget, the caller waits for (or runs) the work started before.
+// the controller's budget, the caller waits for (or runs) the work started before. Entries
+// whose key or group is not UTF-8 text, or holds a NUL byte, are kept in memory only, since
+// the database cannot hold such names as they are.
 //
 // Application life: the controller observes the application notifications on the default
 // notification centre. While the application is active, a repeating timer on the main queue

@@ -116,7 +116,8 @@ class CacheControllerDatabase {
   [[nodiscard]] std::optional<StoredData> loadCacheDataAndTimestamp(std::string_view key);
   [[nodiscard]] std::optional<CacheItemType> getCacheItemType(std::string_view key);
   [[nodiscard]] std::optional<std::string> getCacheItemGroup(std::string_view key);
-  void removeCacheItem(std::string_view key);
+  // False when the row could not be deleted (most callers need not look).
+  bool removeCacheItem(std::string_view key);
   // Empties the group (or, without one, the whole table), then vacuums.
   void removeAllItems(const std::optional<std::string>& group);
   void updateTimestamp(std::string_view key, const Cacheable& entry);

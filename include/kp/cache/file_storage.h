@@ -21,6 +21,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -41,12 +42,15 @@ class CacheControllerFileStorage {
   CacheControllerFileStorage& operator=(const CacheControllerFileStorage&) = delete;
 
   // Creates the folder when nothing exists there (missing parents are not created), and
-  // removes the partial files of writes that a process ending mid-write left behind.
+  // removes the partial files of writes that a process ending mid-write left behind (those
+  // older than ten minutes; younger ones may be another process's save at work).
   void prepareCacheFolder();
   // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
   // False when nothing was written (the old file, if any, is left as it was); most callers
-  // need not look.
-  bool save(const Data& data, std::string_view key, const std::optional<std::string>& group);
+  // need not look. `beforeReplacing`, when given, runs once the bytes are on the disk and
+  // before they replace the old file; when it returns false the old file stays.
+  bool save(const Data& data, std::string_view key, const std::optional<std::string>& group,
+            const std::function<bool()>& beforeReplacing = {});
   [[nodiscard]] std::optional<Data> loadData(std::string_view key, const std::optional<std::string>& group) const;
   void removeData(std::string_view key, const std::optional<std::string>& group);
   // Without a group (absent or empty): removes every entry of the folder, files and group

@@ -4,6 +4,7 @@
 // withDependencies override is asked first), then raises tarvix::AssertionCoordinator with its
 // assertionFailureMessage, which stops a debug build at once and is ignored in a release build
 // by the default hook. Without a reporter the report is lost, but the assertion still fires.
+// The hook is told the file of nonFatalException() and line 68, whoever called.
 //
 // assertionFailureMessage is made of blocks separated by an empty line, without a final line
 // feed; absent parts leave out their block, an empty reason or suggestion that is present does

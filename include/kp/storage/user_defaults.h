@@ -5,7 +5,9 @@
 // Reads answer from memory. Writes change memory at once and reach the disk a moment later,
 // coalesced, through a temporary file that is flushed and renamed over the suite file, so a
 // crash or a full disk leaves the old file or the new one; synchronize() writes now and says
-// whether it could. Pending changes are also written when the process exits normally.
+// whether it could. Pending changes are also written when the process exits normally. A
+// suite file may hold at most 64 MiB: changes that would make it larger are kept in memory
+// and not written (synchronize() says false), since a larger file would not be read back.
 // Several processes may use one suite: each write lays this process's changes over the file
 // as it is on disk (under a lock file), so processes that change different keys keep each
 // other's keys, and changes made by others reach this process's memory shortly after they

@@ -88,35 +88,79 @@ bool createPrivateDirectories(const std::filesystem::path& path) noexcept {
   }
 }
 
-namespace {
-
-// Fills a temporary file beside `path` with `fill` (which returns 0 or an errno value), makes
-// it durable and renames it over `path`; on failure removes it and returns the errno value
-// of the failed step, naming the step in `step`.
-template <class Fill>
-int replaceThroughTemporaryFile(const std::filesystem::path& path, const Fill& fill, const char*& step) {
-  const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-  std::string temporary =
-      (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
-  step = "cannot create a temporary file for";
-  const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
-  if (fd < 0) return errno;
-  // The data must be on disk before the rename is: a file system may commit the rename
-  // first, and a power loss would then leave the final name on a short file.
-  step = "cannot write";
-  int failure = fill(fd);
-  if (failure == 0) step = "cannot flush", failure = ::fsync(fd) == 0 ? 0 : errno;
-  if (::close(fd) != 0 && failure == 0) step = "cannot close", failure = errno;
-  if (failure == 0) step = "cannot replace", failure = ::rename(temporary.c_str(), path.c_str()) == 0 ? 0 : errno;
-  if (failure != 0) {
-    ::unlink(temporary.c_str());
-    return failure;
-  }
-  // Make the rename durable too. Failing here leaves the new file in place: still done.
-  if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
-  return 0;
+std::optional<StagedFile> StagedFile::write(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                                            std::string* error) noexcept {
+  return write(
+      path, [&](int fd) { return writeAll(fd, bytes) ? 0 : errno; }, error);
 }
 
+std::optional<StagedFile> StagedFile::write(const std::filesystem::path& path, const std::function<int(int fd)>& fill,
+                                            std::string* error, int* errorNumber) noexcept {
+  try {
+    const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+    std::string temporary =
+        (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
+    if (fd < 0) {
+      if (errorNumber) *errorNumber = errno;
+      if (error) *error = describeErrno("cannot create a temporary file for", path, errno);
+      return std::nullopt;
+    }
+    // The data must be on disk before the rename is: a file system may commit the rename
+    // first, and a power loss would then leave the final name on a short file.
+    const char* step = "cannot write";
+    int failure = fill(fd);
+    if (failure == 0) step = "cannot flush", failure = ::fsync(fd) == 0 ? 0 : errno;
+    if (::close(fd) != 0 && failure == 0) step = "cannot close", failure = errno;
+    if (failure != 0) {
+      ::unlink(temporary.c_str());
+      if (errorNumber) *errorNumber = failure;
+      if (error) *error = describeErrno(step, path, failure);
+      return std::nullopt;
+    }
+    return StagedFile(path, std::move(temporary));
+  } catch (...) {
+    if (errorNumber) *errorNumber = ENOMEM;
+    return std::nullopt;  // out of memory building the names
+  }
+}
+
+bool StagedFile::commit(std::string* error, int* errorNumber) noexcept {
+  if (temporary_.empty()) return false;
+  if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
+    const int failure = errno;
+    ::unlink(temporary_.c_str());
+    temporary_.clear();
+    if (errorNumber) *errorNumber = failure;
+    try {
+      if (error) *error = describeErrno("cannot replace", path_, failure);
+    } catch (...) {
+      // Out of memory: the failure goes without its reason.
+    }
+    return false;
+  }
+  temporary_.clear();
+  // Make the rename durable too. Failing here leaves the new file in place: still done.
+  try {
+    const auto folder = path_.has_parent_path() ? path_.parent_path() : std::filesystem::path(".");
+    if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
+  } catch (...) {
+    // Out of memory building the folder's name: the rename is done, only not yet durable.
+  }
+  return true;
+}
+
+StagedFile::~StagedFile() {
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
+                         std::string* error) noexcept {
+  std::optional<StagedFile> staged = StagedFile::write(path, bytes, error);
+  return staged && staged->commit(error);
+}
+
+namespace {
 // Copies what is left of `from` into `to`; 0 or an errno value.
 int copyAll(int from, int to) {
   while (true) {
@@ -138,37 +182,19 @@ int copyAll(int from, int to) {
     if (!writeAll(to, std::span(buffer.data(), static_cast<std::size_t>(count)))) return errno;
   }
 }
-
 }  // namespace
-
-bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
-                         std::string* error) noexcept {
-  try {
-    const char* step = "";
-    const int failure = replaceThroughTemporaryFile(
-        path, [&](int fd) { return writeAll(fd, bytes) ? 0 : errno; }, step);
-    if (failure != 0 && error) *error = describeErrno(step, path, failure);
-    return failure == 0;
-  } catch (...) {
-    return false;  // out of memory building the names
-  }
-}
 
 std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
   if (::rename(from.c_str(), to.c_str()) == 0) return {};
   if (errno != EXDEV) return {errno, std::generic_category()};
-  try {
-    Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!source.valid()) return {errno, std::generic_category()};
-    const char* step = "";
-    const int failure = replaceThroughTemporaryFile(
-        to, [&](int fd) { return copyAll(source.get(), fd); }, step);
-    if (failure != 0) return {failure, std::generic_category()};
-    ::unlink(from.c_str());
-    return {};
-  } catch (...) {
-    return std::make_error_code(std::errc::not_enough_memory);
-  }
+  Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!source.valid()) return {errno, std::generic_category()};
+  int failure = 0;
+  auto staged = StagedFile::write(
+      to, [&](int fd) { return copyAll(source.get(), fd); }, nullptr, &failure);
+  if (!staged || !staged->commit(nullptr, &failure)) return {failure != 0 ? failure : EIO, std::generic_category()};
+  ::unlink(from.c_str());
+  return {};
 }
 
 void removeStaleTemporaryFiles(const std::filesystem::path& path, std::chrono::seconds age) noexcept {
@@ -196,7 +222,9 @@ FileIdentity fileIdentity(const std::filesystem::path& path) noexcept {
 
 FileContents readFile(const std::filesystem::path& path, std::uint64_t maxSize) {
   FileContents out;
-  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Without O_NONBLOCK, opening a named pipe put in the file's place would wait for a writer
+  // that may never come. The flag changes nothing for regular files, the only ones read.
+  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd.valid()) {
     const int error = errno;
     out.status = error == ENOENT ? FileContents::Status::missing : FileContents::Status::failed;
