@@ -17,10 +17,12 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "kp/platform/data.h"
@@ -52,8 +54,15 @@ class StagedFile {
   [[nodiscard]] static std::optional<StagedFile> write(const std::filesystem::path& path,
                                                        std::span<const std::uint8_t> bytes,
                                                        std::string* error = nullptr) noexcept;
+  // The same with the bytes that `fill` writes to the temporary file's descriptor; `fill`
+  // returns 0, or the errno value of its failure, which `errorNumber` then receives (as it
+  // does for the other steps).
+  [[nodiscard]] static std::optional<StagedFile> write(const std::filesystem::path& path,
+                                                       const std::function<int(int fd)>& fill,
+                                                       std::string* error = nullptr,
+                                                       int* errorNumber = nullptr) noexcept;
   // False, with the temporary file removed, when the rename fails.
-  [[nodiscard]] bool commit(std::string* error = nullptr) noexcept;
+  [[nodiscard]] bool commit(std::string* error = nullptr, int* errorNumber = nullptr) noexcept;
 
   StagedFile(StagedFile&& other) noexcept
       : path_(std::move(other.path_)), temporary_(std::exchange(other.temporary_, {})) {}
@@ -70,8 +79,15 @@ class StagedFile {
   std::string temporary_;  // empty once committed or removed
 };
 
-// Temporary files of writeFileAtomically() start with this, then the file's name and "."; only
-// a process that died while writing leaves one behind.
+// Moves the file at `from` to `to`, replacing what is there. Within one file system this is a
+// rename. Across file systems the bytes are copied to a staged file beside `to` and committed,
+// so that `to` holds the old file or the whole new one, never a part of it (a full disk leaves
+// the old one), and `from` is removed afterwards. Returns the error of the step that failed,
+// nothing on success.
+[[nodiscard]] std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
+
+// Temporary files of writeFileAtomically(), StagedFile and moveFile() start with this, then
+// the file's name and "."; only a process that died while writing leaves one behind.
 inline constexpr std::string_view kTemporaryFilePrefix = ".kp-partial-";
 
 // Removes the temporary files that writers of `path` left behind when they died, if they are

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "kp/coding/coding.h"
+#include "kp/coding/decoder_type.h"
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
@@ -122,10 +123,12 @@ class JsonEncoder {
   }
 };
 
-class JsonDecoder {
+class JsonDecoder : public DecoderType {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
   UserInfo userInfo;
+
+  using DecoderType::decode;
 
   // Throws CodingError.
   template <class T>
@@ -137,6 +140,11 @@ class JsonDecoder {
   [[nodiscard]] T decode(const Data& data) const {
     return decode<T>(data.view());
   }
+
+ protected:
+  [[nodiscard]] Value readTree(const Data& data) const override { return readJson(data.view()); }
+  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }
+  [[nodiscard]] DateStrategy decodingDateStrategy() const override { return dateStrategy; }
 };
 
 }  // namespace kp

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/files.h"
 
@@ -89,39 +90,48 @@ bool createPrivateDirectories(const std::filesystem::path& path) noexcept {
 
 std::optional<StagedFile> StagedFile::write(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
                                             std::string* error) noexcept {
+  return write(
+      path, [&](int fd) { return writeAll(fd, bytes) ? 0 : errno; }, error);
+}
+
+std::optional<StagedFile> StagedFile::write(const std::filesystem::path& path, const std::function<int(int fd)>& fill,
+                                            std::string* error, int* errorNumber) noexcept {
   try {
     const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
     std::string temporary =
         (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
     if (fd < 0) {
+      if (errorNumber) *errorNumber = errno;
       if (error) *error = describeErrno("cannot create a temporary file for", path, errno);
       return std::nullopt;
     }
     // The data must be on disk before the rename is: a file system may commit the rename
     // first, and a power loss would then leave the final name on a short file.
     const char* step = "cannot write";
-    bool ok = writeAll(fd, bytes);
-    if (ok) step = "cannot flush", ok = ::fsync(fd) == 0;
-    int failure = ok ? 0 : errno;
-    if (::close(fd) != 0 && ok) step = "cannot close", ok = false, failure = errno;
-    if (!ok) {
+    int failure = fill(fd);
+    if (failure == 0) step = "cannot flush", failure = ::fsync(fd) == 0 ? 0 : errno;
+    if (::close(fd) != 0 && failure == 0) step = "cannot close", failure = errno;
+    if (failure != 0) {
       ::unlink(temporary.c_str());
+      if (errorNumber) *errorNumber = failure;
       if (error) *error = describeErrno(step, path, failure);
       return std::nullopt;
     }
     return StagedFile(path, std::move(temporary));
   } catch (...) {
+    if (errorNumber) *errorNumber = ENOMEM;
     return std::nullopt;  // out of memory building the names
   }
 }
 
-bool StagedFile::commit(std::string* error) noexcept {
+bool StagedFile::commit(std::string* error, int* errorNumber) noexcept {
   if (temporary_.empty()) return false;
   if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
     const int failure = errno;
     ::unlink(temporary_.c_str());
     temporary_.clear();
+    if (errorNumber) *errorNumber = failure;
     try {
       if (error) *error = describeErrno("cannot replace", path_, failure);
     } catch (...) {
@@ -148,6 +158,43 @@ bool writeFileAtomically(const std::filesystem::path& path, std::span<const std:
                          std::string* error) noexcept {
   std::optional<StagedFile> staged = StagedFile::write(path, bytes, error);
   return staged && staged->commit(error);
+}
+
+namespace {
+// Copies what is left of `from` into `to`; 0 or an errno value.
+int copyAll(int from, int to) {
+  while (true) {
+    const ssize_t copied = ::copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
+    if (copied == 0) return 0;
+    if (copied > 0) continue;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+    break;  // not between these files: copy through a buffer
+  }
+  std::vector<std::uint8_t> buffer(std::size_t{1} << 20);
+  while (true) {
+    const ssize_t count = ::read(from, buffer.data(), buffer.size());
+    if (count == 0) return 0;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (!writeAll(to, std::span(buffer.data(), static_cast<std::size_t>(count)))) return errno;
+  }
+}
+}  // namespace
+
+std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+  if (::rename(from.c_str(), to.c_str()) == 0) return {};
+  if (errno != EXDEV) return {errno, std::generic_category()};
+  Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!source.valid()) return {errno, std::generic_category()};
+  int failure = 0;
+  auto staged = StagedFile::write(
+      to, [&](int fd) { return copyAll(source.get(), fd); }, nullptr, &failure);
+  if (!staged || !staged->commit(nullptr, &failure)) return {failure != 0 ? failure : EIO, std::generic_category()};
+  ::unlink(from.c_str());
+  return {};
 }
 
 void removeStaleTemporaryFiles(const std::filesystem::path& path, std::chrono::seconds age) noexcept {
