@@ -46,15 +46,6 @@ class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
   std::promise<void> ended;
 };
 
-// An encrypted URL names its authority "host:<port>"; the service is reached on the loopback
-// address instead.
-UrlRequest onLoopback(UrlRequest wire) {
-  const Url& url = wire.url;
-  wire.url = *Url::parse(url.scheme() + "://127.0.0.1:" + std::to_string(*url.port()) + url.path() +
-                         (url.query() ? "?" + *url.query() : ""));
-  return wire;
-}
-
 JsonValue envelopeOf(const HttpRequestResult& result, const std::string& key) {
   const Data* body = std::any_cast<Data>(&result.data);
   if (body == nullptr) return {};
@@ -100,7 +91,7 @@ class WeatherServiceTest : public ::testing::TestWithParam<bool> {
                                           std::optional<std::string> bodyKey = std::nullopt) {
     auto handler = std::make_shared<HttpRequestHandler>();
     EXPECT_EQ(handler->canHandle(request), nullptr);
-    handler->urlRequest = onLoopback(UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey));
+    handler->urlRequest = UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey);
     auto done = std::make_shared<std::promise<std::shared_ptr<HttpRequestResult>>>();
     auto future = done->get_future();
     handler->handle(request, [done](const std::shared_ptr<RequestResult>& result) {
