@@ -146,7 +146,83 @@ void prettyPrint(std::string& out, const json::value& v, int indent) {
   }
 }
 
+ArchiveValue toArchive(const json::value& v) {
+  switch (v.kind()) {
+    case json::kind::null:
+      return ArchiveValue();
+    case json::kind::bool_:
+      return v.get_bool();
+    case json::kind::int64:
+      return v.get_int64();
+    case json::kind::uint64: {
+      const std::uint64_t u = v.get_uint64();
+      if (u > static_cast<std::uint64_t>(INT64_MAX)) return static_cast<double>(u);
+      return static_cast<std::int64_t>(u);
+    }
+    case json::kind::double_:
+      return v.get_double();
+    case json::kind::string:
+      return std::string(v.get_string());
+    case json::kind::array: {
+      ArchiveValue::Array items;
+      items.reserve(v.get_array().size());
+      for (const json::value& e : v.get_array()) items.push_back(toArchive(e));
+      return items;
+    }
+    case json::kind::object: {
+      ArchiveValue::Dictionary entries;
+      for (const auto& kv : v.get_object()) entries.insert_or_assign(std::string(kv.key()), toArchive(kv.value()));
+      return entries;
+    }
+  }
+  return ArchiveValue();
+}
+
+// False when the archive holds something JSON cannot.
+bool fromArchive(const ArchiveValue& v, json::value& out, std::size_t depth) {
+  if (depth > kMaxJsonDepth) return false;
+  return std::visit(
+      [&](const auto& x) -> bool {
+        using X = std::decay_t<decltype(x)>;
+        if constexpr (std::is_same_v<X, std::monostate>) {
+          out = nullptr;
+        } else if constexpr (std::is_same_v<X, bool> || std::is_same_v<X, std::int64_t>) {
+          out = x;
+        } else if constexpr (std::is_same_v<X, double>) {
+          if (!std::isfinite(x)) return false;
+          out = x;
+        } else if constexpr (std::is_same_v<X, std::string>) {
+          out = json::string_view(x);
+        } else if constexpr (std::is_same_v<X, ArchiveValue::Array>) {
+          json::array& a = out.emplace_array();
+          a.resize(x.size());
+          for (std::size_t i = 0; i < x.size(); ++i) {
+            if (!fromArchive(x[i], a[i], depth + 1)) return false;
+          }
+        } else if constexpr (std::is_same_v<X, ArchiveValue::Dictionary>) {
+          json::object& o = out.emplace_object();
+          for (const auto& [k, e] : x) {
+            if (!fromArchive(e, o[k], depth + 1)) return false;
+          }
+        } else {
+          return false;
+        }
+        return true;
+      },
+      v.storage());
+}
+
 }  // namespace
+
+ArchiveValue JsonValue::toArchiveValue() const { return node_ ? toArchive(node(node_)) : ArchiveValue(); }
+
+std::optional<JsonValue> JsonValue::fromArchiveValue(const ArchiveValue& value) {
+  json::value root;
+  if (!fromArchive(value, root, 0)) return std::nullopt;
+  auto doc = std::make_shared<Document>(Document{std::move(root)});
+  const void* rootNode = &doc->root;
+  return JsonValue(std::move(doc), rootNode);
+}
 
 JsonValue::JsonValue(bool b) : JsonValue(std::make_shared<Document>(Document{json::value(b)}), nullptr) {
   node_ = &doc_->root;

@@ -1,6 +1,7 @@
 // Archived forms of responses and results, so that the cache can keep them.
 #include <typeinfo>
 
+#include "kp/coding/json.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_result.h"
 
@@ -86,6 +87,7 @@ std::optional<ArchiveValue> RequestResult::archivableData() const {
   if (!data.has_value()) return std::nullopt;
   if (data.type() == typeid(ArchiveValue)) return std::any_cast<const ArchiveValue&>(data);
   if (data.type() == typeid(ArchivablePtr)) return ArchiveValue(std::any_cast<const ArchivablePtr&>(data));
+  if (data.type() == typeid(JsonValue)) return std::any_cast<const JsonValue&>(data).toArchiveValue();
   return firstOf<Data, std::string, std::int64_t, int, double, bool, Date, Url>(data);
 }
 

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "kp/coding/coding.h"
+#include "kp/coding/keyed_archiver.h"
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
@@ -86,6 +87,12 @@ class JsonValue {
   // non-finite reals.
   [[nodiscard]] static JsonValue fromValue(const Value& value,
                                            DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
+  // The archived form, so that JSON payloads can be kept in the cache: objects as
+  // dictionaries, arrays as lists, numbers, text and booleans as themselves, null as nothing.
+  [[nodiscard]] ArchiveValue toArchiveValue() const;
+  // Archived JSON content back; nothing when it holds what JSON cannot (byte buffers, dates,
+  // URLs, errors, objects, non-finite numbers).
+  [[nodiscard]] static std::optional<JsonValue> fromArchiveValue(const ArchiveValue& value);
 
   friend bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
 

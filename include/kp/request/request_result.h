@@ -50,7 +50,7 @@ class RequestResult : public Archivable {
   [[nodiscard]] virtual std::shared_ptr<RequestResult> copy() const { return std::make_shared<RequestResult>(*this); }
 
   // Archived as "KPRequestResult": the error, and the payload when it is archivable (a byte
-  // buffer, text, number, date, URL, kp::ArchiveValue or archivable object).
+  // buffer, text, number, date, URL, parsed JSON, kp::ArchiveValue or archivable object).
   [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
   void encode(ArchiveEncoder& coder) const override;
   [[nodiscard]] static std::shared_ptr<RequestResult> decode(ArchiveDecoder& coder);

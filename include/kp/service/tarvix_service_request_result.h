@@ -1,0 +1,57 @@
+// kp::TarvixServiceRequestResult: what a service request hands back: the payload of the
+// answer's envelope ("data", as parsed JSON), the HTTP response, a service or transfer error,
+// and how fresh the content is (contentInfo). A 304 answer carries no payload and sets
+// contentIsNotModified, so that the caller keeps the payload it has and takes the refreshed
+// content info.
+//
+// The result is archived as "KPTarvixServiceRequestResult" (the fields of the HTTP result,
+// then "contentInfo" and the boolean "contentIsNotModified"), so that a result served from
+// the cache still says how old its content is.
+//
+// Thread safety: not locked; filled on one thread and then handed over.
+//
+// Example:
+//   request->execute([](const std::shared_ptr<kp::TarvixServiceRequestResult>& result) {
+//     if (result->failed()) return show(result->error->localizedDescription());
+//     if (auto payload = result->dataAsJson()) render((*payload)["current"]);
+//     if (result->contentInfo->isLocalExpired()) scheduleReload();
+//   });
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "kp/coding/json.h"
+#include "kp/request/request_result.h"
+#include "kp/service/tarvix_service_content_info.h"
+
+namespace kp {
+
+class TarvixServiceRequestResult : public HttpRequestResult {
+ public:
+  static constexpr std::string_view kArchiveClassName = "KPTarvixServiceRequestResult";
+  static constexpr std::string_view kArchiveKeyContentInfo = "contentInfo";
+  static constexpr std::string_view kArchiveKeyContentIsNotModified = "contentIsNotModified";
+
+  TarvixServiceRequestResult() = default;
+  TarvixServiceRequestResult(const TarvixServiceRequestResult&) = default;
+  TarvixServiceRequestResult& operator=(const TarvixServiceRequestResult&) = default;
+
+  // A new record with every result; the handler fills it from the envelope and the headers.
+  std::shared_ptr<TarvixServiceContentInfo> contentInfo = std::make_shared<TarvixServiceContentInfo>();
+  bool contentIsNotModified = false;
+
+  // The payload as JSON: as the handler parsed it, or as the cache gave it back. Nothing when
+  // there is none, or when it is the raw body of a request that skipped parsing.
+  [[nodiscard]] std::optional<JsonValue> dataAsJson() const;
+
+  // The copy shares nothing mutable with this result.
+  [[nodiscard]] std::shared_ptr<RequestResult> copy() const override;
+
+  [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  void encode(ArchiveEncoder& coder) const override;
+  [[nodiscard]] static std::shared_ptr<TarvixServiceRequestResult> decode(ArchiveDecoder& coder);
+};
+
+}  // namespace kp
