@@ -1,5 +1,6 @@
 // The payload cipher and Base64 against OpenSSL called directly, 1 MiB each; opening a
-// service answer (Base64, decrypt, parse) against OpenSSL and Boost.JSON called directly.
+// service answer (Base64, decrypt, parse) against OpenSSL and Boost.JSON called directly;
+// decoding a forecast answer into typed values against parsing it alone.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
@@ -10,7 +11,9 @@
 #include <random>
 #include <vector>
 
+#include "forecast_model.h"
 #include "kp/service/encryption.h"
+#include "kp/service/tarvix_web_service.h"
 #include "weather_protocol.h"
 
 namespace {
@@ -170,6 +173,40 @@ void BM_OpenEnvelope85k_Kp(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
 }
 
+// One plain forecast answer of the local weather service (about 14 KB: 48 hours, 7 days).
+const std::string& forecastAnswer() {
+  static const std::string body =
+      kp::weather::WeatherProtocol({}).answer({.target = "/forecast?skipcrypt=1&latitude=52.37&longitude=4.9"}).body;
+  return body;
+}
+
+void BM_ForecastParse_BoostJson(benchmark::State& state) {
+  const std::string& body = forecastAnswer();
+  for (auto _ : state) benchmark::DoNotOptimize(boost::json::parse(body));
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * body.size()));
+}
+
+// What the facade's request does with the answer: the decodable handler decodes the envelope
+// and the forecast into typed values.
+void BM_ForecastDecodeTyped_Kp(benchmark::State& state) {
+  const std::string& body = forecastAnswer();
+  kp::DecodableTarvixWebService service("http://127.0.0.1:1");
+  service.encryptionDetails.skipEncryptionAndDecryption = true;
+  auto request = service.createRequest<kp::weather::Forecast>("forecast");
+  auto handler = std::dynamic_pointer_cast<kp::HttpRequestHandler>(request->handler());
+  handler->request = request;
+  handler->receivedData = kp::Data::fromString(body);
+  using Result = kp::DecodableTarvixServiceResult<kp::weather::Forecast>;
+  const std::any first = handler->processReceivedData();
+  const auto* decoded = std::any_cast<Result>(&first);
+  if (!decoded || !decoded->data || decoded->data->hourly.size() != 48) state.SkipWithError("no forecast decoded");
+  for (auto _ : state) benchmark::DoNotOptimize(handler->processReceivedData());
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * body.size()));
+  state.counters["answer_bytes"] = static_cast<double>(body.size());
+}
+
+BENCHMARK(BM_ForecastParse_BoostJson);
+BENCHMARK(BM_ForecastDecodeTyped_Kp);
 BENCHMARK(BM_OpenEnvelope85k_OpenSslBoostJson);
 BENCHMARK(BM_OpenEnvelope85k_Kp);
 BENCHMARK(BM_Encrypt_Evp);
