@@ -1,13 +1,16 @@
 // Executors over Asio. This is the only translation unit of the library that includes Asio:
 // the main queue is an io_context that the host drains, the background pool is an Asio
-// thread pool, delayed work waits on a timer thread of its own, and serial queues are
-// written here on top of the pool (see SerialQueue::Impl for why).
+// thread pool, delayed work and descriptor watches wait on a timer thread of its own, and
+// serial queues are written here on top of the pool (see SerialQueue::Impl for why).
 #include "kp/platform/dispatch.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -20,6 +23,7 @@
 
 #include "kp/platform/task_local.h"
 #include "platform/env.h"
+#include "platform/fd_watch.h"
 #include "platform/no_destructor.h"
 #include "platform/tls.h"
 
@@ -448,4 +452,58 @@ void RepeatingTimer::invalidate() {
 
 bool RepeatingTimer::isValid() const noexcept { return state_->valid.load(); }
 
+// ---- FdWatch ----------------------------------------------------------------------------
+
+namespace platform {
+
+struct FdWatch::State : std::enable_shared_from_this<FdWatch::State> {
+  State(std::shared_ptr<DispatchQueue> q, Work w)
+      : descriptor(TimerService::shared().context()), queue(std::move(q)), work(std::move(w)) {}
+  asio::posix::stream_descriptor descriptor;  // used only on the timer thread after start
+  std::shared_ptr<DispatchQueue> queue;
+  Work work;
+  std::atomic<bool> active{true};
+
+  // On the timer thread. The pending wait and the queued run keep the state alive.
+  void arm() {
+    descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                          [self = shared_from_this()](const boost::system::error_code& ec) {
+                            if (ec || !self->active.load()) return;
+                            self->queue->async([self] {
+                              if (!self->active.load()) return;
+                              self->work();
+                              asio::post(TimerService::shared().context(), [self] {
+                                if (self->active.load()) self->arm();
+                              });
+                            });
+                          });
+  }
+};
+
+std::unique_ptr<FdWatch> FdWatch::watchReadable(int fd, std::shared_ptr<DispatchQueue> queue, Work work) {
+  auto state = std::make_shared<State>(std::move(queue), carryingBindings(std::move(work)));
+  boost::system::error_code ec;
+  state->descriptor.assign(fd, ec);
+  if (ec) {
+    ::close(fd);
+    return nullptr;
+  }
+  asio::post(TimerService::shared().context(), [state] { state->arm(); });
+  return std::unique_ptr<FdWatch>(new FdWatch(std::move(state)));
+}
+
+FdWatch::FdWatch(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+FdWatch::~FdWatch() { cancel(); }
+
+void FdWatch::cancel() {
+  if (!state_->active.exchange(false)) return;
+  // The descriptor belongs to the timer thread; closing it there ends the pending wait.
+  asio::post(TimerService::shared().context(), [state = state_] {
+    boost::system::error_code ignored;
+    state->descriptor.close(ignored);
+  });
+}
+
+}  // namespace platform
 }  // namespace kp

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <thread>
 
@@ -27,11 +28,10 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using kp::Value;
 
+// Reads through the one open file: sizing it by path could meet a newer file renamed over it.
 std::string fileBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
-  std::string bytes(fs::file_size(path), '\0');
-  in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 Value readFile(const fs::path& path) {

@@ -1,0 +1,152 @@
+// kp::Reachability: whether the internet can be reached, and over which kind of link, read
+// from the host's reachability flag word for the all-zero IPv4 address.
+//
+// The flag word is read and written only on the object's own serial queue (the source
+// delivers changes there); a change of the word runs the object's callbacks and posts
+// "reachabilityChanged" (sender: the object) on the main queue, callbacks first. Destroying
+// the object detaches it from its source and ends delivery: work already queued for it finds
+// it gone and does nothing.
+//
+// Thread safety: every member may be called from any thread. connection() reads the word
+// without waiting once it is known; the first call before that reads it on the serial queue.
+//
+// Example:
+//   auto reachability = kp::Reachability::make();     // null when the host has no source
+//   reachability->setWhenUnreachable([](kp::Reachability&) { /* on the main queue */ });
+//   try { reachability->startNotifier(); } catch (const kp::Reachability::Error& e) { ... }
+//   if (reachability->connection() == kp::Reachability::Connection::wifi) { ... }
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+
+#include "kp/platform/dispatch.h"
+#include "kp/platform/network_reachability.h"
+#include "kp/platform/notification_center.h"
+
+namespace kp {
+
+// The quality of service asked for a queue. The pool runs every queue at one priority, so it
+// is recorded, not acted on.
+enum class DispatchQoS { unspecified, background, utility, default_, userInitiated, userInteractive };
+
+class Reachability : public std::enable_shared_from_this<Reachability> {
+ public:
+  enum class Connection : int { none = 0, wifi = 1, cellular = 2 };
+
+  enum class ErrorCode {
+    callbackNotSet,       // the source refused the callback
+    dispatchQueueNotSet,  // the source refused the queue
+    flagsNotRead,         // the flags could not be read
+  };
+  class Error : public std::runtime_error {
+   public:
+    explicit Error(ErrorCode code);
+    [[nodiscard]] ErrorCode code() const noexcept { return code_; }
+
+   private:
+    ErrorCode code_;
+  };
+
+  using Callback = std::function<void(Reachability&)>;
+
+  static constexpr std::string_view kReachabilityChangedNotification = "reachabilityChanged";
+  static constexpr std::string_view kQueueLabel = "com.kp.reachability";
+
+  // Watches the all-zero IPv4 address through the host's source; null when there is none.
+  [[nodiscard]] static std::shared_ptr<Reachability> make(DispatchQoS queueQoS = DispatchQoS::default_,
+                                                          std::shared_ptr<DispatchQueue> targetQueue = nullptr);
+  // Around `reachabilityRef`; null when it is null.
+  [[nodiscard]] static std::shared_ptr<Reachability> make(std::shared_ptr<NetworkReachability> reachabilityRef,
+                                                          DispatchQoS queueQoS = DispatchQoS::default_,
+                                                          std::shared_ptr<DispatchQueue> targetQueue = nullptr);
+  ~Reachability();
+  Reachability(const Reachability&) = delete;
+  Reachability& operator=(const Reachability&) = delete;
+
+  // Run on the main queue after a change to a connection that is not none (reachable) or is
+  // none (unreachable).
+  void setWhenReachable(Callback callback);
+  void setWhenUnreachable(Callback callback);
+  [[nodiscard]] Callback whenReachable() const;
+  [[nodiscard]] Callback whenUnreachable() const;
+
+  // When false, a cellular link counts as no connection. Default true.
+  void setAllowsCellularConnection(bool allows) noexcept { allowsCellularConnection_.store(allows); }
+  [[nodiscard]] bool allowsCellularConnection() const noexcept { return allowsCellularConnection_.load(); }
+
+  // Where "reachabilityChanged" is posted; the default centre unless changed.
+  // REQUIRES: `center` outlives this object.
+  void setNotificationCenter(NotificationCenter& center) noexcept { notificationCenter_.store(&center); }
+  [[nodiscard]] NotificationCenter& notificationCenter() const noexcept { return *notificationCenter_.load(); }
+
+  [[nodiscard]] bool notifierRunning() const noexcept { return notifierRunning_.load(); }
+  [[nodiscard]] const std::shared_ptr<NetworkReachability>& reachabilityRef() const noexcept {
+    return reachabilityRef_;
+  }
+  [[nodiscard]] const std::shared_ptr<SerialQueue>& reachabilitySerialQueue() const noexcept { return queue_; }
+  [[nodiscard]] DispatchQoS queueQoS() const noexcept { return queueQoS_; }
+  // The flag word last read; nothing before the first read.
+  [[nodiscard]] std::optional<ReachabilityFlags> flags() const noexcept;
+
+  // The connection kind now. Reads the flags first when none have been read.
+  [[nodiscard]] Connection connection() {
+    const std::uint64_t word = flags_.load(std::memory_order_acquire);
+    if ((word & kFlagsPresent) == 0) return connectionAfterFirstRead();
+    return connectionFor(static_cast<ReachabilityFlags>(word), allowsCellularConnection());
+  }
+
+  // Starts delivery of changes; returns at once when running. Reads the flags, so that the
+  // first change step (and its callbacks) follows at once. On failure the object is detached
+  // from its source and the notifier stays stopped. Throws Error.
+  void startNotifier();
+
+  // The connection kind that a flag word stands for.
+  [[nodiscard]] static constexpr Connection connectionFor(ReachabilityFlags flags,
+                                                          bool allowsCellularConnection) noexcept {
+    using F = ReachabilityFlag;
+    if ((flags & F::reachable) == 0) return Connection::none;
+    if ((flags & F::isWWAN) != 0) return allowsCellularConnection ? Connection::cellular : Connection::none;
+    const bool required = (flags & F::connectionRequired) != 0;
+    if ((flags & (F::connectionOnTraffic | F::connectionOnDemand)) == 0) {
+      return required ? Connection::none : Connection::wifi;
+    }
+    // A connection made on traffic or on demand is usable unless the user must step in first.
+    return required && (flags & F::interventionRequired) != 0 ? Connection::none : Connection::wifi;
+  }
+
+ private:
+  Reachability(std::shared_ptr<NetworkReachability> reachabilityRef, DispatchQoS queueQoS,
+               std::shared_ptr<DispatchQueue> targetQueue);
+  Connection connectionAfterFirstRead();
+  // On the serial queue: reads the flags from the source and stores them. Throws Error.
+  void setReachabilityFlags();
+  // On the serial queue: a new word from the source.
+  void store(ReachabilityFlags flags);
+  // On the serial queue: tells the main queue of a change.
+  void reachabilityChanged();
+  void detachFromSource() noexcept;
+
+  static constexpr std::uint64_t kFlagsPresent = std::uint64_t{1} << 32;
+
+  mutable std::mutex mutex_;
+  Callback whenReachable_;    // guarded by mutex_
+  Callback whenUnreachable_;  // guarded by mutex_
+  std::mutex startMutex_;     // serialises startNotifier()
+  std::atomic<bool> allowsCellularConnection_{true};
+  std::atomic<NotificationCenter*> notificationCenter_;
+  std::atomic<bool> notifierRunning_{false};
+  const std::shared_ptr<NetworkReachability> reachabilityRef_;
+  const std::shared_ptr<SerialQueue> queue_;
+  const DispatchQoS queueQoS_;
+  // The word with kFlagsPresent once read; written only on queue_.
+  std::atomic<std::uint64_t> flags_{0};
+};
+
+}  // namespace kp

@@ -1,0 +1,72 @@
+// kp::NetworkReachability: the host's reachability service for one address, as a flag word
+// that says whether traffic to that address can leave the device and over which kind of link.
+// It is the seam between kp::Reachability and the operating system: the Linux source reads the
+// kernel's links and default routes over rtnetlink; a test or a port supplies its own.
+//
+// The flag bits keep the values of the phone platform's reachability flags, so that flag
+// words read on any host mean the same:
+//   reachable            a usable default route leads off the device
+//   connectionRequired   a route exists, but its link must first finish connecting
+//   isWWAN               the link is a cellular modem
+// The Linux source sets only these three and documents why the others stay clear.
+//
+// Thread safety: every member of an implementation may be called from any thread; the
+// callback runs on the dispatch queue given to setDispatchQueue(), one call at a time.
+//
+// Example:
+//   auto source = kp::NetworkReachability::createWithAddress({});   // 0.0.0.0: the internet
+//   if (source && source->setCallback([](kp::ReachabilityFlags f) { /* on `queue` */ }) &&
+//       source->setDispatchQueue(queue)) { /* watching */ }
+//   std::optional<kp::ReachabilityFlags> now = source->flags();
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "kp/platform/dispatch.h"
+
+namespace kp {
+
+using ReachabilityFlags = std::uint32_t;
+
+struct ReachabilityFlag {
+  static constexpr ReachabilityFlags transientConnection = 1u << 0;
+  static constexpr ReachabilityFlags reachable = 1u << 1;
+  static constexpr ReachabilityFlags connectionRequired = 1u << 2;
+  static constexpr ReachabilityFlags connectionOnTraffic = 1u << 3;
+  static constexpr ReachabilityFlags interventionRequired = 1u << 4;
+  static constexpr ReachabilityFlags connectionOnDemand = 1u << 5;
+  static constexpr ReachabilityFlags isLocalAddress = 1u << 16;
+  static constexpr ReachabilityFlags isDirect = 1u << 17;
+  static constexpr ReachabilityFlags isWWAN = 1u << 18;
+};
+
+// An IPv4 socket address; the all-zero address stands for the internet in general.
+struct IPv4SocketAddress {
+  std::uint16_t port = 0;
+  std::array<std::uint8_t, 4> address{};
+};
+
+class NetworkReachability {
+ public:
+  using Callback = std::function<void(ReachabilityFlags)>;
+
+  virtual ~NetworkReachability() = default;
+
+  // The host's source for `address`, or null when it cannot watch that address. The Linux
+  // source answers for the all-zero address only (any port): the default routes.
+  [[nodiscard]] static std::shared_ptr<NetworkReachability> createWithAddress(const IPv4SocketAddress& address);
+
+  // Installs the callback that receives each new flag word (an empty one removes it). False
+  // when the source refuses it.
+  [[nodiscard]] virtual bool setCallback(Callback callback) = 0;
+  // Starts watching and delivering on `queue`; null stops. False when the source refuses.
+  [[nodiscard]] virtual bool setDispatchQueue(std::shared_ptr<DispatchQueue> queue) = 0;
+  // The flag word now; nothing when it cannot be read.
+  [[nodiscard]] virtual std::optional<ReachabilityFlags> flags() = 0;
+};
+
+}  // namespace kp
