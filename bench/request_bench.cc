@@ -1,16 +1,25 @@
-// Building the wire request (12 query and 4 body parameters, both parts encrypted), and
-// transfers through the handler and the session against raw libcurl on a loopback server.
+// Building the wire request (12 query and 4 body parameters, both parts encrypted), transfers
+// through the handler and the session against raw libcurl on a loopback server, and requests
+// run end to end: cache hits against a bare cache read, a request queue against handlers
+// alone, and downloads through the file kind against libcurl writing a file.
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <httplib.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <mutex>
+#include <random>
 #include <thread>
 
+#include "kp/cache/cache_controller.h"
+#include "kp/request/data_request.h"
+#include "kp/request/file_request.h"
+#include "kp/request/request_executor.h"
 #include "kp/request/request_handler.h"
+#include "kp/request/request_queue.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
 
@@ -349,5 +358,170 @@ BENCHMARK(BM_Transfer_Large_Handler_ToMemory)->Iterations(3)->UseRealTime()->Uni
 BENCHMARK(BM_Transfer_Large_RawCurl_ToMemory)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Transfer_Large_Session_ToFile)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Transfer_Large_RawCurl_ToFile)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+// MARK: - Execution: cache hits end to end, requests through the request queue, downloads
+// through the file kind.
+
+namespace {
+
+// The shared cache keeps its files in a folder of this run's own.
+void useTemporaryCacheFolder() {
+  static const bool ready = [] {
+    std::random_device random;
+    const auto folder = std::filesystem::temp_directory_path() / ("kp-bench-cache-" + std::to_string(random()));
+    std::filesystem::create_directories(folder);
+    ::setenv("XDG_CACHE_HOME", folder.c_str(), 1);
+    return true;
+  }();
+  (void)ready;
+}
+
+const std::string kHitKey = "bench/forecast";
+
+// A 1 KiB data result with a response of a few headers, stored as the executor stores it.
+const std::shared_ptr<kp::CacheController>& cacheWithEntry() {
+  useTemporaryCacheFolder();
+  const auto& cache = kp::CacheController::sharedInstance();
+  if (!cache->getCacheItem(kHitKey)) {
+    kp::DataRequestResult result;
+    result.data = kp::Data::fromString(std::string(1024, 'f'));
+    result.response = std::make_shared<kp::HttpResponse>();
+    result.response->statusCode = 200;
+    result.response->headers = {{"Content-Type", "application/json"}, {"ETag", "\"v1\""}, {"Date", "now"}};
+    cache->set(kp::RequestExecutor::cacheItemFor(result, kp::RequestCacheConfig()), kHitKey);
+  }
+  return cache;
+}
+
+void BM_Execution_CacheHit_EndToEnd(benchmark::State& state) {
+  const auto& cache = cacheWithEntry();
+  (void)cache;
+  const kp::Url url = *kp::Url::parse("https://api.example.com/v3/forecast/hourly?lat=52.52&lon=13.40");
+  std::int64_t hits = 0;
+  for (auto _ : state) {
+    auto request = kp::DataRequest::make(url);
+    request->cacheConfig()->key = kHitKey;
+    request->cacheConfig()->forceSynchronousLoad = true;
+    request->setCompletionDispatchQueue(nullptr);
+    (void)request->execute([&](const std::shared_ptr<kp::DataRequestResult>& result) { hits += result->fromCache(); });
+  }
+  if (hits != static_cast<std::int64_t>(state.iterations())) state.SkipWithError("not every run was a hit");
+  state.counters["hits/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_Execution_CacheHit_Baseline_GetCacheItem(benchmark::State& state) {
+  const auto& cache = cacheWithEntry();
+  for (auto _ : state) benchmark::DoNotOptimize(cache->getCacheItem(kHitKey));
+  state.counters["hits/s"] = benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+// Counts completions and wakes the waiting benchmark thread at the last one.
+class Countdown {
+ public:
+  explicit Countdown(int count) : left_(count) {}
+  void done() {
+    std::lock_guard lock(mutex_);
+    if (--left_ == 0) zero_.notify_all();
+  }
+  void wait() {
+    std::unique_lock lock(mutex_);
+    zero_.wait(lock, [&] { return left_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable zero_;
+  int left_;
+};
+
+constexpr int kBatch = 64;
+
+// A batch of small GETs, two at a time through a request queue on one shared session.
+void BM_Execution_SmallGets_RequestQueue(benchmark::State& state) {
+  const auto url = *kp::Url::parse(BenchServer::shared().url("/small"));
+  auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
+  auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
+  auto queue = kp::RequestQueue::make();
+  const double cpuAtStart = processCpuSeconds();
+  for (auto _ : state) {
+    Countdown countdown(kBatch);
+    for (int i = 0; i < kBatch; ++i) {
+      auto request = kp::HttpRequest::make(url);
+      request->setUrlSession(session);
+      request->setQueue(queue);
+      request->setCompletionDispatchQueue(nullptr);
+      (void)request->execute([&](const std::shared_ptr<kp::HttpRequestResultType>&) { countdown.done(); });
+    }
+    countdown.wait();
+  }
+  session->invalidateAndCancel();
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kBatch);
+  state.counters["cpu_us/req"] =
+      (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations() * kBatch);
+}
+
+// The same batch through handlers alone, two at a time: each completion starts the next.
+void BM_Execution_SmallGets_HandlerAlone(benchmark::State& state) {
+  const auto url = *kp::Url::parse(BenchServer::shared().url("/small"));
+  auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
+  auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
+  const double cpuAtStart = processCpuSeconds();
+  for (auto _ : state) {
+    Countdown countdown(kBatch);
+    std::atomic<int> next{0};
+    std::function<void()> startNext = [&] {
+      if (next.fetch_add(1) >= kBatch) return;
+      auto request = kp::HttpRequest::make(url);
+      request->setUrlSession(session);
+      auto handler = std::make_shared<kp::HttpRequestHandler>();
+      (void)handler->canHandle(request);
+      // The request rides along in the completion, as a queue would hold it.
+      handler->handle(request, [&, request](const std::shared_ptr<kp::RequestResult>&) {
+        countdown.done();
+        startNext();
+      });
+    };
+    startNext();
+    startNext();
+    countdown.wait();
+  }
+  session->invalidateAndCancel();
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kBatch);
+  state.counters["cpu_us/req"] =
+      (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations() * kBatch);
+}
+
+void BM_Transfer_Large_FileRequest(benchmark::State& state) {
+  const auto url = *kp::Url::parse(BenchServer::shared().url("/large"));
+  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download-file-request";
+  double peakGrowth = 0;
+  for (auto _ : state) {
+    resetPeakResident();
+    const double before = residentMiB();
+    auto request = kp::FileRequest::make(url);
+    request->targetPath = path.string();
+    request->setCompletionDispatchQueue(nullptr);
+    Countdown countdown(1);
+    bool ok = false;
+    (void)request->execute([&](const std::shared_ptr<kp::FileRequestResult>& result) {
+      ok = result->isSuccess();
+      countdown.done();
+    });
+    countdown.wait();
+    peakGrowth = std::max(peakGrowth, peakResidentMiB() - before);
+    if (!ok || std::filesystem::file_size(path) != kLargeBody) state.SkipWithError("download failed");
+  }
+  std::filesystem::remove(path);
+  state.counters["peakGrowthMiB"] = peakGrowth;
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kLargeBody));
+}
+
+BENCHMARK(BM_Execution_CacheHit_EndToEnd);
+BENCHMARK(BM_Execution_CacheHit_Baseline_GetCacheItem);
+BENCHMARK(BM_Execution_SmallGets_RequestQueue)->Iterations(40)->UseRealTime();
+BENCHMARK(BM_Execution_SmallGets_HandlerAlone)->Iterations(40)->UseRealTime();
+BENCHMARK(BM_Transfer_Large_FileRequest)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "kp/coding/coding.h"
 #include "kp/coding/property_list.h"
 #include "kp/coding/value.h"
+#include "platform/no_destructor.h"
 
 namespace kp {
 
@@ -28,9 +29,11 @@ struct Registry {
   std::mutex mutex;
   std::map<std::string, std::shared_ptr<const RegisteredClass>, std::less<>> classes;
 };
+// Never destroyed: background work (the cache's saves) may still archive while the process
+// runs its static destructors.
 Registry& registry() {
-  static Registry r;
-  return r;
+  static internal::NoDestructor<Registry> r;
+  return *r;
 }
 std::shared_ptr<const RegisteredClass> findClass(std::string_view name) {
   Registry& r = registry();

@@ -40,6 +40,8 @@ class Env {
   [[nodiscard]] virtual std::optional<std::string> currencyCode() const = 0;
   // The user's languages, most preferred first, as language tags ("nl-NL", "en"); never empty.
   [[nodiscard]] virtual std::vector<std::string> preferredLanguages() const = 0;
+  // Whether standard error goes to a terminal (where progress may be drawn).
+  [[nodiscard]] virtual bool standardErrorIsTerminal() const noexcept = 0;
 };
 
 }  // namespace kp::platform

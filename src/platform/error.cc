@@ -31,6 +31,4 @@ std::optional<std::string> Error::localizedRecoverySuggestion() const {
   return userInfoValue(kLocalizedRecoverySuggestionKey);
 }
 
-ErrorPtr customError(std::string message) { return Error::make(std::string(kCustomErrorDomain), 0, std::move(message)); }
-
 }  // namespace kp

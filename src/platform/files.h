@@ -21,6 +21,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "kp/platform/data.h"
@@ -43,7 +44,14 @@ namespace kp::platform {
 [[nodiscard]] bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
                                        std::string* error = nullptr) noexcept;
 
-// Temporary files of writeFileAtomically() start with this, then the file's name and "."; only
+// Moves the file at `from` to `to`, replacing what is there. Within one file system this is a
+// rename. Across file systems the bytes are copied to a temporary file beside `to`, flushed
+// and renamed over it, so that `to` holds the old file or the whole new one, never a part of
+// it (a full disk leaves the old one), and `from` is removed afterwards. Returns the error of
+// the step that failed, nothing on success.
+[[nodiscard]] std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
+
+// Temporary files of writeFileAtomically() and moveFile() start with this, then the file's name and "."; only
 // a process that died while writing leaves one behind.
 inline constexpr std::string_view kTemporaryFilePrefix = ".kp-partial-";
 

@@ -2,6 +2,8 @@
 #include "kp/request/http_request.h"
 
 #include "kp/coding/coding.h"
+#include "kp/request/execution_queues.h"
+#include "kp/request/request_executor.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
@@ -40,17 +42,71 @@ const HttpRequestConfig& HttpRequestType::httpConfigOrDefault() const {
   return config ? *config : *defaults;
 }
 
-HttpRequest::HttpRequest(Url url)
-    : handler_(std::make_shared<HttpRequestHandler>()),
-      cacheConfig_(std::make_shared<RequestCacheConfig>()),
+BasicHttpRequest::BasicHttpRequest(Url url)
+    : BasicHttpRequest(std::move(url), std::make_shared<HttpRequestHandler>()) {}
+
+BasicHttpRequest::BasicHttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler)
+    : handler_(std::move(handler)),
+      queue_(std::make_shared<DirectExecutionQueue>()),
       httpConfig_(std::make_shared<HttpRequestConfig>()),
       url_(std::move(url)),
       completionDispatchQueue_(MainQueue::shared()) {}
 
-Url HttpRequest::completeUrl() const {
+BasicHttpRequest::~BasicHttpRequest() = default;
+
+Url BasicHttpRequest::completeUrl() const {
   if (!httpConfig_) return url_;
   return UrlRequestFactory::append(httpConfig_->queryParameters, url_);
 }
+
+const std::shared_ptr<RequestExecutor>& BasicHttpRequest::executor() {
+  std::call_once(executorOnce_, [this] {
+    executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this()));
+  });
+  return executor_;
+}
+
+std::shared_ptr<RequestTicketType> BasicHttpRequest::execute() { return executor()->execute(); }
+
+std::shared_ptr<RequestTicketType> BasicHttpRequest::execute(RequestCompletionHandler completion) {
+  if (!executor()->executed()) completionHandler_ = std::move(completion);
+  return execute();
+}
+
+std::shared_ptr<HttpRequestResultType> BasicHttpRequest::executeSynchronously() {
+  completionDispatchQueue_ = nullptr;
+  queue_ = std::make_shared<SynchronousRequestQueue>();
+  // The queue completes on this thread, so the box needs no lock.
+  auto box = std::make_shared<std::shared_ptr<HttpRequestResultType>>();
+  if (!executor()->executed()) {
+    completionHandler_ = [box](const std::shared_ptr<HttpRequestResultType>& result) { *box = result; };
+  }
+  (void)executor()->executeLoadingCacheSynchronously();
+  return *box;
+}
+
+bool BasicHttpRequest::deliversResult(const RequestResult& result) const {
+  return dynamic_cast<const HttpRequestResultType*>(&result) != nullptr;
+}
+
+void BasicHttpRequest::handleCompletion(const std::shared_ptr<RequestResult>& result) {
+  if (!result || !deliversResult(*result)) return;
+  auto delivered = std::dynamic_pointer_cast<HttpRequestResultType>(result);
+  if (!delivered) return;
+  executor()->handleFinished(result);
+  RequestCompletionHandler completion = completionHandler_;
+  if (!completion) return;
+  if (const auto& queue = completionDispatchQueue_) {
+    queue->async([completion = std::move(completion), delivered = std::move(delivered)] { completion(delivered); });
+  } else {
+    completion(delivered);
+  }
+}
+
+HttpRequest::HttpRequest(Url url) : HttpRequest(std::move(url), std::make_shared<HttpRequestHandler>()) {}
+
+HttpRequest::HttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler)
+    : BasicHttpRequest(std::move(url), std::move(handler)), cacheConfig_(std::make_shared<RequestCacheConfig>()) {}
 
 void HttpRequest::generateCacheKey() {
   if (!cacheConfig_) cacheConfig_ = std::make_shared<RequestCacheConfig>();

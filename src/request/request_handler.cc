@@ -2,6 +2,7 @@
 #include "kp/request/request_handler.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "kp/request/request_errors.h"
 #include "kp/request/url_request_factory.h"
@@ -109,7 +110,10 @@ ErrorPtr HttpRequestHandler::canHandle(const std::shared_ptr<RequestType>& candi
 
 void HttpRequestHandler::handle(const std::shared_ptr<RequestType>& candidate, RequestHandlerCompletion completion) {
   request = std::dynamic_pointer_cast<HttpRequestType>(candidate);
-  completionHandler = std::move(completion);
+  {
+    std::lock_guard lock(sessionLock_);
+    completionHandler = std::move(completion);
+  }
   setupUrlSession();
   setupUrlTask();
   std::lock_guard lock(sessionLock_);
@@ -138,16 +142,23 @@ void HttpRequestHandler::setupUrlSession() {
     sessionDelegateHandler = std::dynamic_pointer_cast<HttpRequestURLSessionDelegateHandler>(urlSession->delegate());
     // A session that routes elsewhere never calls back here: the caller gets the (still
     // empty) result at once, and the transfer still runs.
-    if (!sessionDelegateHandler && completionHandler) completionHandler(result);
+    if (!sessionDelegateHandler) complete();
     return;
   }
   urlSession = UrlSession::make(defaultConfigurationWithoutCache(), shared_from_this());
 }
 
 void HttpRequestHandler::setupUrlTask() {
+  installTask([](UrlSession& session, const UrlRequest& wire) -> std::shared_ptr<UrlSessionTask> {
+    return session.dataTask(wire);
+  });
+}
+
+void HttpRequestHandler::installTask(
+    const std::function<std::shared_ptr<UrlSessionTask>(UrlSession&, const UrlRequest&)>& makeTask) {
   std::lock_guard lock(sessionLock_);
   if (!urlSession || !urlRequest) return;
-  urlSessionTask = urlSession->dataTask(*urlRequest);
+  urlSessionTask = makeTask(*urlSession, *urlRequest);
   if (urlSessionTask && sessionDelegateHandler) {
     sessionDelegateHandler->add(shared_from_this(), urlSessionTask->taskIdentifier());
   }
@@ -235,7 +246,10 @@ void HttpRequestHandler::didComplete(UrlSession&, UrlSessionTask&, const ErrorPt
     urlSession = nullptr;
   }
   auto current = request.lock();
-  if (!current) return;
+  if (!current) {
+    endWithoutResult();
+    return;
+  }
   if (result->response && result->response->statusCode && *result->response->statusCode >= 400) {
     result->error = RequestErrors::statusCodeErrorWith(*result->response->statusCode);
     complete();
@@ -249,6 +263,7 @@ void HttpRequestHandler::didComplete(UrlSession&, UrlSessionTask&, const ErrorPt
     if (error->code() == static_cast<std::int64_t>(UrlError::notConnectedToInternet)) {
       result->error = RequestErrors::noConnectionError();
     } else if (error->code() == static_cast<std::int64_t>(UrlError::cancelled)) {
+      endWithoutResult();
       return;
     } else {
       result->error = error;
@@ -268,18 +283,35 @@ void HttpRequestHandler::didComplete(UrlSession&, UrlSessionTask&, const ErrorPt
 }
 
 void HttpRequestHandler::complete() {
-  if (completionHandler) completionHandler(result);
+  RequestHandlerCompletion completion;
+  {
+    std::lock_guard lock(sessionLock_);
+    completion = std::exchange(completionHandler, nullptr);
+  }
+  if (completion) completion(result);
+}
+
+void HttpRequestHandler::endWithoutResult() {
+  RequestHandlerCompletion dropped;
+  {
+    std::lock_guard lock(sessionLock_);
+    dropped = std::exchange(completionHandler, nullptr);
+  }
+  // `dropped` goes here, outside the lock: letting go of it tells its owner that no result comes.
 }
 
 void HttpRequestHandler::cancel() {
-  std::lock_guard lock(sessionLock_);
-  if (!urlSessionTask) return;
-  if (sessionDelegateHandler) sessionDelegateHandler->removeHandler(urlSessionTask->taskIdentifier());
-  cancelledFlag->cancel();
-  urlSessionTask->cancel();
-  if (!usingCustomURLSession && urlSession) urlSession->invalidateAndCancel();
-  urlSessionTask = nullptr;
-  urlSession = nullptr;
+  {
+    std::lock_guard lock(sessionLock_);
+    if (!urlSessionTask) return;
+    if (sessionDelegateHandler) sessionDelegateHandler->removeHandler(urlSessionTask->taskIdentifier());
+    cancelledFlag->cancel();
+    urlSessionTask->cancel();
+    if (!usingCustomURLSession && urlSession) urlSession->invalidateAndCancel();
+    urlSessionTask = nullptr;
+    urlSession = nullptr;
+  }
+  endWithoutResult();
 }
 
 void HttpRequestHandler::didBecomeInvalid(UrlSession&, const ErrorPtr& error) {

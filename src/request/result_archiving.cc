@@ -1,7 +1,6 @@
 // Archived forms of responses and results, so that the cache can keep them.
 #include <typeinfo>
 
-#include "kp/coding/json.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_result.h"
 
@@ -25,7 +24,7 @@ std::optional<ArchiveValue> firstOf(const std::any& data) {
 }
 
 // Plain values come back as their own C++ types; collections and objects as archive values.
-std::any payloadOf(ArchiveValue value) {
+std::any payloadOf(const ArchiveValue& value) {
   if (const auto* data = value.get<Data>()) return *data;
   if (const auto* text = value.get<std::string>()) return *text;
   if (const auto* integer = value.get<std::int64_t>()) return *integer;
@@ -87,18 +86,23 @@ std::optional<ArchiveValue> RequestResult::archivableData() const {
   if (!data.has_value()) return std::nullopt;
   if (data.type() == typeid(ArchiveValue)) return std::any_cast<const ArchiveValue&>(data);
   if (data.type() == typeid(ArchivablePtr)) return ArchiveValue(std::any_cast<const ArchivablePtr&>(data));
-  if (data.type() == typeid(JsonValue)) return std::any_cast<const JsonValue&>(data).toArchiveValue();
   return firstOf<Data, std::string, std::int64_t, int, double, bool, Date, Url>(data);
 }
 
+std::optional<ArchiveValue> RequestResult::cachePayload(CacheItemType) const { return archivableData(); }
+
+void RequestResult::restorePayload(const ArchiveValue& payload) { data = payloadOf(payload); }
+
 void RequestResult::encode(ArchiveEncoder& coder) const {
   // A payload without an archived form is left out; error and response still survive.
-  if (auto payload = archivableData(); payload && !payload->isNull()) coder.encodeObject(kArchiveKeyData, *payload);
+  if (auto payload = cachePayload(CacheItemType::serialized); payload && !payload->isNull()) {
+    coder.encodeObject(kArchiveKeyData, *payload);
+  }
   if (error) coder.encodeObject(kArchiveKeyError, ArchiveValue(error));
 }
 
 void RequestResult::decodeInto(RequestResult& result, ArchiveDecoder& coder) {
-  if (auto payload = coder.decodeObject(kArchiveKeyData)) result.data = payloadOf(std::move(*payload));
+  if (auto payload = coder.decodeObject(kArchiveKeyData)) result.restorePayload(*payload);
   if (auto stored = coder.decodeObject(kArchiveKeyError)) {
     const auto* error = stored->get<ErrorPtr>();
     if (!error) coder.fail("the error is not an error");

@@ -37,4 +37,20 @@ std::shared_ptr<TarvixServiceRequest> ClientInfoWebService::makeBasicInfoRequest
   return request;
 }
 
+std::shared_ptr<RequestTicketType> ClientInfoWebService::getBasicInfo(Completion completion) const {
+  auto request = makeBasicInfoRequest();
+  if (!request) return nullptr;
+  // The payload becomes client info as the call completes; an answer without a payload
+  // object gives none, and no error of its own.
+  return request->execute(
+      [completion = std::move(completion)](const std::shared_ptr<TarvixServiceRequestResult>& result) {
+        if (!completion) return;
+        const JsonValue* payload = result->dataAsJson();
+        std::optional<ClientBasicInfo> info;
+        if (payload && payload->type() == JsonValue::Type::object)
+          info = ClientInfoResponseReader::readClientBasicInfo(*payload);
+        completion(std::move(info), result->error);
+      });
+}
+
 }  // namespace kp

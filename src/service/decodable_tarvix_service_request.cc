@@ -1,7 +1,7 @@
 // The parts of decodable service requests that do not depend on the payload type.
 #include "kp/service/decodable_tarvix_service_request.h"
 
-#include "kp/service/encryption.h"
+#include "kp/request/decodable_data_request.h"
 
 namespace kp {
 
@@ -40,14 +40,10 @@ DecodableEnvelopeMeta decodeEnvelopeMeta(const KeyedDecoder& envelope) {
   return out;
 }
 
-std::optional<Data> openDecodableBody(const HttpRequestHandler& handler) {
-  if (!handler.receivedData) return std::nullopt;
+std::optional<Data> openSealedBody(const HttpRequestHandler& handler) {
   const auto current = handler.request.lock();
   const auto* keys = dynamic_cast<const EncryptionRequestType*>(current.get());
-  if (!keys || !keys->responseBodyDecryptionKey || keys->responseBodyDecryptionKey->empty()) {
-    return handler.receivedData;
-  }
-  return TarvixServiceEncryptionHelper::decryptRawData(handler.receivedData->bytes(), *keys->responseBodyDecryptionKey);
+  return decodableBody(handler.receivedData, keys ? keys->responseBodyDecryptionKey : std::nullopt);
 }
 
 void prepareServiceDecoder(JsonDecoder& decoder, const std::shared_ptr<HttpResponse>& response) {

@@ -3,8 +3,8 @@
 
 #include <cmath>
 
+#include "kp/request/decodable_data_request.h"
 #include "kp/request/request_errors.h"
-#include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
 
 namespace kp {
@@ -48,27 +48,23 @@ std::any payloadOf(const JsonValue& envelope) {
 
 namespace internal {
 
-ErrorPtr prepareSealedUrlRequest(HttpRequestHandler& handler, const std::shared_ptr<RequestType>& request) {
-  auto httpRequest = std::dynamic_pointer_cast<HttpRequestType>(request);
-  const auto* keys = dynamic_cast<const EncryptionRequestType*>(request.get());
-  if (!httpRequest || !keys) return RequestErrors::invalidRequestProtocolError();
-  handler.urlRequest = UrlRequestFactory::createUrlRequest(*httpRequest, keyOf(keys->requestQueryEncryptionKey),
-                                                           keyOf(keys->requestBodyEncryptionKey));
+ErrorPtr prepareSealedUrlRequest(HttpRequestHandler& handler, const std::shared_ptr<RequestType>& candidate) {
+  if (auto error = handler.HttpRequestHandler::canHandle(candidate)) return error;
+  const auto* keys = dynamic_cast<const EncryptionRequestType*>(candidate.get());
+  if (!keys) return RequestErrors::invalidRequestProtocolError();
+  prepareEncryptedUrlRequest(handler, dynamic_cast<const HttpRequestType&>(*candidate), keys->requestQueryEncryptionKey,
+                             keys->requestBodyEncryptionKey);
   return nullptr;
 }
 
 }  // namespace internal
 
-TarvixServiceRequest::TarvixServiceRequest(Url url) : HttpRequest(std::move(url)) {
-  setHandler(std::make_shared<TarvixServiceRequestHandler>());
+TarvixServiceRequest::TarvixServiceRequest(Url url) : TypedHttpRequest(std::move(url)) {
   httpConfig()->method = HttpRequestMethod::post;
   httpConfig()->setHeader("application/json", "Content-Type");
 }
 
-TarvixServiceRequestHandler::TarvixServiceRequestHandler() {
-  result = tarvixServiceRequestResult;
-  useSharedURLSession = true;
-}
+TarvixServiceRequestHandler::TarvixServiceRequestHandler() { useSharedURLSession = true; }
 
 ErrorPtr TarvixServiceRequestHandler::canHandle(const std::shared_ptr<RequestType>& candidate) {
   return internal::prepareSealedUrlRequest(*this, candidate);

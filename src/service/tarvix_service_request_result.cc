@@ -1,4 +1,4 @@
-// The service result's JSON view of its payload, copies and archived form.
+// The service result's copies, cache payload and archived form.
 #include "kp/service/tarvix_service_request_result.h"
 
 namespace kp {
@@ -10,22 +10,29 @@ const ArchiveRegistration<TarvixServiceRequestResult> registration{
 
 }  // namespace
 
-std::optional<JsonValue> TarvixServiceRequestResult::dataAsJson() const {
-  if (const auto* json = std::any_cast<JsonValue>(&data)) return *json;
-  // What the cache gives back: collections as archive values, scalars as themselves.
-  if (const auto* archived = std::any_cast<ArchiveValue>(&data)) return JsonValue::fromArchiveValue(*archived);
-  if (const auto* text = std::any_cast<std::string>(&data)) return JsonValue(std::string_view(*text));
-  if (const auto* integer = std::any_cast<std::int64_t>(&data)) return JsonValue(*integer);
-  if (const auto* real = std::any_cast<double>(&data)) return JsonValue(*real);
-  if (const auto* flag = std::any_cast<bool>(&data)) return JsonValue(*flag);
-  return std::nullopt;
+// Out of line, so that every program using the class links its archive registration.
+TarvixServiceRequestResult::~TarvixServiceRequestResult() = default;
+
+std::shared_ptr<RequestResult> TarvixServiceRequestResult::copyWithoutData() const {
+  auto out = std::static_pointer_cast<TarvixServiceRequestResult>(TypedRequestResult::copyWithoutData());
+  if (contentInfo) out->contentInfo = std::make_shared<TarvixServiceContentInfo>(*contentInfo);
+  out->contentIsNotModified = contentIsNotModified;
+  return out;
 }
 
-std::shared_ptr<RequestResult> TarvixServiceRequestResult::copy() const {
-  auto out = std::make_shared<TarvixServiceRequestResult>(*this);
-  if (response) out->response = std::make_shared<HttpResponse>(*response);
-  if (contentInfo) out->contentInfo = std::make_shared<TarvixServiceContentInfo>(*contentInfo);
-  return out;
+std::optional<ArchiveValue> TarvixServiceRequestResult::cachePayload(CacheItemType type) const {
+  // Text for JSON and bytes for a raw body, so that reading back cannot take one for the other.
+  if (const JsonValue* json = dataAsJson()) return ArchiveValue(json->serialize());
+  return TypedRequestResult::cachePayload(type);
+}
+
+void TarvixServiceRequestResult::restorePayload(const ArchiveValue& payload) {
+  data.reset();
+  if (const auto* text = payload.get<std::string>()) {
+    if (auto parsed = JsonValue::parse(*text)) data = std::move(*parsed);
+  } else if (const auto* bytes = payload.get<Data>()) {
+    data = *bytes;
+  }
 }
 
 void TarvixServiceRequestResult::encode(ArchiveEncoder& coder) const {
@@ -38,7 +45,7 @@ void TarvixServiceRequestResult::encode(ArchiveEncoder& coder) const {
 
 std::shared_ptr<TarvixServiceRequestResult> TarvixServiceRequestResult::decode(ArchiveDecoder& coder) {
   auto result = std::make_shared<TarvixServiceRequestResult>();
-  HttpRequestResult::decodeInto(*result, coder);
+  decodeInto(*result, coder);
   if (auto stored = coder.decodeObject(kArchiveKeyContentInfo)) {
     auto info = stored->object<TarvixServiceContentInfo>();
     if (!info) coder.fail("the content info is not a content info");

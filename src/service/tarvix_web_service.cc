@@ -26,7 +26,8 @@ std::optional<Url> WebServiceSettings::createUrl(std::string_view method) const 
   return url;
 }
 
-void WebServiceSettings::prepare(HttpRequest& request, EncryptionRequestType& keys, std::optional<Data> content) const {
+void WebServiceSettings::prepare(BasicHttpRequest& request, EncryptionRequestType& keys,
+                                 std::optional<Data> content) const {
   HttpRequestConfig& config = *request.httpConfig();
   config.addQuery(requestParameters.queryParameters());
   if (encryptionDetails.skipEncryptionAndDecryption) {

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <atomic>
 #include <fstream>
 
+#include "kp/platform/image.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/test_servers.h"
@@ -14,6 +16,11 @@ using kp::test::runCommand;
 using kp::test::shellQuote;
 
 std::string kpcore(const std::string& arguments) { return std::string(KPCORE_PATH) + " get " + arguments; }
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 void addRoutes(httplib::Server& s) {
   s.Get("/hello", [](const httplib::Request&, httplib::Response& r) { r.set_content("hello world", "text/plain"); });
@@ -51,8 +58,71 @@ TEST(KpcoreGet, PrintsBodiesHeadsAndSendsWhatItIsTold) {
 
   auto saved = runCommand(kpcore("--output " + shellQuote(dir.path() / "saved") + " " + server.url("/hello")));
   EXPECT_EQ(saved.status, 0);
-  std::ifstream file(dir.path() / "saved");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "hello world");
+  EXPECT_EQ(readFile(dir.path() / "saved"), "hello world");
+}
+
+TEST(KpcoreGet, ShowsEachKindAndAnswersRepeatsFromTheCache) {
+  kp::test::TestServer server;
+  std::atomic<int> served{0};
+  server.server().Get("/weather.json", [&](const httplib::Request&, httplib::Response& r) {
+    ++served;
+    r.set_content(R"({"place":"Oslo","hours":[1,2]})", "application/json");
+  });
+  server.server().Get("/icon.png", [](const httplib::Request&, httplib::Response& r) {
+    std::vector<std::uint8_t> pixels(6 * 4 * 4, 200);
+    r.set_content(kp::Image(6, 4, std::move(pixels), 2).pngData()->toString(), "image/png");
+  });
+  addRoutes(server.server());
+  server.start();
+  const std::string json = shellQuote(server.url("/weather.json"));
+
+  auto pretty = runCommand(kpcore("--as json " + json));
+  EXPECT_EQ(pretty.status, 0);
+  EXPECT_EQ(pretty.output, "{\n  \"place\" : \"Oslo\",\n  \"hours\" : [\n    1,\n    2\n  ]\n}\n");
+  auto image = runCommand(kpcore("--as image " + shellQuote(server.url("/icon.png"))));
+  EXPECT_EQ(image.output, "image 3x2 points at scale 2 (6x4 pixels)\n");
+  auto text = runCommand(kpcore("--as string " + shellQuote(server.url("/hello"))));
+  EXPECT_EQ(text.output, "hello world");
+  auto notImage = runCommand(kpcore("--as image " + json + " 2>&1"));
+  EXPECT_EQ(notImage.status, 1);
+  EXPECT_EQ(notImage.output, "error: the body is not an image\n");
+
+  // The second run is answered by the cache and says how old the entry is.
+  const int before = served.load();
+  auto first = runCommand(kpcore("--cache --as json " + json + " 2>&1"));
+  auto second = runCommand(kpcore("--cache --as json " + json + " 2>&1"));
+  EXPECT_EQ(first.output, pretty.output);
+  EXPECT_EQ(second.status, 0);
+  EXPECT_EQ(second.output.rfind("from cache: " + server.url("/weather.json") + ", age ", 0), 0u) << second.output;
+  EXPECT_TRUE(second.output.ends_with(pretty.output)) << second.output;
+  EXPECT_EQ(served.load(), before + 1);
+}
+
+TEST(KpcoreGet, SeveralUrlsRunThroughOneQueueByPriorityAndDownloadsGoToFiles) {
+  kp::test::TestServer server;
+  addRoutes(server.server());
+  server.start();
+  const std::string hello = shellQuote(server.url("/hello"));
+  const std::string missing = shellQuote(server.url("/missing"));
+  auto both =
+      runCommand(kpcore("--parallel 1 --priority high --as string " + hello + " " + missing + " " + hello + " 2>&1"));
+  EXPECT_EQ(both.status, 1);
+  const std::string title = "==> " + server.url("/hello") + " <==\nhello world\n";
+  EXPECT_EQ(both.output, title + "==> " + server.url("/missing") + " <==\n" + server.url("/missing") +
+                             ": error KPRequest 400: Request failed with status code: 404.\n" + title);
+
+  kp::test::TempDir dir;
+  const auto target = dir.path() / "new" / "folder" / "saved.txt";
+  auto saved = runCommand(kpcore("--output " + shellQuote(target.string()) + " " + hello + " 2>&1"));
+  EXPECT_EQ(saved.status, 0);
+  EXPECT_EQ(saved.output, "");  // no progress bar where standard error is no terminal
+  EXPECT_EQ(readFile(target), "hello world");
+
+  auto usage = runCommand(kpcore("--output x " + hello + " " + hello + " 2>&1"));
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_EQ(usage.output, "kpcore get: --output takes one URL\n");
+  auto parallel = runCommand(kpcore("--parallel 0 " + hello + " 2>&1"));
+  EXPECT_EQ(parallel.output, "kpcore get: --parallel takes 1 to 64: 0\n");
 }
 
 TEST(KpcoreGet, FailuresPrintOneErrorLineAndExitNonZero) {

@@ -362,7 +362,18 @@ TEST_F(HandlerTest, ManyTransfersShareOneSession) {
 }
 
 TEST(HandlerProtocolTest, RejectsRequestsThatAreNotHttpRequests) {
-  struct Other : RequestType {};
+  // A request that only has what every request has.
+  struct Other : RequestType {
+    const std::shared_ptr<RequestHandlerInterface>& handler() const override { return handler_; }
+    void setHandler(std::shared_ptr<RequestHandlerInterface> h) override { handler_ = std::move(h); }
+    const std::shared_ptr<RequestQueueInterface>& queue() const override { return queue_; }
+    void setQueue(std::shared_ptr<RequestQueueInterface> q) override { queue_ = std::move(q); }
+    RequestPriority priority() const override { return RequestPriority::normal; }
+    void setPriority(RequestPriority) override {}
+    void handleCompletion(const std::shared_ptr<RequestResult>&) override {}
+    std::shared_ptr<RequestHandlerInterface> handler_;
+    std::shared_ptr<RequestQueueInterface> queue_;
+  };
   auto handler = std::make_shared<HttpRequestHandler>();
   EXPECT_EQ(handler->canHandle(std::make_shared<Other>()), RequestErrors::invalidRequestProtocolError());
   auto request = HttpRequest::make(*Url::parse("http://127.0.0.1/x"));

@@ -176,18 +176,21 @@ TEST(ServiceResult, ArchiveKeepsPayloadContentInfoAndTheNotModifiedMark) {
   EXPECT_EQ(*back->contentInfo, *result.contentInfo);
   EXPECT_TRUE(back->contentIsNotModified);
   EXPECT_EQ(back->response->headers, result.response->headers);
-  EXPECT_EQ(back->dataAsJson(), result.dataAsJson());
+  ASSERT_TRUE(back->dataAsJson());
+  EXPECT_EQ(*back->dataAsJson(), *result.dataAsJson());
 
   // The copy stored beside a cache entry shares nothing with the original.
   auto copy = std::dynamic_pointer_cast<TarvixServiceRequestResult>(result.copy());
   copy->contentInfo->expiryInterval = 1;
   EXPECT_EQ(result.contentInfo->expiryInterval, 3600.0);
 
-  // Payloads that are not JSON content have no JSON view.
-  result.data = Data::fromString("raw");
-  EXPECT_FALSE(result.dataAsJson());
-  result.data = ArchiveValue(Date::now());
-  EXPECT_FALSE(result.dataAsJson());
+  // A raw body stays bytes through the archive, even when it reads as JSON.
+  result.data = Data::fromString("[1]");
+  const auto raw = KeyedUnarchiver::safeUnarchivedObject(
+      *KeyedArchiver::archivedData(ArchiveValue(std::make_shared<TarvixServiceRequestResult>(result))));
+  const auto rawBack = raw->object<TarvixServiceRequestResult>();
+  EXPECT_FALSE(rawBack->dataAsJson());
+  EXPECT_EQ(std::any_cast<Data>(rawBack->data).toString(), "[1]");
 }
 
 ApplicationInfo fixedInfo() {
@@ -332,7 +335,7 @@ TEST(DecodableEnvelope, BodiesThatDoNotOpenOrDecode) {
     const auto closed = decodeAnswer<int>(body, kKey);
     EXPECT_FALSE(closed.data || closed.error);
     EXPECT_EQ(closed.asResult().error()->localizedDescription(), "No data available.");
-    EXPECT_EQ(closed.asResult().error()->domain(), kCustomErrorDomain);
+    EXPECT_EQ(closed.asResult().error()->domain(), CustomError::kDomain);
   }
   // Decoding failures name the path that failed.
   const struct {

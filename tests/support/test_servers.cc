@@ -44,6 +44,9 @@ TestServer::TestServer(const SelfSignedCertificate* certificate) : tls_(certific
     server_ = std::make_unique<httplib::Server>();
   }
   server_->set_tcp_nodelay(true);
+  // stop() waits for idle keep-alive connections to time out; the default 5 s made every
+  // test that used a connection last at least that long.
+  server_->set_keep_alive_timeout(1);
 }
 
 TestServer::~TestServer() { stop(); }

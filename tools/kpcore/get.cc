@@ -1,51 +1,102 @@
-// kpcore get: runs one request through the HTTP handler (or, with --output, a download task)
-// and prints the body, optionally preceded by the redirects, the status line and the headers.
+// kpcore get: runs requests through the library's typed requests, executor and queues, and
+// prints what comes back: the body as bytes, as pretty-printed JSON, as text or as an image's
+// size, optionally preceded by the redirects, the status line and the headers; or, with
+// --output, downloads the body to a file. With --cache the shared cache answers and keeps
+// results. Several URLs run through one request queue and print as they complete.
+#include <algorithm>
 #include <condition_variable>
-#include <fstream>
+#include <cstdint>
 #include <iostream>
+#include <map>
 #include <mutex>
 
 #include "command.h"
+#include "kp/cache/cache_controller.h"
+#include "kp/request/data_request.h"
+#include "kp/request/file_request.h"
+#include "kp/request/image_request.h"
+#include "kp/request/json_request.h"
 #include "kp/request/request_errors.h"
-#include "kp/request/request_handler.h"
-#include "kp/request/url_request_factory.h"
+#include "kp/request/request_queue.h"
+#include "kp/request/string_request.h"
+#include "platform/env.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-struct Outcome {
-  std::mutex mutex;
-  std::condition_variable invalidated;
-  bool finished = false;
-  bool invalid = false;
-  std::shared_ptr<kp::HttpRequestResult> result;
-  std::vector<std::string> redirects;
-  std::shared_ptr<const kp::HttpUrlResponse> response;
-  kp::ErrorPtr error;
+enum class Kind { data, json, string, image, file };
 
-  void finish() {
-    std::lock_guard lock(mutex);
-    finished = true;
-  }
-  bool isFinished() {
-    std::lock_guard lock(mutex);
-    return finished;
-  }
-  void sessionEnded() {
-    std::lock_guard lock(mutex);
-    invalid = true;
-    invalidated.notify_all();
-  }
-  // The session's thread may still be closing its connections; the process waits for it
-  // rather than ending under it.
-  void waitForSessionEnd() {
-    std::unique_lock lock(mutex);
-    invalidated.wait_for(lock, 5s, [this] { return invalid; });
-  }
+struct Options {
+  std::optional<kp::HttpRequestMethod> method;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::optional<kp::Data> body;
+  std::optional<double> timeout;
+  std::optional<std::string> output;
+  Kind kind = Kind::data;
+  bool insecure = false;
+  bool include = false;
+  bool progress = false;
+  bool cache = false;
+  kp::RequestPriority priority = kp::RequestPriority::normal;
+  std::int64_t parallel = kp::RequestQueue::kDefaultMaxConcurrentRequests;
 };
 
-void drawProgress(double fraction) {
+// Answers server-trust challenges with a credential made from the trust when --insecure is
+// given (the handler's own answer for requests that accept untrusted certificates cancels
+// the transfer), notes the redirects of each task, and tells when the session has ended.
+class Router : public kp::HttpRequestURLSessionDelegateHandler {
+ public:
+  explicit Router(bool insecure) : insecure_(insecure) {}
+
+  void didReceiveChallenge(kp::UrlSession& session, kp::UrlSessionTask& task,
+                           const kp::UrlAuthenticationChallenge& challenge, kp::ChallengeHandler completion) override {
+    const auto& space = challenge.protectionSpace;
+    if (insecure_ && space.serverTrust &&
+        space.authenticationMethod == kp::UrlProtectionSpace::kAuthenticationMethodServerTrust) {
+      completion(kp::AuthChallengeDisposition::useCredential, kp::UrlCredential::make(space.serverTrust));
+      return;
+    }
+    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
+  }
+  void willPerformHttpRedirection(kp::UrlSession& session, kp::UrlSessionTask& task,
+                                  const std::shared_ptr<const kp::HttpUrlResponse>& response, kp::UrlRequest next,
+                                  kp::RedirectionHandler completion) override {
+    {
+      std::lock_guard lock(mutex_);
+      redirects_[task.taskIdentifier()].push_back(std::to_string(response->statusCode()) + " " +
+                                                  next.url.absoluteString());
+    }
+    HttpRequestURLSessionDelegateHandler::willPerformHttpRedirection(session, task, response, std::move(next),
+                                                                     std::move(completion));
+  }
+  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override {
+    std::lock_guard lock(mutex_);
+    invalid_ = true;
+    ended_.notify_all();
+  }
+
+  [[nodiscard]] std::vector<std::string> redirects(std::uint64_t taskIdentifier) {
+    std::lock_guard lock(mutex_);
+    const auto found = redirects_.find(taskIdentifier);
+    return found == redirects_.end() ? std::vector<std::string>() : found->second;
+  }
+  // The session's thread may still be closing connections; the process waits for it rather
+  // than ending under it.
+  void waitForSessionEnd() {
+    std::unique_lock lock(mutex_);
+    ended_.wait_for(lock, 5s, [this] { return invalid_; });
+  }
+
+ private:
+  bool insecure_;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::map<std::uint64_t, std::vector<std::string>> redirects_;  // guarded by mutex_
+  bool invalid_ = false;                                         // guarded by mutex_
+};
+
+void drawProgress(float fraction) {
   const int width = 40;
   const int filled = static_cast<int>(fraction * width);
   std::cerr << "\r[" << std::string(static_cast<size_t>(filled), '#')
@@ -53,222 +104,270 @@ void drawProgress(double fraction) {
             << std::flush;
 }
 
-// Answers a server-trust challenge with a credential made from the trust: the certificate
-// is accepted whatever it is.
-void acceptAnyCertificate(const kp::UrlAuthenticationChallenge& challenge, const kp::ChallengeHandler& completion) {
-  completion(kp::AuthChallengeDisposition::useCredential,
-             kp::UrlCredential::make(challenge.protectionSpace.serverTrust));
-}
-
-bool isServerTrust(const kp::UrlAuthenticationChallenge& challenge) {
-  const auto& space = challenge.protectionSpace;
-  return space.serverTrust && space.authenticationMethod == kp::UrlProtectionSpace::kAuthenticationMethodServerTrust;
-}
-
-// Routes the session's callbacks to the handler and notes the redirects and the end of the
-// task. With --insecure it accepts untrusted certificates itself: the handler's own answer
-// for requests that accept them cancels the challenge, and with it the transfer.
-class Router : public kp::HttpRequestURLSessionDelegateHandler {
- public:
-  Router(std::shared_ptr<Outcome> outcome, bool insecure) : outcome_(std::move(outcome)), insecure_(insecure) {}
-  void didReceiveChallenge(kp::UrlSession& session, kp::UrlSessionTask& task,
-                           const kp::UrlAuthenticationChallenge& challenge, kp::ChallengeHandler completion) override {
-    if (insecure_ && isServerTrust(challenge)) return acceptAnyCertificate(challenge, completion);
-    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
-  }
-  void willPerformHttpRedirection(kp::UrlSession& session, kp::UrlSessionTask& task,
-                                  const std::shared_ptr<const kp::HttpUrlResponse>& response, kp::UrlRequest next,
-                                  kp::RedirectionHandler completion) override {
-    {
-      std::lock_guard lock(outcome_->mutex);
-      outcome_->redirects.push_back(std::to_string(response->statusCode()) + " " + next.url.absoluteString());
-    }
-    HttpRequestURLSessionDelegateHandler::willPerformHttpRedirection(session, task, response, std::move(next),
-                                                                     std::move(completion));
-  }
-  void didComplete(kp::UrlSession& session, kp::UrlSessionTask& task, const kp::ErrorPtr& error) override {
-    HttpRequestURLSessionDelegateHandler::didComplete(session, task, error);
-    {
-      std::lock_guard lock(outcome_->mutex);
-      if (!outcome_->error) outcome_->error = error;
-    }
-    outcome_->finish();
-  }
-  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override { outcome_->sessionEnded(); }
-
- private:
-  std::shared_ptr<Outcome> outcome_;
-  bool insecure_;
-};
-
-// Writes the download to its destination.
-class Downloader : public kp::UrlSessionDelegate {
- public:
-  Downloader(std::shared_ptr<Outcome> outcome, std::string destination, bool insecure, bool progress)
-      : outcome_(std::move(outcome)), destination_(std::move(destination)), insecure_(insecure), progress_(progress) {}
-  void willPerformHttpRedirection(kp::UrlSession&, kp::UrlSessionTask&,
-                                  const std::shared_ptr<const kp::HttpUrlResponse>& response, kp::UrlRequest next,
-                                  kp::RedirectionHandler completion) override {
-    {
-      std::lock_guard lock(outcome_->mutex);
-      outcome_->redirects.push_back(std::to_string(response->statusCode()) + " " + next.url.absoluteString());
-    }
-    completion(std::move(next));
-  }
-  void didReceiveChallenge(kp::UrlSession&, kp::UrlSessionTask&, const kp::UrlAuthenticationChallenge& challenge,
-                           kp::ChallengeHandler completion) override {
-    if (insecure_ && isServerTrust(challenge)) return acceptAnyCertificate(challenge, completion);
-    completion(kp::AuthChallengeDisposition::performDefaultHandling, nullptr);
-  }
-  void didWriteData(kp::UrlSession&, kp::UrlSessionDownloadTask&, std::int64_t, std::int64_t total,
-                    std::int64_t expected) override {
-    if (progress_ && expected > 0)
-      drawProgress(std::min(1.0, static_cast<double>(total) / static_cast<double>(expected)));
-  }
-  void didFinishDownloading(kp::UrlSession&, kp::UrlSessionDownloadTask& task,
-                            const std::filesystem::path& location) override {
-    auto response = task.response();
-    if (response && response->statusCode() >= 400) return;
-    std::error_code ec;
-    std::filesystem::rename(location, destination_, ec);
-    if (ec) {
-      std::filesystem::copy_file(location, destination_, std::filesystem::copy_options::overwrite_existing, ec);
-    }
-    if (ec) {
-      std::lock_guard lock(outcome_->mutex);
-      outcome_->error = kp::makeUrlError(kp::UrlError::cannotWriteToFile, task.currentRequest().url);
-    }
-  }
-  void didComplete(kp::UrlSession&, kp::UrlSessionTask& task, const kp::ErrorPtr& error) override {
-    {
-      std::lock_guard lock(outcome_->mutex);
-      outcome_->response = task.response();
-      if (!outcome_->error) outcome_->error = error;
-    }
-    outcome_->finish();
-  }
-  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override { outcome_->sessionEnded(); }
-
- private:
-  std::shared_ptr<Outcome> outcome_;
-  std::string destination_;
-  bool insecure_;
-  bool progress_;
-};
-
-void printHead(const std::vector<std::string>& redirects, int status,
-               const std::map<std::string, std::string>& headers) {
-  for (const auto& hop : redirects) std::cout << "< redirect " << hop << "\n";
-  std::cout << "HTTP " << status << "\n";
-  for (const auto& [name, value] : headers) std::cout << name << ": " << value << "\n";
-  std::cout << "\n";
-}
-
-int fail(const kp::ErrorPtr& error) {
+void printError(const kp::ErrorPtr& error) {
   std::cerr << "error " << error->domain() << " " << error->code() << ": " << error->localizedDescription() << "\n";
-  return 1;
 }
+
+kp::HttpRequestMethod parseMethod(const std::string& text) {
+  std::string verb = text;
+  for (auto& c : verb) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (int raw = 0; raw <= 4; ++raw) {
+    const auto candidate = *kp::httpRequestMethodFromRawValue(raw);
+    if (kp::httpVerb(candidate) == verb) return candidate;
+  }
+  throw kpcore::CommandError("unknown method: " + text, 2);
+}
+
+double parseNumber(const std::string& text, const std::string& what) {
+  try {
+    std::size_t used = 0;
+    const double value = std::stod(text, &used);
+    if (used == text.size()) return value;
+  } catch (const std::exception&) {
+  }
+  throw kpcore::CommandError("not " + what + ": " + text, 2);
+}
+
+kp::RequestPriority parsePriority(const std::string& text) {
+  if (text == "low") return kp::RequestPriority::low;
+  if (text == "normal") return kp::RequestPriority::normal;
+  if (text == "high") return kp::RequestPriority::high;
+  throw kpcore::CommandError("unknown priority: " + text + " (low, normal or high)", 2);
+}
+
+Kind parseKind(const std::string& text) {
+  if (text == "data") return Kind::data;
+  if (text == "json") return Kind::json;
+  if (text == "string") return Kind::string;
+  if (text == "image") return Kind::image;
+  throw kpcore::CommandError("unknown kind: " + text + " (data, json, string or image)", 2);
+}
+
+// One URL's request and what became of it.
+class Job {
+ public:
+  Job(std::string url, const Options& options, std::shared_ptr<kp::UrlSession> session, std::shared_ptr<Router> router,
+      std::shared_ptr<kp::RequestQueue> queue, bool titled)
+      : url_(std::move(url)),
+        options_(options),
+        session_(std::move(session)),
+        router_(std::move(router)),
+        queue_(std::move(queue)),
+        titled_(titled) {}
+
+  // Starts the request; false when it failed before sending (its error is printed).
+  bool start() {
+    const auto parsed = kp::Url::parse(url_);
+    switch (options_.kind) {
+      case Kind::data:
+        request_ = startKind<kp::DataRequest>(*parsed, [this](const kp::DataRequestResult& result) {
+          if (const auto* bytes = result.dataAsData()) std::cout.write(bytes->view().data(), bytes->view().size());
+          return true;
+        });
+        break;
+      case Kind::json:
+        request_ = startKind<kp::JsonRequest>(*parsed, [](const kp::JsonRequestResult& result) {
+          const auto* json = result.dataAsJson();
+          if (!json) return fail("the body is not JSON");
+          std::cout << kp::writeJson(json->toValue(), kp::DateStrategy::iso8601, true) << "\n";
+          return true;
+        });
+        break;
+      case Kind::string:
+        request_ = startKind<kp::StringRequest>(*parsed, [](const kp::StringRequestResult& result) {
+          const auto* text = result.dataAsString();
+          if (!text) return fail("the body is not UTF-8 text");
+          std::cout << *text;
+          return true;
+        });
+        break;
+      case Kind::image:
+        request_ = startKind<kp::ImageRequest>(*parsed, [](const kp::ImageRequestResult& result) {
+          const auto* image = result.dataAsImage();
+          if (!image) return fail("the body is not an image");
+          std::cout << "image " << image->size().width << "x" << image->size().height << " points at scale "
+                    << image->scale() << " (" << image->pixelWidth() << "x" << image->pixelHeight() << " pixels)\n";
+          return true;
+        });
+        break;
+      case Kind::file:
+        request_ = startKind<kp::FileRequest>(*parsed, [](const kp::FileRequestResult&) { return true; });
+        break;
+    }
+    if (ticket_->failed()) {
+      finish(ticket_->error());
+      return false;
+    }
+    return true;
+  }
+
+  [[nodiscard]] bool done() const { return done_; }
+  [[nodiscard]] bool succeeded() const { return succeeded_; }
+
+ private:
+  static bool fail(const std::string& message) {
+    std::cerr << "error: " << message << "\n";
+    return false;
+  }
+
+  template <class Request, class Print>
+  std::shared_ptr<Request> startKind(const kp::Url& url, Print print) {
+    auto request = Request::make(url);
+    configure(*request);
+    if constexpr (std::is_same_v<Request, kp::FileRequest>) {
+      request->targetPath = options_.output;
+    } else if (options_.cache) {
+      request->generateCacheKey();
+      // Looked up and kept on this thread, so that the entry is stored before the process ends.
+      request->cacheConfig()->forceSynchronousLoad = true;
+    }
+    ticket_ = request->execute([this, print](const std::shared_ptr<typename Request::ResultType>& result) {
+      title();
+      printHead(*result);
+      if (result->error) {
+        finish(result->error);
+        return;
+      }
+      if (result->fromCache()) noteCacheAge(*result);
+      succeeded_ = print(*result);
+      if (titled_) std::cout << "\n";
+      std::cout.flush();
+      done_ = true;
+    });
+    return request;
+  }
+
+  void configure(kp::BasicHttpRequest& request) {
+    auto& config = *request.httpConfig();
+    if (options_.method) config.method = *options_.method;
+    for (const auto& [field, value] : options_.headers) config.setHeader(value, field);
+    config.bodyData = options_.body;
+    if (options_.timeout) config.timeoutInterval = *options_.timeout;
+    request.setUrlSession(session_);
+    request.setPriority(options_.priority);
+    if (queue_) request.setQueue(queue_);
+    const bool showProgress =
+        options_.progress || (options_.kind == Kind::file && kp::platform::Env::current().standardErrorIsTerminal());
+    if (showProgress) request.setProgressUpdateHandler(drawProgress);
+    showsProgress_ = showProgress;
+  }
+
+  void title() {
+    if (showsProgress_) std::cerr << "\n";
+    if (titled_) std::cout << "==> " << url_ << " <==\n";
+  }
+
+  void printHead(const kp::HttpRequestResult& result) {
+    if (!options_.include || !result.response) return;
+    if (auto handler = std::dynamic_pointer_cast<kp::HttpRequestHandler>(request_->handler());
+        handler && handler->urlSessionTask) {
+      for (const auto& hop : router_->redirects(handler->urlSessionTask->taskIdentifier())) {
+        std::cout << "< redirect " << hop << "\n";
+      }
+    }
+    std::cout << "HTTP " << result.response->statusCode.value_or(0) << "\n";
+    for (const auto& [name, value] : result.response->headers) std::cout << name << ": " << value << "\n";
+    std::cout << "\n";
+  }
+
+  void noteCacheAge(const kp::HttpRequestResult& result) const {
+    const auto* cacheable = dynamic_cast<const kp::CacheableRequestType*>(request_.get());
+    const double maximumAge = cacheable && cacheable->cacheConfig() ? cacheable->cacheConfig()->maximumAge : 0;
+    const kp::Date created = result.cacheExpirationDate->addingTimeInterval(-maximumAge);
+    const auto age = static_cast<std::int64_t>(kp::Date::now().timeIntervalSince(created));
+    std::cerr << "from cache: " << url_ << ", age " << age << " s\n";
+  }
+
+  void finish(const kp::ErrorPtr& error) {
+    if (titled_) std::cerr << url_ << ": ";
+    printError(error);
+    done_ = true;
+  }
+
+  std::string url_;
+  const Options& options_;
+  std::shared_ptr<kp::UrlSession> session_;
+  std::shared_ptr<Router> router_;
+  std::shared_ptr<kp::RequestQueue> queue_;
+  bool titled_;
+  bool showsProgress_ = false;
+  std::shared_ptr<kp::BasicHttpRequest> request_;
+  std::shared_ptr<kp::RequestTicketType> ticket_;
+  // Written by completions, which run on the main queue, which this thread drains.
+  bool done_ = false;
+  bool succeeded_ = false;
+};
 
 int runGet(kpcore::Args& args) {
-  const auto method = args.option("method");
-  const auto headers = args.options("header");
-  const auto data = args.option("data");
-  const auto output = args.option("output");
-  const bool insecure = args.flag("insecure");
-  const auto timeout = args.option("timeout");
-  const bool include = args.flag("include");
-  const bool progress = args.flag("progress");
-  const auto urlText = args.positional();
-  if (!urlText) throw kpcore::CommandError("missing URL", 2);
-  args.expectEnd();
-  const auto url = kp::Url::parse(*urlText);
-  if (!url || !url->isAbsolute()) throw kpcore::CommandError("not an absolute URL: " + *urlText, 2);
-
-  auto request = kp::HttpRequest::make(*url);
-  auto& config = *request->httpConfig();
-  if (method) {
-    std::string verb = *method;
-    for (auto& c : verb) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    bool found = false;
-    for (int raw = 0; raw <= 4 && !found; ++raw) {
-      const auto candidate = *kp::httpRequestMethodFromRawValue(raw);
-      if (kp::httpVerb(candidate) == verb) config.method = candidate, found = true;
-    }
-    if (!found) throw kpcore::CommandError("unknown method: " + *method, 2);
-  }
-  for (const auto& header : headers) {
+  Options options;
+  if (auto method = args.option("method")) options.method = parseMethod(*method);
+  for (const auto& header : args.options("header")) {
     const auto colon = header.find(':');
     if (colon == std::string::npos) throw kpcore::CommandError("header without ':': " + header, 2);
     std::string value = header.substr(colon + 1);
     value.erase(0, value.find_first_not_of(" \t"));
-    config.setHeader(value, header.substr(0, colon));
+    options.headers.emplace_back(header.substr(0, colon), value);
   }
-  if (data) {
-    config.bodyData = kp::Data::fromString(data->starts_with("@") ? kpcore::readInput(data->substr(1)) : *data);
+  if (auto data = args.option("data")) {
+    options.body = kp::Data::fromString(data->starts_with("@") ? kpcore::readInput(data->substr(1)) : *data);
   }
-  if (timeout) {
-    try {
-      config.timeoutInterval = std::stod(*timeout);
-    } catch (const std::exception&) {
-      throw kpcore::CommandError("not a number of seconds: " + *timeout, 2);
+  if (auto timeout = args.option("timeout")) options.timeout = parseNumber(*timeout, "a number of seconds");
+  options.output = args.option("output");
+  if (auto kind = args.option("as")) options.kind = parseKind(*kind);
+  if (auto priority = args.option("priority")) options.priority = parsePriority(*priority);
+  const auto parallel = args.option("parallel");
+  if (parallel) {
+    const double count = parseNumber(*parallel, "a number of requests");
+    if (count < 1 || count > 64 || count != static_cast<std::int64_t>(count)) {
+      throw kpcore::CommandError("--parallel takes 1 to 64: " + *parallel, 2);
     }
+    options.parallel = static_cast<std::int64_t>(count);
+  }
+  options.insecure = args.flag("insecure");
+  options.include = args.flag("include");
+  options.progress = args.flag("progress");
+  options.cache = args.flag("cache");
+  std::vector<std::string> urls;
+  while (auto url = args.positional()) urls.push_back(*url);
+  args.expectEnd();
+  if (urls.empty()) throw kpcore::CommandError("missing URL", 2);
+  for (const auto& text : urls) {
+    const auto url = kp::Url::parse(text);
+    if (!url || !url->isAbsolute()) throw kpcore::CommandError("not an absolute URL: " + text, 2);
+  }
+  if (options.output) {
+    if (urls.size() > 1) throw kpcore::CommandError("--output takes one URL", 2);
+    if (options.cache) throw kpcore::CommandError("downloads to a file are never cached: drop --cache", 2);
+    options.kind = Kind::file;
   }
 
-  auto outcome = std::make_shared<Outcome>();
-  std::shared_ptr<kp::HttpRequestHandler> handler;
-  std::shared_ptr<kp::UrlSession> session;
-  if (output) {
-    session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(),
-                                   std::make_shared<Downloader>(outcome, *output, insecure, progress));
-    session->downloadTask(kp::UrlRequestFactory::createUrlRequest(*request))->resume();
-    session->finishTasksAndInvalidate();
-  } else {
-    if (progress) request->setProgressUpdateHandler([](float fraction) { drawProgress(fraction); });
-    session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(),
-                                   std::make_shared<Router>(outcome, insecure));
-    request->setUrlSession(session);
-    handler = std::make_shared<kp::HttpRequestHandler>();
-    if (auto error = handler->canHandle(request)) return fail(error);
-    handler->handle(request, [outcome](const std::shared_ptr<kp::RequestResult>& result) {
-      std::lock_guard lock(outcome->mutex);
-      outcome->result = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
-    });
+  auto router = std::make_shared<Router>(options.insecure);
+  auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
+  std::shared_ptr<kp::RequestQueue> queue;
+  if (urls.size() > 1 || parallel) {
+    queue = kp::RequestQueue::make();
+    queue->setMaxConcurrentRequests(options.parallel);
   }
-  // Progress arrives on the main queue, which this thread drains.
-  while (!outcome->isFinished()) kp::MainQueue::shared()->runFor(20ms);
-  kp::MainQueue::shared()->runPending();
-  if (progress) std::cerr << "\n";
-  if (!output) session->finishTasksAndInvalidate();
-  outcome->waitForSessionEnd();
-
-  std::lock_guard lock(outcome->mutex);
-  if (output) {
-    if (outcome->error) return fail(outcome->error);
-    if (outcome->response && outcome->response->statusCode() >= 400) {
-      return fail(kp::RequestErrors::statusCodeErrorWith(outcome->response->statusCode()));
-    }
-    if (include && outcome->response) {
-      printHead(outcome->redirects, outcome->response->statusCode(), outcome->response->allHeaderFields());
-    }
-    return 0;
+  std::vector<std::unique_ptr<Job>> jobs;
+  for (const auto& url : urls) {
+    jobs.push_back(std::make_unique<Job>(url, options, session, router, queue, urls.size() > 1));
+    (void)jobs.back()->start();
   }
-  // A cancelled transfer delivers no result.
-  if (!outcome->result) return fail(outcome->error ? outcome->error : kp::makeUrlError(kp::UrlError::cancelled, *url));
-  const auto& result = *outcome->result;
-  if (include && result.response) {
-    printHead(outcome->redirects, result.response->statusCode.value_or(0), result.response->headers);
-  }
-  if (result.error) return fail(result.error);
-  if (const auto* body = std::any_cast<kp::Data>(&result.data))
-    std::cout.write(body->view().data(), static_cast<std::streamsize>(body->size()));
-  std::cout.flush();
-  return 0;
+  // Completions and progress run on the main queue, which this thread drains.
+  auto allDone = [&] { return std::all_of(jobs.begin(), jobs.end(), [](const auto& job) { return job->done(); }); };
+  while (!allDone()) kp::MainQueue::shared()->runFor(20ms);
+  session->finishTasksAndInvalidate();
+  router->waitForSessionEnd();
+  if (options.cache) kp::CacheController::sharedInstance()->waitForBackgroundWork();
+  const bool ok = std::all_of(jobs.begin(), jobs.end(), [](const auto& job) { return job->succeeded(); });
+  return ok ? 0 : 1;
 }
 
 const kpcore::Registration registration{
-    "get", "Run one HTTP request and print the body",
-    "kpcore get URL [--method M] [--header 'Field: value']... [--data @FILE] [--output PATH] [--insecure] "
-    "[--timeout S] [--include] [--progress]",
+    "get", "Run HTTP requests and print what comes back",
+    "kpcore get URL... [--as data|json|string|image] [--output PATH] [--cache] [--priority low|normal|high] "
+    "[--parallel N] [--method M] [--header 'Field: value']... [--data @FILE] [--insecure] [--timeout S] "
+    "[--include] [--progress]",
     runGet};
 
 }  // namespace

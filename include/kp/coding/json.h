@@ -31,7 +31,7 @@
 #include <vector>
 
 #include "kp/coding/coding.h"
-#include "kp/coding/keyed_archiver.h"
+#include "kp/coding/decoder_type.h"
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
@@ -87,12 +87,6 @@ class JsonValue {
   // non-finite reals.
   [[nodiscard]] static JsonValue fromValue(const Value& value,
                                            DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
-  // The archived form, so that JSON payloads can be kept in the cache: objects as
-  // dictionaries, arrays as lists, numbers, text and booleans as themselves, null as nothing.
-  [[nodiscard]] ArchiveValue toArchiveValue() const;
-  // Archived JSON content back; nothing when it holds what JSON cannot (byte buffers, dates,
-  // URLs, errors, objects, non-finite numbers).
-  [[nodiscard]] static std::optional<JsonValue> fromArchiveValue(const ArchiveValue& value);
 
   friend bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
 
@@ -129,10 +123,12 @@ class JsonEncoder {
   }
 };
 
-class JsonDecoder {
+class JsonDecoder : public DecoderType {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
   UserInfo userInfo;
+
+  using DecoderType::decode;
 
   // Throws CodingError.
   template <class T>
@@ -144,6 +140,11 @@ class JsonDecoder {
   [[nodiscard]] T decode(const Data& data) const {
     return decode<T>(data.view());
   }
+
+ protected:
+  [[nodiscard]] Value readTree(const Data& data) const override { return readJson(data.view()); }
+  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }
+  [[nodiscard]] DateStrategy decodingDateStrategy() const override { return dateStrategy; }
 };
 
 }  // namespace kp

@@ -25,6 +25,7 @@
 #include <span>
 
 #include "kp/coding/coding.h"
+#include "kp/coding/decoder_type.h"
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
@@ -51,9 +52,11 @@ class PropertyListEncoder {
   }
 };
 
-class PropertyListDecoder {
+class PropertyListDecoder : public DecoderType {
  public:
   UserInfo userInfo;
+
+  using DecoderType::decode;
 
   // Throws CodingError.
   template <class T>
@@ -65,6 +68,11 @@ class PropertyListDecoder {
   [[nodiscard]] T decode(const Data& data) const {
     return decode<T>(data.bytes());
   }
+
+ protected:
+  [[nodiscard]] Value readTree(const Data& data) const override { return readPropertyList(data.bytes()); }
+  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }
+  [[nodiscard]] DateStrategy decodingDateStrategy() const override { return DateStrategy::secondsSinceReferenceDate; }
 };
 
 namespace coding_detail {

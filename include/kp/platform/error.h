@@ -63,9 +63,4 @@ class Error {
   ErrorPtr underlying_;
 };
 
-// The framework's plain message error: domain kCustomErrorDomain, code 0, and `message` as
-// its localized description.
-inline constexpr std::string_view kCustomErrorDomain = "KPCustomError";
-[[nodiscard]] ErrorPtr customError(std::string message);
-
 }  // namespace kp

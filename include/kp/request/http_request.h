@@ -1,31 +1,44 @@
-// kp::HttpRequestType and kp::HttpRequest: a request before it runs. HttpRequestType is the
-// interface the rest of the toolkit sees; HttpRequest is its base implementation, which the
-// typed requests extend.
+// kp::HttpRequestType and kp::HttpRequest: a request before, while and after it runs.
+// HttpRequestType is the interface the rest of the toolkit sees. BasicHttpRequest is the one
+// implementation of its fields and operations, which every kind of request shares; HttpRequest
+// adds the cache policy, and the typed requests (typed_http_request.h) add their own handler
+// and result type.
 //
-// A request owns its handler, queue, configurations and callbacks. It is configured on one
-// thread, then executed once.
+// A request owns its handler, queue, configurations, callbacks and executor; the executor
+// holds the request weakly. A request runs once: execute() returns the executor's ticket the
+// first time and a failed ticket ("This request was already executed.", 700) afterwards. The
+// completion callback runs on completionDispatchQueue() (the main queue, which runs only
+// while the host drains it) or, without one, on the thread that completed the request.
 //
-// Thread safety: not locked; configure on one thread before execution.
+// Thread safety: not locked; configure a request on one thread, then execute it. Results
+// arrive on other threads; the callbacks must not reconfigure the request.
 //
 // Example:
 //   auto request = kp::HttpRequest::make(*kp::Url::parse("https://api.example.com/v1/now"));
 //   request->httpConfig()->addQuery("52.5", "lat");
 //   request->generateCacheKey();   // cacheConfig()->key = "https://api.example.com/v1/now?lat=52.5"
-//   kp::UrlRequest wire = kp::UrlRequestFactory::createUrlRequest(*request);
+//   auto ticket = request->execute([](const std::shared_ptr<kp::HttpRequestResultType>& result) {
+//     if (result->isSuccess()) show(result->data, result->fromCache());
+//   });
+//   std::shared_ptr<kp::HttpRequestResultType> now = other->executeSynchronously();
 #pragma once
 
 #include <any>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "kp/platform/data.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request_config.h"
+#include "kp/request/request_ticket.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
+
+class RequestExecutor;
 
 // A fraction of the transfer done, 0...1.
 using ProgressUpdateHandler = std::function<void(float)>;
@@ -36,22 +49,12 @@ using RequestCompletionHandler = std::function<void(const std::shared_ptr<HttpRe
 
 class HttpRequestType : public RequestType {
  public:
-  virtual ~HttpRequestType() = default;
-
-  [[nodiscard]] virtual const std::shared_ptr<RequestHandlerInterface>& handler() const = 0;
-  virtual void setHandler(std::shared_ptr<RequestHandlerInterface> handler) = 0;
-  [[nodiscard]] virtual const std::shared_ptr<RequestQueueInterface>& queue() const = 0;
-  virtual void setQueue(std::shared_ptr<RequestQueueInterface> queue) = 0;
-  [[nodiscard]] virtual RequestPriority priority() const = 0;
-  virtual void setPriority(RequestPriority priority) = 0;
   [[nodiscard]] virtual const ProgressUpdateHandler& progressUpdateHandler() const = 0;
   virtual void setProgressUpdateHandler(ProgressUpdateHandler handler) = 0;
   [[nodiscard]] virtual const ProcessReceivedDataHandler& processReceivedDataHandler() const = 0;
   virtual void setProcessReceivedDataHandler(ProcessReceivedDataHandler handler) = 0;
   [[nodiscard]] virtual const RequestCompletionHandler& completionHandler() const = 0;
   virtual void setCompletionHandler(RequestCompletionHandler handler) = 0;
-  [[nodiscard]] virtual const std::shared_ptr<RequestCacheConfig>& cacheConfig() const = 0;
-  virtual void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) = 0;
   // May be null: the request then runs with the default configuration (httpConfigOrDefault).
   [[nodiscard]] virtual const std::shared_ptr<HttpRequestConfig>& httpConfig() const = 0;
   virtual void setHttpConfig(std::shared_ptr<HttpRequestConfig> config) = 0;
@@ -68,18 +71,19 @@ class HttpRequestType : public RequestType {
 
   // url() with the query parameters appended.
   [[nodiscard]] virtual Url completeUrl() const = 0;
-  // Sets cacheConfig()->key from the complete URL and the body. The library never calls it.
-  virtual void generateCacheKey() = 0;
+  // Runs the request through its executor; see BasicHttpRequest::execute().
+  [[nodiscard]] virtual std::shared_ptr<RequestTicketType> execute() = 0;
 };
 
-class HttpRequest : public HttpRequestType {
+// Every field and operation of a request except the cache policy.
+class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_this<BasicHttpRequest> {
  public:
-  // A new HttpRequestHandler, fresh configurations, normal priority, completion on the main
-  // queue. The queue stays empty until the queues provide a default.
-  explicit HttpRequest(Url url);
-  [[nodiscard]] static std::shared_ptr<HttpRequest> make(Url url) {
-    return std::make_shared<HttpRequest>(std::move(url));
-  }
+  // A new HttpRequestHandler, a new DirectExecutionQueue, fresh configuration, normal
+  // priority, completion on the main queue.
+  explicit BasicHttpRequest(Url url);
+  ~BasicHttpRequest() override;
+  BasicHttpRequest(const BasicHttpRequest&) = delete;
+  BasicHttpRequest& operator=(const BasicHttpRequest&) = delete;
 
   [[nodiscard]] const std::shared_ptr<RequestHandlerInterface>& handler() const override { return handler_; }
   void setHandler(std::shared_ptr<RequestHandlerInterface> handler) override { handler_ = std::move(handler); }
@@ -97,8 +101,6 @@ class HttpRequest : public HttpRequestType {
   }
   [[nodiscard]] const RequestCompletionHandler& completionHandler() const override { return completionHandler_; }
   void setCompletionHandler(RequestCompletionHandler handler) override { completionHandler_ = std::move(handler); }
-  [[nodiscard]] const std::shared_ptr<RequestCacheConfig>& cacheConfig() const override { return cacheConfig_; }
-  void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) override { cacheConfig_ = std::move(config); }
   [[nodiscard]] const std::shared_ptr<HttpRequestConfig>& httpConfig() const override { return httpConfig_; }
   void setHttpConfig(std::shared_ptr<HttpRequestConfig> config) override { httpConfig_ = std::move(config); }
   [[nodiscard]] const Url& url() const override { return url_; }
@@ -113,7 +115,32 @@ class HttpRequest : public HttpRequestType {
   void setUrlSession(std::shared_ptr<UrlSession> session) override { urlSession_ = std::move(session); }
 
   [[nodiscard]] Url completeUrl() const override;
-  void generateCacheKey() override;
+
+  // The executor, made on first use. REQUIRES: the request is held by a shared_ptr (make());
+  // otherwise the executor cannot reach it and every execution fails.
+  [[nodiscard]] const std::shared_ptr<RequestExecutor>& executor();
+
+  // Runs the request and returns its ticket at once; the result reaches the completion
+  // handler, unless the ticket is cancelled first.
+  [[nodiscard]] std::shared_ptr<RequestTicketType> execute() override;
+  // The same, with `completion` as the completion handler; before the first execution only,
+  // a later call leaves the stored handler as it is.
+  std::shared_ptr<RequestTicketType> execute(RequestCompletionHandler completion);
+  // Runs the request on the calling thread's time: clears the completion queue, switches to
+  // a SynchronousRequestQueue, and returns the result once it is there; nothing when no
+  // result was delivered (the request failed before sending, or was executed before).
+  // REQUIRES: not called on a session's delegate queue.
+  [[nodiscard]] std::shared_ptr<HttpRequestResultType> executeSynchronously();
+
+  // Hands a result that this request delivers to the executor, then to the completion
+  // handler (on the completion queue when there is one). Other results are ignored.
+  void handleCompletion(const std::shared_ptr<RequestResult>& result) override;
+  // Every HTTP result; typed requests deliver only their own result type.
+  [[nodiscard]] bool deliversResult(const RequestResult& result) const override;
+
+ protected:
+  // The same defaults with another handler, for kinds that bring their own.
+  BasicHttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler);
 
  private:
   std::shared_ptr<RequestHandlerInterface> handler_;
@@ -122,11 +149,31 @@ class HttpRequest : public HttpRequestType {
   ProgressUpdateHandler progressUpdateHandler_;
   ProcessReceivedDataHandler processReceivedDataHandler_;
   RequestCompletionHandler completionHandler_;
-  std::shared_ptr<RequestCacheConfig> cacheConfig_;
   std::shared_ptr<HttpRequestConfig> httpConfig_;
   Url url_;
   std::shared_ptr<DispatchQueue> completionDispatchQueue_;
   std::shared_ptr<UrlSession> urlSession_;
+  std::once_flag executorOnce_;
+  std::shared_ptr<RequestExecutor> executor_;  // made once under executorOnce_
+};
+
+// The plain HTTP request: a BasicHttpRequest with a cache policy.
+class HttpRequest : public BasicHttpRequest, public CacheableRequestType {
+ public:
+  explicit HttpRequest(Url url);
+  [[nodiscard]] static std::shared_ptr<HttpRequest> make(Url url) {
+    return std::make_shared<HttpRequest>(std::move(url));
+  }
+
+  [[nodiscard]] const std::shared_ptr<RequestCacheConfig>& cacheConfig() const override { return cacheConfig_; }
+  void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) override { cacheConfig_ = std::move(config); }
+  void generateCacheKey() override;
+
+ protected:
+  HttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler);
+
+ private:
+  std::shared_ptr<RequestCacheConfig> cacheConfig_;
 };
 
 }  // namespace kp

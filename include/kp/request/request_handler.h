@@ -5,10 +5,10 @@
 // base of the typed handlers: it builds the wire request, picks a session (its own private
 // one by default, the request's session when set, or a session shared through a
 // HttpRequestURLSessionDelegateHandler), collects the body, reports progress on the main
-// thread and completes once, on the session's delegate queue. Status codes of 400 and above
-// end in the status-code error without loading the body; a cancelled transfer delivers
-// nothing at all. HttpRequestURLSessionDelegateHandler routes the callbacks of one shared
-// session to the handler that owns each task.
+// thread and completes once, on the session's delegate queue, letting go of the completion
+// callback then. Status codes of 400 and above end in the status-code error without loading
+// the body; a cancelled transfer delivers nothing at all, and lets go of the callback uncalled.
+// HttpRequestURLSessionDelegateHandler routes the callbacks of one shared session to the handler that owns each task.
 //
 // Ownership: a private session holds its handler as delegate until the transfer ends and the
 // handler invalidates it. A request holds its handler; the handler holds the request weakly
@@ -29,6 +29,7 @@
 #include <any>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -101,6 +102,7 @@ class HttpRequestHandler : public RequestHandler,
                            public UrlSessionDelegate,
                            public std::enable_shared_from_this<HttpRequestHandler> {
  public:
+  HttpRequestHandler() : HttpRequestHandler(std::make_shared<HttpRequestResult>()) {}
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
   void handle(const std::shared_ptr<RequestType>& request, RequestHandlerCompletion completion) override;
   void cancel() override;
@@ -133,7 +135,8 @@ class HttpRequestHandler : public RequestHandler,
   std::shared_ptr<UrlSessionTask> urlSessionTask;
   std::optional<UrlRequest> urlRequest;
   std::optional<Data> receivedData;
-  std::shared_ptr<HttpRequestResult> result = std::make_shared<HttpRequestResult>();
+  // Of the kind's result type; filled as the transfer goes.
+  std::shared_ptr<HttpRequestResult> result;
   std::weak_ptr<HttpRequestType> request;
   std::shared_ptr<CancelledFlag> cancelledFlag = std::make_shared<CancelledFlag>();
   std::int64_t expectedContentLength = -1;
@@ -143,18 +146,34 @@ class HttpRequestHandler : public RequestHandler,
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sessionDelegateHandler;
 
  protected:
+  // Typed handlers start from an empty result of their own type.
+  explicit HttpRequestHandler(std::shared_ptr<HttpRequestResult> emptyResult) : result(std::move(emptyResult)) {}
+
   // Makes the result from the response head (status, all header fields, cookies).
   void initializeResult(const HttpUrlResponse& response);
   void updateProgress();
-  // Calls the completion callback with the result.
+  // Calls the completion callback with the result, once: the handler lets go of it.
   void complete();
+  // Lets go of the completion callback uncalled: the transfer ended without a result.
+  void endWithoutResult();
+  // Creates the task for urlRequest on urlSession with `makeTask` and registers this handler
+  // with the session's delegate handler, if any.
+  void installTask(const std::function<std::shared_ptr<UrlSessionTask>(UrlSession&, const UrlRequest&)>& makeTask);
 
-  // Guards urlSession and urlSessionTask between cancel() and the callbacks.
+  // Guards urlSession, urlSessionTask and completionHandler between cancel() and the
+  // callbacks.
   std::recursive_mutex sessionLock_;
 
  private:
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sharedDelegateHandler_;
   std::shared_ptr<UrlSession> sharedSession_;
+};
+
+// The base of the typed handlers: an HttpRequestHandler whose result is a Result.
+template <class Result>
+class TypedRequestHandler : public HttpRequestHandler {
+ public:
+  TypedRequestHandler() : HttpRequestHandler(std::make_shared<Result>()) {}
 };
 
 }  // namespace kp

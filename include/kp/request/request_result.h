@@ -1,10 +1,12 @@
 // The results a finished request hands back: RequestResult (payload, error, cache expiry)
 // and HttpRequestResult (adds the HTTP response). Typed results derive from
-// HttpRequestResult and only add typed views of the payload.
+// HttpRequestResult through TypedRequestResult and only add typed views of the payload and
+// the form in which the cache keeps it.
 //
 // A result with an error has failed, even when it also carries data.
 //
-// Thread safety: not locked; a result is filled on one thread and then handed over.
+// Thread safety: not locked; a result is filled on one thread and then handed over. Once
+// handed to a completion it is only read (the cache may be reading it meanwhile).
 //
 // Example:
 //   auto result = std::make_shared<kp::HttpRequestResult>();
@@ -17,6 +19,7 @@
 #include <optional>
 #include <string_view>
 
+#include "kp/cache/cacheable.h"
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
@@ -33,7 +36,12 @@ class RequestResult : public Archivable {
   static constexpr std::string_view kArchiveKeyError = "_error";
   static constexpr bool supportsSecureCoding = true;
 
+  // Tag of the copy constructors that leave the payload out.
+  struct WithoutData {};
+
   RequestResult() = default;
+  RequestResult(const RequestResult& other, WithoutData)
+      : error(other.error), cacheExpirationDate(other.cacheExpirationDate) {}
   virtual ~RequestResult() = default;
 
   // The payload; its type depends on the kind of request (kp::Data for plain requests).
@@ -47,15 +55,31 @@ class RequestResult : public Archivable {
   [[nodiscard]] bool fromCache() const noexcept { return cacheExpirationDate.has_value(); }
 
   // A new result of the same class with the same values.
-  [[nodiscard]] virtual std::shared_ptr<RequestResult> copy() const { return std::make_shared<RequestResult>(*this); }
+  [[nodiscard]] virtual std::shared_ptr<RequestResult> copy() const {
+    auto out = copyWithoutData();
+    out->data = data;
+    return out;
+  }
+  // The same, without the payload (which may be large).
+  [[nodiscard]] virtual std::shared_ptr<RequestResult> copyWithoutData() const {
+    return std::make_shared<RequestResult>(*this, WithoutData{});
+  }
 
-  // Archived as "KPRequestResult": the error, and the payload when it is archivable (a byte
-  // buffer, text, number, date, URL, parsed JSON, kp::ArchiveValue or archivable object).
+  // Archived as "KPRequestResult": the error, and the payload when it is archivable (its
+  // cachePayload() for a serialized entry).
   [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
   void encode(ArchiveEncoder& coder) const override;
   [[nodiscard]] static std::shared_ptr<RequestResult> decode(ArchiveDecoder& coder);
-  // The payload as an archive value, when it is archivable.
+  // The payload as an archive value, when it is archivable (a byte buffer, text, number,
+  // date, URL, kp::ArchiveValue or archivable object).
   [[nodiscard]] std::optional<ArchiveValue> archivableData() const;
+
+  // The payload in the form the cache keeps for an entry of `type`; nothing when there is no
+  // payload or it has no such form. Plain results keep archivableData().
+  [[nodiscard]] virtual std::optional<ArchiveValue> cachePayload(CacheItemType type) const;
+  // Takes back a payload that cachePayload() gave: plain values become their C++ types
+  // (kp::Data, std::string, numbers, kp::Date, kp::Url), objects stay archive values.
+  virtual void restorePayload(const ArchiveValue& payload);
 
   RequestResult(const RequestResult&) = default;
   RequestResult& operator=(const RequestResult&) = default;
@@ -70,6 +94,7 @@ using RequestResultType = RequestResult;
 // What the host and the service layer see of an HTTP result.
 class HttpRequestResultType : public RequestResult {
  public:
+  using RequestResult::RequestResult;
   [[nodiscard]] virtual std::shared_ptr<HttpResponse> responseObject() const = 0;
   // True exactly when the error has code 600 (no connection).
   [[nodiscard]] bool noConnection() const noexcept { return error && error->code() == 600; }
@@ -88,15 +113,16 @@ class HttpRequestResult : public HttpRequestResultType {
   HttpRequestResult() = default;
   HttpRequestResult(const HttpRequestResult&) = default;
   HttpRequestResult& operator=(const HttpRequestResult&) = default;
+  // The copy shares nothing mutable with `other`: the response is copied too.
+  HttpRequestResult(const HttpRequestResult& other, WithoutData tag)
+      : HttpRequestResultType(other, tag),
+        response(other.response ? std::make_shared<HttpResponse>(*other.response) : nullptr) {}
 
   std::shared_ptr<HttpResponse> response;
 
   [[nodiscard]] std::shared_ptr<HttpResponse> responseObject() const override { return response; }
-  // The copy shares nothing mutable with this result: the response is copied too.
-  [[nodiscard]] std::shared_ptr<RequestResult> copy() const override {
-    auto out = std::make_shared<HttpRequestResult>(*this);
-    if (response) out->response = std::make_shared<HttpResponse>(*response);
-    return out;
+  [[nodiscard]] std::shared_ptr<RequestResult> copyWithoutData() const override {
+    return std::make_shared<HttpRequestResult>(*this, WithoutData{});
   }
 
   // Archived as "KPHttpRequestResult": what RequestResult writes, and the response.
@@ -107,6 +133,25 @@ class HttpRequestResult : public HttpRequestResultType {
  protected:
   // Reads what HttpRequestResult::encode wrote into `result`; typed results reuse it.
   static void decodeInto(HttpRequestResult& result, ArchiveDecoder& coder);
+};
+
+// The common part of the typed results: copies of the right class, the archive class name,
+// and reading back what HttpRequestResult writes. `Self` names its archive class in
+// kArchiveClassName and registers Self::decode under it.
+template <class Self>
+class TypedRequestResult : public HttpRequestResult {
+ public:
+  [[nodiscard]] std::shared_ptr<RequestResult> copyWithoutData() const override {
+    auto out = std::make_shared<Self>();
+    static_cast<HttpRequestResult&>(*out) = HttpRequestResult(*this, WithoutData{});
+    return out;
+  }
+  [[nodiscard]] std::string archiveClassName() const override { return std::string(Self::kArchiveClassName); }
+  [[nodiscard]] static std::shared_ptr<Self> decode(ArchiveDecoder& coder) {
+    auto result = std::make_shared<Self>();
+    decodeInto(*result, coder);
+    return result;
+  }
 };
 
 }  // namespace kp

@@ -1,17 +1,32 @@
 // The request toolkit's shared small types: priority, the per-request cache settings, and the
-// interfaces through which a request meets its handler and its queue.
+// interfaces through which a request meets its executor, its handler and its queue.
 //
-// The queue interface is deliberately empty here: the queues add their operations. The
-// response, result, cancellation-flag and session types are only named.
+//   RequestType: what the executor and the queues need of any request: its handler, its
+//     queue, its priority, and the entry point for a finished result.
+//   CacheableRequestType: requests that the cache may answer and keep.
+//   RequestHandlerInterface: performs the transfer of one request.
+//   RequestQueueInterface: decides when, and on which thread, a request's handler runs.
 //
-// Thread safety: RequestCacheConfig is not locked; configure it before execution.
+// The response, result, cancellation-flag and session types are only named here.
+//
+// Thread safety: RequestCacheConfig is not locked; configure it before execution. The queue
+// interface may be used from any thread.
+//
+// Example:
+//   auto config = std::make_shared<kp::RequestCacheConfig>();
+//   config->key = "forecast/berlin";
+//   config->maximumAge = 600;
+//   config->itemType = kp::CacheItemType::rawDataToFile;
+//   request->setCacheConfig(config);
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "kp/cache/cacheable.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
 
@@ -22,27 +37,57 @@ class RequestResult;
 class HttpRequestResultType;
 class CancelledFlag;
 class UrlSession;
+class RequestHandlerInterface;
+class RequestQueueInterface;
 
+// Values outside the three cases may be stored; queues treat them as normal.
 enum class RequestPriority : int { low = 0, normal = 1, high = 2 };
 
 // What the executor needs to read from and store into the cache for one request.
 class RequestCacheConfig {
  public:
-  // Without a key the cache is bypassed.
+  // Without a key the cache is bypassed. An empty key is looked up but never saved.
   std::optional<std::string> key;
   std::optional<std::string> group;
   TimeInterval maximumAge = 86400.0;
-  // Raw value of the cache item type.
-  int itemType = 0;
+  CacheItemType itemType = CacheItemType::serialized;
+  // Look up (and save) on the calling thread instead of the background pool.
   bool forceSynchronousLoad = false;
 };
 
-// Every kind of request; handlers find out what a request is by its interfaces.
+// Every kind of request; handlers find out what else a request is by its interfaces.
 class RequestType {
  public:
   virtual ~RequestType() = default;
+
+  [[nodiscard]] virtual const std::shared_ptr<RequestHandlerInterface>& handler() const = 0;
+  virtual void setHandler(std::shared_ptr<RequestHandlerInterface> handler) = 0;
+  [[nodiscard]] virtual const std::shared_ptr<RequestQueueInterface>& queue() const = 0;
+  virtual void setQueue(std::shared_ptr<RequestQueueInterface> queue) = 0;
+  [[nodiscard]] virtual RequestPriority priority() const = 0;
+  virtual void setPriority(RequestPriority priority) = 0;
+
+  // Called with the finished result (by the queue, or by the executor on a cache hit): the
+  // executor settles the ticket and the cache, then the completion callback runs. Results
+  // that the request does not deliver are ignored.
+  virtual void handleCompletion(const std::shared_ptr<RequestResult>& result) = 0;
+  // Whether handleCompletion() takes `result` (a cached result of another kind is a miss).
+  [[nodiscard]] virtual bool deliversResult(const RequestResult&) const { return true; }
 };
 
+// A request whose results the cache may answer and keep.
+class CacheableRequestType {
+ public:
+  virtual ~CacheableRequestType() = default;
+  // May be null: the request then bypasses the cache.
+  [[nodiscard]] virtual const std::shared_ptr<RequestCacheConfig>& cacheConfig() const = 0;
+  virtual void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) = 0;
+  // Sets cacheConfig()->key from the complete URL and the body. The library never calls it.
+  virtual void generateCacheKey() = 0;
+};
+
+// Receives the result of a transfer. A handler calls it at most once; a handler that ends
+// without a result (a cancelled transfer) lets go of it uncalled.
 using RequestHandlerCompletion = std::function<void(const std::shared_ptr<RequestResult>&)>;
 
 // Performs the transfer of a request.
@@ -61,6 +106,13 @@ class RequestHandlerInterface {
 class RequestQueueInterface {
  public:
   virtual ~RequestQueueInterface() = default;
+  // Runs the request's handler now or later; the result goes to request->handleCompletion().
+  virtual void addRequest(const std::shared_ptr<RequestType>& request) = 0;
+  // Stops the request if this queue holds it: no result is delivered for it afterwards.
+  virtual void cancelRequest(const std::shared_ptr<RequestType>& request) = 0;
+  virtual void cancelAll() = 0;
+  [[nodiscard]] virtual std::int64_t maxConcurrentRequests() const = 0;
+  virtual void setMaxConcurrentRequests(std::int64_t count) = 0;
 };
 
 }  // namespace kp

@@ -26,6 +26,7 @@
 #include "kp/coding/json.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/request/request_ticket.h"
 #include "kp/request/url_session.h"
 #include "kp/service/tarvix_service_request.h"
 
@@ -63,6 +64,10 @@ class ClientInfoWebService {
   TimeInterval timeoutInterval = 5.0;
   // The session the call runs on (see TarvixWebService); none gives it a session of its own.
   std::shared_ptr<UrlSession> urlSession;
+
+  // Sends "basicInfo"; `completion` receives the client info, or the call's error unchanged.
+  // Nothing (and no call) when baseUrl does not form a URL. The ticket can cancel the call.
+  std::shared_ptr<RequestTicketType> getBasicInfo(Completion completion) const;
 
   // The "basicInfo" request as getBasicInfo() sends it; nothing when baseUrl does not form a URL.
   [[nodiscard]] std::shared_ptr<TarvixServiceRequest> makeBasicInfoRequest() const;

@@ -37,12 +37,13 @@
 #include <utility>
 
 #include "kp/coding/json.h"
-#include "kp/platform/outcome.h"
+#include "kp/platform/result.h"
 #include "kp/request/encryption_request_type.h"
 #include "kp/request/http_request.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
 #include "kp/request/request_handler.h"
+#include "kp/request/request_ticket.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_service_request.h"
 
@@ -71,7 +72,7 @@ struct DecodableEnvelopeMeta {
 [[nodiscard]] DecodableEnvelopeMeta decodeEnvelopeMeta(const KeyedDecoder& envelope);
 // The received body, opened with the request's response key when it has one; nothing when
 // there is no body or it does not open.
-[[nodiscard]] std::optional<Data> openDecodableBody(const HttpRequestHandler& handler);
+[[nodiscard]] std::optional<Data> openSealedBody(const HttpRequestHandler& handler);
 // Sets `decoder` up for service answers: dates as seconds since 1970, and a context naming
 // `decoder` and `response` in its user info.
 void prepareServiceDecoder(JsonDecoder& decoder, const std::shared_ptr<HttpResponse>& response);
@@ -92,10 +93,10 @@ class DecodableTarvixServiceResult {
   ErrorPtr error;
 
   // The error when there is one; otherwise the data; otherwise a failure "No data available.".
-  [[nodiscard]] Outcome<T> asResult() const {
-    if (error) return Outcome<T>::failure(error);
-    if (data) return Outcome<T>::success(*data);
-    return Outcome<T>::failure(customError("No data available."));
+  [[nodiscard]] Result<T> asResult() const {
+    if (error) return Result<T>::failure(error);
+    if (data) return Result<T>::success(*data);
+    return Result<T>::failure(CustomError::make("No data available."));
   }
 
   // The result a request delivers from what its handler made: the decoded result, or one
@@ -152,7 +153,7 @@ class DecodableTarvixServiceRequestHandler : public HttpRequestHandler {
       notModified.httpResponse = result->response;
       return notModified;
     }
-    const std::optional<Data> body = internal::openDecodableBody(*this);
+    const std::optional<Data> body = internal::openSealedBody(*this);
     if (!body) return {};
     try {
       JsonDecoder decoder;
@@ -168,22 +169,43 @@ class DecodableTarvixServiceRequestHandler : public HttpRequestHandler {
 };
 
 template <class T>
-class DecodableTarvixServiceRequest : public HttpRequest, public EncryptionRequestType {
+class DecodableTarvixServiceRequest : public BasicHttpRequest, public EncryptionRequestType {
  public:
   using Result = DecodableTarvixServiceResult<T>;
+  using CompletionHandler = std::function<void(const Result&)>;
 
   // A new DecodableTarvixServiceRequestHandler<T>; method POST with the content type's
   // "Content-Type" ("application/json", or multipart form data with its quoted boundary).
   explicit DecodableTarvixServiceRequest(Url url,
                                          const MimeContentType& contentType = MimeContentType::applicationJson())
-      : HttpRequest(std::move(url)) {
-    setHandler(std::make_shared<DecodableTarvixServiceRequestHandler<T>>());
+      : BasicHttpRequest(std::move(url), std::make_shared<DecodableTarvixServiceRequestHandler<T>>()) {
     httpConfig()->method = HttpRequestMethod::post;
     httpConfig()->setHeader(contentType.headerValue(), "Content-Type");
   }
   [[nodiscard]] static std::shared_ptr<DecodableTarvixServiceRequest> make(
       Url url, const MimeContentType& contentType = MimeContentType::applicationJson()) {
     return std::make_shared<DecodableTarvixServiceRequest>(std::move(url), contentType);
+  }
+
+  [[nodiscard]] std::shared_ptr<RequestTicketType> execute() override { return BasicHttpRequest::execute(); }
+  // The completion receives the typed result; as BasicHttpRequest::execute(completion).
+  std::shared_ptr<RequestTicketType> execute(CompletionHandler completion) {
+    return BasicHttpRequest::execute(typed(std::move(completion)));
+  }
+  // The typed result, once it is there; nothing when none was delivered.
+  // REQUIRES: not called on a session's delegate queue.
+  [[nodiscard]] std::optional<Result> executeSynchronously() {
+    auto delivered = std::dynamic_pointer_cast<HttpRequestResult>(BasicHttpRequest::executeSynchronously());
+    if (!delivered) return std::nullopt;
+    return Result::from(*delivered);
+  }
+
+ private:
+  static RequestCompletionHandler typed(CompletionHandler completion) {
+    if (!completion) return {};
+    return [completion = std::move(completion)](const std::shared_ptr<HttpRequestResultType>& delivered) {
+      if (const auto* http = dynamic_cast<const HttpRequestResult*>(delivered.get())) completion(Result::from(*http));
+    };
   }
 };
 

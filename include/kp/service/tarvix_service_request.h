@@ -41,6 +41,7 @@
 #include "kp/request/encryption_request_type.h"
 #include "kp/request/http_request.h"
 #include "kp/request/request_handler.h"
+#include "kp/request/typed_http_request.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_service_request_result.h"
 
@@ -53,13 +54,27 @@ using TarvixServiceProcessReceivedDataHandler = std::function<std::optional<Json
     const std::optional<JsonValue>& payload, const std::shared_ptr<HttpResponseType>& response,
     const std::shared_ptr<TarvixServiceContentInfo>& contentInfo, const std::shared_ptr<CancelledFlag>& cancelled)>;
 
-class TarvixServiceRequest : public HttpRequest, public EncryptionRequestType {
+class TarvixServiceRequestHandler : public TypedRequestHandler<TarvixServiceRequestResult> {
+ public:
+  // Turns useSharedURLSession on.
+  TarvixServiceRequestHandler();
+
+  // The request must carry keys (EncryptionRequestType); builds the sealed wire request.
+  [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& candidate) override;
+  // Opens the envelope (see the file comment).
+  [[nodiscard]] std::any processReceivedData() override;
+
+  // The base result, as its own type.
+  const std::shared_ptr<TarvixServiceRequestResult> tarvixServiceRequestResult =
+      std::static_pointer_cast<TarvixServiceRequestResult>(result);
+};
+
+class TarvixServiceRequest
+    : public TypedHttpRequest<TarvixServiceRequest, TarvixServiceRequestHandler, TarvixServiceRequestResult>,
+      public EncryptionRequestType {
  public:
   // A new TarvixServiceRequestHandler; method POST with "Content-Type: application/json".
   explicit TarvixServiceRequest(Url url);
-  [[nodiscard]] static std::shared_ptr<TarvixServiceRequest> make(Url url) {
-    return std::make_shared<TarvixServiceRequest>(std::move(url));
-  }
 
   TarvixServiceProcessReceivedDataHandler tarvixServiceProcessReceivedDataHandler;
   // Carried for callers; the library does not read it.
@@ -68,25 +83,11 @@ class TarvixServiceRequest : public HttpRequest, public EncryptionRequestType {
   bool skipResponseParsing = false;
 };
 
-class TarvixServiceRequestHandler : public HttpRequestHandler {
- public:
-  // Makes tarvixServiceRequestResult the base result and turns useSharedURLSession on.
-  TarvixServiceRequestHandler();
-
-  // The request must carry keys (EncryptionRequestType); builds the sealed wire request.
-  [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& candidate) override;
-  // Opens the envelope (see the file comment).
-  [[nodiscard]] std::any processReceivedData() override;
-
-  const std::shared_ptr<TarvixServiceRequestResult> tarvixServiceRequestResult =
-      std::make_shared<TarvixServiceRequestResult>();
-};
-
 namespace internal {
-// canHandle of the service handlers: `request` must be an HTTP request that carries keys;
+// canHandle of the service handlers: `candidate` must be an HTTP request that carries keys;
 // `handler.urlRequest` becomes its sealed wire request.
 [[nodiscard]] ErrorPtr prepareSealedUrlRequest(HttpRequestHandler& handler,
-                                               const std::shared_ptr<RequestType>& request);
+                                               const std::shared_ptr<RequestType>& candidate);
 }  // namespace internal
 
 }  // namespace kp

@@ -13,7 +13,7 @@
 // Example:
 //   request->execute([](const std::shared_ptr<kp::TarvixServiceRequestResult>& result) {
 //     if (result->failed()) return show(result->error->localizedDescription());
-//     if (auto payload = result->dataAsJson()) render((*payload)["current"]);
+//     if (const kp::JsonValue* payload = result->dataAsJson()) render((*payload)["current"]);
 //     if (result->contentInfo->isLocalExpired()) scheduleReload();
 //   });
 #pragma once
@@ -28,13 +28,14 @@
 
 namespace kp {
 
-class TarvixServiceRequestResult : public HttpRequestResult {
+class TarvixServiceRequestResult : public TypedRequestResult<TarvixServiceRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPTarvixServiceRequestResult";
   static constexpr std::string_view kArchiveKeyContentInfo = "contentInfo";
   static constexpr std::string_view kArchiveKeyContentIsNotModified = "contentIsNotModified";
 
   TarvixServiceRequestResult() = default;
+  ~TarvixServiceRequestResult() override;
   TarvixServiceRequestResult(const TarvixServiceRequestResult&) = default;
   TarvixServiceRequestResult& operator=(const TarvixServiceRequestResult&) = default;
 
@@ -42,14 +43,17 @@ class TarvixServiceRequestResult : public HttpRequestResult {
   std::shared_ptr<TarvixServiceContentInfo> contentInfo = std::make_shared<TarvixServiceContentInfo>();
   bool contentIsNotModified = false;
 
-  // The payload as JSON: as the handler parsed it, or as the cache gave it back. Nothing when
-  // there is none, or when it is the raw body of a request that skipped parsing.
-  [[nodiscard]] std::optional<JsonValue> dataAsJson() const;
+  // The payload as parsed JSON; null when there is none, or when it is the raw body of a
+  // request that skipped parsing (a kp::Data).
+  [[nodiscard]] const JsonValue* dataAsJson() const noexcept { return std::any_cast<JsonValue>(&data); }
 
   // The copy shares nothing mutable with this result.
-  [[nodiscard]] std::shared_ptr<RequestResult> copy() const override;
+  [[nodiscard]] std::shared_ptr<RequestResult> copyWithoutData() const override;
+  // JSON payloads are kept as their compact text, raw bodies as bytes.
+  [[nodiscard]] std::optional<ArchiveValue> cachePayload(CacheItemType type) const override;
+  void restorePayload(const ArchiveValue& payload) override;
 
-  [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  // What HttpRequestResult writes, then "contentInfo" and the boolean "contentIsNotModified".
   void encode(ArchiveEncoder& coder) const override;
   [[nodiscard]] static std::shared_ptr<TarvixServiceRequestResult> decode(ArchiveDecoder& coder);
 };

@@ -32,6 +32,7 @@
 #include "kp/platform/data.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_response.h"
+#include "kp/request/request_ticket.h"
 #include "kp/request/url_session.h"
 #include "kp/service/decodable_tarvix_service_request.h"
 #include "kp/service/tarvix_service_request.h"
@@ -52,7 +53,7 @@ struct WebServiceSettings {
   // baseUrl + "/" + (version + "/") + method; nothing when that is not a URL.
   [[nodiscard]] std::optional<Url> createUrl(std::string_view method) const;
   // Adds the common parameters, the keys (or "skipcrypt=1"), the body and the session.
-  void prepare(HttpRequest& request, EncryptionRequestType& keys, std::optional<Data> content) const;
+  void prepare(BasicHttpRequest& request, EncryptionRequestType& keys, std::optional<Data> content) const;
 };
 }  // namespace internal
 
@@ -64,6 +65,10 @@ class TarvixWebService : public internal::WebServiceSettings {
   // A request for `method` with `content` as its body; nothing when the URL cannot be formed.
   [[nodiscard]] std::shared_ptr<TarvixServiceRequest> createRequestFor(
       std::string_view method, std::optional<Data> content = std::nullopt) const;
+  // Runs `request` through its executor and returns the ticket.
+  std::shared_ptr<RequestTicketType> execute(const std::shared_ptr<TarvixServiceRequest>& request) const {
+    return request->execute();
+  }
 };
 
 class DecodableTarvixWebService : public internal::WebServiceSettings {

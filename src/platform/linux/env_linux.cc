@@ -82,6 +82,8 @@ class LinuxEnv final : public Env {
     return isCode ? std::optional(code) : std::nullopt;
   }
 
+  bool standardErrorIsTerminal() const noexcept override { return ::isatty(STDERR_FILENO) == 1; }
+
   std::vector<std::string> preferredLanguages() const override {
     std::vector<std::string> tags;
     auto add = [&tags](std::string_view entry) {

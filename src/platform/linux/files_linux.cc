@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/files.h"
 
@@ -87,35 +88,86 @@ bool createPrivateDirectories(const std::filesystem::path& path) noexcept {
   }
 }
 
+namespace {
+
+// Fills a temporary file beside `path` with `fill` (which returns 0 or an errno value), makes
+// it durable and renames it over `path`; on failure removes it and returns the errno value
+// of the failed step, naming the step in `step`.
+template <class Fill>
+int replaceThroughTemporaryFile(const std::filesystem::path& path, const Fill& fill, const char*& step) {
+  const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+  std::string temporary =
+      (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
+  step = "cannot create a temporary file for";
+  const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
+  if (fd < 0) return errno;
+  // The data must be on disk before the rename is: a file system may commit the rename
+  // first, and a power loss would then leave the final name on a short file.
+  step = "cannot write";
+  int failure = fill(fd);
+  if (failure == 0) step = "cannot flush", failure = ::fsync(fd) == 0 ? 0 : errno;
+  if (::close(fd) != 0 && failure == 0) step = "cannot close", failure = errno;
+  if (failure == 0) step = "cannot replace", failure = ::rename(temporary.c_str(), path.c_str()) == 0 ? 0 : errno;
+  if (failure != 0) {
+    ::unlink(temporary.c_str());
+    return failure;
+  }
+  // Make the rename durable too. Failing here leaves the new file in place: still done.
+  if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
+  return 0;
+}
+
+// Copies what is left of `from` into `to`; 0 or an errno value.
+int copyAll(int from, int to) {
+  while (true) {
+    const ssize_t copied = ::copy_file_range(from, nullptr, to, nullptr, std::size_t{1} << 30, 0);
+    if (copied == 0) return 0;
+    if (copied > 0) continue;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+    break;  // not between these files: copy through a buffer
+  }
+  std::vector<std::uint8_t> buffer(std::size_t{1} << 20);
+  while (true) {
+    const ssize_t count = ::read(from, buffer.data(), buffer.size());
+    if (count == 0) return 0;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (!writeAll(to, std::span(buffer.data(), static_cast<std::size_t>(count)))) return errno;
+  }
+}
+
+}  // namespace
+
 bool writeFileAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes,
                          std::string* error) noexcept {
   try {
-    const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-    std::string temporary =
-        (folder / (std::string(kTemporaryFilePrefix) + path.filename().string() + ".XXXXXX")).string();
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);  // 0600
-    if (fd < 0) {
-      if (error) *error = describeErrno("cannot create a temporary file for", path, errno);
-      return false;
-    }
-    // The data must be on disk before the rename is: a file system may commit the rename
-    // first, and a power loss would then leave the final name on a short file.
-    const char* step = "cannot write";
-    bool ok = writeAll(fd, bytes);
-    if (ok) step = "cannot flush", ok = ::fsync(fd) == 0;
-    int failure = ok ? 0 : errno;
-    if (::close(fd) != 0 && ok) step = "cannot close", ok = false, failure = errno;
-    if (ok) step = "cannot replace", ok = ::rename(temporary.c_str(), path.c_str()) == 0, failure = ok ? 0 : errno;
-    if (!ok) {
-      ::unlink(temporary.c_str());
-      if (error) *error = describeErrno(step, path, failure);
-      return false;
-    }
-    // Make the rename durable too. Failing here leaves the new file in place: still done.
-    if (Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); dir.valid()) ::fsync(dir.get());
-    return true;
+    const char* step = "";
+    const int failure = replaceThroughTemporaryFile(
+        path, [&](int fd) { return writeAll(fd, bytes) ? 0 : errno; }, step);
+    if (failure != 0 && error) *error = describeErrno(step, path, failure);
+    return failure == 0;
   } catch (...) {
     return false;  // out of memory building the names
+  }
+}
+
+std::error_code moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+  if (::rename(from.c_str(), to.c_str()) == 0) return {};
+  if (errno != EXDEV) return {errno, std::generic_category()};
+  try {
+    Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!source.valid()) return {errno, std::generic_category()};
+    const char* step = "";
+    const int failure = replaceThroughTemporaryFile(
+        to, [&](int fd) { return copyAll(source.get(), fd); }, step);
+    if (failure != 0) return {failure, std::generic_category()};
+    ::unlink(from.c_str());
+    return {};
+  } catch (...) {
+    return std::make_error_code(std::errc::not_enough_memory);
   }
 }
 

@@ -1,0 +1,164 @@
+// kp::RequestQueue: an operation queue for requests. It runs at most
+// maxConcurrentRequests() handlers at a time (2 by default) and starts waiting requests by
+// priority (high, normal, low; values outside the three count as normal), in the order they
+// arrived within one priority. Handlers start on the library's threads, never on the main
+// thread: on the pool, or on the thread that has just finished the operation before them
+// (which spares a thread hand-off per request).
+//
+// Each request travels as a kp::RequestQueueOperation: pending, then executing, then
+// finished, with "cancelled" as a flag beside them. An operation cancelled before it started
+// only gets the flag: it reads as finished from then on, its start does nothing, and its
+// handler is never called. Cancelling an executing operation cancels its handler, and its
+// result, should one still arrive, is dropped. Operations announce each change of
+// "isExecuting" and "isFinished" to the queue (will-change before, did-change after),
+// inside their lock; the queue starts the next operation when one finishes.
+//
+// Ownership: the queue holds its operations until they finish; an operation holds its
+// request; a request holds its queue. A queue that nobody else holds thus lives until its
+// last operation has finished.
+//
+// Thread safety: every operation may be called from any thread. The flags of an operation
+// may be read without its lock.
+//
+// Example:
+//   auto queue = kp::RequestQueue::make();
+//   for (const auto& url : urls) {
+//     auto request = kp::DataRequest::make(url);
+//     request->setQueue(queue);
+//     request->setPriority(kp::RequestPriority::high);
+//     (void)request->execute([](const std::shared_ptr<kp::DataRequestResult>& result) { ... });
+//   }
+//   queue->numberOfRequestsInQueue();   // running or waiting
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "kp/request/request_types.h"
+
+namespace kp {
+
+class RequestQueueOperation;
+
+// Learns of an operation's changes; the queue that made the operation.
+class RequestQueueOperationDelegate {
+ public:
+  enum class Key { isExecuting, isFinished };
+
+  virtual ~RequestQueueOperationDelegate() = default;
+  // Called inside the operation's lock: must not call back into the operation except to
+  // read its flags.
+  virtual void operationWillChange(RequestQueueOperation& operation, Key key) = 0;
+  virtual void operationDidChange(RequestQueueOperation& operation, Key key) = 0;
+  // Called once an executing operation has finished (or was cancelled), after it let go of
+  // its lock; the delegate may start further work from here.
+  virtual void operationDidEnd(RequestQueueOperation&) {}
+};
+
+class RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
+ public:
+  // Operation priorities of the platform.
+  static constexpr int kQueuePriorityLow = -4;
+  static constexpr int kQueuePriorityNormal = 0;
+  static constexpr int kQueuePriorityHigh = 4;
+
+  RequestQueueOperation(std::shared_ptr<RequestType> request, std::weak_ptr<RequestQueueOperationDelegate> delegate);
+
+  // p × 4 − 4 for a raw priority p below 3 (low −4, normal 0, high 4); 0 for anything else.
+  [[nodiscard]] static int queuePriorityFor(RequestPriority priority) noexcept;
+
+  [[nodiscard]] int queuePriority() const noexcept { return queuePriority_; }
+  [[nodiscard]] bool isAsynchronous() const noexcept { return true; }
+  [[nodiscard]] bool isExecuting() const noexcept { return executing_.load(); }
+  // True once finished, and for an operation cancelled before it finished.
+  [[nodiscard]] bool isFinished() const noexcept { return finished_.load() || cancelled_.load(); }
+  [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
+  [[nodiscard]] const std::shared_ptr<RequestType>& request() const noexcept { return request_; }
+
+  // Unless cancelled: becomes executing and starts the request's handler.
+  void start();
+  // Unless cancelled or finished: cancels the handler of an executing operation (which then
+  // finishes) and sets the cancelled flag.
+  void cancel();
+
+ private:
+  // The handler answered, or let go of its completion without answering (`result` null).
+  void handlerEnded(const std::shared_ptr<RequestResult>& result);
+  // REQUIRES: lock_ held and the operation executing.
+  void moveToFinished();
+  void announce(bool didChange, RequestQueueOperationDelegate::Key key);
+
+  std::shared_ptr<RequestType> request_;
+  std::weak_ptr<RequestQueueOperationDelegate> delegate_;
+  int queuePriority_;
+  std::mutex lock_;
+  // Written under lock_, read without it.
+  std::atomic<bool> executing_{false};
+  std::atomic<bool> finished_{false};
+  std::atomic<bool> cancelled_{false};
+};
+
+class RequestQueue final : public RequestQueueInterface,
+                           public RequestQueueOperationDelegate,
+                           public std::enable_shared_from_this<RequestQueue> {
+ public:
+  static constexpr std::int64_t kDefaultMaxConcurrentRequests = 2;
+  // The platform's "utility" quality of service.
+  static constexpr int kQualityOfServiceUtility = 17;
+
+  [[nodiscard]] static std::shared_ptr<RequestQueue> make() { return std::make_shared<RequestQueue>(); }
+
+  void addRequest(const std::shared_ptr<RequestType>& request) override;
+  // Cancels the first operation, in order of arrival, that runs `request`.
+  void cancelRequest(const std::shared_ptr<RequestType>& request) override;
+  void cancelAll() override;
+  // At most this many handlers run at once; 0 starts nothing new (a paused queue) and a
+  // negative value means no limit. Raising it starts waiting requests at once.
+  [[nodiscard]] std::int64_t maxConcurrentRequests() const override;
+  void setMaxConcurrentRequests(std::int64_t count) override;
+  // Kept for hosts that read it back; the pool has a single class of service.
+  [[nodiscard]] int qualityOfService() const noexcept { return qualityOfService_.load(); }
+  void setQualityOfService(int value) noexcept { qualityOfService_.store(value); }
+  // Operations running or waiting.
+  [[nodiscard]] std::size_t numberOfRequestsInQueue() const;
+
+  void operationWillChange(RequestQueueOperation& operation, Key key) override;
+  void operationDidChange(RequestQueueOperation& operation, Key key) override;
+  void operationDidEnd(RequestQueueOperation& operation) override;
+
+ private:
+  using Sequence = std::uint64_t;
+  // Waiting operations in start order: higher priority first, then earlier arrival.
+  using WaitingKey = std::pair<int, Sequence>;
+
+  // Forgets an operation that reads as finished and claims the places it frees.
+  void operationEnded(const RequestQueueOperation& operation);
+  // Moves waiting operations to running, and into ready_, while the limit allows.
+  // REQUIRES: mutex_ held.
+  void claimWaiting();
+  // Starts the ready operations: on this thread unless it is the main thread or already
+  // starting one, otherwise on the pool.
+  void startReady();
+  void start(RequestQueueOperation& operation);
+  // Drops cancelled operations that never started.
+  void forgetIfFinished(const std::shared_ptr<RequestQueueOperation>& operation);
+
+  mutable std::mutex mutex_;
+  Sequence nextSequence_ = 0;                                              // guarded by mutex_
+  std::map<Sequence, std::shared_ptr<RequestQueueOperation>> operations_;  // guarded by mutex_, by arrival
+  std::set<WaitingKey> waiting_;                                           // guarded by mutex_
+  std::map<const RequestQueueOperation*, Sequence> sequences_;             // guarded by mutex_
+  std::set<Sequence> running_;                                             // guarded by mutex_
+  // Claimed places whose operations are not started yet; guarded by mutex_.
+  std::vector<std::shared_ptr<RequestQueueOperation>> ready_;
+  std::int64_t maxConcurrent_ = kDefaultMaxConcurrentRequests;  // guarded by mutex_
+  std::atomic<int> qualityOfService_{kQualityOfServiceUtility};
+};
+
+}  // namespace kp

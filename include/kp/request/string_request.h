@@ -1,0 +1,44 @@
+// The string kind: kp::StringRequest, kp::StringRequestHandler and kp::StringRequestResult.
+// The payload is the body as text when it is valid UTF-8 (strictly: no overlong forms, no
+// surrogates); other bytes, or none, give no payload and no error. Results may be cached.
+//
+// Thread safety: as BasicHttpRequest and HttpRequestHandler.
+//
+// Example:
+//   auto request = kp::StringRequest::make(*kp::Url::parse("https://api.example.com/motd.txt"));
+//   (void)request->execute([](const std::shared_ptr<kp::StringRequestResult>& result) {
+//     if (const std::string* text = result->dataAsString()) show(*text);
+//   });
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kp/request/request_handler.h"
+#include "kp/request/typed_http_request.h"
+
+namespace kp {
+
+class StringRequestResult : public TypedRequestResult<StringRequestResult> {
+ public:
+  static constexpr std::string_view kArchiveClassName = "KPStringRequestResult";
+  // The body as text; null when there was none or it was not UTF-8.
+  [[nodiscard]] const std::string* dataAsString() const noexcept { return std::any_cast<std::string>(&data); }
+
+  // The text's bytes, so that the cache may keep them in a file too.
+  [[nodiscard]] std::optional<ArchiveValue> cachePayload(CacheItemType type) const override;
+  void restorePayload(const ArchiveValue& payload) override;
+};
+
+class StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
+ public:
+  [[nodiscard]] std::any processReceivedData() override;
+};
+
+class StringRequest : public TypedHttpRequest<StringRequest, StringRequestHandler, StringRequestResult> {
+ public:
+  using TypedHttpRequest::TypedHttpRequest;
+};
+
+}  // namespace kp
