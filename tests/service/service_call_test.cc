@@ -12,6 +12,7 @@
 #include "kp/service/client_info_web_service.h"
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_web_service.h"
+#include "local_service_test.h"
 #include "support/cache_home.h"
 #include "support/test_servers.h"
 #include "weather_service.h"
@@ -24,21 +25,6 @@ using weather::Forecast;
 
 constexpr std::string_view kUserAgent = "ServiceCallTest/1.0";
 
-// Accepts the test certificate, as an application pinned to it would, and tells when the
-// session has closed its connections.
-class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
- public:
-  void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
-                           ChallengeHandler completion) override {
-    if (const auto& trust = challenge.protectionSpace.serverTrust) {
-      return completion(AuthChallengeDisposition::useCredential, UrlCredential::make(trust));
-    }
-    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
-  }
-  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override { ended.set_value(); }
-  std::promise<void> ended;
-};
-
 // Drains the main queue (where completions run) until `done` holds, for at most 10 s.
 template <class F>
 bool waitFor(F done) {
@@ -47,28 +33,12 @@ bool waitFor(F done) {
   return done();
 }
 
-class ServiceCallTest : public ::testing::TestWithParam<bool> {
+class ServiceCallTest : public test::LocalServiceTest {
  protected:
-  static void SetUpTestSuite() { certificate_ = new test::SelfSignedCertificate(); }
-  static void TearDownTestSuite() { delete certificate_; }
-
-  void SetUp() override {
-    weather::WeatherServiceOptions options;
-    if (GetParam()) {
-      options.certificatePath = certificate_->certificatePath().string();
-      options.privateKeyPath = certificate_->keyPath().string();
-    }
-    service_ = std::make_unique<weather::WeatherService>(options);
-    service_->start();
-    router_ = std::make_shared<TrustingRouter>();
+  [[nodiscard]] UrlSessionConfiguration sessionConfiguration() const override {
     auto configuration = UrlSessionConfiguration::defaultConfiguration();
     configuration.httpAdditionalHeaders["User-Agent"] = std::string(kUserAgent);
-    session_ = UrlSession::make(configuration, router_);
-  }
-  void TearDown() override {
-    auto ended = router_->ended.get_future();
-    session_->finishTasksAndInvalidate();
-    EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
+    return configuration;
   }
 
   // A facade on the local service with the forecast's keys and the test session.
@@ -80,11 +50,6 @@ class ServiceCallTest : public ::testing::TestWithParam<bool> {
     facade.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
     return facade;
   }
-
-  static inline test::SelfSignedCertificate* certificate_ = nullptr;
-  std::unique_ptr<weather::WeatherService> service_;
-  std::shared_ptr<TrustingRouter> router_;
-  std::shared_ptr<UrlSession> session_;
 };
 
 template <class Request>
@@ -216,7 +181,7 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, ServiceCallTest, ::testing::Values(false, true),
-                         [](const auto& transport) { return transport.param ? "Https" : "Http"; });
+                         test::LocalServiceTest::transportName);
 
 // Answers what each path asks for; "/hang" sends a head and then nothing.
 void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
