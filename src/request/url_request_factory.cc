@@ -29,11 +29,18 @@ UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
                                                std::optional<std::string_view> bodyEncryptionKey) {
   const HttpRequestConfig& config = request.httpConfigOrDefault();
   Url url = append(config.queryParameters, request.url());
+  std::optional<UrlRequest::ConnectTarget> connectTo;
   if (isUsableKey(queryEncryptionKey)) {
-    if (auto encrypted = TarvixServiceEncryptionHelper::encrypt(url, *queryEncryptionKey)) url = std::move(*encrypted);
+    if (auto encrypted = TarvixServiceEncryptionHelper::encrypt(url, *queryEncryptionKey)) {
+      // The sealed URL's authority is "host:PORT"; the connection still goes where the caller
+      // meant it to.
+      if (url.port() && encrypted->host() != url.host()) connectTo = UrlRequest::ConnectTarget{url.host(), *url.port()};
+      url = std::move(*encrypted);
+    }
   }
 
   UrlRequest wire(std::move(url));
+  wire.connectTo = std::move(connectTo);
   wire.httpMethod = httpVerb(config.method);
   wire.timeoutInterval = config.timeoutInterval;
 

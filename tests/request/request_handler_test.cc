@@ -9,6 +9,8 @@
 #include <mutex>
 
 #include "kp/request/request_errors.h"
+#include "kp/request/url_request_factory.h"
+#include "support/service_payload.h"
 #include "support/test_servers.h"
 
 namespace kp {
@@ -84,6 +86,9 @@ class HandlerTest : public ::testing::Test {
       std::this_thread::sleep_for(1500ms);
       r.set_content("late", "text/plain");
     });
+    s.Get("/host", [](const httplib::Request& q, httplib::Response& r) {
+      r.set_content(q.get_header_value("Host") + " " + q.get_param_value("data"), "text/plain");
+    });
     s.Get("/n/(\\d+)", [](const httplib::Request& q, httplib::Response& r) {
       r.set_content("body " + std::string(q.matches[1]), "text/plain");
     });
@@ -150,6 +155,24 @@ TEST_F(HandlerTest, StatusCodesOfFourHundredAndAboveEndInTheStatusError) {
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->isSuccess());
   EXPECT_TRUE(result->response->isNotModified());
+}
+
+TEST_F(HandlerTest, ASealedQueryReachesTheHostItsUrlNoLongerNames) {
+  // The sealed URL says "host:PORT"; the server on 127.0.0.1 gets the request and sees it so.
+  Transfer run(server.url("/host?lat=1"));
+  ASSERT_EQ(run.handler->canHandle(run.request), nullptr);
+  run.handler->urlRequest = UrlRequestFactory::createUrlRequest(*run.request, "key");
+  run.handler->handle(run.request, [&run](const std::shared_ptr<RequestResult>& result) {
+    std::lock_guard lock(run.mutex);
+    run.results.push_back(std::dynamic_pointer_cast<HttpRequestResult>(result));
+  });
+  auto result = run.wait();
+  ASSERT_TRUE(result);
+  ASSERT_TRUE(result->isSuccess()) << result->error->localizedDescription();
+  const std::string seen = body(*result);
+  const std::string host = "host:" + std::to_string(server.port());
+  ASSERT_EQ(seen.substr(0, host.size() + 1), host + " ") << seen;
+  EXPECT_EQ(kp::test::openEncodedValue(seen.substr(host.size() + 1), "key"), "lat=1");
 }
 
 TEST_F(HandlerTest, RedirectsAreFollowedBeforeTheResponseExists) {

@@ -135,6 +135,10 @@ TEST(UrlRequestFactory, EncryptedQuery) {
   const std::string prefix = "https://host:8443/p?data=";
   ASSERT_EQ(wire.url.absoluteString().rfind(prefix, 0), 0u) << wire.url.absoluteString();
   EXPECT_EQ(kp::test::openEncodedValue(wire.url.absoluteString().substr(prefix.size()), kKey), "a=1 2&b=x");
+  // The connection still goes to the host that the sealed URL no longer names.
+  EXPECT_EQ(wire.connectTo, (UrlRequest::ConnectTarget{"h", 8443}));
+  EXPECT_FALSE(UrlRequestFactory::createUrlRequest(*requestFor("https://h/p?a=1"), kKey).connectTo);
+  EXPECT_FALSE(UrlRequestFactory::createUrlRequest(*request).connectTo);
 }
 
 TEST(CacheKey, UrlThenBody) {

@@ -16,6 +16,7 @@
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
+#include "local_service_test.h"
 #include "support/process.h"
 #include "support/test_servers.h"
 
@@ -31,58 +32,14 @@ const std::string kQueryKey(kDefaultQueryStringEncryptionKey);
 const std::string kBodyKey(kClientInfoBodyEncryptionKey);
 const std::string kResponseKey(kClientInfoResponseDecryptionKey);
 
-// Accepts the test certificate, as an application pinned to it would.
-class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
- public:
-  void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
-                           ChallengeHandler completion) override {
-    if (const auto& trust = challenge.protectionSpace.serverTrust) {
-      return completion(AuthChallengeDisposition::useCredential, UrlCredential::make(trust));
-    }
-    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
-  }
-  // Its TLS connections are closed by then, so that none outlives the test.
-  void didBecomeInvalid(UrlSession&, const ErrorPtr&) override { ended.set_value(); }
-  std::promise<void> ended;
-};
-
-// An encrypted URL names its authority "host:<port>"; the service is reached on the loopback
-// address instead.
-UrlRequest onLoopback(UrlRequest wire) {
-  const Url& url = wire.url;
-  wire.url = *Url::parse(url.scheme() + "://127.0.0.1:" + std::to_string(*url.port()) + url.path() +
-                         (url.query() ? "?" + *url.query() : ""));
-  return wire;
-}
-
 JsonValue envelopeOf(const HttpRequestResult& result, const std::string& key) {
   const Data* body = std::any_cast<Data>(&result.data);
   if (body == nullptr) return {};
   return TarvixServiceEncryptionHelper::decryptData(body->bytes(), key).value_or(JsonValue());
 }
 
-class WeatherServiceTest : public ::testing::TestWithParam<bool> {
+class WeatherServiceTest : public test::LocalServiceTest {
  protected:
-  static void SetUpTestSuite() { certificate_ = new test::SelfSignedCertificate(); }
-  static void TearDownTestSuite() { delete certificate_; }
-
-  void SetUp() override {
-    weather::WeatherServiceOptions options;
-    if (GetParam()) {
-      options.certificatePath = certificate_->certificatePath().string();
-      options.privateKeyPath = certificate_->keyPath().string();
-    }
-    service_ = std::make_unique<weather::WeatherService>(options);
-    service_->start();
-    router_ = std::make_shared<TrustingRouter>();
-    session_ = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), router_);
-  }
-  void TearDown() override {
-    auto ended = router_->ended.get_future();
-    session_->finishTasksAndInvalidate();
-    EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
-  }
-
   // A service request as the facades make them: POST, JSON content type, the common
   // parameters first.
   std::shared_ptr<HttpRequest> request(const std::string& method) {
@@ -100,7 +57,7 @@ class WeatherServiceTest : public ::testing::TestWithParam<bool> {
                                           std::optional<std::string> bodyKey = std::nullopt) {
     auto handler = std::make_shared<HttpRequestHandler>();
     EXPECT_EQ(handler->canHandle(request), nullptr);
-    handler->urlRequest = onLoopback(UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey));
+    handler->urlRequest = UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey);
     auto done = std::make_shared<std::promise<std::shared_ptr<HttpRequestResult>>>();
     auto future = done->get_future();
     handler->handle(request, [done](const std::shared_ptr<RequestResult>& result) {
@@ -113,11 +70,6 @@ class WeatherServiceTest : public ::testing::TestWithParam<bool> {
     EXPECT_EQ(future.wait_for(0s), std::future_status::ready) << "no answer within 10 s";
     return future.wait_for(0s) == std::future_status::ready ? future.get() : nullptr;
   }
-
-  static inline test::SelfSignedCertificate* certificate_ = nullptr;
-  std::unique_ptr<weather::WeatherService> service_;
-  std::shared_ptr<TrustingRouter> router_;
-  std::shared_ptr<UrlSession> session_;
 };
 
 TEST_P(WeatherServiceTest, EncryptedForecastCarriesItsFreshnessAndRevalidates) {
@@ -228,7 +180,7 @@ TEST_P(WeatherServiceTest, RefusalsReachTheClientAsFailures) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, WeatherServiceTest, ::testing::Values(false, true),
-                         [](const auto& transport) { return transport.param ? "Https" : "Http"; });
+                         test::LocalServiceTest::transportName);
 
 // ---- The protocol without a transport ----------------------------------------------------------
 

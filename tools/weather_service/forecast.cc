@@ -8,6 +8,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "forecast_model.h"
+
 namespace kp::weather {
 namespace {
 
@@ -39,13 +41,6 @@ double smoothNoise(std::uint64_t seed, std::int64_t time, std::int64_t period) {
 
 double round1(double value) { return std::round(value * 10) / 10; }
 
-enum class Condition { clear, partlyCloudy, cloudy, rain, snow };
-
-const char* conditionName(Condition condition) {
-  static constexpr std::array<const char*, 5> kNames{"clear", "partlyCloudy", "cloudy", "rain", "snow"};
-  return kNames[static_cast<std::size_t>(condition)];
-}
-
 struct Hour {
   std::int64_t time = 0;
   double temperature = 0;
@@ -56,7 +51,7 @@ struct Hour {
   double precipitationProbability = 0;
   double cloudCover = 0;
   double humidity = 0;
-  Condition condition = Condition::clear;
+  WeatherCondition condition = WeatherCondition::clear;
 };
 
 class Model {
@@ -82,10 +77,10 @@ class Model {
     h.windDirection = std::fmod(540 * noise(7, time, 2 * kDay) + 60 * noise(8, time, 9 * kHour), 360.0);
     h.humidity = std::clamp(50 + 0.35 * h.cloudCover + (h.precipitation > 0 ? 10 : 0) - 3 * diurnal(time), 15.0, 100.0);
     if (h.precipitation > 0) {
-      h.condition = h.temperature < 0.5 ? Condition::snow : Condition::rain;
+      h.condition = h.temperature < 0.5 ? WeatherCondition::snow : WeatherCondition::rain;
     } else {
-      h.condition =
-          h.cloudCover > 85 ? Condition::cloudy : (h.cloudCover > 35 ? Condition::partlyCloudy : Condition::clear);
+      h.condition = h.cloudCover > 85 ? WeatherCondition::cloudy
+                                      : (h.cloudCover > 35 ? WeatherCondition::partlyCloudy : WeatherCondition::clear);
     }
     return h;
   }
@@ -147,7 +142,7 @@ boost::json::object currentEntry(const Hour& h) {
 boost::json::object dailyEntry(const Model& model, std::int64_t midnight) {
   double low = 1e9, high = -1e9, windMax = 0, pressureSum = 0, rain = 0, chance = 0;
   double windX = 0, windY = 0;
-  Condition worst = Condition::clear;
+  WeatherCondition worst = WeatherCondition::clear;
   for (std::int64_t hour = 0; hour < 24; ++hour) {
     const Hour h = model.at(midnight + hour * kHour);
     low = std::min(low, h.temperature);
@@ -194,4 +189,23 @@ boost::json::value makeForecast(double latitude, double longitude, std::int64_t 
                              {"daily", std::move(daily)}};
 }
 
+std::string_view conditionName(WeatherCondition condition) noexcept {
+  static constexpr std::array<std::string_view, 5> kNames{"clear", "partlyCloudy", "cloudy", "rain", "snow"};
+  return kNames[static_cast<std::size_t>(condition)];
+}
+
 }  // namespace kp::weather
+
+namespace kp {
+
+weather::WeatherCondition Coding<weather::WeatherCondition>::decode(const Decoder& d) {
+  const std::string name = d.decode<std::string>();
+  for (auto condition :
+       {weather::WeatherCondition::clear, weather::WeatherCondition::partlyCloudy, weather::WeatherCondition::cloudy,
+        weather::WeatherCondition::rain, weather::WeatherCondition::snow}) {
+    if (weather::conditionName(condition) == name) return condition;
+  }
+  d.fail("unknown weather condition \"" + name + "\"");
+}
+
+}  // namespace kp

@@ -14,6 +14,7 @@
 //   request.value("content-type");   // "text/plain"
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -49,6 +50,17 @@ class UrlRequest {
   // Sent with any method, GET included; a HEAD with a body is refused (its task fails with
   // UrlError::dataLengthExceedsMaximum), since a HEAD answer cannot be read after one.
   std::optional<Data> httpBody;
+
+  // Where connections to the URL's own host and port really go. The service protocol's
+  // sealed URLs name their authority "host:PORT", which resolves nowhere; the request factory
+  // records the host the caller meant here, and the session connects there while URL and
+  // Host header stay as they are. Applies only to hops whose authority is still the URL's.
+  struct ConnectTarget {
+    std::string host;  // as in a URL (IPv6 literals in brackets)
+    std::uint16_t port = 0;
+    friend bool operator==(const ConnectTarget&, const ConnectTarget&) = default;
+  };
+  std::optional<ConnectTarget> connectTo;
 
   [[nodiscard]] const std::vector<HeaderField>& allHTTPHeaderFields() const noexcept { return headers_; }
   // Replaces every header field by `fields`.

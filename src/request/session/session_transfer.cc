@@ -16,6 +16,13 @@ using internal::Clock;
 constexpr std::size_t kSpareHandles = 4;
 constexpr long kReceiveBufferSize = 256 * 1024;
 
+void freeLists(UrlSessionTask::Impl& t) {
+  curl_slist_free_all(t.headerList);
+  t.headerList = nullptr;
+  curl_slist_free_all(t.connectTo);
+  t.connectTo = nullptr;
+}
+
 }  // namespace
 
 void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
@@ -27,10 +34,7 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   } else {
     curl_easy_reset(t.easy);
   }
-  if (t.headerList) {
-    curl_slist_free_all(t.headerList);
-    t.headerList = nullptr;
-  }
+  freeLists(t);
   t.head.reset();
   t.hopResponse.reset();
   t.doneCode.reset();
@@ -97,6 +101,15 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   list = curl_slist_append(list, "Expect:");
   t.headerList = list;
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, list);
+
+  // libcurl matches the URL's host and port against the entry, so a redirect elsewhere
+  // connects where its own URL says.
+  if (r.connectTo && r.url.port()) {
+    const std::string entry = r.url.host() + ":" + std::to_string(*r.url.port()) + ":" + r.connectTo->host + ":" +
+                              std::to_string(r.connectTo->port);
+    t.connectTo = curl_slist_append(nullptr, entry.c_str());
+    curl_easy_setopt(e, CURLOPT_CONNECT_TO, t.connectTo);
+  }
 }
 
 // MARK: - Head
@@ -276,10 +289,7 @@ void UrlSession::Impl::releaseTransfer(UrlSessionTask::Impl& t) {
     }
     t.easy = nullptr;
   }
-  if (t.headerList) {
-    curl_slist_free_all(t.headerList);
-    t.headerList = nullptr;
-  }
+  freeLists(t);
   t.body = Data();
 }
 

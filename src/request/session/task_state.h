@@ -63,6 +63,7 @@ struct UrlSessionTask::Impl {
   // Driver thread only.
   CURL* easy = nullptr;
   curl_slist* headerList = nullptr;
+  curl_slist* connectTo = nullptr;
   Data body;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   bool inMulti = false;

@@ -1,0 +1,67 @@
+// The web-service facades: method URLs and the request set-up both share.
+#include "kp/service/tarvix_web_service.h"
+
+namespace kp {
+namespace {
+
+std::string withoutTrailingSlashes(std::string url) {
+  while (url.ends_with('/') && !url.ends_with("//")) url.pop_back();
+  return url;
+}
+
+}  // namespace
+
+namespace internal {
+
+std::optional<Url> WebServiceSettings::createUrl(std::string_view method) const {
+  std::string text = baseUrl;
+  text += '/';
+  if (version && !version->empty()) {
+    text += *version;
+    text += '/';
+  }
+  text += method;
+  auto url = Url::parse(text);
+  if (!url || !url->isAbsolute()) return std::nullopt;
+  return url;
+}
+
+void WebServiceSettings::prepare(BasicHttpRequest& request, EncryptionRequestType& keys,
+                                 std::optional<Data> content) const {
+  HttpRequestConfig& config = *request.httpConfig();
+  config.addQuery(requestParameters.queryParameters());
+  if (encryptionDetails.skipEncryptionAndDecryption) {
+    config.addQuery("1", "skipcrypt");
+  } else {
+    keys.requestQueryEncryptionKey = encryptionDetails.queryStringEncryptionKey;
+    keys.requestBodyEncryptionKey = encryptionDetails.bodyEncryptionKey;
+    keys.responseBodyDecryptionKey = encryptionDetails.responseDecryptionKey;
+  }
+  config.bodyData = std::move(content);
+  if (urlSession) {
+    // The request's own handler would otherwise hand it a session of its own.
+    if (auto handler = std::dynamic_pointer_cast<HttpRequestHandler>(request.handler())) {
+      handler->useSharedURLSession = false;
+    }
+    request.setUrlSession(urlSession);
+  }
+}
+
+}  // namespace internal
+
+TarvixWebService::TarvixWebService(std::string url) { baseUrl = withoutTrailingSlashes(std::move(url)); }
+
+std::shared_ptr<TarvixServiceRequest> TarvixWebService::createRequestFor(std::string_view method,
+                                                                         std::optional<Data> content) const {
+  auto url = createUrl(method);
+  if (!url) return nullptr;
+  auto request = TarvixServiceRequest::make(std::move(*url));
+  prepare(*request, *request, std::move(content));
+  return request;
+}
+
+DecodableTarvixWebService::DecodableTarvixWebService(std::string url) {
+  baseUrl = withoutTrailingSlashes(std::move(url));
+}
+
+}  // namespace kp

@@ -1,0 +1,268 @@
+// Service calls end to end: the facades' requests run through their executors against the
+// local weather service over HTTP and HTTPS (typed and untyped forecasts, the cache,
+// revalidation, client info, refusals), and against servers that misbehave.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+
+#include "forecast_model.h"
+#include "kp/cache/cache_controller.h"
+#include "kp/request/request_ticket.h"
+#include "kp/service/client_info_web_service.h"
+#include "kp/service/encryption.h"
+#include "kp/service/tarvix_web_service.h"
+#include "local_service_test.h"
+#include "support/cache_home.h"
+#include "support/test_servers.h"
+#include "weather_service.h"
+
+namespace kp {
+namespace {
+
+using namespace std::chrono_literals;
+using weather::Forecast;
+
+constexpr std::string_view kUserAgent = "ServiceCallTest/1.0";
+
+// Drains the main queue (where completions run) until `done` holds, for at most 10 s.
+template <class F>
+bool waitFor(F done) {
+  const auto end = std::chrono::steady_clock::now() + 10s;
+  while (!done() && std::chrono::steady_clock::now() < end) MainQueue::shared()->runFor(5ms);
+  return done();
+}
+
+class ServiceCallTest : public test::LocalServiceTest {
+ protected:
+  [[nodiscard]] UrlSessionConfiguration sessionConfiguration() const override {
+    auto configuration = UrlSessionConfiguration::defaultConfiguration();
+    configuration.httpAdditionalHeaders["User-Agent"] = std::string(kUserAgent);
+    return configuration;
+  }
+
+  // A facade on the local service with the forecast's keys and the test session.
+  template <class Facade>
+  Facade facade() const {
+    Facade facade(service_->baseUrl());
+    facade.urlSession = session_;
+    facade.encryptionDetails.bodyEncryptionKey = std::string(kClientInfoBodyEncryptionKey);
+    facade.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
+    return facade;
+  }
+};
+
+template <class Request>
+void locate(Request& request, const std::string& latitude, const std::string& longitude) {
+  request.httpConfig()->addQuery(latitude, "latitude");
+  request.httpConfig()->addQuery(longitude, "longitude");
+}
+
+TEST_P(ServiceCallTest, TypedForecastsDecodeEveryHourAndDayAndFailuresCarryTheServicesText) {
+  const auto service = facade<DecodableTarvixWebService>();
+  auto request = service.createRequest<Forecast>("forecast");
+  locate(*request, "-33.87", "151.21");
+  const auto result = request->executeSynchronously();
+  ASSERT_TRUE(result);
+  const auto outcome = result->asResult();
+  ASSERT_TRUE(outcome.value()) << outcome.error()->localizedDescription();
+  const Forecast& forecast = *outcome.value();
+  EXPECT_EQ(forecast.location.latitude, -33.87);
+  ASSERT_EQ(forecast.hourly.size(), 48u);
+  ASSERT_EQ(forecast.daily.size(), 7u);
+  EXPECT_EQ(forecast.current.time, result->contentInfo.remoteCreatedAt);
+  EXPECT_EQ(forecast.hourly[47].time, forecast.current.time.addingTimeInterval(47 * 3600.0));
+  EXPECT_EQ(result->contentInfo.formatVersion, 1);
+  EXPECT_EQ(result->contentInfo.expiryInterval, 3600.0);
+  ASSERT_TRUE(result->httpResponse);
+  EXPECT_EQ(result->httpResponse->statusCode, 200);
+
+  // Understood but without content: the envelope's "meta"/"code" fails the call, and the
+  // ticket fails with it.
+  auto offGlobe = service.createRequest<Forecast>("forecast");
+  locate(*offGlobe, "91", "0");
+  std::optional<DecodableTarvixServiceResult<Forecast>> delivered;
+  const auto ticket = offGlobe->execute([&](const DecodableTarvixServiceResult<Forecast>& r) { delivered = r; });
+  ASSERT_TRUE(waitFor([&] { return delivered.has_value(); }));
+  ASSERT_TRUE(delivered->error);
+  EXPECT_EQ(delivered->error->code(), 422);
+  EXPECT_NE(delivered->error->localizedDescription().find("latitude 91"), std::string::npos);
+  EXPECT_TRUE(ticket->failed());
+  EXPECT_EQ(ticket->error(), delivered->error);
+}
+
+TEST_P(ServiceCallTest, ASecondCallIsServedFromTheCacheWithTheArchivedContentInfo) {
+  const auto service = facade<TarvixWebService>();
+  auto forecastRequest = [&service] {
+    auto request = service.createRequestFor("forecast");
+    locate(*request, "52.37", "4.90");
+    request->generateCacheKey();
+    return request;
+  };
+  auto first = forecastRequest();
+  const std::string key = *first->cacheConfig()->key;
+  CacheController::sharedInstance()->removeCacheItem(key);
+
+  std::shared_ptr<TarvixServiceRequestResult> network;
+  const auto ticket = first->execute([&](const std::shared_ptr<TarvixServiceRequestResult>& r) { network = r; });
+  ASSERT_TRUE(waitFor([&] { return network != nullptr; }));
+  ASSERT_TRUE(network->isSuccess()) << network->error->localizedDescription();
+  EXPECT_TRUE(ticket->isFinished() && ticket->isSuccess());
+  EXPECT_FALSE(network->fromCache());
+  ASSERT_TRUE(network->dataAsJson());
+  EXPECT_EQ((*network->dataAsJson())["hourly"].size(), 48u);
+  EXPECT_EQ(network->contentInfo->expiryInterval, 3600.0);
+  // The result is stored in the background after its completion.
+  ASSERT_TRUE(waitFor([&] { return CacheController::sharedInstance()->getCacheItem(key) != nullptr; }));
+
+  const auto cached = forecastRequest()->executeSynchronously();
+  ASSERT_TRUE(cached);
+  EXPECT_TRUE(cached->fromCache());
+  ASSERT_TRUE(cached->dataAsJson());
+  EXPECT_EQ(*cached->dataAsJson(), *network->dataAsJson());
+  // The content info is the one archived with the first answer, its arrival time included.
+  ASSERT_TRUE(cached->contentInfo);
+  EXPECT_EQ(*cached->contentInfo, *network->contentInfo);
+  EXPECT_EQ(cached->response->etag(), network->response->etag());
+
+  // Revalidation: 304, no payload, the content info refreshed from the headers.
+  auto conditional = service.createRequestFor("forecast");
+  conditional->httpConfig()->queryParameters = first->httpConfig()->queryParameters;
+  conditional->httpConfig()->etag = network->response->etag();
+  const auto revalidated = conditional->executeSynchronously();
+  ASSERT_TRUE(revalidated && revalidated->isSuccess());
+  EXPECT_EQ(revalidated->response->statusCode, 304);
+  EXPECT_TRUE(revalidated->contentIsNotModified);
+  EXPECT_FALSE(revalidated->data.has_value());
+  EXPECT_EQ(revalidated->contentInfo->remoteCreatedAt, network->contentInfo->remoteCreatedAt);
+  EXPECT_GE(revalidated->contentInfo->localCreatedAt, network->contentInfo->localCreatedAt);
+  CacheController::sharedInstance()->removeCacheItem(key);
+}
+
+TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
+  ClientInfoWebService clientInfo(service_->baseUrl());
+  clientInfo.urlSession = session_;
+  std::mutex mutex;
+  std::optional<std::pair<std::optional<ClientBasicInfo>, ErrorPtr>> answer;
+  const auto ticket = clientInfo.getBasicInfo([&](std::optional<ClientBasicInfo> info, ErrorPtr error) {
+    std::lock_guard lock(mutex);
+    answer.emplace(std::move(info), std::move(error));
+  });
+  ASSERT_TRUE(ticket);
+  ASSERT_TRUE(waitFor([&] {
+    std::lock_guard lock(mutex);
+    return answer.has_value();
+  }));
+  EXPECT_FALSE(answer->second);
+  EXPECT_EQ(answer->first, (ClientBasicInfo{.ip = "127.0.0.1", .userAgent = std::string(kUserAgent)}));
+
+  // A query the service cannot open, and a method it does not know: HTTP status errors.
+  auto wrongKey = facade<TarvixWebService>();
+  wrongKey.encryptionDetails.queryStringEncryptionKey = "not the service's key";
+  auto sealedWrong = wrongKey.createRequestFor("forecast");
+  locate(*sealedWrong, "1", "2");
+  const auto refused = sealedWrong->executeSynchronously();
+  ASSERT_TRUE(refused && refused->error);
+  EXPECT_EQ(refused->error->localizedDescription(), "Request failed with status code: 400.");
+  const auto unknown = facade<TarvixWebService>().createRequestFor("snowfall")->executeSynchronously();
+  ASSERT_TRUE(unknown && unknown->error);
+  EXPECT_EQ(unknown->response->statusCode, 404);
+
+  // Plain under skipcrypt, with the untyped envelope's own failure: "success" false, whose
+  // error carries the message and no code.
+  auto plain = facade<TarvixWebService>();
+  plain.encryptionDetails.skipEncryptionAndDecryption = true;
+  auto offGlobe = plain.createRequestFor("forecast");
+  locate(*offGlobe, "0", "181");
+  const auto failed = offGlobe->executeSynchronously();
+  ASSERT_TRUE(failed && failed->error);
+  EXPECT_NE(failed->error->localizedDescription().find("longitude 181"), std::string::npos);
+  EXPECT_EQ(failed->error->code(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, ServiceCallTest, ::testing::Values(false, true),
+                         test::LocalServiceTest::transportName);
+
+// Answers what each path asks for; "/hang" sends a head and then nothing.
+void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
+  const std::string sealed = *aes256EncryptString(R"({"meta": {"code": 200}, "data": 7})", "wrong key");
+  const std::pair<std::string_view, std::string> answers[] = {
+      {"/ciphertext-of-another-key", sealed},
+      {"/not-json", "<html>busy</html>"},
+      {"/mistyped", R"({"success": "yes", "message": 3, "meta": {"statusCode": "x", "code": [],
+                       "contentInfo": {"formatVersion": "1", "expiryInterval": {}}}, "data": {"a": 1}})"},
+  };
+  for (const auto& [path, body] : answers) {
+    if (request.find(" /" + std::string(path.substr(1))) != std::string::npos) {
+      write("HTTP/1.1 200 OK\r\nTarvix-Content-Max-Age: soon\r\nTarvix-Content-Format: 1.5\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body);
+      return;
+    }
+  }
+  if (request.find(" /not-modified") != std::string::npos) {
+    write("HTTP/1.1 304 Not Modified\r\n\r\n");
+  } else if (request.find(" /hang") != std::string::npos) {
+    write("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"data\"");
+    std::this_thread::sleep_for(1500ms);
+  }
+}
+
+TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
+  test::RawServer server(hostileAnswer);
+  TarvixWebService untyped(server.url(""));
+  untyped.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
+  DecodableTarvixWebService typed(server.url(""));
+  typed.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
+
+  // Not ciphertext for the key, not JSON: no payload and no error, untyped or typed.
+  for (const char* method : {"ciphertext-of-another-key", "not-json"}) {
+    const auto result = untyped.createRequestFor(method)->executeSynchronously();
+    ASSERT_TRUE(result) << method;
+    EXPECT_FALSE(result->error || result->data.has_value()) << method;
+    const auto decoded = typed.createRequest<int>(method)->executeSynchronously();
+    ASSERT_TRUE(decoded) << method;
+    EXPECT_EQ(decoded->asResult().error()->localizedDescription(), "No data available.") << method;
+  }
+  // Wrong types everywhere: the untyped envelope ignores them; the typed one names the path.
+  const auto mistyped = untyped.createRequestFor("mistyped")->executeSynchronously();
+  ASSERT_TRUE(mistyped && mistyped->isSuccess());
+  EXPECT_EQ((*mistyped->dataAsJson())["a"], JsonValue(1));
+  EXPECT_FALSE(mistyped->contentInfo->expiryInterval || mistyped->contentInfo->formatVersion);
+  const auto strict =
+      DecodableTarvixWebService(server.url("")).createRequest<Forecast>("mistyped")->executeSynchronously();
+  ASSERT_TRUE(strict && strict->error);
+  EXPECT_NE(strict->error->localizedDescription().find("meta.contentInfo"), std::string::npos);
+
+  // A 304 without any header still marks the content not modified.
+  const auto bare = untyped.createRequestFor("not-modified")->executeSynchronously();
+  ASSERT_TRUE(bare && bare->isSuccess());
+  EXPECT_TRUE(bare->contentIsNotModified);
+
+  // A server that stops after the head: the timeout ends the call, not much later.
+  auto hanging = untyped.createRequestFor("hang");
+  hanging->httpConfig()->timeoutInterval = 0.3;
+  const auto started = std::chrono::steady_clock::now();
+  const auto timedOut = hanging->executeSynchronously();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+  ASSERT_TRUE(timedOut && timedOut->error);
+  EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
+
+  // Client info from a closed port: the transport's error, unchanged, and no info.
+  ClientInfoWebService clientInfo("http://127.0.0.1:" + std::to_string(test::closedPort()));
+  std::mutex mutex;
+  std::optional<std::pair<std::optional<ClientBasicInfo>, ErrorPtr>> answer;
+  (void)clientInfo.getBasicInfo([&](std::optional<ClientBasicInfo> info, ErrorPtr error) {
+    std::lock_guard lock(mutex);
+    answer.emplace(std::move(info), std::move(error));
+  });
+  ASSERT_TRUE(waitFor([&] {
+    std::lock_guard lock(mutex);
+    return answer.has_value();
+  }));
+  EXPECT_FALSE(answer->first);
+  ASSERT_TRUE(answer->second);
+  EXPECT_EQ(answer->second->code(), static_cast<std::int64_t>(UrlError::cannotConnectToHost));
+}
+
+}  // namespace
+}  // namespace kp
