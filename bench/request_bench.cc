@@ -12,6 +12,7 @@
 #include <fstream>
 #include <mutex>
 #include <random>
+#include <semaphore>
 #include <thread>
 
 #include "kp/cache/cache_controller.h"
@@ -139,18 +140,20 @@ std::shared_ptr<kp::HttpRequestResult> runHandler(const std::string& url,
   request->setCompletionDispatchQueue(nullptr);
   if (session) request->setUrlSession(session);
   auto handler = std::make_shared<kp::HttpRequestHandler>();
-  std::mutex mutex;
-  std::condition_variable done;
-  std::shared_ptr<kp::HttpRequestResult> out;
+  // The waiter's state is shared with the callback, so the callback can wake it after it let
+  // go of everything: a notify under a held mutex wakes the waiter only to block it again.
+  struct Completion {
+    std::binary_semaphore ready{0};
+    std::shared_ptr<kp::HttpRequestResult> result;
+  };
+  auto completion = std::make_shared<Completion>();
   (void)handler->canHandle(request);
-  handler->handle(request, [&](const std::shared_ptr<kp::RequestResult>& result) {
-    std::lock_guard lock(mutex);
-    out = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
-    done.notify_all();
+  handler->handle(request, [completion](const std::shared_ptr<kp::RequestResult>& result) {
+    completion->result = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
+    completion->ready.release();
   });
-  std::unique_lock lock(mutex);
-  done.wait(lock, [&] { return out != nullptr; });
-  return out;
+  completion->ready.acquire();
+  return completion->result;
 }
 
 size_t appendToString(char* bytes, size_t size, size_t count, void* user) {
