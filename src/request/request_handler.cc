@@ -188,6 +188,11 @@ void HttpRequestHandler::didReceiveResponse(UrlSession&, UrlSessionDataTask&,
     return;
   }
   expectedContentLength = response->expectedContentLength();
+  if (expectedContentLength > maximumReceivedDataLength) {
+    refuseOversizedBody(response->url());
+    completion(ResponseDisposition::cancel);
+    return;
+  }
   if (expectedContentLength >= 1 && !receivedData) {
     receivedData.emplace();
     receivedData->reserve(static_cast<std::size_t>(std::min(expectedContentLength, kMaximumInitialCapacity)));
@@ -195,11 +200,26 @@ void HttpRequestHandler::didReceiveResponse(UrlSession&, UrlSessionDataTask&,
   completion(ResponseDisposition::allow);
 }
 
-void HttpRequestHandler::didReceiveData(UrlSession&, UrlSessionDataTask&, const Data& data) {
+void HttpRequestHandler::didReceiveData(UrlSession&, UrlSessionDataTask& task, const Data& data) {
+  // Pieces already on their way after the refusal are dropped.
+  if (result->error) return;
+  const std::size_t held = receivedData ? receivedData->size() : 0;
+  if (static_cast<std::int64_t>(held + data.size()) > maximumReceivedDataLength) {
+    refuseOversizedBody(task.currentRequest().url);
+    task.cancel();
+    return;
+  }
   if (!receivedData) receivedData.emplace();
   receivedData->append(data);
   numberOfBytesReceived += static_cast<std::int64_t>(data.size());
   updateProgress();
+}
+
+void HttpRequestHandler::refuseOversizedBody(const std::optional<Url>& url) {
+  // Set before the task is cancelled, so that its completion reports this error rather than
+  // ending silently as a cancelled task does.
+  result->error = makeUrlError(UrlError::dataLengthExceedsMaximum, url);
+  receivedData.reset();
 }
 
 void HttpRequestHandler::updateProgress() {

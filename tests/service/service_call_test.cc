@@ -204,6 +204,14 @@ void hostileAnswer(const std::string& request, const test::RawServer::Writer& wr
   } else if (request.find(" /hang") != std::string::npos) {
     write("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"data\"");
     std::this_thread::sleep_for(1500ms);
+  } else if (request.find(" /endless") != std::string::npos) {
+    // Bounded, so that a client that keeps reading still ends the test.
+    const std::string chunk(64 << 10, ' ');
+    if (!write("HTTP/1.1 200 OK\r\n\r\n")) return;
+    for (int i = 0; i < 2048 && write(chunk); ++i) {
+    }
+  } else if (request.find(" /announced") != std::string::npos) {
+    write("HTTP/1.1 200 OK\r\nContent-Length: 1000000000000\r\n\r\n{");
   }
 }
 
@@ -246,6 +254,17 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
   EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
   ASSERT_TRUE(timedOut && timedOut->error);
   EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
+
+  // A body beyond the handler's limit ends the call with an error, whether it streams on or
+  // its length is announced up front, instead of filling memory.
+  for (const char* method : {"endless", "announced"}) {
+    auto oversized = untyped.createRequestFor(method);
+    std::dynamic_pointer_cast<HttpRequestHandler>(oversized->handler())->maximumReceivedDataLength = 1 << 20;
+    const auto refused = oversized->executeSynchronously();
+    ASSERT_TRUE(refused && refused->error) << method;
+    EXPECT_EQ(refused->error->code(), static_cast<std::int64_t>(UrlError::dataLengthExceedsMaximum)) << method;
+    EXPECT_FALSE(refused->data.has_value()) << method;
+  }
 
   // Client info from a closed port: the transport's error, unchanged, and no info.
   ClientInfoWebService clientInfo("http://127.0.0.1:" + std::to_string(test::closedPort()));

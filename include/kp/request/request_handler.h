@@ -141,6 +141,11 @@ class HttpRequestHandler : public RequestHandler,
   std::shared_ptr<CancelledFlag> cancelledFlag = std::make_shared<CancelledFlag>();
   std::int64_t expectedContentLength = -1;
   std::int64_t numberOfBytesReceived = 0;
+  // A body longer than this (announced or received) ends the transfer with
+  // UrlError::dataLengthExceedsMaximum: the body is held in memory, and its length is the
+  // server's to choose.
+  std::int64_t maximumReceivedDataLength = kDefaultMaximumReceivedDataLength;
+  static constexpr std::int64_t kDefaultMaximumReceivedDataLength = std::int64_t{256} << 20;
   bool usingCustomURLSession = false;
   bool useSharedURLSession = false;
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sessionDelegateHandler;
@@ -152,6 +157,8 @@ class HttpRequestHandler : public RequestHandler,
   // Makes the result from the response head (status, all header fields, cookies).
   void initializeResult(const HttpUrlResponse& response);
   void updateProgress();
+  // Makes the result's error UrlError::dataLengthExceedsMaximum and lets go of the body.
+  void refuseOversizedBody(const std::optional<Url>& url);
   // Calls the completion callback with the result, once: the handler lets go of it.
   void complete();
   // Lets go of the completion callback uncalled: the transfer ended without a result.
