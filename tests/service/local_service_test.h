@@ -7,6 +7,9 @@
 
 #include <future>
 #include <memory>
+#include <mutex>
+#include <set>
+#include <string>
 
 #include "kp/request/request_handler.h"
 #include "support/test_servers.h"
@@ -20,6 +23,10 @@ class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
   void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
                            ChallengeHandler completion) override {
     if (const auto& trust = challenge.protectionSpace.serverTrust) {
+      {
+        std::lock_guard lock(mutex);
+        challengedHosts.insert(trust->host() + ":" + std::to_string(trust->port()));
+      }
       return completion(AuthChallengeDisposition::useCredential, UrlCredential::make(trust));
     }
     HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
@@ -27,6 +34,9 @@ class TrustingRouter : public HttpRequestURLSessionDelegateHandler {
   // Its TLS connections are closed by then, so that none outlives the test.
   void didBecomeInvalid(UrlSession&, const ErrorPtr&) override { ended.set_value(); }
   std::promise<void> ended;
+  // "host:port" of every server whose certificate was checked.
+  std::mutex mutex;
+  std::set<std::string> challengedHosts;  // GUARDED_BY(mutex)
 };
 
 class LocalServiceTest : public ::testing::TestWithParam<bool> {

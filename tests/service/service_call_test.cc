@@ -155,6 +155,13 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
   }));
   EXPECT_FALSE(answer->second);
   EXPECT_EQ(answer->first, (ClientBasicInfo{.ip = "127.0.0.1", .userAgent = std::string(kUserAgent)}));
+  if (GetParam()) {
+    // The sealed URL names its authority "host:PORT"; the certificate is checked against the
+    // server the caller meant, and that is the server a pinning delegate is asked about.
+    const auto port = Url::parse(service_->baseUrl())->port();
+    std::lock_guard lock(router_->mutex);
+    EXPECT_EQ(router_->challengedHosts, std::set<std::string>{"127.0.0.1:" + std::to_string(*port)});
+  }
 
   // A query the service cannot open, and a method it does not know: HTTP status errors.
   auto wrongKey = facade<TarvixWebService>();

@@ -23,8 +23,7 @@ struct TrustAnswer {
   std::optional<internal::TrustDecision> answer;  // guarded by mutex
 };
 
-std::string hostWithoutBrackets(const Url& url) {
-  std::string host = url.host();
+std::string withoutBrackets(std::string host) {
   if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   return host;
 }
@@ -44,7 +43,12 @@ CURLcode UrlSession::Impl::onSslContext(CURL*, void* context, void* user) {
 int UrlSession::Impl::onVerify(X509_STORE_CTX* context, void* user) {
   auto& t = *static_cast<UrlSessionTask::Impl*>(user);
   auto session = sessionOf(t);
-  const std::string host = hostWithoutBrackets(t.current.url);
+  // A sealed service URL names its authority "host:PORT", a name that resolves nowhere; the
+  // server is the one recorded as the request's connect target, and its certificate must be
+  // for that name.
+  const bool connectsElsewhere = t.current.connectTo && t.current.url.port();
+  const std::string host = withoutBrackets(connectsElsewhere ? t.current.connectTo->host : t.current.url.host());
+  const int port = connectsElsewhere ? t.current.connectTo->port : portOf(t.current.url);
   X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(context);
   if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1) {
     X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size());
@@ -60,7 +64,7 @@ int UrlSession::Impl::onVerify(X509_STORE_CTX* context, void* user) {
       OPENSSL_free(der);
     }
   }
-  auto trust = std::make_shared<const ServerTrust>(host, portOf(t.current.url), std::move(certificates), trusted,
+  auto trust = std::make_shared<const ServerTrust>(host, port, std::move(certificates), trusted,
                                                    trusted ? "" : X509_verify_cert_error_string(verifyError));
   auto answer = session ? session->askTrust(t, trust) : std::nullopt;
   t.lastActivity = Clock::now();
