@@ -273,6 +273,24 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
     EXPECT_FALSE(refused->data.has_value()) << method;
   }
 
+  // A redirect to another server goes there, although the sealed request connects to its
+  // own server under another name.
+  test::RawServer elsewhere([](const test::RawServer::Writer& write) {
+    const std::string body = R"({"data": "elsewhere"})";
+    write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+  });
+  test::RawServer redirecting([&elsewhere](const std::string& request, const test::RawServer::Writer& write) {
+    const std::string body = R"({"data": "here"})";
+    if (request.find(" /moved") == std::string::npos) {
+      write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    } else {
+      write("HTTP/1.1 302 Found\r\nLocation: " + elsewhere.url("/there") + "\r\nContent-Length: 0\r\n\r\n");
+    }
+  });
+  const auto redirected = TarvixWebService(redirecting.url("")).createRequestFor("moved")->executeSynchronously();
+  ASSERT_TRUE(redirected && redirected->dataAsJson());
+  EXPECT_EQ(redirected->dataAsJson()->stringValue(), "elsewhere");
+
   // Client info from a closed port: the transport's error, unchanged, and no info.
   ClientInfoWebService clientInfo("http://127.0.0.1:" + std::to_string(test::closedPort()));
   std::mutex mutex;

@@ -102,8 +102,7 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   t.headerList = list;
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, list);
 
-  // libcurl matches the URL's host and port against the entry, so a redirect elsewhere
-  // connects where its own URL says.
+  // libcurl matches the URL's host and port against the entry.
   if (r.connectTo && r.url.port()) {
     const std::string entry = r.url.host() + ":" + std::to_string(*r.url.port()) + ":" + r.connectTo->host + ":" +
                               std::to_string(r.connectTo->port);
@@ -148,6 +147,11 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
       if (target) {
         UrlRequest next = t.current;
         next.url = *target;
+        // The connect target stands for the first URL's authority only: a redirect to another
+        // authority connects where its own URL says.
+        if (next.url.host() != t.current.url.host() || next.url.port() != t.current.url.port()) {
+          next.connectTo.reset();
+        }
         const bool toGet = (status == 303 && next.httpMethod != "HEAD") ||
                            ((status == 301 || status == 302) && next.httpMethod == "POST");
         if (toGet) {
