@@ -188,7 +188,10 @@ void HttpRequestHandler::didReceiveResponse(UrlSession&, UrlSessionDataTask&,
     return;
   }
   expectedContentLength = response->expectedContentLength();
-  if (expectedContentLength > maximumReceivedDataLength) {
+  // The length of a HEAD, 204 or 304 answer describes a body that does not follow.
+  const int status = response->statusCode();
+  const bool bodyFollows = !(urlRequest && urlRequest->httpMethod == "HEAD") && status != 204 && status != 304;
+  if (bodyFollows && expectedContentLength > maximumReceivedDataLength) {
     refuseOversizedBody(response->url());
     completion(ResponseDisposition::cancel);
     return;
