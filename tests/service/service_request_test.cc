@@ -95,6 +95,11 @@ TEST(ServiceEnvelope, PayloadAndFreshnessComeFromTheEnvelopeThenTheHeaders) {
   EXPECT_FALSE(mistyped.result().contentInfo->formatVersion);
   EXPECT_FALSE(mistyped.result().contentInfo->expiryInterval);
   EXPECT_TRUE(mistyped.result().contentInfo->remoteCreatedAt);
+  // Numbers beyond a double's range are no times either, as in the headers.
+  Answer endless(R"({"meta": {"contentInfo": {"expiryInterval": 1e999, "createdTimestamp": -1e999}}, "data": 1})");
+  EXPECT_EQ(endless.open(), JsonValue(1));
+  EXPECT_FALSE(endless.result().contentInfo->expiryInterval);
+  EXPECT_FALSE(endless.result().contentInfo->remoteCreatedAt);
 
   // A "meta" that is not an object counts as none; null data is no payload.
   EXPECT_EQ(Answer(R"({"meta": [404], "data": "x"})").open(), JsonValue("x"));
