@@ -52,26 +52,26 @@ bool plain(const Directive& d) {
 // Rebuilds the directive for snprintf with the width and precision resolved and the length
 // modifier that matches `length` ("ll" for 64-bit integers, "" for doubles).
 std::string snprintfDirective(const Directive& d, int width, int precision, std::string_view length) {
-  std::string spec = "%";
-  if (d.minus) spec.push_back('-');
-  if (d.plus) spec.push_back('+');
-  if (d.space) spec.push_back(' ');
-  if (d.hash) spec.push_back('#');
-  if (d.zero) spec.push_back('0');
-  if (width >= 0) spec.append(std::to_string(width));
+  std::string format = "%";
+  if (d.minus) format.push_back('-');
+  if (d.plus) format.push_back('+');
+  if (d.space) format.push_back(' ');
+  if (d.hash) format.push_back('#');
+  if (d.zero) format.push_back('0');
+  if (width >= 0) format.append(std::to_string(width));
   if (precision >= 0) {
-    spec.push_back('.');
-    spec.append(std::to_string(precision));
+    format.push_back('.');
+    format.append(std::to_string(precision));
   }
-  spec.append(length);
-  spec.push_back(d.conversion);
-  return spec;
+  format.append(length);
+  format.push_back(d.conversion);
+  return format;
 }
 
 template <class T>
-void appendSnprintf(std::string& out, const std::string& spec, T value) {
+void appendSnprintf(std::string& out, const std::string& format, T value) {
   std::array<char, 128> small{};
-  const int needed = std::snprintf(small.data(), small.size(), spec.c_str(), value);
+  const int needed = std::snprintf(small.data(), small.size(), format.c_str(), value);
   if (needed < 0) return;
   if (static_cast<std::size_t>(needed) < small.size()) {
     out.append(small.data(), static_cast<std::size_t>(needed));
@@ -79,7 +79,7 @@ void appendSnprintf(std::string& out, const std::string& spec, T value) {
   }
   const std::size_t at = out.size();
   out.resize(at + static_cast<std::size_t>(needed) + 1);
-  std::snprintf(out.data() + at, static_cast<std::size_t>(needed) + 1, spec.c_str(), value);
+  std::snprintf(out.data() + at, static_cast<std::size_t>(needed) + 1, format.c_str(), value);
   out.resize(at + static_cast<std::size_t>(needed));
 }
 
@@ -123,13 +123,13 @@ void appendInteger(std::string& out, const LogArg& arg, const Directive& d, int 
   if ((d.conversion == 'd' || d.conversion == 'i') && !v.negative && v.magnitude > 0x7FFFFFFFFFFFFFFFull) {
     rebuilt.conversion = 'u';  // an unsigned value beyond the signed range stays positive
   }
-  const std::string spec = snprintfDirective(rebuilt, width, precision, "ll");
+  const std::string format = snprintfDirective(rebuilt, width, precision, "ll");
   if (v.negative) {
-    appendSnprintf(out, spec, -static_cast<long long>(v.magnitude - 1) - 1);
+    appendSnprintf(out, format, -static_cast<long long>(v.magnitude - 1) - 1);
   } else if (rebuilt.conversion == 'd' || rebuilt.conversion == 'i') {
-    appendSnprintf(out, spec, static_cast<long long>(v.magnitude));
+    appendSnprintf(out, format, static_cast<long long>(v.magnitude));
   } else {
-    appendSnprintf(out, spec, v.magnitude);
+    appendSnprintf(out, format, v.magnitude);
   }
 }
 
