@@ -1,0 +1,440 @@
+// Binary property lists ("bplist00"), read and written here rather than by libplist so that
+// every bound on hostile input is ours: nesting depth, cycles, object counts against the bytes
+// present, and the expansion of shared objects.
+// Internal; not installed. Thread safety: each call works on its own state.
+#include "coding/binary_property_list.h"
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kp::coding_detail {
+
+void propertyListCorrupted(std::string reason) {
+  throw CodingError(CodingError::Kind::dataCorrupted, {}, std::move(reason));
+}
+
+namespace {
+
+using Kind = CodingError::Kind;
+
+[[noreturn]] void corrupt(std::string reason) { propertyListCorrupted(std::move(reason)); }
+
+// ---- UTF-8 / UTF-16 ----
+
+bool isAscii(std::string_view s) {
+  for (const char c : s) {
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
+// UTF-8 to UTF-16 code units; nothing for text that is not UTF-8.
+bool toUtf16(std::string_view s, std::vector<std::uint16_t>& out) {
+  out.clear();
+  for (std::size_t i = 0; i < s.size();) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    std::uint32_t cp;
+    std::size_t n;
+    if (c < 0x80) {
+      cp = c, n = 1;
+    } else if ((c & 0xE0) == 0xC0) {
+      cp = c & 0x1F, n = 2;
+    } else if ((c & 0xF0) == 0xE0) {
+      cp = c & 0x0F, n = 3;
+    } else if ((c & 0xF8) == 0xF0) {
+      cp = c & 0x07, n = 4;
+    } else {
+      return false;
+    }
+    if (i + n > s.size()) return false;
+    for (std::size_t k = 1; k < n; ++k) {
+      const auto cc = static_cast<unsigned char>(s[i + k]);
+      if ((cc & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (cc & 0x3F);
+    }
+    static constexpr std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      out.push_back(static_cast<std::uint16_t>(0xD800 + (cp >> 10)));
+      out.push_back(static_cast<std::uint16_t>(0xDC00 + (cp & 0x3FF)));
+    } else {
+      out.push_back(static_cast<std::uint16_t>(cp));
+    }
+    i += n;
+  }
+  return true;
+}
+
+void appendUtf8(std::string& out, std::uint32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// ---- Binary writer ----
+
+class BinaryWriter {
+ public:
+  Data write(const Value& root) {
+    // Pass 1: number every object (equal strings share one object).
+    collect(root, 0);
+    const std::size_t count = objects_.size();
+    refSize_ = count < 0x100 ? 1 : count < 0x10000 ? 2 : 4;
+    // Pass 2: write the objects, then the offset table and the trailer.
+    out_.append("bplist00", 8);
+    std::vector<std::uint64_t> offsets(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      offsets[i] = out_.size();
+      writeObject(objects_[i]);
+    }
+    const std::uint64_t tableOffset = out_.size();
+    const std::size_t offsetSize = tableOffset < 0x100         ? 1
+                                   : tableOffset < 0x10000     ? 2
+                                   : tableOffset < 0x100000000 ? 4
+                                                               : 8;
+    for (const std::uint64_t o : offsets) writeBE(o, offsetSize);
+    std::uint8_t trailer[32] = {};
+    trailer[6] = static_cast<std::uint8_t>(offsetSize);
+    trailer[7] = static_cast<std::uint8_t>(refSize_);
+    putBE(trailer + 8, count, 8);
+    putBE(trailer + 16, 0, 8);
+    putBE(trailer + 24, tableOffset, 8);
+    out_.append(trailer, sizeof trailer);
+    return std::move(out_);
+  }
+
+ private:
+  struct Object {
+    const Value* value;          // null for a dictionary key
+    const std::string* keyText;  // the key, when value is null
+    std::uint32_t firstChild;    // index into children_
+    std::uint32_t childCount;
+  };
+
+  std::uint32_t collect(const Value& v, std::size_t depth) {
+    if (depth > kMaxPropertyListDepth) throw CodingError(Kind::invalidValue, {}, "nesting too deep to encode");
+    if (const std::string* s = v.ifString()) return stringObject(s, &v);
+    const auto index = static_cast<std::uint32_t>(objects_.size());
+    objects_.push_back({&v, nullptr, 0, 0});
+    if (const Value::Array* a = v.ifArray()) {
+      std::vector<std::uint32_t> refs;
+      refs.reserve(a->size());
+      for (const Value& e : *a) refs.push_back(collect(e, depth + 1));
+      setChildren(index, refs);
+    } else if (const Value::Dictionary* d = v.ifDictionary()) {
+      std::vector<std::uint32_t> refs(d->size() * 2);
+      for (std::size_t i = 0; i < d->size(); ++i) {
+        refs[i] = stringObject(&(*d)[i].first, nullptr);
+        refs[d->size() + i] = collect((*d)[i].second, depth + 1);
+      }
+      setChildren(index, refs);
+    }
+    return index;
+  }
+
+  void setChildren(std::uint32_t index, const std::vector<std::uint32_t>& refs) {
+    objects_[index].firstChild = static_cast<std::uint32_t>(children_.size());
+    objects_[index].childCount = static_cast<std::uint32_t>(refs.size());
+    children_.insert(children_.end(), refs.begin(), refs.end());
+  }
+
+  std::uint32_t stringObject(const std::string* text, const Value* value) {
+    auto [it, inserted] = strings_.try_emplace(*text, static_cast<std::uint32_t>(objects_.size()));
+    if (inserted) objects_.push_back({value, text, 0, 0});
+    return it->second;
+  }
+
+  static void putBE(std::uint8_t* p, std::uint64_t v, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * (n - 1 - i)));
+  }
+  void writeBE(std::uint64_t v, std::size_t n) {
+    std::uint8_t buf[8];
+    putBE(buf, v, n);
+    out_.append(buf, n);
+  }
+  void writeInt(std::int64_t i) {
+    if (i >= 0 && i < 0x100) {
+      out_.push_back(0x10), writeBE(static_cast<std::uint64_t>(i), 1);
+    } else if (i >= 0 && i < 0x10000) {
+      out_.push_back(0x11), writeBE(static_cast<std::uint64_t>(i), 2);
+    } else if (i >= 0 && i < 0x100000000) {
+      out_.push_back(0x12), writeBE(static_cast<std::uint64_t>(i), 4);
+    } else {
+      out_.push_back(0x13), writeBE(static_cast<std::uint64_t>(i), 8);
+    }
+  }
+  void writeHeader(std::uint8_t kind, std::size_t count) {
+    if (count < 15) {
+      out_.push_back(static_cast<std::uint8_t>(kind | count));
+    } else {
+      out_.push_back(static_cast<std::uint8_t>(kind | 0x0F));
+      writeInt(static_cast<std::int64_t>(count));
+    }
+  }
+  void writeReal(std::uint8_t marker, double d) {
+    out_.push_back(marker);
+    writeBE(std::bit_cast<std::uint64_t>(d), 8);
+  }
+  void writeString(const std::string& s) {
+    if (isAscii(s)) {
+      writeHeader(0x50, s.size());
+      out_.append(s);
+      return;
+    }
+    if (!toUtf16(s, utf16_)) throw CodingError(Kind::invalidValue, {}, "text is not valid UTF-8");
+    writeHeader(0x60, utf16_.size());
+    for (const std::uint16_t u : utf16_) writeBE(u, 2);
+  }
+
+  void writeObject(const Object& o) {
+    if (o.keyText) return writeString(*o.keyText);
+    const Value& v = *o.value;
+    switch (v.type()) {
+      case Value::Type::null:
+        return writeString("$null");
+      case Value::Type::boolean:
+        return out_.push_back(*v.ifBoolean() ? 0x09 : 0x08);
+      case Value::Type::integer:
+        return writeInt(*v.ifInteger());
+      case Value::Type::real:
+        return writeReal(0x23, *v.ifReal());
+      case Value::Type::date:
+        return writeReal(0x33, v.ifDate()->timeIntervalSinceReferenceDate());
+      case Value::Type::string:
+        return writeString(*v.ifString());
+      case Value::Type::data:
+        writeHeader(0x40, v.ifData()->size());
+        out_.append(*v.ifData());
+        return;
+      case Value::Type::uid: {
+        const std::uint64_t u = v.ifUid()->value;
+        const std::size_t n = u < 0x100 ? 1 : u < 0x10000 ? 2 : u < 0x100000000 ? 4 : 8;
+        out_.push_back(static_cast<std::uint8_t>(0x80 | (n - 1)));
+        return writeBE(u, n);
+      }
+      case Value::Type::array:
+      case Value::Type::dictionary: {
+        const bool isArray = v.type() == Value::Type::array;
+        writeHeader(isArray ? 0xA0 : 0xD0, isArray ? o.childCount : o.childCount / 2);
+        for (std::uint32_t i = 0; i < o.childCount; ++i) writeBE(children_[o.firstChild + i], refSize_);
+        return;
+      }
+    }
+  }
+
+  std::vector<Object> objects_;
+  std::vector<std::uint32_t> children_;
+  std::unordered_map<std::string_view, std::uint32_t> strings_;
+  std::vector<std::uint16_t> utf16_;
+  std::size_t refSize_ = 1;
+  Data out_;
+};
+
+// ---- Binary reader ----
+
+class BinaryReader {
+ public:
+  explicit BinaryReader(std::span<const std::uint8_t> bytes) : b_(bytes) {
+    // Shared objects may repeat in the tree, but only this far.
+    nodeBudget_ = 4 * bytes.size() + 1024;
+    byteBudget_ = 16 * bytes.size() + (1u << 20);
+  }
+
+  Value read() {
+    if (b_.size() < 8 + 32) corrupt("property list is truncated");
+    const std::uint8_t* t = b_.data() + b_.size() - 32;
+    offsetSize_ = t[6];
+    refSize_ = t[7];
+    count_ = be(t + 8, 8);
+    const std::uint64_t top = be(t + 16, 8);
+    tableOffset_ = be(t + 24, 8);
+    if (offsetSize_ < 1 || offsetSize_ > 8 || refSize_ < 1 || refSize_ > 8) corrupt("bad trailer");
+    const std::uint64_t end = b_.size() - 32;
+    if (count_ == 0 || top >= count_ || tableOffset_ < 8 || tableOffset_ > end ||
+        count_ > (end - tableOffset_) / offsetSize_) {
+      corrupt("bad trailer");
+    }
+    inProgress_.assign(count_, false);
+    return object(top, 0);
+  }
+
+ private:
+  static std::uint64_t be(const std::uint8_t* p, std::size_t n) {
+    std::uint64_t v = 0;
+    for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
+    return v;
+  }
+  // Bytes [pos, pos + n) of the object area, or a failure.
+  const std::uint8_t* need(std::uint64_t pos, std::uint64_t n) const {
+    if (pos > tableOffset_ || n > tableOffset_ - pos) corrupt("object runs past its area");
+    return b_.data() + pos;
+  }
+  std::uint64_t offsetOf(std::uint64_t ref) const {
+    if (ref >= count_) corrupt("object reference out of range");
+    const std::uint64_t o = be(b_.data() + tableOffset_ + ref * offsetSize_, offsetSize_);
+    if (o < 8 || o >= tableOffset_) corrupt("object offset out of range");
+    return o;
+  }
+  // The element count after a marker whose low nibble is `low`; moves `pos` past it.
+  std::uint64_t countOf(std::uint8_t low, std::uint64_t& pos) const {
+    if (low != 0x0F) return low;
+    const std::uint8_t m = *need(pos, 1);
+    if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) corrupt("bad count");
+    const std::size_t n = std::size_t{1} << (m & 0x0F);
+    const std::uint64_t c = be(need(pos + 1, n), n);
+    pos += 1 + n;
+    return c;
+  }
+  void spend(std::uint64_t bytes) {
+    if (nodeBudget_ == 0 || bytes > byteBudget_) corrupt("property list expands beyond its size");
+    --nodeBudget_;
+    byteBudget_ -= bytes;
+  }
+
+  Value object(std::uint64_t ref, std::size_t depth) {
+    if (depth > kMaxPropertyListDepth) corrupt("nesting too deep");
+    std::uint64_t pos = offsetOf(ref);
+    const std::uint8_t marker = *need(pos, 1);
+    ++pos;
+    const std::uint8_t low = marker & 0x0F;
+    switch (marker >> 4) {
+      case 0x0:
+        spend(0);
+        if (marker == 0x08) return false;
+        if (marker == 0x09) return true;
+        if (marker == 0x00) return Value();
+        corrupt("unknown object marker");
+      case 0x1: {
+        if (low > 4) corrupt("bad integer size");
+        const std::size_t n = std::size_t{1} << low;
+        const std::uint8_t* p = need(pos, n);
+        spend(0);
+        // A 16-byte integer keeps its low 64 bits.
+        return static_cast<std::int64_t>(n == 16 ? be(p + 8, 8) : be(p, n));
+      }
+      case 0x2:
+      case 0x3: {
+        double d;
+        if (low == 2) {
+          d = std::bit_cast<float>(static_cast<std::uint32_t>(be(need(pos, 4), 4)));
+        } else if (low == 3) {
+          d = std::bit_cast<double>(be(need(pos, 8), 8));
+        } else {
+          corrupt("bad real size");
+        }
+        spend(0);
+        if (marker >> 4 == 0x3) return Date::fromTimeIntervalSinceReferenceDate(d);
+        return d;
+      }
+      case 0x4: {
+        const std::uint64_t n = countOf(low, pos);
+        const std::uint8_t* p = need(pos, n);
+        spend(n);
+        return Data(p, n);
+      }
+      case 0x5: {
+        const std::uint64_t n = countOf(low, pos);
+        const std::uint8_t* p = need(pos, n);
+        spend(n);
+        std::string s;
+        s.reserve(n);
+        for (std::uint64_t i = 0; i < n; ++i) appendUtf8(s, p[i]);  // bytes above 0x7F read as Latin-1
+        return s;
+      }
+      case 0x6: {
+        const std::uint64_t n = countOf(low, pos);
+        if (n > tableOffset_) corrupt("string runs past its area");
+        const std::uint8_t* p = need(pos, n * 2);
+        spend(n * 3);
+        std::string s;
+        s.reserve(n);
+        for (std::uint64_t i = 0; i < n; ++i) {
+          std::uint32_t u = static_cast<std::uint32_t>(be(p + 2 * i, 2));
+          if (u >= 0xD800 && u <= 0xDBFF && i + 1 < n) {
+            const auto lo = static_cast<std::uint32_t>(be(p + 2 * i + 2, 2));
+            if (lo >= 0xDC00 && lo <= 0xDFFF) {
+              u = 0x10000 + ((u - 0xD800) << 10) + (lo - 0xDC00);
+              ++i;
+            }
+          }
+          if (u >= 0xD800 && u <= 0xDFFF) u = 0xFFFD;
+          appendUtf8(s, u);
+        }
+        return s;
+      }
+      case 0x8: {
+        const std::size_t n = low + 1u;
+        if (n > 8) corrupt("bad reference size");
+        const std::uint64_t u = be(need(pos, n), n);
+        spend(0);
+        return Uid{u};
+      }
+      case 0xA:
+      case 0xD: {
+        const bool isArray = marker >> 4 == 0xA;
+        const std::uint64_t n = countOf(low, pos);
+        const std::uint64_t refs = isArray ? n : n * 2;
+        if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
+        const std::uint8_t* p = need(pos, refs * refSize_);
+        spend(0);
+        if (inProgress_[ref]) corrupt("object graph has a cycle");
+        inProgress_[ref] = true;
+        Value out;
+        if (isArray) {
+          Value::Array items;
+          items.reserve(n);
+          for (std::uint64_t i = 0; i < n; ++i) items.push_back(object(be(p + i * refSize_, refSize_), depth + 1));
+          out = std::move(items);
+        } else {
+          Value::Dictionary entries;
+          entries.reserve(n);
+          for (std::uint64_t i = 0; i < n; ++i) {
+            Value key = object(be(p + i * refSize_, refSize_), depth + 1);
+            std::string* k = key.ifString();
+            if (!k) corrupt("dictionary key is not text");
+            entries.emplace_back(std::move(*k), object(be(p + (n + i) * refSize_, refSize_), depth + 1));
+          }
+          out = std::move(entries);
+        }
+        inProgress_[ref] = false;
+        return out;
+      }
+      default:
+        corrupt("unknown object marker");
+    }
+  }
+
+  std::span<const std::uint8_t> b_;
+  std::size_t offsetSize_ = 0;
+  std::size_t refSize_ = 0;
+  std::uint64_t count_ = 0;
+  std::uint64_t tableOffset_ = 0;
+  std::uint64_t nodeBudget_ = 0;
+  std::uint64_t byteBudget_ = 0;
+  std::vector<bool> inProgress_;
+};
+
+}  // namespace
+
+Data writeBinaryPropertyList(const Value& root) { return BinaryWriter().write(root); }
+
+Value readBinaryPropertyList(std::span<const std::uint8_t> bytes) { return BinaryReader(bytes).read(); }
+
+}  // namespace kp::coding_detail
