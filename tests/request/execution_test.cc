@@ -168,12 +168,15 @@ TEST_F(ExecutionTest, CancellingAtEachStageEndsQuietly) {
     std::condition_variable released;
     bool release = false;
     std::atomic<int> blocked{0};
-    for (int i = 0; i < 8; ++i) {
+    std::atomic<int> finished{0};
+    constexpr int kBlockers = 8;
+    for (int i = 0; i < kBlockers; ++i) {
       globalQueue()->async([&] {
         ++blocked;
         std::unique_lock lock(mutex);
         released.wait(lock, [&] { return release; });
         --blocked;
+        ++finished;
       });
     }
     ASSERT_TRUE(eventually([&] { return blocked.load() >= 2; }));
@@ -187,7 +190,8 @@ TEST_F(ExecutionTest, CancellingAtEachStageEndsQuietly) {
       release = true;
     }
     released.notify_all();
-    ASSERT_TRUE(eventually([&] { return blocked.load() == 0; }));
+    // Every blocker must have run before this scope's locals go: the ones still queued touch them.
+    ASSERT_TRUE(eventually([&] { return finished.load() == kBlockers; }));
   }
   // While running on the direct queue: the transfer stops, nothing completes, and the
   // request is let go.
