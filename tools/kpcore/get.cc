@@ -4,7 +4,6 @@
 // --output, downloads the body to a file. With --cache the shared cache answers and keeps
 // results. Several URLs run through one request queue and print as they complete.
 #include <algorithm>
-#include <condition_variable>
 #include <cstdint>
 #include <iostream>
 #include <map>
@@ -20,6 +19,7 @@
 #include "kp/request/request_queue.h"
 #include "kp/request/string_request.h"
 #include "platform/env.h"
+#include "session_router.h"
 
 namespace {
 
@@ -42,58 +42,31 @@ struct Options {
   std::int64_t parallel = kp::RequestQueue::kDefaultMaxConcurrentRequests;
 };
 
-// Answers server-trust challenges with a credential made from the trust when --insecure is
-// given (the handler's own answer for requests that accept untrusted certificates cancels
-// the transfer), notes the redirects of each task, and tells when the session has ended.
-class Router : public kp::HttpRequestURLSessionDelegateHandler {
+// Notes the redirects of each task, for --include.
+class Router : public kpcore::SessionRouter {
  public:
-  explicit Router(bool insecure) : insecure_(insecure) {}
+  using SessionRouter::SessionRouter;
 
-  void didReceiveChallenge(kp::UrlSession& session, kp::UrlSessionTask& task,
-                           const kp::UrlAuthenticationChallenge& challenge, kp::ChallengeHandler completion) override {
-    const auto& space = challenge.protectionSpace;
-    if (insecure_ && space.serverTrust &&
-        space.authenticationMethod == kp::UrlProtectionSpace::kAuthenticationMethodServerTrust) {
-      completion(kp::AuthChallengeDisposition::useCredential, kp::UrlCredential::make(space.serverTrust));
-      return;
-    }
-    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
-  }
   void willPerformHttpRedirection(kp::UrlSession& session, kp::UrlSessionTask& task,
                                   const std::shared_ptr<const kp::HttpUrlResponse>& response, kp::UrlRequest next,
                                   kp::RedirectionHandler completion) override {
     {
-      std::lock_guard lock(mutex_);
+      std::lock_guard lock(redirectsMutex_);
       redirects_[task.taskIdentifier()].push_back(std::to_string(response->statusCode()) + " " +
                                                   next.url.absoluteString());
     }
-    HttpRequestURLSessionDelegateHandler::willPerformHttpRedirection(session, task, response, std::move(next),
-                                                                     std::move(completion));
-  }
-  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override {
-    std::lock_guard lock(mutex_);
-    invalid_ = true;
-    ended_.notify_all();
+    SessionRouter::willPerformHttpRedirection(session, task, response, std::move(next), std::move(completion));
   }
 
   [[nodiscard]] std::vector<std::string> redirects(std::uint64_t taskIdentifier) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(redirectsMutex_);
     const auto found = redirects_.find(taskIdentifier);
     return found == redirects_.end() ? std::vector<std::string>() : found->second;
   }
-  // The session's thread may still be closing connections; the process waits for it rather
-  // than ending under it.
-  void waitForSessionEnd() {
-    std::unique_lock lock(mutex_);
-    ended_.wait_for(lock, 5s, [this] { return invalid_; });
-  }
 
  private:
-  bool insecure_;
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  std::map<std::uint64_t, std::vector<std::string>> redirects_;  // guarded by mutex_
-  bool invalid_ = false;                                         // guarded by mutex_
+  std::mutex redirectsMutex_;
+  std::map<std::uint64_t, std::vector<std::string>> redirects_;  // GUARDED_BY(redirectsMutex_)
 };
 
 void drawProgress(float fraction) {

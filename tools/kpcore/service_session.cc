@@ -1,12 +1,9 @@
 // The service subcommands' session, main-queue waiting and content-info text.
 #include "service_session.h"
 
-#include <condition_variable>
-#include <mutex>
 #include <sstream>
 
 #include "command.h"
-#include "kp/request/request_handler.h"
 #include "kp/service/tarvix_web_service_parameters.h"
 #include "kp/version.h"
 
@@ -25,37 +22,7 @@ std::string seconds(double value) {
 
 }  // namespace
 
-class ServiceSession::Router : public kp::HttpRequestURLSessionDelegateHandler {
- public:
-  explicit Router(bool insecure) : insecure_(insecure) {}
-
-  void didReceiveChallenge(kp::UrlSession& session, kp::UrlSessionTask& task,
-                           const kp::UrlAuthenticationChallenge& challenge, kp::ChallengeHandler completion) override {
-    const auto& space = challenge.protectionSpace;
-    if (insecure_ && space.serverTrust &&
-        space.authenticationMethod == kp::UrlProtectionSpace::kAuthenticationMethodServerTrust) {
-      return completion(kp::AuthChallengeDisposition::useCredential, kp::UrlCredential::make(space.serverTrust));
-    }
-    HttpRequestURLSessionDelegateHandler::didReceiveChallenge(session, task, challenge, std::move(completion));
-  }
-  void didBecomeInvalid(kp::UrlSession&, const kp::ErrorPtr&) override {
-    std::lock_guard lock(mutex_);
-    ended_ = true;
-    endedChanged_.notify_all();
-  }
-  void waitForEnd() {
-    std::unique_lock lock(mutex_);
-    endedChanged_.wait_for(lock, 5s, [this] { return ended_; });
-  }
-
- private:
-  const bool insecure_;
-  std::mutex mutex_;
-  std::condition_variable endedChanged_;
-  bool ended_ = false;  // GUARDED_BY(mutex_)
-};
-
-ServiceSession::ServiceSession(bool insecure) : router_(std::make_shared<Router>(insecure)) {
+ServiceSession::ServiceSession(bool insecure) : router_(std::make_shared<SessionRouter>(insecure)) {
   auto configuration = kp::UrlSessionConfiguration::defaultConfiguration();
   configuration.httpAdditionalHeaders["User-Agent"] = std::string("kpcore/") + KP_VERSION_STRING;
   session_ = kp::UrlSession::make(configuration, router_);
@@ -63,7 +30,7 @@ ServiceSession::ServiceSession(bool insecure) : router_(std::make_shared<Router>
 
 ServiceSession::~ServiceSession() {
   session_->finishTasksAndInvalidate();
-  router_->waitForEnd();
+  router_->waitForSessionEnd();
 }
 
 bool drainMainQueueUntil(const std::function<bool()>& done, kp::Duration limit) {

@@ -1,9 +1,8 @@
 // What the service subcommands (service, clientinfo, demo) share: one session for their
 // calls, the main queue drained while they wait, and the content info as text.
 //
-// The session routes each task to its request's handler, names kpcore as the user agent,
-// accepts any certificate with --insecure (the handler's own answer would cancel such a
-// transfer), and is ended, its connections closed, before the command returns.
+// The session names kpcore as the user agent, is routed by a SessionRouter, and is ended,
+// its connections closed, before the command returns.
 //
 // Example:
 //   kpcore::ServiceSession session(insecure);
@@ -18,6 +17,7 @@
 #include "kp/platform/dispatch.h"
 #include "kp/request/url_session.h"
 #include "kp/service/tarvix_service_content_info.h"
+#include "session_router.h"
 
 namespace kpcore {
 
@@ -32,8 +32,7 @@ class ServiceSession {
   [[nodiscard]] const std::shared_ptr<kp::UrlSession>& session() const noexcept { return session_; }
 
  private:
-  class Router;
-  std::shared_ptr<Router> router_;
+  std::shared_ptr<SessionRouter> router_;
   std::shared_ptr<kp::UrlSession> session_;
 };
 
