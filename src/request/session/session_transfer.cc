@@ -103,9 +103,9 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, list);
 
   // libcurl matches the URL's host and port against the entry.
-  if (r.connectTo && r.url.port()) {
-    const std::string entry = r.url.host() + ":" + std::to_string(*r.url.port()) + ":" + r.connectTo->host + ":" +
-                              std::to_string(r.connectTo->port);
+  if (const auto* target = connectTargetOf(r)) {
+    const std::string entry =
+        r.url.host() + ":" + std::to_string(*r.url.port()) + ":" + target->host + ":" + std::to_string(target->port);
     t.connectTo = curl_slist_append(nullptr, entry.c_str());
     curl_easy_setopt(e, CURLOPT_CONNECT_TO, t.connectTo);
   }

@@ -43,12 +43,11 @@ CURLcode UrlSession::Impl::onSslContext(CURL*, void* context, void* user) {
 int UrlSession::Impl::onVerify(X509_STORE_CTX* context, void* user) {
   auto& t = *static_cast<UrlSessionTask::Impl*>(user);
   auto session = sessionOf(t);
-  // A sealed service URL names its authority "host:PORT", a name that resolves nowhere; the
-  // server is the one recorded as the request's connect target, and its certificate must be
-  // for that name.
-  const bool connectsElsewhere = t.current.connectTo && t.current.url.port();
-  const std::string host = withoutBrackets(connectsElsewhere ? t.current.connectTo->host : t.current.url.host());
-  const int port = connectsElsewhere ? t.current.connectTo->port : portOf(t.current.url);
+  // A sealed service URL's authority resolves nowhere; the certificate must be for the server
+  // the connection really goes to.
+  const auto* target = connectTargetOf(t.current);
+  const std::string host = withoutBrackets(target ? target->host : t.current.url.host());
+  const int port = target ? target->port : portOf(t.current.url);
   X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(context);
   if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1) {
     X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size());

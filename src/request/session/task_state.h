@@ -21,6 +21,13 @@
 
 namespace kp {
 
+// The server a request's connection goes to instead of its URL's authority, or null. Only a
+// URL with a port carries one: a sealed service URL names its authority "host:PORT", and the
+// caller's server is recorded as the request's connect target.
+inline const UrlRequest::ConnectTarget* connectTargetOf(const UrlRequest& request) {
+  return request.connectTo && request.url.port() ? &*request.connectTo : nullptr;
+}
+
 struct UrlSessionTask::Impl {
   using Clock = internal::Clock;
 
