@@ -3,8 +3,8 @@
 // it writes, and the domain and codes of its errors.
 //
 // Locales are named by identifiers such as "de_DE", "de-DE", "ar_EG" or "en_US@rg=gbzzzz".
-// An identifier the locale data does not know falls back as the data does ("xx_YY" writes
-// as the root locale); one that is not an identifier at all is read as the root locale.
+// An identifier the locale data does not know falls back as ICU does (to the process's default
+// locale, then the root locale); one that is not an identifier at all is the root locale.
 //
 // Thread safety: free functions and constants; callable from any thread.
 //

@@ -3,8 +3,9 @@
 // process's locale. The library's formatters ask them first and use their own locale data
 // (or English) for what they do not hold.
 //
-// Catalogues are `<folder>/<language>[_<REGION>]/LC_MESSAGES/<domain>.mo`, UTF-8; the region's
-// catalogue comes before the language's, and the folders are asked in order. Plural entries
+// Catalogues are `<folder>/<language>[_<REGION>]/LC_MESSAGES/<domain>.mo`, UTF-8. A locale uses
+// the first catalogue found, the folders in order and in each the region's catalogue before
+// the language's; texts it lacks come from the library's own sources. Plural entries
 // choose their form by the catalogue's own Plural-Forms rule, so a Russian catalogue gives
 // "1 час", "3 часа", "5 часов". A catalogue that cannot be read counts as absent.
 //
