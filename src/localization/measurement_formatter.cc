@@ -118,6 +118,25 @@ constexpr std::array<double, kQuantities> kProbes{293.15, 5, 101300, 0.002, 0.03
 constexpr std::array<Unit, kQuantities> kProbeUnits{Unit::kelvin, Unit::meterPerSecond, Unit::hectopascal,
                                                     Unit::meter,  Unit::meter,          Unit::meter};
 
+// The one unit of ours that ICU's preferences show for the quantity from a thousandth to a
+// thousand times its typical value, and below zero; nothing when they show several (visibility:
+// metres below a kilometre) or one we do not know.
+// Probes a copy: ICU compiles a formatter after a few calls and hands the compiled one on when
+// the formatter is moved into one with other settings, which would keep the old precision.
+std::optional<Unit> singleShownUnit(LocalizedNumberFormatter routed, WeatherQuantity quantity, Unit input) {
+  std::optional<Unit> single;
+  for (const double scale : {1e-3, 0.1, 1.0, 10.0, 1e3, -1.0}) {
+    const auto probe = Measurement{kProbes[indexOf(quantity)] * scale, kProbeUnits[indexOf(quantity)]}.converted(input);
+    if (!probe) return std::nullopt;
+    UErrorCode status = U_ZERO_ERROR;
+    const auto shown = routed.formatDouble(probe->value, status).getOutputUnit(status);
+    const auto known = U_SUCCESS(status) ? unitForIcu(shown.getIdentifier()) : std::nullopt;
+    if (!known || (single && *single != *known)) return std::nullopt;
+    single = known;
+  }
+  return single;
+}
+
 // How one quantity measured in one unit is written under one set of settings.
 struct Entry {
   LocalizedNumberFormatter large;
@@ -155,24 +174,24 @@ Entry makeEntry(const MeasurementFormatSettings& settings, WeatherQuantity quant
     const Unit input = unit == Unit::beaufort ? Unit::meterPerSecond : unit;
     if (input != unit) entry.convertTo = input;
     LocalizedNumberFormatter routed = base.unit(icuUnit(input)).usage(kUsages[indexOf(quantity)]);
-    std::optional<int> digits = fixed;
-    if (!digits && quantity != WeatherQuantity::visibility) {
-      const auto probe = Measurement{kProbes[indexOf(quantity)], kProbeUnits[indexOf(quantity)]}.converted(input);
-      UErrorCode status = U_ZERO_ERROR;
-      const auto shown = routed.formatDouble(probe ? probe->value : 1, status).getOutputUnit(status);
-      if (U_SUCCESS(status)) {
-        if (const auto known = unitForIcu(shown.getIdentifier())) digits = defaultDigits(quantity, *known);
-      }
+    if (const auto shown = singleShownUnit(routed, quantity, input)) {
+      // Routing each value through ICU's unit preferences costs five times the formatting;
+      // where the locale shows one unit at every magnitude, converting first says the same.
+      entry.convertTo = *shown;
+      const bool significant = quantity == WeatherQuantity::visibility;
+      entry.large = withPrecision(base.unit(icuUnit(*shown)), quantity,
+                                  fixed || significant ? fixed : defaultDigits(quantity, *shown));
+      return entry;
     }
-    entry.large = withPrecision(std::move(routed), quantity, digits);
+    entry.large = withPrecision(std::move(routed), quantity, fixed);
     return entry;
   }
   const SystemUnits system = unitsOf(settings.units);
   const Unit shown = system.shown[indexOf(quantity)];
   entry.convertTo = shown;
   const bool significant = quantity == WeatherQuantity::visibility;
-  entry.large = withPrecision(base.unit(icuUnit(shown)), quantity,
-                              fixed || significant ? fixed : defaultDigits(quantity, shown));
+  entry.large =
+      withPrecision(base.unit(icuUnit(shown)), quantity, fixed || significant ? fixed : defaultDigits(quantity, shown));
   if (quantity == WeatherQuantity::visibility) {
     entry.smallUnit = system.smallVisibility;
     entry.small = withPrecision(base.unit(icuUnit(entry.smallUnit)), quantity, fixed);
