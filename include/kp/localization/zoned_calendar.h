@@ -22,7 +22,7 @@
 //   auto berlin = kp::ZonedCalendar::make("Europe/Berlin", "de_DE");
 //   if (!berlin.value()) return report(berlin.error());
 //   const kp::ZonedCalendar& calendar = *berlin.value();
-//   auto tomorrowNoon = calendar.adding(*calendar.startOf(kp::CalendarUnit::day, now), 36, kp::CalendarUnit::hour);
+//   auto tomorrow = calendar.adding(*calendar.startOf(kp::CalendarUnit::day, now), 1, kp::CalendarUnit::day);
 //   auto slot = calendar.rounded(now, 15, kp::RoundingRule::down);   // 14:07 -> 14:00
 #pragma once
 
