@@ -12,6 +12,7 @@ namespace {
 
 // The end of the year 9999: later dates come from no server and fit no calendar.
 constexpr std::int64_t kLastSecond = 253402300799;
+constexpr std::int64_t kLastMillisecond = kLastSecond * 1000 + 999;
 constexpr std::size_t kFields = 9;
 
 bool readInteger(std::string_view text, std::int64_t maximum, std::int64_t& out) {
@@ -40,7 +41,7 @@ std::optional<StoredCookie> readLine(std::string_view line) {
   std::int64_t expires = 0;
   std::int64_t created = 0;
   if (!readFlag(fields[2], attributes.secure) || !readFlag(fields[3], attributes.httpOnly) ||
-      !readInteger(fields[5], kLastSecond, expires) || !readInteger(fields[6], kLastSecond * 1000 + 999, created)) {
+      !readInteger(fields[5], kLastSecond, expires) || !readInteger(fields[6], kLastMillisecond, created)) {
     return std::nullopt;
   }
   if (!fields[4].empty()) attributes.sameSitePolicy = std::string(fields[4]);
@@ -66,7 +67,7 @@ std::string writeCookieFile(const std::vector<StoredCookie>& cookies) {
     text += cookie.isHTTPOnly() ? "TRUE\t" : "FALSE\t";
     text.append(cookie.sameSitePolicy().value_or("")) += '\t';
     text.append(std::to_string(seconds)) += '\t';
-    text.append(std::to_string(std::clamp<std::int64_t>(created, 0, kLastSecond * 1000))) += '\t';
+    text.append(std::to_string(std::clamp<std::int64_t>(created, 0, kLastMillisecond))) += '\t';
     text.append(cookie.name()) += '\t';
     text.append(cookie.value()) += '\n';
   }
