@@ -297,7 +297,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 
   [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData);
 
-  // The rules every read applies once it has found an entry: expiry, rolling expiry, and
+  // The rules every read applies once it has found an entry: rolling expiry, expiry, and
   // keeping an entry read from the database in memory.
   std::shared_ptr<Cacheable> finishRead(std::shared_ptr<Cacheable> entry, std::string_view key, bool fromMemory,
                                         bool keepInMemory, ReadStart start = {false, 0}) {
@@ -307,17 +307,19 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     // Most entries need no clock: it is read only for an age limit or rolling expiry.
     std::optional<Date> at;
     const auto current = [&] { return at ? *at : *(at = now()); };
-    // The lifetime that has already ended is not restarted: an expired entry stays expired.
-    if (ages && entry->isExpired(current())) {
-      if (fromMemory) memory.remove(key, *entry);
-      return nullptr;
-    }
+    // A read restarts a rolling entry's lifetime before its age is tested, however long it
+    // went unread: such an entry lives while it is read, and only the clean-up removes one
+    // that was left alone too long.
     if (config.rollingExpiration) {
       entry->setCreationDate(current());
       if (config.retainInBackStore) {
         post(kTaskOverhead + key.size(),
              [key = std::string(key), entry](State& s) { s.database.updateTimestamp(key, *entry); });
       }
+    }
+    if (ages && entry->isExpired(current())) {
+      if (fromMemory) memory.remove(key, *entry);
+      return nullptr;
     }
     if (!fromMemory && keepInMemory && start.mayKeep) (void)memory.insertIfUnchanged(entry, key, start.generation);
     return entry;

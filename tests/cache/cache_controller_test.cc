@@ -197,6 +197,8 @@ TEST_F(CacheControllerTest, ExpiryFollowsTheClock) {
   auto manual = policy(60);
   manual.autoExpiration = false;
   cache->set(entry(kp::ArchiveValue("r"), rolling), "rolling");
+  using Note = kp::CodableCacheItem<std::string>;
+  cache->set(std::static_pointer_cast<kp::Cacheable>(std::make_shared<Note>("n", rolling)), "rolling-note");
   cache->set(entry(kp::ArchiveValue("p"), policy(60)), "plain");
   cache->set(entry(kp::ArchiveValue("m"), manual), "manual");
   cache->set(bytesEntry(pattern(10), manual), "manual-file");
@@ -210,8 +212,16 @@ TEST_F(CacheControllerTest, ExpiryFollowsTheClock) {
   cache->waitForBackgroundWork();
   // The refreshed timestamp reached the row: a new controller sees a fresh entry.
   EXPECT_TRUE(open()->getCacheItem("rolling"));
+  // However long a rolling entry went unread, a read restarts its lifetime before its age is
+  // tested, in memory and in its row alike; only the clean-up removes one left alone.
+  clock_->advance(3600);
+  EXPECT_TRUE(cache->getCacheItem("rolling"));
+  EXPECT_TRUE(cache->get<Note>("rolling-note"));
+  cache->waitForBackgroundWork();
+  clock_->advance(3600);
+  EXPECT_TRUE(open()->getCacheItem("rolling"));
+  EXPECT_TRUE(open()->get<Note>("rolling-note"));
   clock_->advance(61);
-  EXPECT_FALSE(cache->getCacheItem("rolling"));  // a lifetime that has ended is not restarted
 
   cache->wipeCompleteExpiredCache();
   cache->waitForBackgroundWork();

@@ -3,9 +3,10 @@
 // (folder "KPCentralCacheController"), both in the application's caches directory.
 //
 // Reads look in memory, then in the database, then in the entry's file, and apply the
-// entry's expiry rules: an expired entry that allows automatic expiry reads as absent, a read
-// restarts the lifetime of an entry with rolling expiry, and an entry whose file has gone
-// reads as absent and loses its row. Writes go to memory at once; saves to the database and
+// entry's expiry rules: a read restarts the lifetime of an entry with rolling expiry before
+// anything else (so such an entry is found however long it went unread, and only the expired
+// clean-up removes it), an expired entry that allows automatic expiry reads as absent, and an
+// entry whose file has gone reads as absent and loses its row. Writes go to memory at once; saves to the database and
 // the files, wipes, the expired clean-up and the size trim run as background tasks on the
 // library's pool, one at a time in the order they were started (a wipe always follows the
 // saves started before it). Background work waiting to run is bounded in memory: beyond
