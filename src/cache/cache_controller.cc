@@ -266,6 +266,21 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     });
   }
 
+  // The start-up step at once, on the main thread; false, with nothing done, when the
+  // application cannot be asked now because the controller is being made by a factory of the
+  // container that holds it (asking would re-enter that container).
+  bool startUpNow() {
+    try {
+      (void)application.services()->resolveIfRegistered<tarvix::Application>();
+    } catch (const DefaultServiceContainer::ReentrantUseError&) {
+      return false;
+    } catch (...) {
+      // Any other failure is the dependency's to report, when startUp() reads it.
+    }
+    startUp();
+    return true;
+  }
+
   void startUp() {
     auto app = application.wrappedValue();
     if (!app || app->applicationState() != tarvix::ApplicationState::active) return;
@@ -351,11 +366,14 @@ CacheController::CacheController(Options options) {
   observe(ApplicationNotifications::kDidBecomeActive, &State::becomeActive);
   observe(ApplicationNotifications::kWillResignActive, &State::stopTimerOnMainThread);
   observe(ApplicationNotifications::kDidReceiveMemoryWarning, &State::dropMemoryWarningItems);
-  // Queued even on the main thread: the controller may be made by a service factory, under
-  // the lock of the container that the start-up step asks for the application.
-  MainQueue::shared()->async([weak = std::weak_ptr(state_)] {
-    if (auto state = weak.lock()) state->startUp();
-  });
+  // Made on the main thread, the controller starts up at once, so that its timer runs before
+  // the host next drains the main queue; made elsewhere, or by a factory of the container that
+  // holds the application, it starts up once the main queue runs.
+  if (!isMainThread() || !state_->startUpNow()) {
+    MainQueue::shared()->async([weak = std::weak_ptr(state_)] {
+      if (auto state = weak.lock()) state->startUp();
+    });
+  }
 }
 
 CacheController::~CacheController() {

@@ -85,15 +85,19 @@ std::string sqlite(const fs::path& db, const std::string& sql) {
 
 class CacheControllerTest : public ::testing::Test {
  protected:
-  std::unique_ptr<kp::CacheController> open(std::optional<fs::path> directory = {},
-                                            std::size_t budget = kp::CacheController::kDefaultBackgroundBudgetBytes) {
+  kp::CacheController::Options options(std::optional<fs::path> directory = {}) const {
     kp::CacheController::Options options;
-    options.backgroundBudgetBytes = budget;
     options.directory = directory.value_or(dir_.path());
     options.clock = clock_;
     options.services = services_;
-    auto cache = std::make_unique<kp::CacheController>(options);
-    kp::MainQueue::shared()->runPending();  // the start-up step
+    return options;
+  }
+  std::unique_ptr<kp::CacheController> open(std::optional<fs::path> directory = {},
+                                            std::size_t budget = kp::CacheController::kDefaultBackgroundBudgetBytes) {
+    auto settings = options(std::move(directory));
+    settings.backgroundBudgetBytes = budget;
+    auto cache = std::make_unique<kp::CacheController>(settings);
+    kp::MainQueue::shared()->runPending();  // the start-up step of a controller made elsewhere
     return cache;
   }
   void registerApplication(tarvix::ApplicationState state) {
@@ -359,13 +363,26 @@ TEST_F(CacheControllerTest, TheTimerRunsWhileTheApplicationIsActive) {
   center.post(Names::kDidBecomeActive);  // reaches no destroyed controller
   main.runPending();
 
-  // Active at start-up: expired rows are cleaned up and the timer starts.
+  // Active at start-up: expired rows are cleaned up and the timer starts, at once for a
+  // controller made on the main thread...
   clock_->advance(6);
   registerApplication(tarvix::ApplicationState::active);
-  auto cache = open();
+  auto cache = std::make_unique<kp::CacheController>(options());
   EXPECT_TRUE(cache->hasCleanUpTimer());
   cache->waitForBackgroundWork();
   EXPECT_EQ(cache->databaseItemCount(), 0u);
+  // ...and once the main queue runs for one made on another thread, or by a factory of the
+  // container that holds the application (which it cannot ask while that factory runs).
+  std::unique_ptr<kp::CacheController> elsewhere;
+  std::thread([&] { elsewhere = std::make_unique<kp::CacheController>(options()); }).join();
+  services_->register_<kp::CacheService>(
+      [settings = options()](tarvix::ServiceContainer&) { return std::make_shared<kp::CacheController>(settings); });
+  auto made = std::dynamic_pointer_cast<kp::CacheController>(services_->safeGet<kp::CacheService>());
+  EXPECT_FALSE(elsewhere->hasCleanUpTimer());
+  EXPECT_FALSE(made->hasCleanUpTimer());
+  main.runPending();
+  EXPECT_TRUE(elsewhere->hasCleanUpTimer());
+  EXPECT_TRUE(made->hasCleanUpTimer());
 }
 
 // An archivable class; the tests rename it in stored archives to one no reader knows.
