@@ -30,7 +30,9 @@ std::vector<CacheEntrySummary> listStoredEntries(CacheControllerDatabase& databa
   std::vector<CacheEntrySummary> entries;
   for (auto& row : database.getRowSummaries()) {
     CacheEntrySummary entry{std::move(row), std::nullopt};
-    if (isFileBacked(entry.row.type)) entry.fileSize = fileSizeOf(files.filePath(entry.row.key, entry.row.group));
+    const bool named = entry.row.keyForm == CacheRowSummary::KeyForm::text;
+    if (named && isFileBacked(entry.row.type))
+      entry.fileSize = fileSizeOf(files.filePath(entry.row.key, entry.row.group));
     entries.push_back(std::move(entry));
   }
   return entries;
