@@ -288,7 +288,7 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   auto fresh = open();
   EXPECT_EQ(fresh->get<Note>("note")->item, "hello");
   EXPECT_FALSE(fresh->getCacheItem("note"));
-  clock_->advance(61);
+  clock_->advance(120);  // well past the minute the note was given by the system clock
   EXPECT_FALSE(fresh->get<Note>("note"));
 }
 
@@ -311,8 +311,9 @@ TEST_F(CacheControllerTest, KeysAndGroupsTheDatabaseCannotHoldStayInMemory) {
   EXPECT_TRUE(cache->getCacheItem("other-group"));
   EXPECT_FALSE(cache->getCacheItem(std::string("a\0zzz", 5)));  // not the entry of "a"
   EXPECT_EQ(*cache->getCacheItem("a")->item->get<std::string>(), "plain");
-  // Once expired, nothing is left on disk that no clean-up can find.
-  clock_->advance(61);
+  // Once expired, nothing is left on disk that no clean-up can find. (The entries took their
+  // creation dates from the system clock, a moment after the test's clock started.)
+  clock_->advance(120);
   cache->wipeCompleteExpiredCache();
   cache->waitForBackgroundWork();
   EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
