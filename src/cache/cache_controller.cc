@@ -529,6 +529,8 @@ std::uint64_t CacheController::getDatabaseTotalSize() const { return state_->dat
 
 std::uint64_t CacheController::getFileStorageTotalSize() const { return state_->files.getSize(); }
 
+std::optional<std::string> CacheController::fileStorageProblem() const { return state_->files.folderProblem(); }
+
 // ---- application life ----
 
 void CacheController::didBecomeActive(const Notification&) { state_->becomeActive(); }

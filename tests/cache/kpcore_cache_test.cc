@@ -136,6 +136,22 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
   const auto none = runCommand(std::string(KPCORE_PATH) + " cache stats --dir " + shellQuote(empty.path()) + " 2>&1");
   EXPECT_EQ(none.status, 1);
   EXPECT_EQ(none.output, "kpcore cache: no cache database in " + empty.path().string() + "\n");
+
+  // A link in the place of the file folder is not the cache's: a wipe leaves alone what it
+  // leads to, and neither counts its files.
+  namespace fs = std::filesystem;
+  kp::test::TempDir elsewhere;
+  fs::create_directory(elsewhere.path() / "sub");
+  for (const char* name : {"precious.txt", "sub/more.txt"}) std::ofstream(elsewhere.path() / name) << "keep me";
+  const auto folder = dir_.path() / "KPCentralCacheController";
+  fs::remove_all(folder);
+  fs::create_directory_symlink(elsewhere.path(), folder);
+  const auto linked = kpcore("wipe");
+  EXPECT_EQ(linked.status, 0);
+  EXPECT_NE(linked.output.find("kpcore cache: note: " + folder.string() + " is a symbolic link"), std::string::npos)
+      << linked.output;
+  EXPECT_NE(kpcore("stats").output.find("file storage size: 0 B\n"), std::string::npos);
+  EXPECT_TRUE(fs::exists(elsewhere.path() / "precious.txt") && fs::exists(elsewhere.path() / "sub/more.txt"));
 }
 
 TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {

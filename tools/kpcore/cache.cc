@@ -317,6 +317,12 @@ int maintain(kp::CacheController& cache, const Output& c, const std::string& wha
   return 0;
 }
 
+// A file folder the cache does not use (a link stands there) is worth a line: its files are
+// neither counted nor removed, whatever the subcommand says about the file storage.
+void noteFileStorage(const std::optional<std::string>& problem) {
+  if (problem) std::cerr << "kpcore cache: note: " << printable(*problem) << "\n";
+}
+
 int runCache(kpcore::Args& args) {
   const bool json = args.flag("json");
   const auto dir = args.option("dir");
@@ -348,6 +354,7 @@ int runCache(kpcore::Args& args) {
     std::string problem;
     const auto inspector = kp::CacheInspector::open(folder, &problem);
     if (!inspector) throw CommandError(problem);
+    noteFileStorage(inspector->fileStorageProblem());
     if (*action == "stats") return stats(*inspector, output);
     if (*action == "list") return list(*inspector, output);
     return get(*inspector, output, *key, raw);
@@ -355,6 +362,7 @@ int runCache(kpcore::Args& args) {
   kp::CacheController::Options options;
   options.directory = folder;
   kp::CacheController cache(options);
+  noteFileStorage(cache.fileStorageProblem());
   if (*action == "wipe") {
     if (group)
       return maintain(cache, output, "wipe group " + printable(*group), [&] { cache.wipeCompleteCache(*group); });

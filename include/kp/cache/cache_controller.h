@@ -153,6 +153,9 @@ class CacheController final : public CacheService {
   [[nodiscard]] std::uint64_t getBackStoreTotalSize() const;
   [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
   [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
+  // Why no files are kept in the file folder (a link or no folder stands there, see
+  // CacheControllerFileStorage), if so: the cache then keeps bytes and images in memory only.
+  [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
 
   // The application notifications; the host may also call these directly, from any thread.
   void didBecomeActive(const Notification& notification);
