@@ -104,7 +104,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
         database(options.databaseFileName, directory),
         files(options.storageFileName, directory),
         maximumCacheSizeInBytes(kDefaultMaximumCacheSizeInBytes, SerialQueue::make("kp.cache.limit")),
-        application(options.services ? std::move(options.services) : Services::default_()),
+        services(options.services ? std::move(options.services) : Services::default_()),
+        application(services),
         background("kp.cache.background", options.backgroundBudgetBytes) {}
 
   std::shared_ptr<const tarvix::DateService> clock;
@@ -113,6 +114,9 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   CacheControllerFileStorage files;
   Synchronized<std::uint64_t> maximumCacheSizeInBytes;
   std::atomic<double> cleanUpInterval{kDefaultCleanUpInterval};
+  // Where the application is looked up; kept apart from the dependency so that the start-up
+  // step can probe it without the dependency's lock.
+  std::shared_ptr<Services> services;
   OptionalLazyDependency<tarvix::Application> application;
   internal::CacheBackgroundWork background;
   // Moves on when a wipe of everything is started: saves started before it need not run.
@@ -271,7 +275,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   // container that holds it (asking would re-enter that container).
   bool startUpNow() {
     try {
-      (void)application.services()->resolveIfRegistered<tarvix::Application>();
+      (void)services->resolveIfRegistered<tarvix::Application>();
     } catch (const DefaultServiceContainer::ReentrantUseError&) {
       return false;
     } catch (...) {
