@@ -18,12 +18,15 @@
 // notification centre. While the application is active, a repeating timer on the main queue
 // (every cleanUpInterval seconds) purges expired entries; becoming active purges them and
 // starts the timer, resigning active stops it, and a memory warning drops the entries that
-// ask for it. At construction the controller reads the application state once, on the main
-// thread, from the Application service; with no Application registered it counts as not
-// active, and the timer waits for the first did-become-active.
+// ask for it. The controller reads the application state once, from the Application service,
+// on the main thread: during construction when it is made there, otherwise (or when a factory
+// of the container that holds the application makes it) once the main queue runs. With no
+// Application registered it counts as not active, and the timer waits for the first
+// did-become-active.
 //
 // Nothing here reports an error: a database that cannot be opened leaves a memory-only cache,
-// a file that cannot be written is not stored, and damaged stored data reads as absent.
+// a file that cannot be written is not stored, and damaged stored data reads as absent. (A
+// symbolic link in the place of the file folder is reported: see CacheControllerFileStorage.)
 //
 // Thread safety: every operation may be called from any thread. Timer and notification
 // handling runs on the main thread. Destruction unregisters the observers, stops the timer
