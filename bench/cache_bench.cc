@@ -2,8 +2,8 @@
 //   database saves and loads against raw SQLite prepared statements with the same journal
 //   and sync settings; memory-store lookups against a bare std::unordered_map; file-store
 //   saves against a stream writing the file in place and against a temporary file renamed
-//   without flushing it (what the store's flush to disk costs); loads and a trim of 10,000
-//   files.
+//   without flushing it (what the store's flush to disk costs); loads against one open and
+//   read of the file by its path; a trim of 10,000 files.
 // The cache controller against its stores: a memory hit against the memory store's lookup, a
 // database hit against the database's load, 100,000 background saves against the database's
 // own save loop, and a cold start over 100,000 rows against opening the file with raw SQLite.
@@ -25,6 +25,7 @@
 #include "kp/cache/cache_database.h"
 #include "kp/cache/file_storage.h"
 #include "kp/cache/memory_storage.h"
+#include "scratch_folder.h"
 
 namespace {
 
@@ -43,12 +44,8 @@ class Entry final : public kp::Cacheable {
   kp::CacheItemType type_;
 };
 
-fs::path freshDir(const std::string& name) {
-  auto dir = fs::temp_directory_path() / ("kp-bench-" + name);
-  fs::remove_all(dir);
-  fs::create_directories(dir);
-  return dir;
-}
+// An empty folder of this run's scratch space, which goes when the program ends.
+fs::path freshDir(const std::string& name) { return kp::bench::freshFolder(name); }
 
 const kp::Data kPayload = kp::Data(std::vector<std::uint8_t>(1024, 0x5a));
 
@@ -204,6 +201,22 @@ void BM_FileStorageSave64KiB(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(k64KiB.size()));
 }
 BENCHMARK(BM_FileStorageSave64KiB);
+
+// Baseline: the file read by its path with one open and one read, as the store read before it
+// opened its folder first and refused links.
+void BM_Baseline_FileReadByPath64KiB(benchmark::State& state) {
+  const auto dir = freshDir("files-read");
+  for (int i = 0; i < 200; ++i) writeInPlace(dir / ("tile-" + std::to_string(i)), k64KiB);
+  std::vector<std::uint8_t> buffer(k64KiB.size());
+  int i = 0;
+  for (auto _ : state) {
+    const int fd = ::open((dir / ("tile-" + std::to_string(i++ % 200))).c_str(), O_RDONLY | O_CLOEXEC);
+    benchmark::DoNotOptimize(::read(fd, buffer.data(), buffer.size()));
+    ::close(fd);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(k64KiB.size()));
+}
+BENCHMARK(BM_Baseline_FileReadByPath64KiB);
 
 void BM_FileStorageLoad64KiB(benchmark::State& state) {
   kp::CacheControllerFileStorage files("store", freshDir("files-load"));

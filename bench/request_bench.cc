@@ -11,7 +11,6 @@
 #include <ctime>
 #include <fstream>
 #include <mutex>
-#include <random>
 #include <semaphore>
 #include <thread>
 
@@ -23,6 +22,7 @@
 #include "kp/request/request_queue.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
+#include "scratch_folder.h"
 
 namespace {
 
@@ -326,7 +326,7 @@ class FileWriter : public kp::UrlSessionDelegate {
 
 void BM_Transfer_Large_Session_ToFile(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/large");
-  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download";
+  const auto path = kp::bench::scratchFolder() / "download";
   double peakGrowth = 0;
   for (auto _ : state) {
     std::filesystem::remove(path);
@@ -348,7 +348,7 @@ void BM_Transfer_Large_Session_ToFile(benchmark::State& state) {
 
 void BM_Transfer_Large_RawCurl_ToFile(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/large");
-  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download-raw";
+  const auto path = kp::bench::scratchFolder() / "download-raw";
   for (auto _ : state) {
     std::FILE* file = std::fopen(path.c_str(), "wb");
     CURL* easy = curl_easy_init();
@@ -384,9 +384,7 @@ namespace {
 // The shared cache keeps its files in a folder of this run's own.
 void useTemporaryCacheFolder() {
   static const bool ready = [] {
-    std::random_device random;
-    const auto folder = std::filesystem::temp_directory_path() / ("kp-bench-cache-" + std::to_string(random()));
-    std::filesystem::create_directories(folder);
+    const auto folder = kp::bench::freshFolder("cache");
     ::setenv("XDG_CACHE_HOME", folder.c_str(), 1);
     return true;
   }();
@@ -510,7 +508,7 @@ void BM_Execution_SmallGets_HandlerAlone(benchmark::State& state) {
 
 void BM_Transfer_Large_FileRequest(benchmark::State& state) {
   const auto url = *kp::Url::parse(BenchServer::shared().url("/large"));
-  const auto path = std::filesystem::temp_directory_path() / "kp-bench-download-file-request";
+  const auto path = kp::bench::scratchFolder() / "download-file-request";
   double peakGrowth = 0;
   for (auto _ : state) {
     resetPeakResident();

@@ -104,7 +104,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
         database(options.databaseFileName, directory),
         files(options.storageFileName, directory),
         maximumCacheSizeInBytes(kDefaultMaximumCacheSizeInBytes, SerialQueue::make("kp.cache.limit")),
-        application(options.services ? std::move(options.services) : Services::default_()),
+        services(options.services ? std::move(options.services) : Services::default_()),
+        application(services),
         background("kp.cache.background", options.backgroundBudgetBytes) {}
 
   std::shared_ptr<const tarvix::DateService> clock;
@@ -113,6 +114,9 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   CacheControllerFileStorage files;
   Synchronized<std::uint64_t> maximumCacheSizeInBytes;
   std::atomic<double> cleanUpInterval{kDefaultCleanUpInterval};
+  // Where the application is looked up; kept apart from the dependency so that the start-up
+  // step can probe it without the dependency's lock.
+  std::shared_ptr<Services> services;
   OptionalLazyDependency<tarvix::Application> application;
   internal::CacheBackgroundWork background;
   // Moves on when a wipe of everything is started: saves started before it need not run.
@@ -266,6 +270,21 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     });
   }
 
+  // The start-up step at once, on the main thread; false, with nothing done, when the
+  // application cannot be asked now because the controller is being made by a factory of the
+  // container that holds it (asking would re-enter that container).
+  bool startUpNow() {
+    try {
+      (void)services->resolveIfRegistered<tarvix::Application>();
+    } catch (const DefaultServiceContainer::ReentrantUseError&) {
+      return false;
+    } catch (...) {
+      // Any other failure is the dependency's to report, when startUp() reads it.
+    }
+    startUp();
+    return true;
+  }
+
   void startUp() {
     auto app = application.wrappedValue();
     if (!app || app->applicationState() != tarvix::ApplicationState::active) return;
@@ -297,7 +316,7 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 
   [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData);
 
-  // The rules every read applies once it has found an entry: expiry, rolling expiry, and
+  // The rules every read applies once it has found an entry: rolling expiry, expiry, and
   // keeping an entry read from the database in memory.
   std::shared_ptr<Cacheable> finishRead(std::shared_ptr<Cacheable> entry, std::string_view key, bool fromMemory,
                                         bool keepInMemory, ReadStart start = {false, 0}) {
@@ -307,17 +326,19 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     // Most entries need no clock: it is read only for an age limit or rolling expiry.
     std::optional<Date> at;
     const auto current = [&] { return at ? *at : *(at = now()); };
-    // The lifetime that has already ended is not restarted: an expired entry stays expired.
-    if (ages && entry->isExpired(current())) {
-      if (fromMemory) memory.remove(key, *entry);
-      return nullptr;
-    }
+    // A read restarts a rolling entry's lifetime before its age is tested, however long it
+    // went unread: such an entry lives while it is read, and only the clean-up removes one
+    // that was left alone too long.
     if (config.rollingExpiration) {
       entry->setCreationDate(current());
       if (config.retainInBackStore) {
         post(kTaskOverhead + key.size(),
              [key = std::string(key), entry](State& s) { s.database.updateTimestamp(key, *entry); });
       }
+    }
+    if (ages && entry->isExpired(current())) {
+      if (fromMemory) memory.remove(key, *entry);
+      return nullptr;
     }
     if (!fromMemory && keepInMemory && start.mayKeep) (void)memory.insertIfUnchanged(entry, key, start.generation);
     return entry;
@@ -349,11 +370,14 @@ CacheController::CacheController(Options options) {
   observe(ApplicationNotifications::kDidBecomeActive, &State::becomeActive);
   observe(ApplicationNotifications::kWillResignActive, &State::stopTimerOnMainThread);
   observe(ApplicationNotifications::kDidReceiveMemoryWarning, &State::dropMemoryWarningItems);
-  // Queued even on the main thread: the controller may be made by a service factory, under
-  // the lock of the container that the start-up step asks for the application.
-  MainQueue::shared()->async([weak = std::weak_ptr(state_)] {
-    if (auto state = weak.lock()) state->startUp();
-  });
+  // Made on the main thread, the controller starts up at once, so that its timer runs before
+  // the host next drains the main queue; made elsewhere, or by a factory of the container that
+  // holds the application, it starts up once the main queue runs.
+  if (!isMainThread() || !state_->startUpNow()) {
+    MainQueue::shared()->async([weak = std::weak_ptr(state_)] {
+      if (auto state = weak.lock()) state->startUp();
+    });
+  }
 }
 
 CacheController::~CacheController() {
@@ -508,6 +532,8 @@ std::uint64_t CacheController::getBackStoreTotalSize() const {
 std::uint64_t CacheController::getDatabaseTotalSize() const { return state_->database.getSize(); }
 
 std::uint64_t CacheController::getFileStorageTotalSize() const { return state_->files.getSize(); }
+
+std::optional<std::string> CacheController::fileStorageProblem() const { return state_->files.folderProblem(); }
 
 // ---- application life ----
 

@@ -40,10 +40,10 @@ constexpr std::string_view kDeleteExpired =
 constexpr std::string_view kSelectFileKeys = "SELECT id, data FROM cache WHERE cacheType >= 1 ORDER BY timestamp ASC;";
 constexpr std::string_view kSelectSummaries =
     "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
-    "length(data) AS dataSize FROM cache ORDER BY timestamp ASC;";
+    "length(data) AS dataSize, CAST(id AS BLOB) AS idBytes FROM cache ORDER BY timestamp ASC;";
 constexpr std::string_view kSelectSummary =
     "SELECT id, groupName, cacheType, timestamp, maximum_age, rollingExpiration, autoExpiration, "
-    "length(data) AS dataSize FROM cache WHERE id = ?;";
+    "length(data) AS dataSize, CAST(id AS BLOB) AS idBytes FROM cache WHERE id = ?;";
 constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kCountCacheTables =
     "SELECT count(*) AS count FROM sqlite_master WHERE type = 'table' AND name IN ('cache', 'db_metadata');";
@@ -67,12 +67,26 @@ std::int32_t wholeSeconds(double seconds, const char* what) {
 std::int32_t nowSeconds(Date now) { return wholeSeconds(std::floor(now.timeIntervalSince1970()), "clock"); }
 
 // The columns of a row listing.
-enum class SummaryColumns { id, group, type, timestamp, maximumAge, rolling, autoExpiration, dataSize, count, data };
+enum class SummaryColumns {
+  id,
+  idBytes,
+  group,
+  type,
+  timestamp,
+  maximumAge,
+  rolling,
+  autoExpiration,
+  dataSize,
+  count,
+  data
+};
 
 std::string_view sqliteColumnName(SummaryColumns column) noexcept {
   switch (column) {
     case SummaryColumns::id:
       return "id";
+    case SummaryColumns::idBytes:
+      return "idBytes";
     case SummaryColumns::group:
       return "groupName";
     case SummaryColumns::type:
@@ -95,11 +109,14 @@ std::string_view sqliteColumnName(SummaryColumns column) noexcept {
   return "";
 }
 
-// Encodes the file URL of a path: the characters that a URL cannot carry as they are.
+// Encodes the file URL of a path: the characters that a URL cannot carry as they are. A
+// relative path is taken from the working folder, as a file URL holds only absolute ones.
 std::string fileUrlOf(const std::filesystem::path& path) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   std::string url = "file://";
-  for (unsigned char c : path.string()) {
+  std::error_code ec;
+  const auto absolute = std::filesystem::absolute(path, ec);
+  for (unsigned char c : (ec ? path : absolute).string()) {
     const bool plain = std::isalnum(c) != 0 ||
                        std::string_view("/-._~!$&'()*+,;=:@").find(static_cast<char>(c)) != std::string_view::npos;
     if (plain) {
@@ -429,10 +446,17 @@ std::vector<CacheRowSummary> CacheControllerDatabase::summaries(std::string_view
   std::vector<CacheRowSummary> result;
   result.reserve(found.size());
   for (const auto& row : found) {
-    auto key = row.string(SummaryColumns::id);
-    if (!key) continue;
     CacheRowSummary summary;
-    summary.key = std::move(*key);
+    // Rows whose id is no UTF-8 text are counted by getItemCount() too: they are listed, named
+    // by their bytes.
+    if (auto key = row.string(SummaryColumns::id)) {
+      summary.key = std::move(*key);
+    } else if (auto bytes = row.data(SummaryColumns::idBytes)) {
+      summary.key = bytes->toString();
+      summary.keyForm = CacheRowSummary::KeyForm::bytes;
+    } else {
+      summary.keyForm = CacheRowSummary::KeyForm::null;
+    }
     summary.group = row.string(SummaryColumns::group);
     const auto type = row.int32(SummaryColumns::type);
     summary.type = type ? cacheItemTypeFromRawValue(*type) : std::nullopt;

@@ -1,21 +1,10 @@
 // Listings and inspections of the cache's database rows and files.
 #include "cache/stored_entries.h"
 
-#include <system_error>
-
 #include "platform/utf8.h"
 
 namespace kp::internal {
 namespace {
-
-namespace fs = std::filesystem;
-
-std::optional<std::uint64_t> fileSizeOf(const fs::path& path) {
-  std::error_code ec;
-  const auto size = fs::file_size(path, ec);
-  if (ec) return std::nullopt;
-  return static_cast<std::uint64_t>(size);
-}
 
 bool isFileBacked(const std::optional<CacheItemType>& type) {
   return type == CacheItemType::rawDataToFile || type == CacheItemType::image;
@@ -30,7 +19,8 @@ std::vector<CacheEntrySummary> listStoredEntries(CacheControllerDatabase& databa
   std::vector<CacheEntrySummary> entries;
   for (auto& row : database.getRowSummaries()) {
     CacheEntrySummary entry{std::move(row), std::nullopt};
-    if (isFileBacked(entry.row.type)) entry.fileSize = fileSizeOf(files.filePath(entry.row.key, entry.row.group));
+    const bool named = entry.row.keyForm == CacheRowSummary::KeyForm::text;
+    if (named && isFileBacked(entry.row.type)) entry.fileSize = files.fileSize(entry.row.key, entry.row.group);
     entries.push_back(std::move(entry));
   }
   return entries;

@@ -37,8 +37,10 @@ void nonFatalException(StaticText description, std::optional<std::string> failur
     std::shared_ptr<NonFatalExceptionReporter> reporter;
     try {
       reporter = Services::default_()->safeGet<NonFatalExceptionReporter>();
-    } catch (const std::exception&) {
-      TarvixLoggers::CL()->error("No NonFatalExceptionReporter is registered; the report is dropped.");
+    } catch (...) {
+      // Whatever the lookup throws (a factory may throw anything), the report is dropped and
+      // the assertion below is raised all the same.
+      TarvixLoggers::CL()->error("No NonFatalExceptionReporter could be resolved; the report is dropped.");
     }
     if (reporter) {
       try {

@@ -85,15 +85,19 @@ std::string sqlite(const fs::path& db, const std::string& sql) {
 
 class CacheControllerTest : public ::testing::Test {
  protected:
-  std::unique_ptr<kp::CacheController> open(std::optional<fs::path> directory = {},
-                                            std::size_t budget = kp::CacheController::kDefaultBackgroundBudgetBytes) {
+  kp::CacheController::Options options(std::optional<fs::path> directory = {}) const {
     kp::CacheController::Options options;
-    options.backgroundBudgetBytes = budget;
     options.directory = directory.value_or(dir_.path());
     options.clock = clock_;
     options.services = services_;
-    auto cache = std::make_unique<kp::CacheController>(options);
-    kp::MainQueue::shared()->runPending();  // the start-up step
+    return options;
+  }
+  std::unique_ptr<kp::CacheController> open(std::optional<fs::path> directory = {},
+                                            std::size_t budget = kp::CacheController::kDefaultBackgroundBudgetBytes) {
+    auto settings = options(std::move(directory));
+    settings.backgroundBudgetBytes = budget;
+    auto cache = std::make_unique<kp::CacheController>(settings);
+    kp::MainQueue::shared()->runPending();  // the start-up step of a controller made elsewhere
     return cache;
   }
   void registerApplication(tarvix::ApplicationState state) {
@@ -197,6 +201,8 @@ TEST_F(CacheControllerTest, ExpiryFollowsTheClock) {
   auto manual = policy(60);
   manual.autoExpiration = false;
   cache->set(entry(kp::ArchiveValue("r"), rolling), "rolling");
+  using Note = kp::CodableCacheItem<std::string>;
+  cache->set(std::static_pointer_cast<kp::Cacheable>(std::make_shared<Note>("n", rolling)), "rolling-note");
   cache->set(entry(kp::ArchiveValue("p"), policy(60)), "plain");
   cache->set(entry(kp::ArchiveValue("m"), manual), "manual");
   cache->set(bytesEntry(pattern(10), manual), "manual-file");
@@ -210,8 +216,16 @@ TEST_F(CacheControllerTest, ExpiryFollowsTheClock) {
   cache->waitForBackgroundWork();
   // The refreshed timestamp reached the row: a new controller sees a fresh entry.
   EXPECT_TRUE(open()->getCacheItem("rolling"));
+  // However long a rolling entry went unread, a read restarts its lifetime before its age is
+  // tested, in memory and in its row alike; only the clean-up removes one left alone.
+  clock_->advance(3600);
+  EXPECT_TRUE(cache->getCacheItem("rolling"));
+  EXPECT_TRUE(cache->get<Note>("rolling-note"));
+  cache->waitForBackgroundWork();
+  clock_->advance(3600);
+  EXPECT_TRUE(open()->getCacheItem("rolling"));
+  EXPECT_TRUE(open()->get<Note>("rolling-note"));
   clock_->advance(61);
-  EXPECT_FALSE(cache->getCacheItem("rolling"));  // a lifetime that has ended is not restarted
 
   cache->wipeCompleteExpiredCache();
   cache->waitForBackgroundWork();
@@ -276,7 +290,7 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
   auto fresh = open();
   EXPECT_EQ(fresh->get<Note>("note")->item, "hello");
   EXPECT_FALSE(fresh->getCacheItem("note"));
-  clock_->advance(61);
+  clock_->advance(120);  // well past the minute the note was given by the system clock
   EXPECT_FALSE(fresh->get<Note>("note"));
 }
 
@@ -299,8 +313,9 @@ TEST_F(CacheControllerTest, KeysAndGroupsTheDatabaseCannotHoldStayInMemory) {
   EXPECT_TRUE(cache->getCacheItem("other-group"));
   EXPECT_FALSE(cache->getCacheItem(std::string("a\0zzz", 5)));  // not the entry of "a"
   EXPECT_EQ(*cache->getCacheItem("a")->item->get<std::string>(), "plain");
-  // Once expired, nothing is left on disk that no clean-up can find.
-  clock_->advance(61);
+  // Once expired, nothing is left on disk that no clean-up can find. (The entries took their
+  // creation dates from the system clock, a moment after the test's clock started.)
+  clock_->advance(120);
   cache->wipeCompleteExpiredCache();
   cache->waitForBackgroundWork();
   EXPECT_EQ(cache->getFileStorageTotalSize(), 0u);
@@ -351,13 +366,26 @@ TEST_F(CacheControllerTest, TheTimerRunsWhileTheApplicationIsActive) {
   center.post(Names::kDidBecomeActive);  // reaches no destroyed controller
   main.runPending();
 
-  // Active at start-up: expired rows are cleaned up and the timer starts.
+  // Active at start-up: expired rows are cleaned up and the timer starts, at once for a
+  // controller made on the main thread...
   clock_->advance(6);
   registerApplication(tarvix::ApplicationState::active);
-  auto cache = open();
+  auto cache = std::make_unique<kp::CacheController>(options());
   EXPECT_TRUE(cache->hasCleanUpTimer());
   cache->waitForBackgroundWork();
   EXPECT_EQ(cache->databaseItemCount(), 0u);
+  // ...and once the main queue runs for one made on another thread, or by a factory of the
+  // container that holds the application (which it cannot ask while that factory runs).
+  std::unique_ptr<kp::CacheController> elsewhere;
+  std::thread([&] { elsewhere = std::make_unique<kp::CacheController>(options()); }).join();
+  services_->register_<kp::CacheService>(
+      [settings = options()](tarvix::ServiceContainer&) { return std::make_shared<kp::CacheController>(settings); });
+  auto made = std::dynamic_pointer_cast<kp::CacheController>(services_->safeGet<kp::CacheService>());
+  EXPECT_FALSE(elsewhere->hasCleanUpTimer());
+  EXPECT_FALSE(made->hasCleanUpTimer());
+  main.runPending();
+  EXPECT_TRUE(elsewhere->hasCleanUpTimer());
+  EXPECT_TRUE(made->hasCleanUpTimer());
 }
 
 // An archivable class; the tests rename it in stored archives to one no reader knows.

@@ -80,6 +80,26 @@ TEST_F(KpcoreCacheTest, ShowsTheFolderItsEntriesAndOneEntry) {
   const auto image = kp::Image::decode(kp::Data::fromString(png.output));
   ASSERT_TRUE(image);
   EXPECT_EQ(image->scale(), 2.0);
+
+  // Rows that something else wrote under ids no key matches are listed as stats counts them,
+  // and a folder given relative to the working folder is the same folder.
+  const auto db = dir_.path() / "centralcache.db";
+  const auto forged = runCommand("sqlite3 " + shellQuote(db.string()) +
+                                 " \"INSERT INTO cache (id, cacheType, data, timestamp) VALUES (NULL, 0, x'00', 1), "
+                                 "(x'6162', 0, x'00', 1), (CAST(x'ff61' AS TEXT), 0, x'00', 1);\" 2>&1");
+  ASSERT_EQ(forged.output, "");
+  const auto relative = [&](const std::string& arguments) {
+    return runCommand("cd " + shellQuote(dir_.path().parent_path()) + " && " + KPCORE_PATH + " cache " + arguments +
+                      " --dir " + shellQuote(dir_.path().filename()) + " 2>&1");
+  };
+  EXPECT_NE(relative("stats").output.find("database entries:  7\n"), std::string::npos);
+  const auto all = relative("list");
+  EXPECT_NE(all.output.find("7 entries, "), std::string::npos) << all.output;
+  for (const char* id : {" (id NULL)\n", " (id x'6162')\n", " (id x'ff61')\n"}) {
+    EXPECT_NE(all.output.find(id), std::string::npos) << id << all.output;
+  }
+  EXPECT_NE(kpcore("list --json").output.find("{\"key\":null,\"keyBytes\":\"6162\",\"kind\":\"serialized\""),
+            std::string::npos);
 }
 
 TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
@@ -116,6 +136,22 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
   const auto none = runCommand(std::string(KPCORE_PATH) + " cache stats --dir " + shellQuote(empty.path()) + " 2>&1");
   EXPECT_EQ(none.status, 1);
   EXPECT_EQ(none.output, "kpcore cache: no cache database in " + empty.path().string() + "\n");
+
+  // A link in the place of the file folder is not the cache's: a wipe leaves alone what it
+  // leads to, and neither counts its files.
+  namespace fs = std::filesystem;
+  kp::test::TempDir elsewhere;
+  fs::create_directory(elsewhere.path() / "sub");
+  for (const char* name : {"precious.txt", "sub/more.txt"}) std::ofstream(elsewhere.path() / name) << "keep me";
+  const auto folder = dir_.path() / "KPCentralCacheController";
+  fs::remove_all(folder);
+  fs::create_directory_symlink(elsewhere.path(), folder);
+  const auto linked = kpcore("wipe");
+  EXPECT_EQ(linked.status, 0);
+  EXPECT_NE(linked.output.find("kpcore cache: note: " + folder.string() + " is a symbolic link"), std::string::npos)
+      << linked.output;
+  EXPECT_NE(kpcore("stats").output.find("file storage size: 0 B\n"), std::string::npos);
+  EXPECT_TRUE(fs::exists(elsewhere.path() / "precious.txt") && fs::exists(elsewhere.path() / "sub/more.txt"));
 }
 
 TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {

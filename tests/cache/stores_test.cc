@@ -189,6 +189,13 @@ TEST_F(CacheDatabaseTest, ConcurrentUseKeepsTheFileIntact) {
   EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
 }
 
+std::vector<std::string> namesIn(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
 TEST(CacheFileStorage, PathsSizesAndTheTrim) {
   kp::test::TempDir dir;
   kp::CacheControllerFileStorage files("KPCentralCacheController", dir.path());
@@ -234,6 +241,70 @@ TEST(CacheFileStorage, PathsSizesAndTheTrim) {
   EXPECT_TRUE(std::filesystem::exists(base));
 }
 
+// A folder that something else put in the store's place, or inside it, is never the store's:
+// it neither reads, counts, writes nor removes anything through a link, nor anything it did not
+// make itself.
+TEST(CacheFileStorage, NeverFollowsALinkAndTouchesOnlyWhatItMade) {
+  namespace fs = std::filesystem;
+  kp::test::TempDir dir;
+  const auto digest = [](std::string_view text) { return kp::hashSha1(text); };
+  const auto victim = dir.path() / "documents";
+  fs::create_directories(victim / "sub");
+  for (const auto& name : {fs::path("a.txt"), fs::path("sub/b.txt"), fs::path(digest("k"))}) {
+    std::ofstream(victim / name) << "precious";
+  }
+  const auto sorted = [](std::vector<std::string> names) {
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  const auto untouched = [&] {
+    return namesIn(victim) == sorted({digest("k"), "a.txt", "sub"}) &&
+           namesIn(victim / "sub") == std::vector<std::string>{"b.txt"};
+  };
+  kp::CacheControllerDatabase db("centralcache.db", dir.path());
+  db.prepare();
+  db.saveRecord(kp::Data{}, Entry(config(0), Date::now(), CacheItemType::rawDataToFile), "k");
+
+  const auto base = dir.path() / "store";
+  fs::create_directory_symlink(victim, base);
+  kp::CacheControllerFileStorage files("store", dir.path());
+  files.prepareCacheFolder();
+  ASSERT_TRUE(files.folderProblem());
+  EXPECT_NE(files.folderProblem()->find("is a symbolic link"), std::string::npos) << *files.folderProblem();
+  EXPECT_FALSE(files.save(kp::Data{1}, "new", std::nullopt));
+  EXPECT_FALSE(files.loadData("k", std::nullopt));
+  EXPECT_FALSE(files.fileSize("k", std::nullopt));
+  EXPECT_EQ(files.getSize(), 0u);
+  files.removeData("k", std::nullopt);
+  files.removeOldestFiles(0, db);
+  files.removeAllItems(std::string("sub"));
+  files.removeAllItems(std::nullopt);
+  EXPECT_TRUE(untouched());
+  EXPECT_TRUE(fs::is_symlink(base));
+
+  // In a folder of its own, links in the place of a group folder or a file are left alone, as
+  // is whatever it did not make.
+  fs::remove(base);
+  files.prepareCacheFolder();
+  EXPECT_FALSE(files.folderProblem());
+  fs::create_directory_symlink(victim, base / digest("g"));
+  fs::create_symlink(victim / digest("k"), base / digest("linked"));
+  fs::create_directory(base / "photos");
+  std::ofstream(base / "photos" / digest("x")) << "foreign";
+  std::ofstream(base / "notes.txt") << "foreign";
+  EXPECT_TRUE(files.save(kp::Data{1, 2}, "own", std::nullopt));
+  EXPECT_TRUE(files.save(kp::Data{3}, "own", std::string("h")));
+  EXPECT_FALSE(files.save(kp::Data{4}, "k", std::string("g")));
+  EXPECT_FALSE(files.loadData("k", std::string("g")));
+  EXPECT_FALSE(files.loadData("linked", std::nullopt));
+  EXPECT_EQ(files.getSize(), 3u);
+  files.removeAllItems(std::string("g"));
+  files.removeAllItems(std::nullopt);
+  EXPECT_TRUE(untouched());
+  EXPECT_EQ(namesIn(base), sorted({digest("g"), digest("linked"), "notes.txt", "photos"}));
+  EXPECT_EQ(namesIn(base / "photos"), std::vector<std::string>{digest("x")});
+}
+
 TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
   kp::test::TempDir dir;
   kp::CacheControllerFileStorage files("missing-parent/store", dir.path());
@@ -264,13 +335,6 @@ class FileSizeLimit {
   rlimit saved_{};
   void (*savedHandler_)(int) = nullptr;
 };
-
-std::vector<std::string> namesIn(const std::filesystem::path& folder) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 TEST(CacheFileStorage, AFailedSaveKeepsTheOldPayload) {
   kp::test::TempDir dir;

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kp/container/dependency.h"
@@ -45,15 +46,22 @@ TEST(NonFatalExceptionTest, ReportsGoToTheOverrideOrBaseReporterAndAlwaysRaiseTh
   nonFatalException("Outside");
   EXPECT_EQ(scoped->descriptions, (std::vector<std::string>{"Inside"}));
 
+  // The base reporter's factory fails once, with something that is not a std::exception.
   auto base = std::make_shared<RecordingReporter>();
-  Services::default_()->registerInstance<NonFatalExceptionReporter>(base);
+  bool failNext = true;
+  Services::default_()->register_<NonFatalExceptionReporter>([&](tarvix::ServiceContainer&) {
+    if (std::exchange(failNext, false)) throw 42;
+    return base;
+  });
+  nonFatalException("Lookup fails");
   nonFatalException("To base", std::nullopt, std::nullopt, UserInfo{{"k", "v"}});
   EXPECT_EQ(base->descriptions, (std::vector<std::string>{"To base"}));
 
-  EXPECT_EQ(capture.messages(),
-            (std::vector<std::string>{"Description:\n  - Nobody listens\n\nFailure Reason:\n  - no reporter",
-                                      "Description:\n  - Inside", "Description:\n  - Outside",
-                                      "Description:\n  - To base\n\nUserInfo:\n  - k: v"}));
+  EXPECT_EQ(
+      capture.messages(),
+      (std::vector<std::string>{"Description:\n  - Nobody listens\n\nFailure Reason:\n  - no reporter",
+                                "Description:\n  - Inside", "Description:\n  - Outside",
+                                "Description:\n  - Lookup fails", "Description:\n  - To base\n\nUserInfo:\n  - k: v"}));
 
   // The hook hears the same place every time, whichever caller reports.
   std::string file;

@@ -102,6 +102,40 @@ std::string sizeText(const kp::CacheEntrySummary& entry) {
 
 std::string optionalJson(const std::optional<std::string>& text) { return text ? kpcore::jsonQuote(*text) : "null"; }
 
+std::string hex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : bytes) out.append({kDigits[c >> 4], kDigits[c & 0x0f]});
+  return out;
+}
+
+// A row's key; a row named by no text (written by something else) shows its id as SQLite
+// would write it, so that the user can find it there.
+std::string keyText(const kp::CacheRowSummary& row) {
+  switch (row.keyForm) {
+    case kp::CacheRowSummary::KeyForm::text:
+      return printable(row.key);
+    case kp::CacheRowSummary::KeyForm::bytes:
+      return "(id x'" + hex(row.key) + "')";
+    case kp::CacheRowSummary::KeyForm::null:
+      break;
+  }
+  return "(id NULL)";
+}
+
+// "key" is null for a row named by no text; "keyBytes" then holds the id's bytes in hex.
+std::string keyJson(const kp::CacheRowSummary& row) {
+  switch (row.keyForm) {
+    case kp::CacheRowSummary::KeyForm::text:
+      return "\"key\":" + kpcore::jsonQuote(row.key);
+    case kp::CacheRowSummary::KeyForm::bytes:
+      return "\"key\":null,\"keyBytes\":\"" + hex(row.key) + "\"";
+    case kp::CacheRowSummary::KeyForm::null:
+      break;
+  }
+  return "\"key\":null,\"keyBytes\":null";
+}
+
 // ---- payload descriptions ----
 
 std::string describe(const kp::ArchiveValue& value) {
@@ -181,7 +215,7 @@ int list(kp::CacheInspector& cache, const Output& c) {
     bool first = true;
     for (const auto& e : entries) {
       const auto& r = e.row;
-      std::cout << (first ? "" : ",") << "{\"key\":" << kpcore::jsonQuote(r.key) << ",\"kind\":\"" << kindName(r.type)
+      std::cout << (first ? "" : ",") << "{" << keyJson(r) << ",\"kind\":\"" << kindName(r.type)
                 << "\",\"group\":" << optionalJson(r.group)
                 << ",\"created\":" << kpcore::jsonQuote(r.timestamp.iso8601()) << ",\"maximumAge\":" << r.maximumAge
                 << ",\"rollingExpiration\":" << (r.rollingExpiration ? "true" : "false")
@@ -199,7 +233,7 @@ int list(kp::CacheInspector& cache, const Output& c) {
     total += e.fileSize.value_or(r.dataSize);
     std::printf("%-6s %-11s %-10s %-10s %-12s %s\n", humanDuration(now.timeIntervalSince(r.timestamp)).c_str(),
                 expiryText(r, now).c_str(), sizeText(e).c_str(), kindName(r.type).c_str(),
-                printable(r.group.value_or("-")).c_str(), printable(r.key).c_str());
+                printable(r.group.value_or("-")).c_str(), keyText(r).c_str());
   }
   std::cout << entries.size() << (entries.size() == 1 ? " entry, " : " entries, ") << humanSize(total) << "\n";
   return 0;
@@ -283,6 +317,12 @@ int maintain(kp::CacheController& cache, const Output& c, const std::string& wha
   return 0;
 }
 
+// A file folder the cache does not use (a link stands there) is worth a line: its files are
+// neither counted nor removed, whatever the subcommand says about the file storage.
+void noteFileStorage(const std::optional<std::string>& problem) {
+  if (problem) std::cerr << "kpcore cache: note: " << printable(*problem) << "\n";
+}
+
 int runCache(kpcore::Args& args) {
   const bool json = args.flag("json");
   const auto dir = args.option("dir");
@@ -314,6 +354,7 @@ int runCache(kpcore::Args& args) {
     std::string problem;
     const auto inspector = kp::CacheInspector::open(folder, &problem);
     if (!inspector) throw CommandError(problem);
+    noteFileStorage(inspector->fileStorageProblem());
     if (*action == "stats") return stats(*inspector, output);
     if (*action == "list") return list(*inspector, output);
     return get(*inspector, output, *key, raw);
@@ -321,6 +362,7 @@ int runCache(kpcore::Args& args) {
   kp::CacheController::Options options;
   options.directory = folder;
   kp::CacheController cache(options);
+  noteFileStorage(cache.fileStorageProblem());
   if (*action == "wipe") {
     if (group)
       return maintain(cache, output, "wipe group " + printable(*group), [&] { cache.wipeCompleteCache(*group); });

@@ -3,9 +3,10 @@
 // (folder "KPCentralCacheController"), both in the application's caches directory.
 //
 // Reads look in memory, then in the database, then in the entry's file, and apply the
-// entry's expiry rules: an expired entry that allows automatic expiry reads as absent, a read
-// restarts the lifetime of an entry with rolling expiry, and an entry whose file has gone
-// reads as absent and loses its row. Writes go to memory at once; saves to the database and
+// entry's expiry rules: a read restarts the lifetime of an entry with rolling expiry before
+// anything else (so such an entry is found however long it went unread, and only the expired
+// clean-up removes it), an expired entry that allows automatic expiry reads as absent, and an
+// entry whose file has gone reads as absent and loses its row. Writes go to memory at once; saves to the database and
 // the files, wipes, the expired clean-up and the size trim run as background tasks on the
 // library's pool, one at a time in the order they were started (a wipe always follows the
 // saves started before it). Background work waiting to run is bounded in memory: beyond
@@ -17,12 +18,15 @@
 // notification centre. While the application is active, a repeating timer on the main queue
 // (every cleanUpInterval seconds) purges expired entries; becoming active purges them and
 // starts the timer, resigning active stops it, and a memory warning drops the entries that
-// ask for it. At construction the controller reads the application state once, on the main
-// thread, from the Application service; with no Application registered it counts as not
-// active, and the timer waits for the first did-become-active.
+// ask for it. The controller reads the application state once, from the Application service,
+// on the main thread: during construction when it is made there, otherwise (or when a factory
+// of the container that holds the application makes it) once the main queue runs. With no
+// Application registered it counts as not active, and the timer waits for the first
+// did-become-active.
 //
 // Nothing here reports an error: a database that cannot be opened leaves a memory-only cache,
-// a file that cannot be written is not stored, and damaged stored data reads as absent.
+// a file that cannot be written is not stored, and damaged stored data reads as absent. (A
+// symbolic link in the place of the file folder is reported: see CacheControllerFileStorage.)
 //
 // Thread safety: every operation may be called from any thread. Timer and notification
 // handling runs on the main thread. Destruction unregisters the observers, stops the timer
@@ -152,6 +156,9 @@ class CacheController final : public CacheService {
   [[nodiscard]] std::uint64_t getBackStoreTotalSize() const;
   [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
   [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
+  // Why no files are kept in the file folder (a link or no folder stands there, see
+  // CacheControllerFileStorage), if so: the cache then keeps bytes and images in memory only.
+  [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
 
   // The application notifications; the host may also call these directly, from any thread.
   void didBecomeActive(const Notification& notification);

@@ -44,7 +44,12 @@ struct CacheKeyAndGroup {
 
 // One row as a listing shows it.
 struct CacheRowSummary {
+  // How the row names its entry. Only a UTF-8 text id can match a key: a row named otherwise
+  // was written by something else, and no read ever reaches it, but it is listed all the same.
+  enum class KeyForm { text, bytes, null };
+  // The id: as text, or the bytes of a blob or of text in another encoding; empty for NULL.
   std::string key;
+  KeyForm keyForm = KeyForm::text;
   std::optional<std::string> group;
   // Nothing for a kind this library does not know.
   std::optional<CacheItemType> type;

@@ -43,6 +43,8 @@ class CacheInspector {
   // Bytes of the database file with its write-ahead log, and of the file folder.
   [[nodiscard]] std::uint64_t databaseBytes() const { return database_.getSize(); }
   [[nodiscard]] std::uint64_t fileStorageBytes() const { return files_.getSize(); }
+  // Why no files are kept in the file folder (a link or no folder stands there), if so.
+  [[nodiscard]] std::optional<std::string> fileStorageProblem() const { return files_.folderProblem(); }
   // Every row, oldest first, with its file's size.
   [[nodiscard]] std::vector<CacheEntrySummary> listEntries();
   // What the folder holds under `key` (never in memory: inMemory is false), with expiry judged

@@ -8,6 +8,15 @@
 // nothing. A save replaces a file whole: a failure or the process ending mid-write leaves
 // the old payload, never a cut-off one. Folders made here are private to the user (0700).
 //
+// The store touches only what it made: files and group folders named by digests, and its own
+// temporary files. Other things in its folder are neither counted, nor read, nor removed, and
+// it never follows a symbolic link, neither at its folder nor at a group folder or a file. A
+// folder that is a link (or no folder at all) is not the store's: it keeps no files then
+// (reported to CL once, when the folder is prepared; folderProblem() says so), and the cache
+// works from memory and the database alone, leaving the link and what it leads to as they
+// are. Every operation opens the folder anew, without following a link, and works inside
+// the folder it opened, so a link swapped in meanwhile is not followed either.
+//
 // Thread safety: every operation may be called from any thread; each runs under the store's
 // own lock. The trim asks the database for its keys before taking that lock.
 //
@@ -43,7 +52,8 @@ class CacheControllerFileStorage {
 
   // Creates the folder when nothing exists there (missing parents are not created), and
   // removes the partial files of writes that a process ending mid-write left behind (those
-  // older than ten minutes; younger ones may be another process's save at work).
+  // older than ten minutes; younger ones may be another process's save at work). A link or
+  // anything else that is no folder in its place is reported.
   void prepareCacheFolder();
   // Writes the bytes to the key's file, replacing it; creates the group's folder if needed.
   // False when nothing was written (the old file, if any, is left as it was); most callers
@@ -53,10 +63,12 @@ class CacheControllerFileStorage {
             const std::function<bool()>& beforeReplacing = {});
   [[nodiscard]] std::optional<Data> loadData(std::string_view key, const std::optional<std::string>& group) const;
   void removeData(std::string_view key, const std::optional<std::string>& group);
-  // Without a group (absent or empty): removes every entry of the folder, files and group
-  // folders alike, stopping at the first failure. With one: removes the group's folder.
+  // Without a group (absent or empty): removes the store's files and group folders, stopping
+  // at the first failure. With one: removes the group's folder. A group folder is removed
+  // once it holds nothing but what the store put there.
   void removeAllItems(const std::optional<std::string>& group);
-  // Bytes of all files below the folder; the walk stops at the first unreadable entry.
+  // Bytes of the store's files, group folders included; the walk stops at the first entry
+  // whose kind or size cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
   // When the folder holds more than `maxCacheSize` bytes, removes the oldest file-backed
   // entries (as the database orders them) until at least a fifth of the limit is freed and
@@ -66,11 +78,14 @@ class CacheControllerFileStorage {
   [[nodiscard]] const std::filesystem::path& basePath() const noexcept { return basePath_; }
   // The file of `key` (in the group's folder when `group` is present and not empty).
   [[nodiscard]] std::filesystem::path filePath(std::string_view key, const std::optional<std::string>& group) const;
+  // Bytes of the file of `key`; nothing when there is no such file.
+  [[nodiscard]] std::optional<std::uint64_t> fileSize(std::string_view key,
+                                                      const std::optional<std::string>& group) const;
+  // Why the store keeps no files in its folder (a link or something else that is no folder
+  // stands there); nothing when the folder is a folder or missing.
+  [[nodiscard]] std::optional<std::string> folderProblem() const;
 
  private:
-  [[nodiscard]] std::filesystem::path groupFolder(const std::optional<std::string>& group) const;
-  [[nodiscard]] std::uint64_t sizeLocked() const;  // REQUIRES: mutex_ held
-
   std::filesystem::path basePath_;
   mutable std::mutex mutex_;
 };
