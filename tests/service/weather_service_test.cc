@@ -478,6 +478,9 @@ TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
   const auto busy = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --port " + port + " 2>&1");
   EXPECT_EQ(busy.status, 1);
   EXPECT_EQ(busy.output, "kpcore serve: cannot listen on 127.0.0.1 port " + port + "\n");
+  const auto nowhere = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --host '' 2>&1");
+  EXPECT_EQ(nowhere.status, 2);
+  EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
 
   serve.sendSignal(SIGTERM);
   EXPECT_EQ(serve.wait(10s), 0);

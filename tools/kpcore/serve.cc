@@ -1,7 +1,6 @@
 // kpcore serve: runs the local weather service until interrupted. The first line on standard
 // output is the base URL, so that scripts can start it on a free port and read where it is.
 #include <atomic>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <iostream>
@@ -18,20 +17,12 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void requestStop(int) { gStopRequested.store(true); }
 
-int portFrom(const std::optional<std::string>& text) {
-  if (!text) return 0;
-  int port = -1;
-  const auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), port);
-  if (ec != std::errc() || end != text->data() + text->size() || port < 0 || port > 65535) {
-    throw kpcore::CommandError("--port must be a number from 0 to 65535", 2);
-  }
-  return port;
-}
-
 int runServe(kpcore::Args& args) {
   kp::weather::WeatherServiceOptions options;
-  options.port = portFrom(args.option("port"));
+  if (auto port = args.option("port")) options.port = static_cast<int>(kpcore::integerOption("port", *port, 0, 65535));
   if (auto host = args.option("host")) options.host = *host;
+  // An empty host would listen everywhere and print a URL that leads nowhere.
+  if (options.host.empty()) throw kpcore::CommandError("--host needs a name or an address", 2);
   if (auto certificate = args.option("cert")) options.certificatePath = *certificate;
   if (auto key = args.option("key")) options.privateKeyPath = *key;
   if (options.certificatePath.empty() != options.privateKeyPath.empty()) {
