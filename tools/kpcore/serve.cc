@@ -1,5 +1,8 @@
 // kpcore serve: runs the local weather service until interrupted. The first line on standard
 // output is the base URL, so that scripts can start it on a free port and read where it is.
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -16,6 +19,15 @@ std::atomic<bool> gStopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void requestStop(int) { gStopRequested.store(true); }
+
+// Each connection is a descriptor, and the usual soft limit (1024) is below the service's
+// own connection limit: take what the hard limit allows, up to a little above it.
+void raiseDescriptorLimit() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= 8192 || files.rlim_cur >= files.rlim_max) return;
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 8192);
+  (void)::setrlimit(RLIMIT_NOFILE, &files);
+}
 
 int runServe(kpcore::Args& args) {
   kp::weather::WeatherServiceOptions options;
@@ -45,6 +57,7 @@ int runServe(kpcore::Args& args) {
       std::cerr << method << " " << target.substr(0, target.find('?')) << " " << status << "\n";
     };
   }
+  raiseDescriptorLimit();
   kp::weather::WeatherService service(options, log);
   // Installed before the serving threads exist, so that whichever thread the signal meets
   // only sets the flag.

@@ -94,7 +94,8 @@ class Connection {
  public:
   virtual ~Connection() = default;
   // Closes the connection unless it is answering (then it closes after the answer).
-  // `idleOnly` spares connections that are receiving a request.
+  // `idleOnly` closes only connections idle after an answer, whose clients know to ask again
+  // on a new one; a new connection may hold a request not yet read.
   virtual void close(bool idleOnly) = 0;
 };
 
@@ -269,7 +270,7 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
     asio::post(lowest().get_executor(), [self = this->shared_from_this(), idleOnly] {
       if (self->phase_ == Phase::answering) {
         if (!idleOnly) self->closeAfterAnswer_ = true;
-      } else if (self->phase_ == Phase::starting || self->phase_ == Phase::idle || !idleOnly) {
+      } else if (!idleOnly || (self->phase_ == Phase::idle && self->answered_)) {
         self->finish();
       }
     });
@@ -428,6 +429,7 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
     if (phase_ == Phase::closed) return;
     if (error) return finish();
     if (!response_.keep_alive()) return closeGracefully();
+    answered_ = true;
     awaitRequest();
   }
 
@@ -473,6 +475,7 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
   std::string target_;
   std::uint64_t reserved_ = 0;
   Phase phase_ = Phase::starting;
+  bool answered_ = false;
   bool closeAfterAnswer_ = false;
 };
 
