@@ -122,6 +122,8 @@ class ServiceTransport {
 
   // Binds the first address of the host that takes the port and starts serving; the port.
   int start(const std::string& host, int port) {
+    stopping = false;
+    io_.restart();  // after a stop(), whose loop ran out of work
     beast::error_code error;
     tcp::resolver resolver(io_);
     const auto addresses = resolver.resolve(host, std::to_string(port), tcp::resolver::passive, error);

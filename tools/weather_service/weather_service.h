@@ -17,8 +17,8 @@
 //     chunked) is refused with 400 and the connection closed;
 //   - an idle keep-alive connection is closed after 5 s; an answer must be taken within 10 s;
 //   - at most 4096 connections are open at once (fewer when the process may open fewer
-//     files); at the limit idle keep-alive connections are closed first, and new ones wait in
-//     the listen queue (4096 long) until there is room;
+//     files); at the limit, connections idle after an answer are closed to make room, and new
+//     ones wait in the listen queue (4096 long) until there is;
 //   - Range is ignored: every answer is whole (status 200 or the refusal's status).
 // Refusals of the transport carry the service's failure envelope and close the connection.
 //
