@@ -63,8 +63,9 @@ TEST(KpcoreLog, ConsoleLayoutAndOneLineErrors) {
   auto bad = runCommand(kpcoreLog("--level loud x 2>&1"));
   EXPECT_EQ(bad.status, 2);
   EXPECT_EQ(bad.output, "kpcore log: unknown level 'loud' (debug, info, notice, error or fault)\n");
-  auto badLine = runCommand(kpcoreLog("--line seven x 2>&1"));
+  auto badLine = runCommand(kpcoreLog("--line -5 x 2>&1"));
   EXPECT_EQ(badLine.status, 2);
+  EXPECT_EQ(badLine.output, "kpcore log: --line takes 1 to 2147483647: -5\n");
 
   // Standard input is read up to the largest message the journal takes, and no further.
   const std::string eightMiB = "head -c 8388608 /dev/zero | tr '\\0' x";

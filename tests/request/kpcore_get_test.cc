@@ -29,6 +29,7 @@ void addRoutes(httplib::Server& s) {
     r.status = 404;
     r.set_content("not here", "text/plain");
   });
+  s.Get("/odd", [](const httplib::Request&, httplib::Response& r) { r.set_header("X-Odd", "\x1b]0;owned\x07 \xff"); });
   s.Put("/echo", [](const httplib::Request& q, httplib::Response& r) {
     r.set_content(q.method + " " + q.get_header_value("X-Test") + " " + q.body, "text/plain");
   });
@@ -48,6 +49,9 @@ TEST(KpcoreGet, PrintsBodiesHeadsAndSendsWhatItIsTold) {
   EXPECT_EQ(head.output.rfind("< redirect 302 " + server.url("/hello") + "\nHTTP 200\n", 0), 0u) << head.output;
   EXPECT_NE(head.output.find("\nContent-Type: text/plain\n"), std::string::npos) << head.output;
   EXPECT_TRUE(head.output.ends_with("\n\nhello world")) << head.output;
+  // What a server puts in its headers cannot drive the terminal.
+  auto odd = runCommand(kpcore("--include " + shellQuote(server.url("/odd"))));
+  EXPECT_NE(odd.output.find("\nX-Odd: \\x1b]0;owned\\x07 \\xff\n"), std::string::npos) << odd.output;
 
   kp::test::TempDir dir;
   std::ofstream(dir.path() / "body") << "payload";
@@ -174,12 +178,17 @@ TEST(KpcoreGet, FailuresPrintOneErrorLineAndExitNonZero) {
   };
   const Case cases[] = {
       {server.url("/missing") + " 2>&1", 1, "error KPRequest 400: Request failed with status code: 404.\n"},
-      {"--output /dev/null " + server.url("/missing") + " 2>&1", 1,
-       "error KPRequest 400: Request failed with status code: 404.\n"},
+      {"--output /dev/full " + server.url("/hello") + " 2>&1", 1,
+       "error: cannot write /dev/full: No space left on device\n"},
+      {"--timeout 0 " + server.url("/hello") + " 2>&1", 2,
+       "kpcore get: --timeout takes a positive number of seconds: 0\n"},
+      {"--timeout nan " + server.url("/hello") + " 2>&1", 2,
+       "kpcore get: --timeout takes a positive number of seconds: nan\n"},
+      {"--parallel 3x " + server.url("/hello") + " 2>&1", 2, "kpcore get: --parallel takes 1 to 64: 3x\n"},
       {"http://127.0.0.1:" + std::to_string(kp::test::closedPort()) + "/ 2>&1", 1,
        "error NSURLErrorDomain -1004: Could not connect to the server.\n"},
       {"--method FETCH " + server.url("/hello") + " 2>&1", 2, "kpcore get: unknown method: FETCH\n"},
-      {"not-a-url 2>&1", 2, "kpcore get: not an absolute URL: not-a-url\n"},
+      {shellQuote("\x1b[2Jnot-a-url\xff") + " 2>&1", 2, "kpcore get: not an absolute URL: \\x1b[2Jnot-a-url\\xff\n"},
   };
   for (const auto& c : cases) {
     auto result = runCommand(kpcore(c.arguments));

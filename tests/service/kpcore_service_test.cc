@@ -6,6 +6,7 @@
 #include "kp/service/tarvix_web_service_encryption_details.h"
 #include "support/cache_home.h"
 #include "support/process.h"
+#include "support/test_servers.h"
 #include "weather_service.h"
 
 namespace kp {
@@ -34,6 +35,23 @@ TEST(KpcoreServiceCommands, PrintPayloadsContentInfoClientInfoAndTheDemo) {
   EXPECT_EQ(offGlobe.status, 1);
   EXPECT_EQ(offGlobe.output.rfind("kpcore service: There is no forecast for latitude 91", 0), 0u) << offGlobe.output;
   EXPECT_EQ(offGlobe.output.find('\n'), offGlobe.output.size() - 1);
+  // An answer without payload is a failure that says what came instead.
+  const auto sealed =
+      test::runCommand(kpcore + " service --base " + test::shellQuote(service.baseUrl()) + " basicInfo 2>&1");
+  EXPECT_EQ(sealed.status, 1);
+  EXPECT_TRUE(sealed.output.ends_with(" bytes) is sealed: give --response-key to open it\n")) << sealed.output;
+  test::RawServer page([](const test::RawServer::Writer& write) {
+    write("HTTP/1.1 200 OK\r\nContent-Length: 15\r\nConnection: close\r\n\r\n<html>hi</html>");
+  });
+  const auto html = test::runCommand(kpcore + " service --base " + test::shellQuote(page.url("")) + " basicInfo 2>&1");
+  EXPECT_EQ(html.status, 1);
+  EXPECT_EQ(html.output,
+            "kpcore service: the answer (HTTP 200, 15 bytes) is not JSON: it starts \"<html>hi</html>\"\n");
+  const auto notService = test::runCommand(kpcore + " demo --base " + test::shellQuote(page.url("")) + " 2>&1");
+  EXPECT_EQ(notService.status, 1);
+  EXPECT_TRUE(notService.output.ends_with("kpcore demo: no client info from " + page.url("") +
+                                          ": is it the weather service?\n"))
+      << notService.output;
   const auto usage = test::runCommand(kpcore + " service forecast 2>&1");
   EXPECT_EQ(usage.status, 2);
   EXPECT_EQ(usage.output, "kpcore service: missing --base URL\n");

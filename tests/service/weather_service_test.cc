@@ -1,10 +1,16 @@
 // The local weather service end to end: requests built, encrypted and sent by the library's
 // own request layer over HTTP and HTTPS on 127.0.0.1; refusals and hostile requests at the
-// protocol; `kpcore serve` run as a user runs it.
+// protocol; slow, idle and hostile clients at the transport; `kpcore serve` run as a user
+// runs it.
 #include "weather_service.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <future>
@@ -325,6 +331,135 @@ TEST(WeatherProtocol, HostileRequestsEndInAnswers) {
   }
 }
 
+// ---- The transport -----------------------------------------------------------------------------
+
+// A raw client on 127.0.0.1, for what the library's own client would never send.
+class RawClient {
+ public:
+  explicit RawClient(int port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(static_cast<std::uint16_t>(port)), .sin_addr = {}};
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~RawClient() { ::close(fd_); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  bool send(std::string_view bytes) {
+    return connected_ && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  }
+  // Everything received until one whole answer is there, the connection closes or `limit`
+  // passes.
+  std::string answer(std::chrono::milliseconds limit = 5s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!whole(received_) && !closed_) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      pollfd readable{.fd = fd_, .events = POLLIN, .revents = 0};
+      if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) break;
+      char buffer[65536];
+      const ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
+      if (got <= 0) closed_ = true;
+      if (got > 0) received_.append(buffer, static_cast<std::size_t>(got));
+    }
+    return std::exchange(received_, {});
+  }
+  [[nodiscard]] bool closed() const { return closed_; }
+
+ private:
+  static bool whole(const std::string& bytes) {
+    const auto end = bytes.find("\r\n\r\n");
+    if (end == std::string::npos) return false;
+    const auto length = bytes.find("Content-Length: ");
+    if (length == std::string::npos || length > end) return bytes.find(" 304 ") < end;
+    return bytes.size() - end - 4 >= std::stoul(bytes.substr(length + 16));
+  }
+
+  int fd_;
+  bool connected_ = false;
+  bool closed_ = false;
+  std::string received_;
+};
+
+const std::string kPlainForecast = "GET /forecast?skipcrypt=1&latitude=1&longitude=2 HTTP/1.1\r\nHost: x\r\n";
+
+TEST(WeatherServiceTransport, SlowAndIdleClientsLeaveRoomForOthers) {
+  weather::WeatherServiceOptions options;
+  options.requestTimeLimit = 1s;
+  weather::WeatherService service(options);
+  service.start();
+  // Clients that stop halfway through a head, and clients that keep their connection open
+  // after one answer.
+  std::vector<std::unique_ptr<RawClient>> slow;
+  for (int i = 0; i < 16; ++i) {
+    slow.push_back(std::make_unique<RawClient>(service.port()));
+    ASSERT_TRUE(slow.back()->send("GET /forecast?skipcrypt=1 HTTP/1.1\r\n"));
+  }
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::unique_ptr<RawClient>> idle;
+  for (int i = 0; i < 100; ++i) {
+    idle.push_back(std::make_unique<RawClient>(service.port()));
+    ASSERT_TRUE(idle.back()->send(kPlainForecast + "\r\n"));
+  }
+  for (auto& client : idle) ASSERT_EQ(client->answer().rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  RawClient fresh(service.port());
+  ASSERT_TRUE(fresh.send(kPlainForecast + "\r\n"));
+  EXPECT_EQ(fresh.answer().rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+
+  // A head that keeps coming, a line at a time, is cut off at the limit for the whole
+  // request, not only after a silence; the client waiting for an answer is told no more.
+  RawClient trickle(service.port());
+  ASSERT_TRUE(trickle.send(kPlainForecast));
+  const auto trickleStart = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20 && !trickle.closed(); ++i) {
+    (void)trickle.send("X-Line: " + std::to_string(i) + "\r\n");
+    EXPECT_EQ(trickle.answer(200ms), "");
+  }
+  EXPECT_TRUE(trickle.closed());
+  EXPECT_LT(std::chrono::steady_clock::now() - trickleStart, 2500ms);
+}
+
+TEST(WeatherServiceTransport, UntrustworthyLengthsAndRangesGetPlainRefusals) {
+  weather::WeatherService service({});
+  service.start();
+  const struct {
+    std::string fields;
+    std::string_view status;
+  } lengths[] = {
+      {"Content-Length: 99999999999999999999\r\n", "400"},
+      {"Content-Length: -1\r\n", "400"},
+      {"Content-Length: 5\r\nContent-Length: 7\r\n", "400"},
+      {"Content-Length: 5\r\nTransfer-Encoding: chunked\r\n", "400"},
+      {"Transfer-Encoding: gzip\r\n", "400"},
+      {"Content-Length: 2000000\r\n", "413"},
+      {"X-Long: " + std::string(10000, 'x') + "\r\n", "431"},
+  };
+  for (const auto& c : lengths) {
+    RawClient client(service.port());
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(client.send("POST /basicInfo?skipcrypt=1 HTTP/1.1\r\nHost: x\r\n" + c.fields + "\r\nhello"));
+    const std::string answer = client.answer();
+    EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 " + std::string(c.status)) << c.fields.substr(0, 60);
+    EXPECT_NE(answer.find("\r\nConnection: close\r\n"), std::string::npos);
+    EXPECT_NE(answer.find(R"("success":false)"), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  }
+
+  // A Range with 1,500 parts gets the whole answer once, on an error as on content.
+  std::string ranges = "Range: bytes=-1";
+  for (int i = 0; i < 1500; ++i) ranges += ",-1";
+  for (const std::string target : {"/snowfall?skipcrypt=1", "/forecast?skipcrypt=1&latitude=1&longitude=2"}) {
+    RawClient plain(service.port());
+    ASSERT_TRUE(plain.send("GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n"));
+    const std::string whole = plain.answer();
+    RawClient ranged(service.port());
+    ASSERT_TRUE(ranged.send("GET " + target + " HTTP/1.1\r\nHost: x\r\n" + ranges + "\r\n\r\n"));
+    const std::string answer = ranged.answer();
+    EXPECT_EQ(answer.substr(answer.find("\r\n\r\n")), whole.substr(whole.find("\r\n\r\n"))) << target;
+    EXPECT_EQ(answer.substr(0, 15), whole.substr(0, 15));
+  }
+}
+
 // ---- kpcore serve ------------------------------------------------------------------------------
 
 TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
@@ -343,6 +478,9 @@ TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
   const auto busy = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --port " + port + " 2>&1");
   EXPECT_EQ(busy.status, 1);
   EXPECT_EQ(busy.output, "kpcore serve: cannot listen on 127.0.0.1 port " + port + "\n");
+  const auto nowhere = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --host '' 2>&1");
+  EXPECT_EQ(nowhere.status, 2);
+  EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
 
   serve.sendSignal(SIGTERM);
   EXPECT_EQ(serve.wait(10s), 0);

@@ -238,6 +238,7 @@ TEST_F(KeychainTest, KpcoreSetsGetsAndDeletesItems) {
   EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1) << missing.output;
   EXPECT_EQ(kpcore("get x --access-group G").status, 2);
   EXPECT_EQ(kpcore("set x y --access 9").status, 2);
+  EXPECT_EQ(kpcore("set x y --access 3x").status, 2);
 }
 
 }  // namespace

@@ -57,7 +57,8 @@ int runClientInfo(kpcore::Args& args) {
     auto field = [](const std::optional<std::string>& value) { return value ? kpcore::jsonQuote(*value) : "null"; };
     std::cout << "{\"ip\":" << field(info.ip) << ",\"userAgent\":" << field(info.userAgent) << "}\n";
   } else {
-    std::cout << "ip: " << info.ip.value_or("") << "\nuserAgent: " << info.userAgent.value_or("") << "\n";
+    std::cout << "ip: " << kpcore::printable(info.ip.value_or(""))
+              << "\nuserAgent: " << kpcore::printable(info.userAgent.value_or("")) << "\n";
   }
   return 0;
 }

@@ -2,6 +2,8 @@
 #include "command.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -101,16 +103,79 @@ std::string readInput(const std::optional<std::string>& path) {
 std::string printable(std::string_view text) {
   std::string out;
   out.reserve(text.size());
-  for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-      out += escaped;
-    } else {
-      out.push_back(static_cast<char>(c));
+  auto escape = [&out](unsigned char c) {
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+    out += escaped;
+  };
+  for (std::size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x80) {
+      if (c < 0x20 || c == 0x7f) {
+        escape(c);
+      } else {
+        out.push_back(static_cast<char>(c));
+      }
+      ++i;
+      continue;
     }
+    // The sequence the lead byte announces, if it is whole and valid; else one stray byte.
+    const std::size_t length = c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : c >= 0xc0 ? 2 : 1;
+    const std::string_view sequence = text.substr(i, length);
+    // C1 controls (U+0080 to U+009F) are escapes to some terminals, as ESC is.
+    const bool control = c == 0xc2 && sequence.size() == 2 && static_cast<unsigned char>(sequence[1]) < 0xa0;
+    if (length == 1 || sequence.size() < length || !kp::internal::isValidUtf8(sequence) || control) {
+      escape(c);
+      ++i;
+      continue;
+    }
+    out += sequence;
+    i += length;
   }
   return out;
+}
+
+namespace {
+
+[[noreturn]] void refuseNumber(std::string_view name, std::string_view range, std::string_view text) {
+  throw CommandError("--" + std::string(name) + " takes " + std::string(range) + ": " + printable(text), 2);
+}
+
+template <class Number>
+std::optional<Number> wholeNumber(std::string_view text) {
+  Number value{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::string decimalText(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+}  // namespace
+
+std::int64_t integerOption(std::string_view name, std::string_view text, std::int64_t min, std::int64_t max) {
+  const auto value = wholeNumber<std::int64_t>(text);
+  if (!value || *value < min || *value > max)
+    refuseNumber(name, std::to_string(min) + " to " + std::to_string(max), text);
+  return *value;
+}
+
+double decimalOption(std::string_view name, std::string_view text, double min, double max) {
+  const auto value = wholeNumber<double>(text);
+  if (!value || !std::isfinite(*value) || *value < min || *value > max) {
+    refuseNumber(name, decimalText(min) + " to " + decimalText(max), text);
+  }
+  return *value;
+}
+
+double secondsOption(std::string_view name, std::string_view text) {
+  const auto value = wholeNumber<double>(text);
+  if (!value || !std::isfinite(*value) || *value <= 0) refuseNumber(name, "a positive number of seconds", text);
+  return *value;
 }
 
 std::string jsonQuote(std::string_view raw) {

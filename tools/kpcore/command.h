@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <optional>
@@ -68,9 +69,20 @@ struct CommandInfo {
 // The same, reading no more than `maxBytes`: nothing when the input is longer.
 [[nodiscard]] std::optional<std::string> readInputUpTo(const std::optional<std::string>& path, std::size_t maxBytes);
 
-// Text from outside (stored values, cache keys) for a terminal: control characters become
-// "\xNN", so that none can move the cursor, recolour the screen or forge a line.
+// Text from outside (stored values, cache keys, servers' headers, error messages) for a
+// terminal: control characters (C0, DEL and C1) and bytes that are not UTF-8 become "\xNN",
+// so that none can move the cursor, recolour the screen or forge a line.
 [[nodiscard]] std::string printable(std::string_view text);
+
+// Numeric option values, strictly: the whole text is one decimal number ("3x", " 3", "+3",
+// "0x10" are not) within the range. Anything else throws CommandError (status 2) naming the
+// option: "--parallel takes 1 to 64: 0".
+[[nodiscard]] std::int64_t integerOption(std::string_view name, std::string_view text, std::int64_t min,
+                                         std::int64_t max);
+// A finite decimal number from `min` to `max` ("--latitude takes -90 to 90: 91").
+[[nodiscard]] double decimalOption(std::string_view name, std::string_view text, double min, double max);
+// A finite number of seconds above zero ("--timeout takes a positive number of seconds: 0").
+[[nodiscard]] double secondsOption(std::string_view name, std::string_view text);
 
 // Text as a JSON string literal. Text that is not UTF-8 is repaired first: malformed bytes and
 // control characters become U+FFFD.

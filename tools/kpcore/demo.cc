@@ -45,8 +45,10 @@ void showClientInfo(const std::string& base, const std::shared_ptr<kp::UrlSessio
   std::lock_guard lock(mutex);
   if (!done) throw kpcore::CommandError("no client info within 15 s");
   if (error) throw kpcore::CommandError("client info failed: " + error->localizedDescription());
-  std::cout << "address:    " << (info ? info->ip.value_or("-") : "-") << "\n";
-  std::cout << "user agent: " << (info ? info->userAgent.value_or("-") : "-") << "\n";
+  // A server that is not the service answers, but not with client info.
+  if (!info || !info->ip) throw kpcore::CommandError("no client info from " + base + ": is it the weather service?");
+  std::cout << "address:    " << kpcore::printable(*info->ip) << "\n";
+  std::cout << "user agent: " << kpcore::printable(info->userAgent.value_or("-")) << "\n";
 }
 
 void showTypedForecast(const std::string& base, const std::shared_ptr<kp::UrlSession>& session,
@@ -135,6 +137,8 @@ int runDemo(kpcore::Args& args) {
   const auto base = args.option("base");
   const std::string latitude = args.option("latitude").value_or("52.37");
   const std::string longitude = args.option("longitude").value_or("4.90");
+  (void)kpcore::decimalOption("latitude", latitude, -90, 90);
+  (void)kpcore::decimalOption("longitude", longitude, -180, 180);
   const bool insecure = args.flag("insecure");
   const std::string locale = args.option("locale").value_or("");
   const kp::UnitSystem units = kpcore::unitSystemOption(args.option("units"));

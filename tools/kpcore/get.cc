@@ -4,7 +4,11 @@
 // --output, downloads the body to a file. With --cache the shared cache answers and keeps
 // results. Several URLs run through one request queue and print as they complete.
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -33,6 +37,8 @@ struct Options {
   std::optional<kp::Data> body;
   std::optional<double> timeout;
   std::optional<std::string> output;
+  // Set when --output names a device or a pipe, which gets the body as it arrives.
+  std::FILE* device = nullptr;
   Kind kind = Kind::data;
   bool insecure = false;
   bool include = false;
@@ -78,7 +84,8 @@ void drawProgress(float fraction) {
 }
 
 void printError(const kp::ErrorPtr& error) {
-  std::cerr << "error " << error->domain() << " " << error->code() << ": " << error->localizedDescription() << "\n";
+  std::cerr << "error " << kpcore::printable(error->domain()) << " " << error->code() << ": "
+            << kpcore::printable(error->localizedDescription()) << "\n";
 }
 
 kp::HttpRequestMethod parseMethod(const std::string& text) {
@@ -89,16 +96,6 @@ kp::HttpRequestMethod parseMethod(const std::string& text) {
     if (kp::httpVerb(candidate) == verb) return candidate;
   }
   throw kpcore::CommandError("unknown method: " + text, 2);
-}
-
-double parseNumber(const std::string& text, const std::string& what) {
-  try {
-    std::size_t used = 0;
-    const double value = std::stod(text, &used);
-    if (used == text.size()) return value;
-  } catch (const std::exception&) {
-  }
-  throw kpcore::CommandError("not " + what + ": " + text, 2);
 }
 
 kp::RequestPriority parsePriority(const std::string& text) {
@@ -133,10 +130,8 @@ class Job {
     const auto parsed = kp::Url::parse(url_);
     switch (options_.kind) {
       case Kind::data:
-        request_ = startKind<kp::DataRequest>(*parsed, [](const kp::DataRequestResult& result) {
-          if (const auto* bytes = result.dataAsData()) std::cout.write(bytes->view().data(), bytes->view().size());
-          return true;
-        });
+        request_ = startKind<kp::DataRequest>(
+            *parsed, [this](const kp::DataRequestResult& result) { return writeBody(result.dataAsData()); });
         break;
       case Kind::json:
         request_ = startKind<kp::JsonRequest>(*parsed, [](const kp::JsonRequestResult& result) {
@@ -181,6 +176,18 @@ class Job {
   static bool fail(const std::string& message) {
     std::cerr << "error: " << message << "\n";
     return false;
+  }
+
+  bool writeBody(const kp::Data* bytes) const {
+    if (!options_.device) {
+      if (bytes) std::cout.write(bytes->view().data(), static_cast<std::streamsize>(bytes->size()));
+      return true;
+    }
+    errno = 0;
+    const bool written = (!bytes || std::fwrite(bytes->data(), 1, bytes->size(), options_.device) == bytes->size()) &&
+                         std::fflush(options_.device) == 0;
+    if (!written) return fail("cannot write " + kpcore::printable(*options_.output) + ": " + std::strerror(errno));
+    return true;
   }
 
   template <class Request, class Print>
@@ -236,7 +243,7 @@ class Job {
 
   void title() {
     if (showsProgress_) std::cerr << "\n";
-    if (titled_) std::cout << "==> " << url_ << " <==\n";
+    if (titled_) std::cout << "==> " << kpcore::printable(url_) << " <==\n";
   }
 
   void printHead(const kp::HttpRequestResult& result) {
@@ -244,11 +251,14 @@ class Job {
     if (auto handler = std::dynamic_pointer_cast<kp::HttpRequestHandler>(request_->handler());
         handler && handler->urlSessionTask) {
       for (const auto& hop : router_->redirects(handler->urlSessionTask->taskIdentifier())) {
-        std::cout << "< redirect " << hop << "\n";
+        std::cout << "< redirect " << kpcore::printable(hop) << "\n";
       }
     }
     std::cout << "HTTP " << result.response->statusCode.value_or(0) << "\n";
-    for (const auto& [name, value] : result.response->headers) std::cout << name << ": " << value << "\n";
+    // Servers choose these bytes; escaped, they cannot drive the terminal.
+    for (const auto& [name, value] : result.response->headers) {
+      std::cout << kpcore::printable(name) << ": " << kpcore::printable(value) << "\n";
+    }
     std::cout << "\n";
   }
 
@@ -257,11 +267,11 @@ class Job {
     const double maximumAge = cacheable && cacheable->cacheConfig() ? cacheable->cacheConfig()->maximumAge : 0;
     const kp::Date created = result.cacheExpirationDate->addingTimeInterval(-maximumAge);
     const auto age = static_cast<std::int64_t>(kp::Date::now().timeIntervalSince(created));
-    std::cerr << "from cache: " << url_ << ", age " << age << " s\n";
+    std::cerr << "from cache: " << kpcore::printable(url_) << ", age " << age << " s\n";
   }
 
   void finish(const kp::ErrorPtr& error) {
-    if (titled_) std::cerr << url_ << ": ";
+    if (titled_) std::cerr << kpcore::printable(url_) << ": ";
     printError(error);
     done_ = true;
   }
@@ -293,18 +303,12 @@ int runGet(kpcore::Args& args) {
   if (auto data = args.option("data")) {
     options.body = kp::Data::fromString(data->starts_with("@") ? kpcore::readInput(data->substr(1)) : *data);
   }
-  if (auto timeout = args.option("timeout")) options.timeout = parseNumber(*timeout, "a number of seconds");
+  if (auto timeout = args.option("timeout")) options.timeout = kpcore::secondsOption("timeout", *timeout);
   options.output = args.option("output");
   if (auto kind = args.option("as")) options.kind = parseKind(*kind);
   if (auto priority = args.option("priority")) options.priority = parsePriority(*priority);
   const auto parallel = args.option("parallel");
-  if (parallel) {
-    const double count = parseNumber(*parallel, "a number of requests");
-    if (count < 1 || count > 64 || count != static_cast<std::int64_t>(count)) {
-      throw kpcore::CommandError("--parallel takes 1 to 64: " + *parallel, 2);
-    }
-    options.parallel = static_cast<std::int64_t>(count);
-  }
+  if (parallel) options.parallel = kpcore::integerOption("parallel", *parallel, 1, 64);
   options.insecure = args.flag("insecure");
   options.include = args.flag("include");
   options.progress = args.flag("progress");
@@ -317,10 +321,26 @@ int runGet(kpcore::Args& args) {
     const auto url = kp::Url::parse(text);
     if (!url || !url->isAbsolute()) throw kpcore::CommandError("not an absolute URL: " + text, 2);
   }
+  struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  std::unique_ptr<std::FILE, CloseFile> device;
   if (options.output) {
     if (urls.size() > 1) throw kpcore::CommandError("--output takes one URL", 2);
     if (options.cache) throw kpcore::CommandError("downloads to a file are never cached: drop --cache", 2);
-    options.kind = Kind::file;
+    // The library only ever replaces files; a device or a pipe (/dev/stdout, a FIFO) is
+    // written to as it stands, so that its own errors (no space left) are the ones told.
+    std::error_code ignored;
+    const auto type = std::filesystem::status(*options.output, ignored).type();
+    using Type = std::filesystem::file_type;
+    if (type == Type::character || type == Type::block || type == Type::fifo || type == Type::socket) {
+      device.reset(std::fopen(options.output->c_str(), "wb"));
+      if (!device) throw kpcore::CommandError("cannot open " + *options.output + ": " + std::strerror(errno));
+      options.device = device.get();
+      options.kind = Kind::data;
+    } else {
+      options.kind = Kind::file;
+    }
   }
 
   auto router = std::make_shared<Router>(options.insecure);

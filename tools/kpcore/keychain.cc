@@ -51,16 +51,9 @@ int runKeychain(kpcore::Args& args) {
     const std::optional<std::string> text = args.positional();
     args.expectEnd();
     if (!text) throw CommandError("set needs a value", 2);
-    std::optional<kp::KeychainAccess> access = kp::KeychainAccess::afterFirstUnlock;
-    if (accessText) {
-      try {
-        access = kp::keychainAccess(std::stoll(*accessText));
-      } catch (const std::exception&) {
-        access.reset();
-      }
-      if (!access) throw CommandError("--access must be 0 to 6", 2);
-    }
-    keychain->setString(*text, *key, *access, detail);
+    kp::KeychainAccess access = kp::KeychainAccess::afterFirstUnlock;
+    if (accessText) access = *kp::keychainAccess(kpcore::integerOption("access", *accessText, 0, 6));
+    keychain->setString(*text, *key, access, detail);
     if (keychain->string(*key, detail) != *text) {
       throw CommandError("the keychain did not store the value (not running, locked or not answering)");
     }

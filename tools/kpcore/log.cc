@@ -1,6 +1,6 @@
 // kpcore log: one entry through the levelled logger's writers, so a user sees both layouts:
 // to the journal (standard error without one) by default, to standard output with --console.
-#include <charconv>
+#include <climits>
 #include <iostream>
 #include <memory>
 #include <utility>
@@ -33,14 +33,6 @@ kp::TarvixLogLevel parseLevel(const std::string& text) {
   throw kpcore::CommandError("unknown level '" + text + "' (debug, info, notice, error or fault)", 2);
 }
 
-int parseLine(const std::string& text) {
-  int line = 0;
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), line);
-  if (ec != std::errc() || end != text.data() + text.size())
-    throw kpcore::CommandError("not a line number: " + text, 2);
-  return line;
-}
-
 int runLog(kpcore::Args& args) {
   const bool json = args.flag("json");
   const bool console = args.flag("console");
@@ -69,7 +61,7 @@ int runLog(kpcore::Args& args) {
                          std::move(message),
                          category,
                          file.value_or(__FILE__),
-                         line ? parseLine(*line) : __LINE__,
+                         line ? static_cast<int>(kpcore::integerOption("line", *line, 1, INT_MAX)) : __LINE__,
                          function.value_or(__func__)};
   if (console) {
     if (socket) throw kpcore::CommandError("--socket goes with the journal, not --console", 2);

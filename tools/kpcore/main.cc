@@ -41,13 +41,14 @@ int main(int argc, char** argv) {
     try {
       return command.run(args);
     } catch (const kpcore::CommandError& error) {
-      std::cerr << "kpcore " << name << ": " << error.what() << "\n";
+      // Messages quote arguments, paths and what servers said: escaped, they stay one line.
+      std::cerr << "kpcore " << name << ": " << kpcore::printable(error.what()) << "\n";
       return error.status;
     } catch (const std::exception& error) {
-      std::cerr << "kpcore " << name << ": " << error.what() << "\n";
+      std::cerr << "kpcore " << name << ": " << kpcore::printable(error.what()) << "\n";
       return 1;
     }
   }
-  std::cerr << "kpcore: unknown command '" << name << "' (see kpcore --help)\n";
+  std::cerr << "kpcore: unknown command '" << kpcore::printable(name) << "' (see kpcore --help)\n";
   return 2;
 }

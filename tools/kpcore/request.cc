@@ -43,13 +43,7 @@ int runRequest(kpcore::Args& args) {
     config.setHeader(value, header.substr(0, colon));
   }
   if (auto etag = args.option("etag")) config.etag = *etag;
-  if (auto timeout = args.option("timeout")) {
-    try {
-      config.timeoutInterval = std::stod(*timeout);
-    } catch (const std::exception&) {
-      throw kpcore::CommandError("not a number of seconds: " + *timeout, 2);
-    }
-  }
+  if (auto timeout = args.option("timeout")) config.timeoutInterval = kpcore::secondsOption("timeout", *timeout);
   const auto queryKey = args.option("query-key");
   const auto bodyKey = args.option("body-key");
   const auto urlText = args.positional();

@@ -1,7 +1,9 @@
 // kpcore serve: runs the local weather service until interrupted. The first line on standard
 // output is the base URL, so that scripts can start it on a free port and read where it is.
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <iostream>
@@ -18,20 +20,21 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 
 extern "C" void requestStop(int) { gStopRequested.store(true); }
 
-int portFrom(const std::optional<std::string>& text) {
-  if (!text) return 0;
-  int port = -1;
-  const auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), port);
-  if (ec != std::errc() || end != text->data() + text->size() || port < 0 || port > 65535) {
-    throw kpcore::CommandError("--port must be a number from 0 to 65535", 2);
-  }
-  return port;
+// Each connection is a descriptor, and the usual soft limit (1024) is below the service's
+// own connection limit: take what the hard limit allows, up to a little above it.
+void raiseDescriptorLimit() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= 8192 || files.rlim_cur >= files.rlim_max) return;
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 8192);
+  (void)::setrlimit(RLIMIT_NOFILE, &files);
 }
 
 int runServe(kpcore::Args& args) {
   kp::weather::WeatherServiceOptions options;
-  options.port = portFrom(args.option("port"));
+  if (auto port = args.option("port")) options.port = static_cast<int>(kpcore::integerOption("port", *port, 0, 65535));
   if (auto host = args.option("host")) options.host = *host;
+  // An empty host would listen everywhere and print a URL that leads nowhere.
+  if (options.host.empty()) throw kpcore::CommandError("--host needs a name or an address", 2);
   if (auto certificate = args.option("cert")) options.certificatePath = *certificate;
   if (auto key = args.option("key")) options.privateKeyPath = *key;
   if (options.certificatePath.empty() != options.privateKeyPath.empty()) {
@@ -54,6 +57,7 @@ int runServe(kpcore::Args& args) {
       std::cerr << method << " " << target.substr(0, target.find('?')) << " " << status << "\n";
     };
   }
+  raiseDescriptorLimit();
   kp::weather::WeatherService service(options, log);
   // Installed before the serving threads exist, so that whichever thread the signal meets
   // only sets the flag.

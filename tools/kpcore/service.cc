@@ -4,10 +4,29 @@
 
 #include "command.h"
 #include "kp/coding/json.h"
+#include "kp/platform/base64.h"
 #include "kp/service/tarvix_web_service.h"
 #include "service_session.h"
 
 namespace {
+
+// What an answer without payload was instead, from its bytes: the failure to tell.
+std::string withoutPayload(const kp::TarvixServiceRequest& request, const kp::TarvixServiceRequestResult& result,
+                           bool responseKeyGiven) {
+  const auto handler = std::dynamic_pointer_cast<kp::HttpRequestHandler>(request.handler());
+  const kp::Data* body = handler && handler->receivedData ? &*handler->receivedData : nullptr;
+  std::string what =
+      "the answer (HTTP " + std::to_string(result.response ? result.response->statusCode.value_or(0) : 0);
+  if (!body || body->size() == 0) return what + ") has no body";
+  what += ", " + std::to_string(body->size()) + " bytes)";
+  if (kp::objectFromJSONData(*body)) return what + " is JSON without a \"data\" payload";
+  // Sealed answers are Base64 of whole cipher blocks.
+  if (const auto sealed = kp::base64Decode(body->view()); sealed && !sealed->empty() && sealed->size() % 16 == 0) {
+    return what + (responseKeyGiven ? " is sealed with another key than --response-key"
+                                    : " is sealed: give --response-key to open it");
+  }
+  return what + " is not JSON: it starts \"" + std::string(body->view().substr(0, 40)) + "\"";
+}
 
 int runService(kpcore::Args& args) {
   const auto base = args.option("base");
@@ -53,12 +72,11 @@ int runService(kpcore::Args& args) {
   const auto result = request->executeSynchronously();
   if (!result) throw kpcore::CommandError("the call ended without an answer");
   if (result->error) throw kpcore::CommandError(result->error->localizedDescription());
+  const auto payload = result->dataAsJson();
+  if (!payload) throw kpcore::CommandError(withoutPayload(*request, *result, responseKey.has_value()));
   if (result->response) std::cerr << "status:   " << result->response->statusCode.value_or(0) << "\n";
   if (result->contentInfo) std::cerr << kpcore::describeContentInfo(*result->contentInfo);
-  const auto payload = result->dataAsJson();
-  if (!payload) std::cerr << "no payload\n";
-  std::cout << kp::writeJson(payload ? payload->toValue() : kp::Value(), kp::DateStrategy::secondsSince1970, true)
-            << "\n";
+  std::cout << kp::writeJson(payload->toValue(), kp::DateStrategy::secondsSince1970, true) << "\n";
   return 0;
 }
 

@@ -64,6 +64,7 @@
 //   // answer.status == 200, answer.body is the plain envelope
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -82,6 +83,8 @@ struct WeatherServiceOptions {
   // Both set: HTTPS with this PEM certificate and key.
   std::string certificatePath;
   std::string privateKeyPath;
+  // The time WeatherService gives a request's head and body, from its first byte.
+  std::chrono::milliseconds requestTimeLimit{10'000};
   // Decrypts the "data" query of every method.
   std::string queryKey = std::string(kDefaultQueryStringEncryptionKey);
   // The forecast's body and response keys; empty means plain.

@@ -1,35 +1,520 @@
-// The weather service on cpp-httplib.
+// The weather service on Boost.Beast: an acceptor and every connection on one event loop
+// that a few threads run. Each connection is a chain of asynchronous steps on a strand of its
+// own (wait for a request, read its head, read its body, answer, wait again), so a slow or
+// idle peer holds a socket and a small buffer, never a thread.
 #include "weather_service.h"
 
-#include <httplib.h>
-#include <sys/socket.h>
+#include <sys/resource.h>
 
-#include <chrono>
+#include <algorithm>
+#include <atomic>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
+#include <thread>
+#include <unordered_map>
+#include <vector>
 
 #include "request/header_text.h"
 
 namespace kp::weather {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+using namespace std::chrono_literals;
+
 namespace {
 
-constexpr std::size_t kMaxBody = 1 << 20;
+constexpr std::uint32_t kMaxHead = 8 * 1024;
+constexpr std::uint64_t kMaxBody = 1 << 20;
+// What the bodies being received may hold together, so that many clients announcing large
+// bodies cannot take the memory that the per-request limit alone would allow them.
+constexpr std::uint64_t kBodyBudget = 64 << 20;
+constexpr auto kIdleTime = 5s;
+constexpr auto kWriteTime = 10s;
+// How long a closing connection reads on (and discards) what its peer still sends, so that
+// the refusal already written is not destroyed by a reset.
+constexpr auto kDrainTime = 1s;
+constexpr std::size_t kMaxConnections = 4096;
+constexpr std::size_t kFirstRead = 4096;
 
-ServiceCall callOf(const httplib::Request& request) {
-  ServiceCall call;
-  call.httpMethod = request.method;
-  call.target = request.target;
-  call.body = request.body;
-  call.remoteAddress = request.remote_addr;
-  if (request.has_header("If-None-Match")) call.ifNoneMatch = request.get_header_value("If-None-Match");
-  if (request.has_header("User-Agent")) call.userAgent = request.get_header_value("User-Agent");
-  return call;
+// The most connections open at once: the limit, or fewer when the process may open fewer
+// files (some are kept for everything else).
+std::size_t connectionLimit() {
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur == RLIM_INFINITY) return kMaxConnections;
+  return std::clamp<std::size_t>(files.rlim_cur > 128 ? files.rlim_cur - 64 : files.rlim_cur / 2, 1, kMaxConnections);
 }
 
-void send(const ServiceAnswer& answer, httplib::Response& response) {
-  response.status = answer.status;
-  for (const auto& [name, value] : answer.headers) response.set_header(name, value);
-  if (!answer.contentType.empty()) response.set_content(answer.body, answer.contentType);
+// A refusal of the transport itself, in the failure envelope that clients read.
+ServiceAnswer refusal(int status) {
+  const std::string code = std::to_string(status);
+  const std::string message = "The request was refused (HTTP status " + code + ").";
+  return {.status = status,
+          .contentType = "application/json",
+          .body = R"({"success":false,"message":")" + message + R"(","meta":{"statusCode":)" + code + R"(,"code":)" +
+                  code + R"(,"message":")" + message + R"("}})"};
 }
+
+// The status a parse failure is answered with; nothing when the peer went away or the
+// request was cut short, which gets no answer.
+std::optional<int> statusForParseError(const beast::error_code& error) {
+  if (error.category() != http::make_error_code(http::error::end_of_stream).category()) return std::nullopt;
+  switch (static_cast<http::error>(error.value())) {
+    case http::error::end_of_stream:
+    case http::error::partial_message:
+    case http::error::short_read:
+      return std::nullopt;
+    case http::error::header_limit:
+    case http::error::buffer_overflow:
+      return 431;
+    case http::error::body_limit:
+      return 413;
+    default:
+      return 400;
+  }
+}
+
+}  // namespace
+
+// What a connection needs of the service: the protocol, the log, its limits and the list of
+// open connections, through which stop() and a full house reach them.
+class Connection {
+ public:
+  virtual ~Connection() = default;
+  // Closes the connection unless it is answering (then it closes after the answer).
+  // `idleOnly` closes only connections idle after an answer, whose clients know to ask again
+  // on a new one; a new connection may hold a request not yet read.
+  virtual void close(bool idleOnly) = 0;
+};
+
+class ServiceTransport {
+ public:
+  ServiceTransport(const WeatherProtocol& served, const WeatherService::AccessLog& accessLog, bool withTls)
+      : protocol(served), log(accessLog), acceptor_(acceptStrand_), retry_(acceptStrand_) {
+    if (!withTls) return;
+    const auto& options = protocol.options();
+    tls.emplace(asio::ssl::context::tls_server);
+    tls->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+                     asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+    beast::error_code error;
+    tls->use_certificate_chain_file(options.certificatePath, error);
+    if (!error) tls->use_private_key_file(options.privateKeyPath, asio::ssl::context::pem, error);
+    if (error) {
+      throw std::runtime_error("cannot load the certificate " + options.certificatePath + " and key " +
+                               options.privateKeyPath);
+    }
+  }
+  ~ServiceTransport() { stop(); }
+  ServiceTransport(const ServiceTransport&) = delete;
+  ServiceTransport& operator=(const ServiceTransport&) = delete;
+
+  // Binds the first address of the host that takes the port and starts serving; the port.
+  int start(const std::string& host, int port) {
+    stopping = false;
+    io_.restart();  // after a stop(), whose loop ran out of work
+    beast::error_code error;
+    tcp::resolver resolver(io_);
+    const auto addresses = resolver.resolve(host, std::to_string(port), tcp::resolver::passive, error);
+    for (const auto& address : addresses) {
+      error = {};
+      acceptor_.open(address.endpoint().protocol(), error);
+      // Without SO_REUSEPORT: a port that is in use is refused, never shared.
+      if (!error) acceptor_.set_option(asio::socket_base::reuse_address(true), error);
+      if (!error) acceptor_.bind(address.endpoint(), error);
+      if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
+      if (!error) break;
+      beast::error_code ignored;
+      acceptor_.close(ignored);
+    }
+    if (!acceptor_.is_open()) return -1;
+    const int bound = acceptor_.local_endpoint().port();
+    accept();
+    const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);
+    for (unsigned i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
+    return bound;
+  }
+
+  void stop() {
+    if (threads_.empty()) return;
+    stopping = true;
+    asio::post(acceptStrand_, [this] {
+      beast::error_code ignored;
+      acceptor_.close(ignored);
+      retry_.cancel();
+    });
+    closeAll(false);
+    for (auto& thread : threads_) thread.join();
+    threads_.clear();
+  }
+
+  void opened(Connection* connection, std::weak_ptr<Connection> handle) {
+    std::lock_guard lock(mutex_);
+    open_.emplace(connection, std::move(handle));
+  }
+  void closed(Connection* connection) {
+    std::lock_guard lock(mutex_);
+    open_.erase(connection);
+  }
+
+  bool reserveBody(std::uint64_t bytes) {
+    std::uint64_t held = bodyBytes_.load();
+    do {
+      if (bytes > kBodyBudget - held) return false;
+    } while (!bodyBytes_.compare_exchange_weak(held, held + bytes));
+    return true;
+  }
+  void releaseBody(std::uint64_t bytes) { bodyBytes_ -= bytes; }
+
+  const WeatherProtocol& protocol;
+  const WeatherService::AccessLog& log;
+  std::optional<asio::ssl::context> tls;
+  std::atomic<bool> stopping{false};
+
+ private:
+  void run() {
+    // A handler that throws (memory ran out) ends its connection, not the service.
+    for (;;) {
+      try {
+        io_.run();
+        return;
+      } catch (const std::exception&) {
+      }
+    }
+  }
+
+  void accept() {
+    acceptor_.async_accept(asio::make_strand(io_), [this](const beast::error_code& error, tcp::socket socket) {
+      onAccept(error, std::move(socket));
+    });
+  }
+
+  void onAccept(const beast::error_code& error, tcp::socket socket);
+
+  // After `delay`, accepts again if there is room; until then new connections wait in the
+  // listen queue.
+  void acceptLater(std::chrono::milliseconds delay) {
+    retry_.expires_after(delay);
+    retry_.async_wait([this](const beast::error_code& error) {
+      if (error || !acceptor_.is_open()) return;
+      if (openCount() >= maxConnections_) {
+        closeAll(true);
+        return acceptLater(20ms);
+      }
+      accept();
+    });
+  }
+
+  std::size_t openCount() {
+    std::lock_guard lock(mutex_);
+    return open_.size();
+  }
+
+  void closeAll(bool idleOnly) {
+    // Held outside the lock: dropping the last reference destroys a connection, which
+    // takes the lock to leave the list.
+    std::vector<std::shared_ptr<Connection>> connections;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& [raw, handle] : open_) {
+        if (auto connection = handle.lock()) connections.push_back(std::move(connection));
+      }
+    }
+    for (const auto& connection : connections) connection->close(idleOnly);
+  }
+
+  asio::io_context io_;
+  asio::strand<asio::io_context::executor_type> acceptStrand_{asio::make_strand(io_)};
+  tcp::acceptor acceptor_;
+  asio::steady_timer retry_;
+  std::vector<std::thread> threads_;
+  const std::size_t maxConnections_ = connectionLimit();
+  std::atomic<std::uint64_t> bodyBytes_{0};
+  std::mutex mutex_;
+  std::unordered_map<Connection*, std::weak_ptr<Connection>> open_;  // GUARDED_BY(mutex_)
+};
+
+namespace {
+
+// One connection, over TCP (beast::tcp_stream) or TLS (beast::ssl_stream<beast::tcp_stream>).
+// Every step runs on the connection's strand, so its state needs no lock.
+template <class Stream>
+class Session final : public Connection, public std::enable_shared_from_this<Session<Stream>> {
+ public:
+  static constexpr bool kTls = !std::is_same_v<Stream, beast::tcp_stream>;
+
+  Session(ServiceTransport& transport, tcp::socket socket) requires(!kTls)
+      : transport_(transport), stream_(std::move(socket)) {}
+  Session(ServiceTransport& transport, tcp::socket socket) requires kTls
+      : transport_(transport),
+        stream_(beast::tcp_stream(std::move(socket)), *transport.tls) {}
+  ~Session() override {
+    transport_.releaseBody(reserved_);
+    transport_.closed(this);
+  }
+
+  void run() {
+    asio::dispatch(lowest().get_executor(), [self = this->shared_from_this()] { self->begin(); });
+  }
+
+  void close(bool idleOnly) override {
+    asio::post(lowest().get_executor(), [self = this->shared_from_this(), idleOnly] {
+      if (self->phase_ == Phase::answering) {
+        if (!idleOnly) self->closeAfterAnswer_ = true;
+      } else if (!idleOnly || (self->phase_ == Phase::idle && self->answered_)) {
+        self->finish();
+      }
+    });
+  }
+
+ private:
+  enum class Phase { starting, idle, reading, answering, draining, closed };
+
+  beast::tcp_stream& lowest() { return beast::get_lowest_layer(stream_); }
+
+  template <class Step>
+  auto bound(Step step) {
+    return beast::bind_front_handler(step, this->shared_from_this());
+  }
+
+  void begin() {
+    if (phase_ == Phase::closed) return;
+    if (transport_.stopping) return finish();
+    beast::error_code error;
+    const auto peer = lowest().socket().remote_endpoint(error);
+    if (!error) remoteAddress_ = peer.address().to_string();
+    if constexpr (kTls) {
+      phase_ = Phase::reading;
+      lowest().expires_after(transport_.protocol.options().requestTimeLimit);
+      stream_.async_handshake(asio::ssl::stream_base::server, bound(&Session::onHandshake));
+    } else {
+      awaitRequest();
+    }
+  }
+
+  void onHandshake(const beast::error_code& error) {
+    if (phase_ == Phase::closed) return;
+    if (error) return finish();
+    awaitRequest();
+  }
+
+  // Waits for the first byte of the next request under the idle limit; the request's own
+  // limit starts with it.
+  void awaitRequest() {
+    if (transport_.stopping || closeAfterAnswer_) return finish();
+    phase_ = Phase::idle;
+    parser_.reset();
+    if (buffer_.size() > 0) return readHead();  // the next request came with the last
+    buffer_.shrink_to_fit();
+    lowest().expires_after(kIdleTime);
+    stream_.async_read_some(buffer_.prepare(kFirstRead), bound(&Session::onFirstBytes));
+  }
+
+  void onFirstBytes(const beast::error_code& error, std::size_t size) {
+    if (phase_ == Phase::closed) return;
+    if (error) return finish();
+    buffer_.commit(size);
+    readHead();
+  }
+
+  void readHead() {
+    phase_ = Phase::reading;
+    parser_.emplace();
+    parser_->header_limit(kMaxHead);
+    parser_->body_limit(kMaxBody);
+    lowest().expires_after(transport_.protocol.options().requestTimeLimit);
+    http::async_read_header(stream_, buffer_, *parser_, bound(&Session::onHead));
+  }
+
+  void onHead(const beast::error_code& error, std::size_t) {
+    if (phase_ == Phase::closed) return;
+    if (error) return refuse(error);
+    const auto& request = parser_->get();
+    // A transfer coding other than chunked leaves the body's end unknown.
+    if (request.count(http::field::transfer_encoding) != 0 && !parser_->chunked()) return send(refusal(400), false);
+    const std::uint64_t body = parser_->chunked() ? kMaxBody : parser_->content_length().value_or(0);
+    if (body > 0) {
+      if (!transport_.reserveBody(body)) return send(refusal(503), false);
+      reserved_ = body;
+    }
+    if (!parser_->is_done() && beast::iequals(request[http::field::expect], "100-continue")) {
+      continue_ = {http::status::continue_, request.version()};
+      return http::async_write(stream_, continue_, bound(&Session::onContinue));
+    }
+    readBody();
+  }
+
+  void onContinue(const beast::error_code& error, std::size_t) {
+    if (phase_ == Phase::closed) return;
+    if (error) return finish();
+    readBody();
+  }
+
+  void readBody() {
+    if (parser_->is_done()) return answer();
+    http::async_read(stream_, buffer_, *parser_, bound(&Session::onBody));
+  }
+
+  void onBody(const beast::error_code& error, std::size_t) {
+    if (phase_ == Phase::closed) return;
+    if (error) return refuse(error);
+    answer();
+  }
+
+  void refuse(const beast::error_code& error) {
+    if (const auto status = statusForParseError(error)) return send(refusal(*status), false);
+    finish();
+  }
+
+  void answer() {
+    const auto& request = parser_->get();
+    ServiceCall call{.httpMethod = std::string(request.method_string()),
+                     .target = std::string(request.target()),
+                     .body = request.body(),
+                     .remoteAddress = remoteAddress_};
+    if (const auto tag = request.find(http::field::if_none_match); tag != request.end()) {
+      call.ifNoneMatch = std::string(tag->value());
+    }
+    if (const auto agent = request.find(http::field::user_agent); agent != request.end()) {
+      call.userAgent = std::string(agent->value());
+    }
+    ServiceAnswer answer;
+    try {
+      answer = transport_.protocol.answer(call);
+    } catch (const std::exception&) {
+      answer = refusal(500);
+    }
+    send(answer, request.keep_alive());
+  }
+
+  // Writes the answer to the request being read (its head may be unreadable).
+  void send(const ServiceAnswer& answer, bool keepAlive) {
+    phase_ = Phase::answering;
+    const bool headRead = parser_ && parser_->is_header_done();
+    const auto* request = headRead ? &parser_->get() : nullptr;
+    method_ = request ? std::string(request->method_string()) : "-";
+    target_ = request ? std::string(request->target()) : "-";
+    response_ = {};
+    response_.version(request && request->version() == 10 ? 10 : 11);
+    response_.result(static_cast<unsigned>(answer.status));
+    for (const auto& [name, value] : answer.headers) response_.set(name, value);
+    if (!answer.contentType.empty()) {
+      response_.set(http::field::content_type, answer.contentType);
+      response_.body() = answer.body;
+    }
+    response_.keep_alive(keepAlive && !transport_.stopping && !closeAfterAnswer_);
+    const auto kind = http::to_status_class(response_.result());
+    if (kind != http::status_class::informational && response_.result() != http::status::no_content &&
+        response_.result() != http::status::not_modified) {
+      response_.prepare_payload();
+    }
+    if (request && request->method() == http::verb::head) response_.body().clear();  // the length stays
+    lowest().expires_after(kWriteTime);
+    http::async_write(stream_, response_, bound(&Session::onWritten));
+  }
+
+  void onWritten(const beast::error_code& error, std::size_t) {
+    if (transport_.log) transport_.log(method_, target_, static_cast<int>(response_.result_int()));
+    transport_.releaseBody(reserved_);
+    reserved_ = 0;
+    if (phase_ == Phase::closed) return;
+    if (error) return finish();
+    if (!response_.keep_alive()) return closeGracefully();
+    answered_ = true;
+    awaitRequest();
+  }
+
+  // Ends the connection after an answer: TLS says so; TCP stops sending and reads on for a
+  // moment, so that a request body still arriving does not reset the answer away.
+  void closeGracefully() {
+    phase_ = Phase::draining;
+    lowest().expires_after(kDrainTime);
+    if constexpr (kTls) {
+      stream_.async_shutdown([self = this->shared_from_this()](const beast::error_code&) { self->finish(); });
+    } else {
+      beast::error_code ignored;
+      lowest().socket().shutdown(tcp::socket::shutdown_send, ignored);
+      drain();
+    }
+  }
+
+  void drain() {
+    buffer_.clear();
+    lowest().async_read_some(buffer_.prepare(kFirstRead),
+                             [self = this->shared_from_this()](const beast::error_code& error, std::size_t) {
+                               if (error || self->phase_ == Phase::closed) return self->finish();
+                               self->drain();
+                             });
+  }
+
+  void finish() {
+    if (phase_ == Phase::closed) return;
+    phase_ = Phase::closed;
+    beast::error_code ignored;
+    lowest().socket().shutdown(tcp::socket::shutdown_both, ignored);
+    lowest().close();
+  }
+
+  ServiceTransport& transport_;
+  Stream stream_;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+  http::response<http::empty_body> continue_;
+  http::response<http::string_body> response_;
+  std::string remoteAddress_;
+  std::string method_;
+  std::string target_;
+  std::uint64_t reserved_ = 0;
+  Phase phase_ = Phase::starting;
+  bool answered_ = false;
+  bool closeAfterAnswer_ = false;
+};
+
+template <class Stream>
+void startSession(ServiceTransport& transport, tcp::socket socket) {
+  auto session = std::make_shared<Session<Stream>>(transport, std::move(socket));
+  transport.opened(session.get(), session);
+  session->run();
+}
+
+}  // namespace
+
+void ServiceTransport::onAccept(const beast::error_code& error, tcp::socket socket) {
+  if (!acceptor_.is_open()) return;
+  if (error) {
+    if (error == asio::error::operation_aborted) return;
+    // Out of file descriptors, most likely: make room and try again shortly, rather than
+    // spin on a listen queue that cannot be taken from.
+    closeAll(true);
+    return acceptLater(50ms);
+  }
+  beast::error_code ignored;
+  // Without it every keep-alive answer waits for the peer's delayed acknowledgement.
+  socket.set_option(tcp::no_delay(true), ignored);
+  if (tls) {
+    startSession<beast::ssl_stream<beast::tcp_stream>>(*this, std::move(socket));
+  } else {
+    startSession<beast::tcp_stream>(*this, std::move(socket));
+  }
+  if (openCount() >= maxConnections_) {
+    closeAll(true);
+    return acceptLater(20ms);
+  }
+  accept();
+}
+
+namespace {
 
 // Host names do not depend on case; the URL shows them in lower case.
 WeatherServiceOptions withCanonicalHost(WeatherServiceOptions options) {
@@ -43,82 +528,21 @@ WeatherService::WeatherService(WeatherServiceOptions options, AccessLog log)
     : protocol_(withCanonicalHost(std::move(options))), log_(std::move(log)) {
   const auto& settings = protocol_.options();
   tls_ = !settings.certificatePath.empty() || !settings.privateKeyPath.empty();
-  if (tls_) {
-    auto server =
-        std::make_unique<httplib::SSLServer>(settings.certificatePath.c_str(), settings.privateKeyPath.c_str());
-    if (!server->is_valid()) {
-      throw std::runtime_error("cannot load the certificate " + settings.certificatePath + " and key " +
-                               settings.privateKeyPath);
-    }
-    server_ = std::move(server);
-  } else {
-    server_ = std::make_unique<httplib::Server>();
-  }
-  // Without it every keep-alive answer waits for the peer's delayed acknowledgement.
-  server_->set_tcp_nodelay(true);
-  // The library's default also sets SO_REUSEPORT, which lets a second service bind a port
-  // that is in use and share its connections; an explicit port must be refused instead.
-  server_->set_socket_options([](int socket) {
-    int yes = 1;
-    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  server_->set_payload_max_length(kMaxBody);
-  server_->set_read_timeout(5, 0);
-  server_->set_write_timeout(5, 0);
-  server_->set_keep_alive_max_count(1000);
-  // stop() waits for idle keep-alive connections to time out; a short idle time keeps it
-  // quick and costs nothing to back-to-back calls.
-  server_->set_keep_alive_timeout(1);
-  const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-    send(protocol_.answer(callOf(request)), response);
-  };
-  // Every verb reaches the protocol, which refuses those it does not serve in its own words.
-  server_->Get(".*", handler).Post(".*", handler).Put(".*", handler);
-  server_->Delete(".*", handler).Patch(".*", handler).Options(".*", handler);
-  // What the transport refuses itself (oversized bodies, broken request lines) gets the
-  // failure envelope too.
-  server_->set_error_handler([](const httplib::Request&, httplib::Response& response) {
-    if (!response.body.empty()) return;
-    const std::string code = std::to_string(response.status);
-    const std::string message = "The request was refused (HTTP status " + code + ").";
-    response.set_content(R"({"success":false,"message":")" + message + R"(","meta":{"statusCode":)" + code +
-                             R"(,"code":)" + code + R"(,"message":")" + message + R"("}})",
-                         "application/json");
-  });
-  server_->set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
-    response.status = 500;
-    response.set_content(R"({"success":false,"message":"Internal error.","meta":{"statusCode":500,"code":500,)"
-                         R"("message":"Internal error."}})",
-                         "application/json");
-  });
-  if (log_) {
-    server_->set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-      log_(request.method, request.target, response.status);
-    });
-  }
+  transport_ = std::make_unique<ServiceTransport>(protocol_, log_, tls_);
 }
 
 WeatherService::~WeatherService() { stop(); }
 
 void WeatherService::start() {
   const auto& settings = protocol_.options();
-  if (settings.port == 0) {
-    port_ = server_->bind_to_any_port(settings.host);
-  } else {
-    port_ = server_->bind_to_port(settings.host, settings.port) ? settings.port : -1;
-  }
+  if (settings.host.empty()) throw std::runtime_error("no host to listen on");
+  port_ = transport_->start(settings.host, settings.port);
   if (port_ <= 0) {
     throw std::runtime_error("cannot listen on " + settings.host + " port " + std::to_string(settings.port));
   }
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
-  while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
-void WeatherService::stop() {
-  if (!thread_.joinable()) return;
-  server_->stop();
-  thread_.join();
-}
+void WeatherService::stop() { transport_->stop(); }
 
 std::string WeatherService::baseUrl() const {
   const std::string& host = protocol_.options().host;
