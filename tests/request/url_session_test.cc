@@ -466,6 +466,8 @@ TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
        -1011},
       {"one header line over 100 KiB",
        [](auto& w) { w("HTTP/1.1 200 OK\r\nX-Long: " + std::string(200 * 1024, 'y') + "\r\n\r\n"); }, -1011},
+      {"two different lengths",
+       [](auto& w) { w("HTTP/1.1 200 OK\r\nContent-Length: 5\r\nContent-Length: 10\r\n\r\n0123456789"); }, -1011},
       {"closed mid-body", [](auto& w) { w("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nshort"); }, -1005},
       {"nothing at all", [](auto&) {}, -1005},
   };
@@ -488,9 +490,10 @@ TEST(SessionBadResponseTest, BrokenServersEndInClearErrors) {
 namespace kp {
 namespace {
 
+// The same length stated twice is that length.
 TEST(SessionBadResponseTest, BodyBeyondTheAnnouncedLengthIsCutOff) {
   test::RawServer raw([](const test::RawServer::Writer& write) {
-    write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n" + std::string(1 << 20, 'm'));
+    write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\ncontent-length: 10\r\n\r\n" + std::string(1 << 20, 'm'));
   });
   auto recorder = std::make_shared<Recorder>();
   auto s = UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), recorder);

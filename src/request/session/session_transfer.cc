@@ -124,7 +124,8 @@ size_t UrlSession::Impl::onHeader(char* buffer, size_t size, size_t count, void*
       if (auto session = sessionOf(t)) session->headComplete(t);
       return length;
     case internal::ResponseHeadParser::Step::tooLarge:
-      t.headTooLarge = true;
+    case internal::ResponseHeadParser::Step::malformed:
+      t.badHead = true;
       return 0;
   }
   return 0;
@@ -272,7 +273,7 @@ ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
   if (t.timedOut) return makeUrlError(UrlError::timedOut, t.current.url);
   // libcurl before 8.6 reports a head line beyond its limit (100 KiB) as running out of
   // memory: with the head still incomplete, that is the server's fault.
-  if (t.headTooLarge || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
+  if (t.badHead || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
     return makeUrlError(UrlError::badServerResponse, t.current.url);
   }
   if (code == CURLE_OK) return nullptr;
