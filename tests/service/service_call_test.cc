@@ -2,6 +2,7 @@
 // local weather service over HTTP and HTTPS (typed and untyped forecasts, the cache,
 // revalidation, client info, refusals), and against servers that misbehave.
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <future>
 #include <mutex>
@@ -190,6 +191,32 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
 INSTANTIATE_TEST_SUITE_P(Transports, ServiceCallTest, ::testing::Values(false, true),
                          test::LocalServiceTest::transportName);
 
+// A gzip stream of `size` zero bytes: about a thousandth of that on the wire.
+std::string gzipOfZeros(std::size_t size) {
+  z_stream stream{};
+  EXPECT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY), Z_OK);
+  std::vector<unsigned char> zeros(1 << 20);
+  std::string out;
+  unsigned char buffer[1 << 16];
+  for (std::size_t left = size;;) {
+    const std::size_t piece = std::min(left, zeros.size());
+    left -= piece;
+    stream.next_in = zeros.data();
+    stream.avail_in = static_cast<uInt>(piece);
+    const int flush = left == 0 ? Z_FINISH : Z_NO_FLUSH;
+    int status = Z_OK;
+    do {
+      stream.next_out = buffer;
+      stream.avail_out = sizeof buffer;
+      status = deflate(&stream, flush);
+      out.append(reinterpret_cast<const char*>(buffer), sizeof buffer - stream.avail_out);
+    } while (stream.avail_out == 0);
+    if (status == Z_STREAM_END) break;
+  }
+  deflateEnd(&stream);
+  return out;
+}
+
 // Answers what each path asks for; "/hang" sends a head and then nothing.
 void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
   const std::string sealed = *aes256EncryptString(R"({"meta": {"code": 200}, "data": 7})", "wrong key");
@@ -220,6 +247,10 @@ void hostileAnswer(const std::string& request, const test::RawServer::Writer& wr
     }
   } else if (request.find(" /announced") != std::string::npos) {
     write("HTTP/1.1 200 OK\r\nContent-Length: 1000000000000\r\n\r\n{");
+  } else if (request.find(" /inflating") != std::string::npos) {
+    static const std::string bomb = gzipOfZeros(160 << 20);
+    write("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " + std::to_string(bomb.size()) + "\r\n\r\n" +
+          bomb);
   }
 }
 
@@ -263,9 +294,10 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
   ASSERT_TRUE(timedOut && timedOut->error);
   EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
 
-  // A body beyond the handler's limit ends the call with an error, whether it streams on or
-  // its length is announced up front, instead of filling memory.
-  for (const char* method : {"endless", "announced"}) {
+  // A body beyond the handler's limit ends the call with an error, whether it streams on, its
+  // length is announced up front or a small compressed body inflates past it, instead of
+  // filling memory.
+  for (const char* method : {"endless", "announced", "inflating"}) {
     auto oversized = untyped.createRequestFor(method);
     std::dynamic_pointer_cast<HttpRequestHandler>(oversized->handler())->maximumReceivedDataLength = 1 << 20;
     const auto refused = oversized->executeSynchronously();

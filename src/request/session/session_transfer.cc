@@ -276,6 +276,12 @@ ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
   if (t.badHead || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
     return makeUrlError(UrlError::badServerResponse, t.current.url);
   }
+  // While a transfer is paused, libcurl keeps what the rest of the current read inflates to
+  // and gives up at 64 MiB: a compressed body that swells so far is as much beyond any limit
+  // as an endless plain one.
+  if (code == CURLE_OUT_OF_MEMORY && t.hopResponse && t.hopResponse->value("Content-Encoding")) {
+    return makeUrlError(UrlError::dataLengthExceedsMaximum, t.current.url);
+  }
   if (code == CURLE_OK) return nullptr;
   long osErrno = 0;
   if (t.easy) curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);
