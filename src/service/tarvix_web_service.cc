@@ -1,6 +1,8 @@
 // The web-service facades: method URLs and the request set-up both share.
 #include "kp/service/tarvix_web_service.h"
 
+#include "kp/logging/tarvix_logger.h"
+
 namespace kp {
 namespace {
 
@@ -62,6 +64,21 @@ std::shared_ptr<TarvixServiceRequest> TarvixWebService::createRequestFor(std::st
 
 DecodableTarvixWebService::DecodableTarvixWebService(std::string url) {
   baseUrl = withoutTrailingSlashes(std::move(url));
+}
+
+std::optional<Data> DecodableTarvixWebService::encodeContent(std::string_view method,
+                                                             const std::function<Data()>& encode) {
+  std::string reason;
+  try {
+    return encode();
+  } catch (const std::exception& error) {
+    reason = error.what();
+  } catch (...) {
+    reason = "unknown exception";
+  }
+  TarvixLoggers::CL()->error("No request for method \"" + std::string(method) +
+                             "\": its content cannot be encoded as JSON (" + reason + ")");
+  return std::nullopt;
 }
 
 }  // namespace kp

@@ -2,6 +2,8 @@
 // archived form, what the facades put into a request, and reading client info.
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "forecast_model.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/client_info_web_service.h"
@@ -279,6 +281,18 @@ TEST(WebServiceFacade, SessionsContentTypesAndEncodedContent) {
   hour.time = Date::fromTimeIntervalSince1970(1700000000);
   const auto sent = objectFromJSONData(*service.createRequestWithContent<int>("x", hour)->httpConfig()->bodyData);
   EXPECT_EQ((*sent)["time"].doubleValue(), 1700000000.0);
+  // Content is optional: none gives a request without body (not "null"); content that cannot
+  // be encoded gives no request at all, and nothing is thrown.
+  auto bodiless = service.createRequestWithContent<int>("x", std::optional<weather::ForecastLocation>());
+  ASSERT_TRUE(bodiless);
+  EXPECT_FALSE(bodiless->httpConfig()->bodyData);
+  EXPECT_FALSE(service.createRequestWithContent<int>("x", std::nullopt)->httpConfig()->bodyData);
+  EXPECT_EQ(
+      objectFromJSONData(*service.createRequestWithContent<int>("x", std::optional(place))->httpConfig()->bodyData),
+      JsonValue::object({{"latitude", 52.37}, {"longitude", 4.9}}));
+  place.latitude = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(service.createRequestWithContent<int>("x", place), nullptr);
+  EXPECT_EQ(service.createRequestWithContent<int>("x", std::optional(place)), nullptr);
   service.urlSession->invalidateAndCancel();
 }
 
