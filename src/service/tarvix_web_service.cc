@@ -23,7 +23,9 @@ std::optional<Url> WebServiceSettings::createUrl(std::string_view method) const 
     text += '/';
   }
   text += method;
-  auto url = Url::parse(text);
+  // A method or version written with spaces or letters outside ASCII is encoded, as a base URL
+  // naming its host in Unicode is converted.
+  auto url = Url::parseEncodingInvalidCharacters(text);
   if (!url || !url->isAbsolute()) return std::nullopt;
   return url;
 }

@@ -143,7 +143,8 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
   const bool redirect = status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
   if (redirect) {
     if (auto location = response->value("Location")) {
-      auto reference = Url::parse(internal::trimSpaces(*location));
+      // Servers send raw UTF-8 and spaces here too; they are encoded as in any URL typed.
+      auto reference = Url::parseEncodingInvalidCharacters(internal::trimSpaces(*location));
       auto target = reference ? reference->resolvedAgainst(t.current.url) : std::nullopt;
       if (target) {
         UrlRequest next = t.current;
