@@ -216,7 +216,8 @@ TEST(WebServiceFacade, MethodUrlsCommonParametersAndKeys) {
   EXPECT_EQ(service.createUrl("forecast")->absoluteString(), "https://h/api/forecast");
   service.version = "v2";
   EXPECT_EQ(service.createUrl("forecast")->absoluteString(), "https://h/api/v2/forecast");
-  EXPECT_FALSE(service.createRequestFor("two words"));
+  // Written as people write them: a space or a letter outside ASCII is encoded.
+  EXPECT_EQ(service.createUrl("two w\xc3\xb6rds")->absoluteString(), "https://h/api/v2/two%20w%C3%B6rds");
   EXPECT_FALSE(TarvixWebService("not a url").createRequestFor("forecast"));
 
   service.requestParameters = TarvixWebServiceParameters(fixedInfo());

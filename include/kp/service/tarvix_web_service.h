@@ -57,7 +57,8 @@ struct WebServiceSettings {
   TarvixWebServiceParameters requestParameters;
   std::shared_ptr<UrlSession> urlSession;
 
-  // baseUrl + "/" + (version + "/") + method; nothing when that is not a URL.
+  // baseUrl + "/" + (version + "/") + method, with what a URL cannot carry encoded
+  // (Url::parseEncodingInvalidCharacters); nothing when that is still not an absolute URL.
   [[nodiscard]] std::optional<Url> createUrl(std::string_view method) const;
   // Adds the common parameters, the keys (or "skipcrypt=1"), the body and the session.
   void prepare(BasicHttpRequest& request, EncryptionRequestType& keys, std::optional<Data> content) const;
