@@ -194,14 +194,25 @@ void countRequests(benchmark::State& state, double cpuAtStart) {
   state.counters["cpu_us/req"] = (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations());
 }
 
-void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
+void smallGetsOnOneSession(benchmark::State& state, std::shared_ptr<kp::HttpCookieStorage> cookies) {
   const std::string url = BenchServer::shared().url("/small");
   const double cpuAtStart = processCpuSeconds();
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
-  auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
+  auto configuration = kp::UrlSessionConfiguration::defaultConfiguration();
+  configuration.httpCookieStorage = std::move(cookies);
+  auto session = kp::UrlSession::make(configuration, router);
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, session));
   session->invalidateAndCancel();
   countRequests(state, cpuAtStart);
+}
+
+void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
+  smallGetsOnOneSession(state, kp::HttpCookieStorage::shared());
+}
+
+// The same without a cookie store: what an empty store costs a request.
+void BM_Transfer_SmallGets_Handler_SharedSession_NoCookieStore(benchmark::State& state) {
+  smallGetsOnOneSession(state, nullptr);
 }
 
 void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) {
@@ -353,6 +364,7 @@ void BM_Transfer_Large_RawCurl_ToFile(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Transfer_SmallGets_Handler_SharedSession)->Iterations(2000)->UseRealTime();
+BENCHMARK(BM_Transfer_SmallGets_Handler_SharedSession_NoCookieStore)->Iterations(2000)->UseRealTime();
 BENCHMARK(BM_Transfer_SmallGets_RawCurl_ReusedEasy)->Iterations(2000)->UseRealTime();
 BENCHMARK(BM_Transfer_SmallGets_Handler_PrivateSession)->Iterations(2000)->UseRealTime();
 BENCHMARK(BM_Transfer_SmallGets_RawCurl_NewEasy)->Iterations(2000)->UseRealTime();

@@ -85,4 +85,6 @@ std::filesystem::path cachesDirectory() { return xdgDirectory("XDG_CACHE_HOME", 
 
 std::filesystem::path configurationDirectory() { return xdgDirectory("XDG_CONFIG_HOME", ".config"); }
 
+std::filesystem::path dataDirectory() { return xdgDirectory("XDG_DATA_HOME", ".local/share"); }
+
 }  // namespace kp

@@ -266,7 +266,9 @@ TEST_F(CacheControllerTest, WipesGroupsRemovalsAndTheGenericEntries) {
 
   // Entries of any coded type go through their row only, and come back as their type.
   using Note = kp::CodableCacheItem<std::string>;
-  cache->set(std::static_pointer_cast<kp::Cacheable>(std::make_shared<Note>("hello", policy(60))), "note");
+  auto note = std::make_shared<Note>("hello", policy(60));
+  note->setCreationDate(kp::Date::fromTimePoint(clock_->now()));  // made on the test's clock, not the wall's
+  cache->set(std::static_pointer_cast<kp::Cacheable>(note), "note");
   EXPECT_EQ(cache->get<Note>("note")->item, "hello");
   EXPECT_FALSE(cache->get<CacheItem>("note"));
   EXPECT_FALSE(cache->getCacheItem("note"));

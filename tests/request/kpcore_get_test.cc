@@ -153,6 +153,44 @@ TEST(KpcoreGet, SeveralUrlsRunThroughOneQueueByPriorityAndDownloadsGoToFiles) {
   EXPECT_EQ(parallel.output, "kpcore get: --parallel takes 1 to 64: 0\n");
 }
 
+TEST(KpcoreGet, KeepsLastingCookiesInTheDataFolderAcrossRuns) {
+  kp::test::TestServer server;
+  server.server().Get("/login", [](const httplib::Request&, httplib::Response& r) {
+    r.set_header("Set-Cookie", "sid=abc; Path=/");
+    r.set_header("Set-Cookie", "keep=1; Path=/; Max-Age=3600; HttpOnly");
+    r.set_redirect("/home", 302);
+  });
+  server.server().Get("/home", [](const httplib::Request& q, httplib::Response& r) {
+    r.set_content(q.get_header_value("Cookie"), "text/plain");
+  });
+  server.start();
+  kp::test::TempDir home;
+  // A first run on an empty machine: no data folder yet.
+  const std::string tool = "env -u XDG_DATA_HOME HOME=" + shellQuote(home.path()) + " " + KPCORE_PATH;
+
+  EXPECT_EQ(runCommand(tool + " get " + shellQuote(server.url("/login"))).output, "sid=abc; keep=1");
+  EXPECT_EQ(runCommand(tool + " get " + shellQuote(server.url("/home"))).output, "keep=1");
+  std::filesystem::path file;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path() / ".local/share")) {
+    if (entry.path().filename() == "Cookies") file = entry.path();
+  }
+  ASSERT_FALSE(file.empty());
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(file).permissions(), perms::owner_read | perms::owner_write);
+  EXPECT_EQ(std::filesystem::status(file.parent_path()).permissions(), perms::owner_all);
+
+  auto list = runCommand(tool + " cookies list");
+  EXPECT_EQ(list.status, 0);
+  EXPECT_EQ(list.output.rfind("127.0.0.1  /  keep=1  expires ", 0), 0u) << list.output;
+  EXPECT_TRUE(list.output.ends_with("  httponly\n")) << list.output;
+  auto json = runCommand(tool + " cookies list " + shellQuote(server.url("/")) + " --json");
+  EXPECT_EQ(json.output.rfind(R"([{"name":"keep","value":"1","domain":"127.0.0.1","path":"/","expires":")", 0), 0u)
+      << json.output;
+  EXPECT_EQ(runCommand(tool + " cookies clear").output, "removed 1 cookie\n");
+  EXPECT_EQ(runCommand(tool + " cookies list --json").output, "[]\n");
+  EXPECT_EQ(runCommand(tool + " get " + shellQuote(server.url("/home"))).output, "");
+}
+
 TEST(KpcoreGet, FailuresPrintOneErrorLineAndExitNonZero) {
   kp::test::TestServer server;
   addRoutes(server.server());

@@ -1,6 +1,6 @@
 // Test helper: a test program that includes this header (from one of its files) keeps the
-// shared cache, and whatever the kpcore runs it starts store, in a folder of its own, so that
-// runs never see each other's entries.
+// shared cache and cookie store, and whatever the kpcore runs it starts store, in folders of
+// its own, so that runs never see each other's entries.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,6 +17,7 @@ class CacheHome : public ::testing::Environment {
   void SetUp() override {
     folder_ = std::make_unique<TempDir>();
     ::setenv("XDG_CACHE_HOME", folder_->path().c_str(), 1);
+    ::setenv("XDG_DATA_HOME", (folder_->path() / "data").c_str(), 1);
   }
 
  private:

@@ -9,8 +9,8 @@
 
 #include "command.h"
 #include "forecast_model.h"
+#include "forecast_text.h"
 #include "kp/cache/cache_controller.h"
-#include "kp/platform/date_formatter.h"
 #include "kp/service/client_info_web_service.h"
 #include "kp/service/tarvix_web_service.h"
 #include "service_session.h"
@@ -21,28 +21,6 @@ using namespace std::chrono_literals;
 using kp::weather::Forecast;
 
 void heading(const std::string& title) { std::cout << "\n== " << title << "\n"; }
-
-// printf-style formatting into a string, for the table rows.
-template <class... A>
-std::string format(const char* pattern, A... values) {
-  char line[256];
-  std::snprintf(line, sizeof line, pattern, values...);
-  return line;
-}
-
-// Words for the service's condition names ("partlyCloudy" -> "partly cloudy").
-std::string words(kp::weather::WeatherCondition condition) {
-  std::string out;
-  for (char c : kp::weather::conditionName(condition)) {
-    if (std::isupper(static_cast<unsigned char>(c))) {
-      out += ' ';
-      out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
 
 void showClientInfo(const std::string& base, const std::shared_ptr<kp::UrlSession>& session) {
   heading("Client info: what the service sees of this machine (ClientInfoWebService, basicInfo)");
@@ -71,34 +49,8 @@ void showClientInfo(const std::string& base, const std::shared_ptr<kp::UrlSessio
   std::cout << "user agent: " << (info ? info->userAgent.value_or("-") : "-") << "\n";
 }
 
-void printForecast(const Forecast& forecast) {
-  const kp::DateFormatter time("EEE HH:mm");
-  const kp::DateFormatter day("EEE d MMM");
-  const auto& now = forecast.current;
-  std::cout << format("Now (%s): %.1f °C, feels like %.1f °C, %s\n", time.string(now.time).c_str(), now.temperature,
-                      now.apparentTemperature, words(now.condition).c_str());
-  std::cout << format("  wind %.1f m/s from %d°, gusts %.1f m/s; %.1f hPa; humidity %d %%; clouds %d %%\n",
-                      now.windSpeed, now.windDirection, now.windGust, now.pressure, now.humidity, now.cloudCover);
-
-  std::cout << "\nNext 24 hours (every third hour, local time)\n";
-  std::cout << "  time        °C   wind m/s  from  hPa      rain mm  chance  sky\n";
-  for (std::size_t i = 0; i < forecast.hourly.size() && i < 24; i += 3) {
-    const auto& h = forecast.hourly[i];
-    std::cout << format("  %-9s %5.1f   %6.1f   %4d°  %6.1f   %6.1f   %4d %%  %s\n", time.string(h.time).c_str(),
-                        h.temperature, h.windSpeed, h.windDirection, h.pressure, h.precipitation,
-                        h.precipitationProbability, words(h.condition).c_str());
-  }
-  std::cout << "\nNext " << forecast.daily.size() << " days\n";
-  std::cout << "  day          min °C  max °C  wind m/s  rain mm  chance  sky\n";
-  for (const auto& d : forecast.daily) {
-    std::cout << format("  %-11s %6.1f  %6.1f   %6.1f   %6.1f   %4d %%  %s\n", day.string(d.date).c_str(),
-                        d.temperatureMin, d.temperatureMax, d.windSpeedMax, d.precipitation, d.precipitationProbability,
-                        words(d.condition).c_str());
-  }
-}
-
 void showTypedForecast(const std::string& base, const std::shared_ptr<kp::UrlSession>& session,
-                       const std::string& latitude, const std::string& longitude) {
+                       const std::string& latitude, const std::string& longitude, const kpcore::ForecastText& text) {
   heading("Forecast for " + latitude + ", " + longitude + " (DecodableTarvixWebService, typed values)");
   kp::DecodableTarvixWebService service(base);
   service.urlSession = session;
@@ -111,7 +63,8 @@ void showTypedForecast(const std::string& base, const std::shared_ptr<kp::UrlSes
   if (!result) throw kpcore::CommandError("the forecast call ended without an answer");
   const auto outcome = result->asResult();
   if (!outcome.value()) throw kpcore::CommandError("forecast failed: " + outcome.error()->localizedDescription());
-  printForecast(*outcome.value());
+  const auto& info = result->contentInfo;
+  text.print(std::cout, *outcome.value(), info.remoteCreatedAt.value_or(info.localCreatedAt));
 
   heading("Content info of that answer");
   std::cout << kpcore::describeContentInfo(result->contentInfo);
@@ -183,6 +136,8 @@ int runDemo(kpcore::Args& args) {
   const std::string latitude = args.option("latitude").value_or("52.37");
   const std::string longitude = args.option("longitude").value_or("4.90");
   const bool insecure = args.flag("insecure");
+  const std::string locale = args.option("locale").value_or("");
+  const kp::UnitSystem units = kpcore::unitSystemOption(args.option("units"));
   args.expectEnd();
   if (!base) throw kpcore::CommandError("missing --base URL (scripts/demo starts a local service)", 2);
   const auto baseUrl = kp::Url::parse(*base);
@@ -190,10 +145,11 @@ int runDemo(kpcore::Args& args) {
     throw kpcore::CommandError("not an absolute URL: " + *base, 2);
   }
 
+  const kpcore::ForecastText text(locale, units);
   kpcore::ServiceSession session(insecure);
   std::cout << "Weather service at " << *base << "; queries, bodies and answers travel AES-256 sealed.\n";
   showClientInfo(*base, session.session());
-  showTypedForecast(*base, session.session(), latitude, longitude);
+  showTypedForecast(*base, session.session(), latitude, longitude, text);
   showCacheAndRevalidation(*base, session.session(), latitude, longitude);
   return 0;
 }
@@ -201,8 +157,10 @@ int runDemo(kpcore::Args& args) {
 const kpcore::Registration registration{
     "demo", "Show the library's main job against a weather service (scripts/demo runs it)",
     "kpcore demo --base URL [--latitude 52.37] [--longitude 4.90] [--insecure]\n"
-    "  Client info, a typed forecast as a table, its content info, the same call from the cache,\n"
-    "  and a conditional call answered 304.",
+    "            [--locale L] [--units locale|metric|us|uk]\n"
+    "  Client info, a typed forecast as a table in the locale and units (the environment's locale\n"
+    "  and its preferred units by default), its content info, the same call from the cache, and a\n"
+    "  conditional call answered 304.",
     runDemo};
 
 }  // namespace

@@ -56,5 +56,8 @@ struct ApplicationInfo {
 [[nodiscard]] std::filesystem::path cachesDirectory();
 // $XDG_CONFIG_HOME (else ~/.config) joined with the application identifier, created as above.
 [[nodiscard]] std::filesystem::path configurationDirectory();
+// $XDG_DATA_HOME (else ~/.local/share) joined with the application identifier, created as
+// above: what the application keeps that is neither a cache nor a setting (its cookies).
+[[nodiscard]] std::filesystem::path dataDirectory();
 
 }  // namespace kp

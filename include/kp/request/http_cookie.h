@@ -11,6 +11,7 @@
 // Example:
 //   auto cookies = kp::HttpCookie::cookies({{"Set-Cookie", "id=7; Path=/; Secure"}}, url);
 //   cookies[0].name();   // "id"
+//   kp::HttpCookie session("sid", "7", "api.example.com", "/", {.secure = true});
 #pragma once
 
 #include <map>
@@ -25,8 +26,26 @@ namespace kp {
 
 class HttpCookie {
  public:
+  // What a cookie carries besides its name, value, domain and path.
+  struct Attributes {
+    std::optional<Date> expiresDate;  // none: the cookie lasts for the session
+    bool secure = false;
+    bool httpOnly = false;
+    std::optional<std::string> sameSitePolicy;
+  };
+
+  // `domain` is a host, or "." followed by a domain whose subdomains the cookie also covers.
   HttpCookie(std::string name, std::string value, std::string domain, std::string path)
       : name_(std::move(name)), value_(std::move(value)), domain_(std::move(domain)), path_(std::move(path)) {}
+  HttpCookie(std::string name, std::string value, std::string domain, std::string path, Attributes attributes)
+      : name_(std::move(name)),
+        value_(std::move(value)),
+        domain_(std::move(domain)),
+        path_(std::move(path)),
+        expiresDate_(std::move(attributes.expiresDate)),
+        secure_(attributes.secure),
+        httpOnly_(attributes.httpOnly),
+        sameSite_(std::move(attributes.sameSitePolicy)) {}
 
   // Every valid cookie in the "Set-Cookie" fields of `headerFields` (the name compared
   // without regard to case; several cookies in one field are separated by commas).
@@ -44,6 +63,8 @@ class HttpCookie {
   [[nodiscard]] bool isHTTPOnly() const noexcept { return httpOnly_; }
   // "Lax", "Strict" or "None" as sent.
   [[nodiscard]] const std::optional<std::string>& sameSitePolicy() const noexcept { return sameSite_; }
+
+  [[nodiscard]] Attributes attributes() const { return {expiresDate_, secure_, httpOnly_, sameSite_}; }
 
   friend bool operator==(const HttpCookie&, const HttpCookie&) = default;
 

@@ -50,6 +50,13 @@ class UrlRequest {
   // Sent with any method, GET included; a HEAD with a body is refused (its task fails with
   // UrlError::dataLengthExceedsMaximum), since a HEAD answer cannot be read after one.
   std::optional<Data> httpBody;
+  // Whether the session sends the stored cookies that match the URL and keeps the cookies the
+  // responses set (on every hop). A request that sets its own "Cookie" field sends that one.
+  bool httpShouldHandleCookies = true;
+  // The page this request loads for, whose site decides under the accept policy
+  // onlyFromMainDocumentDomain whether the responses' cookies are kept; none: the request's
+  // own URL.
+  std::optional<Url> mainDocumentURL;
 
   // Where connections to the URL's own host and port really go. The service protocol's
   // sealed URLs name their authority "host:PORT", which resolves nowhere; the request factory

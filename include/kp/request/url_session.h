@@ -42,6 +42,7 @@
 #include "kp/platform/dispatch.h"
 #include "kp/platform/error.h"
 #include "kp/platform/url.h"
+#include "kp/request/http_cookie_storage.h"
 #include "kp/request/url_request.h"
 
 namespace kp {
@@ -92,6 +93,9 @@ struct UrlSessionConfiguration {
   std::map<std::string, std::string> httpAdditionalHeaders;
   // Further transfers to the same host wait for a free connection.
   int httpMaximumConnectionsPerHost = 6;
+  // Keeps the cookies of every response (redirects included) and gives requests those that
+  // match them; null: the session neither sends nor keeps cookies.
+  std::shared_ptr<HttpCookieStorage> httpCookieStorage = HttpCookieStorage::shared();
 };
 
 // A received HTTP response head.

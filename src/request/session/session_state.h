@@ -4,6 +4,7 @@
 //   session_transfer.cc  libcurl set-up of a hop, and the head, body and progress callbacks
 //   session_delivery.cc  delegate callbacks in order, the delegate's answers, task ends
 //   session_trust.cc     the server-trust question inside the TLS handshake
+//   session_cookies.cc   the cookies a hop sends and keeps
 // Internal to the session layer; not installed.
 //
 // Thread safety: members under "mutex" may be used from any thread with the lock held;
@@ -138,6 +139,12 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   void releaseTransfer(UrlSessionTask::Impl& t);
   void detach(UrlSessionTask::Impl& t);
   bool openDownloadFile(UrlSessionTask::Impl& t);
+
+  // MARK: Cookies (session_cookies.cc)
+
+  // The "Cookie" field line for a hop of `request`, or nothing.
+  [[nodiscard]] std::optional<std::string> cookieField(const UrlRequest& request) const;
+  void keepCookies(const UrlRequest& request, const HttpUrlResponse& response) const;
 
   // MARK: Delegate callbacks and answers (session_delivery.cc)
 

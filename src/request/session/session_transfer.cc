@@ -98,6 +98,7 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
     // "Name;" sends a field with an empty value.
     list = curl_slist_append(list, (value.empty() ? name + ";" : name + ": " + value).c_str());
   }
+  if (auto cookies = cookieField(r)) list = curl_slist_append(list, cookies->c_str());
   list = curl_slist_append(list, "Expect:");
   t.headerList = list;
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, list);
@@ -134,6 +135,8 @@ size_t UrlSession::Impl::onHeader(char* buffer, size_t size, size_t count, void*
 void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
   auto response = std::make_shared<const HttpUrlResponse>(t.current.url, t.head.statusCode(), t.head.takeFields());
   t.hopResponse = response;
+  // Before the redirect below: its target sends what this hop set.
+  keepCookies(t.current, *response);
   {
     std::lock_guard lock(t.mutex);
     t.response = response;
