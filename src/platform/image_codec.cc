@@ -116,6 +116,7 @@ namespace kp::internal {
 
 std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits) {
   if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
+  if (isWebp(bytes)) return decodeWebp(bytes, limits);
   if (!jpegHuffmanTablesFit(bytes)) return std::nullopt;
   const int length = static_cast<int>(bytes.size());
   int width = 0;

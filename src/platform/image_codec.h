@@ -1,9 +1,10 @@
-// The image codecs behind kp::Image: decoding PNG, JPEG and GIF bytes to RGBA pixels and
-// encoding RGBA pixels as PNG. Internal; not installed.
+// The image codecs behind kp::Image: decoding PNG, JPEG, GIF and WebP bytes to RGBA pixels
+// and encoding RGBA pixels as PNG. Internal; not installed.
 //
 // Decoding is bounded for hostile input: images larger than the limits are refused from their
-// header, before any pixel memory is taken, and every allocation the decoder makes counts
-// against a budget, so that a compressed bomb ends in a refusal instead of exhausting memory.
+// header, before any pixel memory is taken, and every allocation the PNG, JPEG and GIF
+// decoders make counts against a budget, so that a compressed bomb ends in a refusal instead
+// of exhausting memory (WebP: see image_webp.cc).
 //
 // Thread safety: every function may be called from any thread at once.
 #pragma once
@@ -27,9 +28,14 @@ struct DecodeLimits {
   std::uint64_t maxPixelCount = 0;
 };
 
-// The first frame of a PNG, JPEG or GIF image; nothing for anything else, for truncated or
-// damaged data and for images beyond `limits`.
+// The first frame of a PNG, JPEG, GIF or WebP image; nothing for anything else, for truncated
+// or damaged data and for images beyond `limits`.
 [[nodiscard]] std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits);
+
+// True for bytes in a WebP container ("RIFF", a size, "WEBP").
+[[nodiscard]] bool isWebp(std::span<const std::uint8_t> bytes);
+// The first frame of a WebP image, as decodeImage().
+[[nodiscard]] std::optional<DecodedPixels> decodeWebp(std::span<const std::uint8_t> bytes, const DecodeLimits& limits);
 
 // A PNG of RGBA pixels; nothing when the encoder fails.
 // REQUIRES: rgba.size() == 4 * width * height.

@@ -1,6 +1,8 @@
 // The web-service facades: method URLs and the request set-up both share.
 #include "kp/service/tarvix_web_service.h"
 
+#include "kp/logging/tarvix_logger.h"
+
 namespace kp {
 namespace {
 
@@ -21,7 +23,9 @@ std::optional<Url> WebServiceSettings::createUrl(std::string_view method) const 
     text += '/';
   }
   text += method;
-  auto url = Url::parse(text);
+  // A method or version written with spaces or letters outside ASCII is encoded, as a base URL
+  // naming its host in Unicode is converted.
+  auto url = Url::parseEncodingInvalidCharacters(text);
   if (!url || !url->isAbsolute()) return std::nullopt;
   return url;
 }
@@ -62,6 +66,21 @@ std::shared_ptr<TarvixServiceRequest> TarvixWebService::createRequestFor(std::st
 
 DecodableTarvixWebService::DecodableTarvixWebService(std::string url) {
   baseUrl = withoutTrailingSlashes(std::move(url));
+}
+
+std::optional<Data> DecodableTarvixWebService::encodeContent(std::string_view method,
+                                                             const std::function<Data()>& encode) {
+  std::string reason;
+  try {
+    return encode();
+  } catch (const std::exception& error) {
+    reason = error.what();
+  } catch (...) {
+    reason = "unknown exception";
+  }
+  TarvixLoggers::CL()->error("No request for method \"" + std::string(method) +
+                             "\": its content cannot be encoded as JSON (" + reason + ")");
+  return std::nullopt;
 }
 
 }  // namespace kp

@@ -1,9 +1,12 @@
-// Images: decoding the three formats, the lossless PNG with its scale, and hostile bytes.
+// Images: decoding the four formats, the lossless PNG with its scale, and hostile bytes.
 #include "kp/platform/image.h"
 
 #include <gtest/gtest.h>
+#include <webp/encode.h>
+#include <webp/mux.h>
 
 #include <algorithm>
+#include <array>
 #include <string>
 
 #define STB_IMAGE_WRITE_STATIC
@@ -84,6 +87,38 @@ Bytes zlibBomb(std::size_t size) {
   return out;
 }
 
+// `image` as WebP: lossless, or lossy at quality 90 (with its alpha plane kept exactly).
+Bytes webp(const kp::Image& image, bool lossless) {
+  std::uint8_t* out = nullptr;
+  const auto w = static_cast<int>(image.pixelWidth());
+  const auto h = static_cast<int>(image.pixelHeight());
+  const std::size_t size = lossless ? WebPEncodeLosslessRGBA(image.pixels().data(), w, h, w * 4, &out)
+                                    : WebPEncodeRGBA(image.pixels().data(), w, h, w * 4, 90, &out);
+  Bytes bytes(out, out + size);
+  WebPFree(out);
+  return bytes;
+}
+
+kp::Image filled(std::uint32_t w, std::uint32_t h, std::array<std::uint8_t, 4> rgba) {
+  Bytes pixels;
+  for (std::uint32_t i = 0; i < w * h; ++i) pixels.insert(pixels.end(), rgba.begin(), rgba.end());
+  return kp::Image(w, h, std::move(pixels), 1);
+}
+
+// A WebP file of one chunk.
+Bytes riff(const char* type, const Bytes& payload) {
+  Bytes out = {'R', 'I', 'F', 'F'};
+  const auto appendLittleEndian = [&out](std::uint32_t v) {
+    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<std::uint8_t>(v >> shift));
+  };
+  appendLittleEndian(static_cast<std::uint32_t>(12 + payload.size()));
+  out.insert(out.end(), {'W', 'E', 'B', 'P'});
+  out.insert(out.end(), type, type + 4);
+  appendLittleEndian(static_cast<std::uint32_t>(payload.size()));
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+
 TEST(Image, PngIsLosslessAndRecordsTheScale) {
   const auto image = gradient(7, 5, 2);
   const auto png = image.pngData();
@@ -133,6 +168,53 @@ TEST(Image, DecodesJpegAndTheFirstGifFrame) {
   EXPECT_EQ(Bytes(dot->pixels().begin(), dot->pixels().end()), (Bytes{255, 0, 0, 255}));
 }
 
+TEST(Image, DecodesWebpLossyLosslessWithAlphaAndTheFirstFrame) {
+  const auto image = gradient(7, 5, 1);  // with alpha
+  const auto lossless = kp::Image::decode(kp::Data(webp(image, true)));
+  ASSERT_TRUE(lossless);
+  EXPECT_EQ(*lossless, image);
+
+  const auto photo = kp::Image::decode(kp::Data(webp(filled(16, 8, {20, 40, 230, 255}), false)), 2.0);
+  ASSERT_TRUE(photo);
+  EXPECT_EQ(photo->size(), (kp::ImageSize{8, 4}));
+  EXPECT_NEAR(photo->pixels()[2], 230, 8);  // lossy, but blue
+  EXPECT_EQ(photo->pixels()[3], 255);
+  const auto veiled = kp::Image::decode(kp::Data(webp(filled(16, 8, {200, 40, 20, 128}), false)));
+  ASSERT_TRUE(veiled);
+  EXPECT_NEAR(veiled->pixels()[0], 200, 8);
+  EXPECT_EQ(veiled->pixels()[3], 128);
+
+  // An animation of a red frame, then a blue one: its first frame.
+  WebPAnimEncoderOptions options;
+  ASSERT_TRUE(WebPAnimEncoderOptionsInit(&options));
+  WebPAnimEncoder* encoder = WebPAnimEncoderNew(4, 4, &options);
+  WebPConfig config;
+  ASSERT_TRUE(WebPConfigInit(&config));
+  config.lossless = 1;
+  int time = 0;
+  for (const auto& colour :
+       {std::array<std::uint8_t, 4>{255, 0, 0, 255}, std::array<std::uint8_t, 4>{0, 0, 255, 255}}) {
+    const auto frame = filled(4, 4, colour);
+    WebPPicture picture;
+    ASSERT_TRUE(WebPPictureInit(&picture));
+    picture.width = picture.height = 4;
+    picture.use_argb = 1;
+    ASSERT_TRUE(WebPPictureImportRGBA(&picture, frame.pixels().data(), 16));
+    EXPECT_TRUE(WebPAnimEncoderAdd(encoder, &picture, time, &config));
+    WebPPictureFree(&picture);
+    time += 100;
+  }
+  WebPAnimEncoderAdd(encoder, nullptr, time, nullptr);
+  WebPData animation;
+  WebPDataInit(&animation);
+  ASSERT_TRUE(WebPAnimEncoderAssemble(encoder, &animation));
+  WebPAnimEncoderDelete(encoder);
+  const auto first = kp::Image::decode(std::span(animation.bytes, animation.size));
+  WebPDataClear(&animation);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(*first, filled(4, 4, {255, 0, 0, 255}));
+}
+
 TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
   const auto png = *gradient(40, 30, 1).pngData();
   // Truncated anywhere, or another format, or nothing at all.
@@ -149,6 +231,16 @@ TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
   // Headers that promise more pixels than allowed are refused before any pixel memory.
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(100000, 100000, zlibBomb(1000)))));
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(16384, 16384, zlibBomb(1000)))));
+  // So are WebP headers (lossless: 16384 by 16384; an animation's canvas: 2^24 by 1), and a
+  // WebP file cut short anywhere gives nothing.
+  EXPECT_FALSE(kp::Image::decode(kp::Data(riff("VP8L", {0x2f, 0xff, 0xff, 0xff, 0x0f, 0}))));
+  EXPECT_FALSE(kp::Image::decode(kp::Data(riff("VP8X", {0x02, 0, 0, 0, 0xff, 0xff, 0xff, 0, 0, 0}))));
+  for (const bool lossless : {true, false}) {
+    const Bytes whole = webp(gradient(40, 30, 1), lossless);
+    for (std::size_t cut : {std::size_t{12}, std::size_t{30}, whole.size() / 2, whole.size() - 1}) {
+      EXPECT_FALSE(kp::Image::decode(std::span(whole.data(), cut))) << cut << (lossless ? " lossless" : " lossy");
+    }
+  }
   // An interlaced one-pixel image (which may carry data beyond its pixels) whose data
   // inflates to 64 MiB ends at the decoder's budget.
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(1, 1, zlibBomb(64u << 20), true))));

@@ -65,6 +65,34 @@ TEST(KpcoreGet, PrintsBodiesHeadsAndSendsWhatItIsTold) {
   EXPECT_EQ(readFile(dir.path() / "saved"), "hello world");
 }
 
+// URLs as people type them, and as servers redirect to them: spaces and letters outside ASCII
+// go out percent-encoded as UTF-8, and a host name in Unicode in its IDNA form.
+TEST(KpcoreGet, TypedUrlsGoOutEncoded) {
+  kp::test::RawServer raw([](const std::string& request, const kp::test::RawServer::Writer& write) {
+    if (request.starts_with("GET /move ")) {
+      write("HTTP/1.1 302 Found\r\nLocation: /ziel?stadt=K\xc3\xb6ln\r\nContent-Length: 0\r\n\r\n");
+      return;
+    }
+    const auto host = request.find("Host: ");
+    const std::string seen = request.substr(0, request.find("\r\n")) + " | " +
+                             request.substr(host + 6, request.find("\r\n", host) - host - 6);
+    write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(seen.size()) + "\r\n\r\n" + seen);
+  });
+  const std::string authority = raw.url("").substr(std::string("http://").size());
+  auto typed = runCommand(kpcore(shellQuote("http://" + authority + "/get?city=M\xc3\xbcnchen&q=a b")));
+  EXPECT_EQ(typed.status, 0);
+  EXPECT_EQ(typed.output, "GET /get?city=M%C3%BCnchen&q=a%20b HTTP/1.1 | " + authority);
+
+  // libcurl takes every name under "localhost" for this machine, so no resolver is asked.
+  const std::string port = authority.substr(authority.find(':'));
+  auto named =
+      runCommand(kpcore(shellQuote("http://b\xc3\xbc"
+                                   "cher.localhost" +
+                                   port + "/move")));
+  EXPECT_EQ(named.status, 0);
+  EXPECT_EQ(named.output, "GET /ziel?stadt=K%C3%B6ln HTTP/1.1 | xn--bcher-kva.localhost" + port);
+}
+
 TEST(KpcoreGet, ShowsEachKindAndAnswersRepeatsFromTheCache) {
   kp::test::TestServer server;
   std::atomic<int> served{0};

@@ -2,6 +2,7 @@
 // local weather service over HTTP and HTTPS (typed and untyped forecasts, the cache,
 // revalidation, client info, refusals), and against servers that misbehave.
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <future>
 #include <mutex>
@@ -190,6 +191,25 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
 INSTANTIATE_TEST_SUITE_P(Transports, ServiceCallTest, ::testing::Values(false, true),
                          test::LocalServiceTest::transportName);
 
+// A gzip stream of `mebibytes` MiB of zeros: about a thousandth of that on the wire.
+std::string gzipOfZeros(std::size_t mebibytes) {
+  z_stream stream{};
+  EXPECT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY), Z_OK);
+  std::vector<Bytef> zeros(1 << 20);
+  std::string out(mebibytes * 2048 + 1024, '\0');
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  for (std::size_t i = 0; i < mebibytes; ++i) {
+    stream.next_in = zeros.data();
+    stream.avail_in = static_cast<uInt>(zeros.size());
+    deflate(&stream, Z_NO_FLUSH);
+  }
+  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  return out;
+}
+
 // Answers what each path asks for; "/hang" sends a head and then nothing.
 void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
   const std::string sealed = *aes256EncryptString(R"({"meta": {"code": 200}, "data": 7})", "wrong key");
@@ -220,6 +240,10 @@ void hostileAnswer(const std::string& request, const test::RawServer::Writer& wr
     }
   } else if (request.find(" /announced") != std::string::npos) {
     write("HTTP/1.1 200 OK\r\nContent-Length: 1000000000000\r\n\r\n{");
+  } else if (request.find(" /inflating") != std::string::npos) {
+    static const std::string bomb = gzipOfZeros(160);
+    write("HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " + std::to_string(bomb.size()) + "\r\n\r\n" +
+          bomb);
   }
 }
 
@@ -263,9 +287,10 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
   ASSERT_TRUE(timedOut && timedOut->error);
   EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
 
-  // A body beyond the handler's limit ends the call with an error, whether it streams on or
-  // its length is announced up front, instead of filling memory.
-  for (const char* method : {"endless", "announced"}) {
+  // A body beyond the handler's limit ends the call with an error, whether it streams on, its
+  // length is announced up front or a small compressed body inflates past it, instead of
+  // filling memory.
+  for (const char* method : {"endless", "announced", "inflating"}) {
     auto oversized = untyped.createRequestFor(method);
     std::dynamic_pointer_cast<HttpRequestHandler>(oversized->handler())->maximumReceivedDataLength = 1 << 20;
     const auto refused = oversized->executeSynchronously();

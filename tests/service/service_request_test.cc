@@ -2,6 +2,8 @@
 // archived form, what the facades put into a request, and reading client info.
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "forecast_model.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/client_info_web_service.h"
@@ -214,7 +216,8 @@ TEST(WebServiceFacade, MethodUrlsCommonParametersAndKeys) {
   EXPECT_EQ(service.createUrl("forecast")->absoluteString(), "https://h/api/forecast");
   service.version = "v2";
   EXPECT_EQ(service.createUrl("forecast")->absoluteString(), "https://h/api/v2/forecast");
-  EXPECT_FALSE(service.createRequestFor("two words"));
+  // Written as people write them: a space or a letter outside ASCII is encoded.
+  EXPECT_EQ(service.createUrl("two w\xc3\xb6rds")->absoluteString(), "https://h/api/v2/two%20w%C3%B6rds");
   EXPECT_FALSE(TarvixWebService("not a url").createRequestFor("forecast"));
 
   service.requestParameters = TarvixWebServiceParameters(fixedInfo());
@@ -279,6 +282,18 @@ TEST(WebServiceFacade, SessionsContentTypesAndEncodedContent) {
   hour.time = Date::fromTimeIntervalSince1970(1700000000);
   const auto sent = objectFromJSONData(*service.createRequestWithContent<int>("x", hour)->httpConfig()->bodyData);
   EXPECT_EQ((*sent)["time"].doubleValue(), 1700000000.0);
+  // Content is optional: none gives a request without body (not "null"); content that cannot
+  // be encoded gives no request at all, and nothing is thrown.
+  auto bodiless = service.createRequestWithContent<int>("x", std::optional<weather::ForecastLocation>());
+  ASSERT_TRUE(bodiless);
+  EXPECT_FALSE(bodiless->httpConfig()->bodyData);
+  EXPECT_FALSE(service.createRequestWithContent<int>("x", std::nullopt)->httpConfig()->bodyData);
+  EXPECT_EQ(
+      objectFromJSONData(*service.createRequestWithContent<int>("x", std::optional(place))->httpConfig()->bodyData),
+      JsonValue::object({{"latitude", 52.37}, {"longitude", 4.9}}));
+  place.latitude = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(service.createRequestWithContent<int>("x", place), nullptr);
+  EXPECT_EQ(service.createRequestWithContent<int>("x", std::optional(place)), nullptr);
   service.urlSession->invalidateAndCancel();
 }
 

@@ -127,7 +127,7 @@ class Job {
 
   // Starts the request; false when it failed before sending (its error is printed).
   bool start() {
-    const auto parsed = kp::Url::parse(url_);
+    const auto parsed = kp::Url::parseEncodingInvalidCharacters(url_);
     switch (options_.kind) {
       case Kind::data:
         request_ = startKind<kp::DataRequest>(
@@ -317,8 +317,9 @@ int runGet(kpcore::Args& args) {
   while (auto url = args.positional()) urls.push_back(*url);
   args.expectEnd();
   if (urls.empty()) throw kpcore::CommandError("missing URL", 2);
+  // URLs as people type them: spaces and letters outside ASCII are encoded, host names too.
   for (const auto& text : urls) {
-    const auto url = kp::Url::parse(text);
+    const auto url = kp::Url::parseEncodingInvalidCharacters(text);
     if (!url || !url->isAbsolute()) throw kpcore::CommandError("not an absolute URL: " + text, 2);
   }
   struct CloseFile {

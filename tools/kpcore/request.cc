@@ -49,7 +49,7 @@ int runRequest(kpcore::Args& args) {
   const auto urlText = args.positional();
   if (!urlText) throw kpcore::CommandError("missing URL", 2);
   args.expectEnd();
-  const auto url = kp::Url::parse(*urlText);
+  const auto url = kp::Url::parseEncodingInvalidCharacters(*urlText);
   if (!url || !url->isAbsolute()) throw kpcore::CommandError("not an absolute URL: " + *urlText, 2);
   request->setUrl(*url);
 

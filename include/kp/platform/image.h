@@ -1,7 +1,7 @@
 // kp::Image: a bitmap image (the platform's image value): RGBA pixels with 8 bits per channel,
 // and a scale that relates pixels to points (2 for a screen with two pixels per point).
 //
-// Images are decoded from PNG, JPEG and GIF bytes (the first frame of an animation) and
+// Images are decoded from PNG, JPEG, GIF and WebP bytes (the first frame of an animation) and
 // written as PNG, which is lossless: decoding the PNG of an image gives the same pixels. The
 // PNG records the scale in its pHYs chunk as a resolution of 72 dots per inch per unit of
 // scale (144 for 2), the convention of the platform's @2x artwork; reading keeps scales to
@@ -49,7 +49,7 @@ class Image {
   // otherwise.
   Image(std::uint32_t pixelWidth, std::uint32_t pixelHeight, std::vector<std::uint8_t> rgba, double scale = 1);
 
-  // The first frame of PNG, JPEG or GIF bytes. The image takes `scale` when given, else the
+  // The first frame of PNG, JPEG, GIF or WebP bytes. The image takes `scale` when given, else the
   // scale a PNG records, else 1. Nothing for other or damaged bytes and for images beyond the
   // limits.
   [[nodiscard]] static std::optional<Image> decode(std::span<const std::uint8_t> bytes,

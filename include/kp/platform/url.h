@@ -24,12 +24,14 @@ class Url {
  public:
   // Nothing when `text` is not a URI reference.
   [[nodiscard]] static std::optional<Url> parse(std::string_view text);
-  // As parse(), after percent-encoding (UTF-8 bytes as upper-case %XX) every character that
-  // a URI cannot carry in the path, query and fragment: non-ASCII letters, controls, space,
-  // " < > [ \ ] ^ ` { | }, a "%" that starts no escape, and "#" inside the fragment. Escapes
-  // and reserved characters stay as written, so text that parses already comes back as it
-  // is. The scheme and the authority are not touched: a host that is not valid still gives
-  // nothing.
+  // As parse(), for URLs as people write them: every character that a URI cannot carry in
+  // the user information, path, query and fragment is percent-encoded (UTF-8 bytes as
+  // upper-case %XX): non-ASCII letters, controls, space, " < > [ \ ] ^ ` { | }, a "%" that
+  // starts no escape, and "#" inside the fragment. A host name outside ASCII becomes its
+  // IDNA form ("b\xc3\xbccher.example" -> "xn--bcher-kva.example"). Escapes and reserved
+  // characters stay as written, so text that parses already comes back as it is. Nothing
+  // when the host is still not valid: a space in it, or a name that IDNA refuses (text that
+  // is not UTF-8, disallowed code points, labels over 63 bytes).
   [[nodiscard]] static std::optional<Url> parseEncodingInvalidCharacters(std::string_view text);
 
   [[nodiscard]] const std::string& absoluteString() const noexcept { return text_; }

@@ -1,5 +1,5 @@
 // The image kind: kp::ImageRequest, kp::ImageRequestHandler and kp::ImageRequestResult. The
-// payload is the image decoded from the body (PNG, JPEG, GIF; within kp::Image's limits);
+// payload is the image decoded from the body (PNG, JPEG, GIF, WebP; within kp::Image's limits);
 // other bytes, or none, give no payload and no error. Results may be cached: as an image
 // entry (or a serialized one) the cache keeps the image, as a raw-data entry its PNG.
 //

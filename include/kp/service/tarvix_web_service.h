@@ -23,10 +23,12 @@
 //   request->httpConfig()->addQuery("52.37", "latitude");
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "kp/coding/json.h"
 #include "kp/platform/data.h"
@@ -42,6 +44,11 @@
 namespace kp {
 
 namespace internal {
+template <class T>
+inline constexpr bool isOptional = false;
+template <class T>
+inline constexpr bool isOptional<std::optional<T>> = true;
+
 // What both facades share: base URL, version, common parameters, keys and session.
 struct WebServiceSettings {
   std::string baseUrl;
@@ -50,7 +57,8 @@ struct WebServiceSettings {
   TarvixWebServiceParameters requestParameters;
   std::shared_ptr<UrlSession> urlSession;
 
-  // baseUrl + "/" + (version + "/") + method; nothing when that is not a URL.
+  // baseUrl + "/" + (version + "/") + method, with what a URL cannot carry encoded
+  // (Url::parseEncodingInvalidCharacters); nothing when that is still not an absolute URL.
   [[nodiscard]] std::optional<Url> createUrl(std::string_view method) const;
   // Adds the common parameters, the keys (or "skipcrypt=1"), the body and the session.
   void prepare(BasicHttpRequest& request, EncryptionRequestType& keys, std::optional<Data> content) const;
@@ -89,15 +97,32 @@ class DecodableTarvixWebService : public internal::WebServiceSettings {
   }
 
   // A request for `method` whose body is `content` encoded as JSON (dates as seconds since
-  // 1970). Throws CodingError when `content` cannot be encoded.
+  // 1970). Content may be optional: absent content (or std::nullopt) gives a request without
+  // body. Content that cannot be encoded (a non-finite number, say) gives nothing, reported to
+  // TarvixLoggers::CL(); nothing is thrown.
   template <class T, class Content>
   [[nodiscard]] std::shared_ptr<DecodableTarvixServiceRequest<T>> createRequestWithContent(
       std::string_view method, const Content& content,
       const MimeContentType& contentType = MimeContentType::applicationJson()) const {
-    JsonEncoder encoder;
-    encoder.dateStrategy = DateStrategy::secondsSince1970;
-    return createRequest<T>(method, encoder.encode(content), contentType);
+    if constexpr (std::is_same_v<Content, std::nullopt_t>) {
+      return createRequest<T>(method, std::nullopt, contentType);
+    } else if constexpr (internal::isOptional<Content>) {
+      if (!content) return createRequest<T>(method, std::nullopt, contentType);
+      return createRequestWithContent<T>(method, *content, contentType);
+    } else {
+      auto body = encodeContent(method, [&content] {
+        JsonEncoder encoder;
+        encoder.dateStrategy = DateStrategy::secondsSince1970;
+        return encoder.encode(content);
+      });
+      if (!body) return nullptr;
+      return createRequest<T>(method, std::move(*body), contentType);
+    }
   }
+
+ private:
+  // What `encode` gives; nothing, reported, when it throws.
+  static std::optional<Data> encodeContent(std::string_view method, const std::function<Data()>& encode);
 };
 
 }  // namespace kp

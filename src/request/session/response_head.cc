@@ -48,6 +48,31 @@ std::string canonicalHeaderName(std::string_view name) {
   return out;
 }
 
+std::optional<std::int64_t> statedContentLength(std::span<const HttpUrlResponse::HeaderField> fields) {
+  std::int64_t stated = -1;
+  bool unreadable = false;
+  for (const auto& [name, value] : fields) {
+    if (!equalsIgnoringCase(name, "Content-Length")) continue;
+    std::string_view rest = value;
+    for (;;) {
+      const auto comma = rest.find(',');
+      const std::string_view text = trimSpaces(rest.substr(0, comma));
+      std::int64_t parsed = -1;
+      auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), parsed);
+      if (ec != std::errc() || end != text.data() + text.size() || parsed < 0) {
+        unreadable = true;
+      } else if (stated >= 0 && parsed != stated) {
+        return std::nullopt;
+      } else {
+        stated = parsed;
+      }
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+  return unreadable ? -1 : stated;
+}
+
 ResponseHeadParser::Step ResponseHeadParser::feed(std::string_view line) {
   size_ += line.size();
   if (size_ > kMaximumHeadSize) return Step::tooLarge;
@@ -67,6 +92,9 @@ ResponseHeadParser::Step ResponseHeadParser::feed(std::string_view line) {
   }
   if (line.empty()) {
     if (statusCode_ >= 100 && statusCode_ < 200) return Step::more;
+    // Which of two lengths frames the body cannot be known; a reader that picks one may
+    // take part of the next response as this one's body.
+    if (!statedContentLength(fields_)) return Step::malformed;
     return Step::complete;
   }
   if ((line.front() == ' ' || line.front() == '\t') && !fields_.empty()) {
@@ -104,12 +132,7 @@ HttpUrlResponse::HttpUrlResponse(Url url, int statusCode, std::vector<HeaderFiel
       it->second += value;
     }
   }
-  if (auto length = value("Content-Length")) {
-    std::int64_t parsed = 0;
-    const std::string_view text = internal::trimSpaces(*length);
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), parsed);
-    if (ec == std::errc() && end == text.data() + text.size() && parsed >= 0) expectedContentLength_ = parsed;
-  }
+  expectedContentLength_ = internal::statedContentLength(headerFields_).value_or(-1);
 }
 
 std::optional<std::string> HttpUrlResponse::value(std::string_view field) const {

@@ -13,6 +13,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,15 +30,21 @@ namespace kp::internal {
 // ("content-type" -> "Content-Type").
 [[nodiscard]] std::string canonicalHeaderName(std::string_view name);
 
+// The body length that a head's Content-Length fields state: -1 when they state none (or
+// one that is not a length), and nothing when they contradict each other ("5" and "10", in
+// two fields or as a list in one). The same value repeated is that value.
+[[nodiscard]] std::optional<std::int64_t> statedContentLength(std::span<const HttpUrlResponse::HeaderField> fields);
+
 class ResponseHeadParser {
  public:
   // A response head beyond this size is refused.
   static constexpr std::size_t kMaximumHeadSize = 100 * 1024;
 
   enum class Step {
-    more,      // the head goes on (an interim 1xx head counts as part of it)
-    complete,  // the blank line after a final head: statusCode() and takeFields() are ready
-    tooLarge,  // the head passed kMaximumHeadSize; the transfer must end
+    more,       // the head goes on (an interim 1xx head counts as part of it)
+    complete,   // the blank line after a final head: statusCode() and takeFields() are ready
+    tooLarge,   // the head passed kMaximumHeadSize; the transfer must end
+    malformed,  // the final head contradicts itself (two body lengths); the transfer must end
   };
 
   // One line as received, with its line ending.

@@ -125,7 +125,8 @@ size_t UrlSession::Impl::onHeader(char* buffer, size_t size, size_t count, void*
       if (auto session = sessionOf(t)) session->headComplete(t);
       return length;
     case internal::ResponseHeadParser::Step::tooLarge:
-      t.headTooLarge = true;
+    case internal::ResponseHeadParser::Step::malformed:
+      t.badHead = true;
       return 0;
   }
   return 0;
@@ -145,7 +146,8 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
   const bool redirect = status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
   if (redirect) {
     if (auto location = response->value("Location")) {
-      auto reference = Url::parse(internal::trimSpaces(*location));
+      // Servers send raw UTF-8 and spaces here too; they are encoded as in any URL typed.
+      auto reference = Url::parseEncodingInvalidCharacters(internal::trimSpaces(*location));
       auto target = reference ? reference->resolvedAgainst(t.current.url) : std::nullopt;
       if (target) {
         UrlRequest next = t.current;
@@ -275,8 +277,14 @@ ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
   if (t.timedOut) return makeUrlError(UrlError::timedOut, t.current.url);
   // libcurl before 8.6 reports a head line beyond its limit (100 KiB) as running out of
   // memory: with the head still incomplete, that is the server's fault.
-  if (t.headTooLarge || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
+  if (t.badHead || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
     return makeUrlError(UrlError::badServerResponse, t.current.url);
+  }
+  // While a transfer is paused, libcurl keeps what the rest of the current read inflates to
+  // and gives up at 64 MiB: a compressed body that swells so far is as much beyond any limit
+  // as an endless plain one.
+  if (code == CURLE_OUT_OF_MEMORY && t.hopResponse && t.hopResponse->value("Content-Encoding")) {
+    return makeUrlError(UrlError::dataLengthExceedsMaximum, t.current.url);
   }
   if (code == CURLE_OK) return nullptr;
   long osErrno = 0;

@@ -95,7 +95,8 @@ struct UrlSessionTask::Impl {
   // Set once the transfer left the queue of transfers waiting for a connection.
   bool begun = false;
   bool timedOut = false;
-  bool headTooLarge = false;
+  // The head was too large or contradicted itself.
+  bool badHead = false;
   bool trustCancelled = false;
   ErrorPtr trustError;
   std::FILE* file = nullptr;
