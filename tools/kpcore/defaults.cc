@@ -20,8 +20,9 @@ std::shared_ptr<kp::UserDefaults> openSuite(const std::optional<std::string>& su
   std::shared_ptr<kp::UserDefaults> defaults = suite ? kp::UserDefaults::suite(*suite) : kp::UserDefaults::standard();
   if (!defaults) throw CommandError("'" + kpcore::printable(*suite) + "' cannot name a suite", 2);
   const kp::SuiteFileStatus status = defaults->fileStatus();
-  for (const std::string& report : status.setAside) std::cerr << "kpcore defaults: " << report << "\n";
-  if (status.readError) throw CommandError("cannot read the suite: " + *status.readError);
+  for (const std::string& report : status.setAside)
+    std::cerr << "kpcore defaults: " << kpcore::printable(report) << "\n";
+  if (status.readError) throw CommandError("cannot read the suite: " + kpcore::printable(*status.readError));
   return defaults;
 }
 
@@ -82,7 +83,9 @@ std::optional<kp::Data> fromHex(std::string_view text) {
 
 // The value of `write`, typed by its flag (text by default).
 kp::Value parseValue(std::string_view type, const std::string& text) {
-  auto bad = [&](std::string_view what) { return CommandError("'" + text + "' is not " + std::string(what), 2); };
+  auto bad = [&](std::string_view what) {
+    return CommandError("'" + kpcore::printable(text) + "' is not " + std::string(what), 2);
+  };
   if (type == "-string") return kp::Value(text);
   const std::string_view digits = text.starts_with('+') ? std::string_view(text).substr(1) : std::string_view(text);
   const char* const end = digits.data() + digits.size();
@@ -189,8 +192,8 @@ int runDefaults(kpcore::Args& args) {
   }
   if (!defaults->synchronize()) {
     const kp::SuiteFileStatus status = defaults->fileStatus();
-    throw CommandError("could not write " + defaults->filePath().string() + ": " +
-                       status.writeError.value_or(status.readError.value_or("reason unknown")));
+    throw CommandError("could not write " + kpcore::printable(defaults->filePath().string()) + ": " +
+                       kpcore::printable(status.writeError.value_or(status.readError.value_or("reason unknown"))));
   }
   return 0;
 }

@@ -31,8 +31,8 @@ int runKeychain(kpcore::Args& args) {
   } else {
     keychain = service ? std::make_unique<kp::Keychain>(*service) : std::make_unique<kp::Keychain>();
   }
-  const std::string where =
-      detail ? detail->service + " (group " + detail->accessGroup + ")" : keychain->bundleIdentifier();
+  const std::string where = kpcore::printable(detail ? detail->service + " (group " + detail->accessGroup + ")"
+                                                     : keychain->bundleIdentifier());
 
   const std::string quotedKey = "'" + kpcore::printable(*key) + "'";
   // Keys and values are handed to the keychain as they are; say so before it refuses them.
