@@ -1,6 +1,14 @@
 // Binary property lists ("bplist00"), read and written here rather than by libplist so that
 // every bound on hostile input is ours: nesting depth, cycles, object counts against the bytes
 // present, and the expansion of shared objects.
+//
+// A shared object is built anew for each reference to it, so the reader bounds what it builds,
+// not what it decodes: at most one tree node per byte of input (every reference takes a byte
+// at least, and only containers shared by reference could give more), and text and data of
+// kRepeatAllowance plus 16 bytes per byte of input. The writer shares equal text, and keeps
+// what that repetition adds within kRepeatAllowance plus 14 bytes per reference written; with
+// what is decoded once (at most 1.5 bytes built per byte of input) every file it writes stays
+// within the reader's bounds, however often it repeats one string.
 // Internal; not installed. Thread safety: each call works on its own state.
 #include "coding/binary_property_list.h"
 
@@ -130,6 +138,7 @@ class BinaryWriter {
 
   std::uint32_t collect(const Value& v, std::size_t depth) {
     if (depth > kMaxPropertyListDepth) throw CodingError(Kind::invalidValue, {}, "nesting too deep to encode");
+    ++references_;
     if (const std::string* s = v.ifString()) return stringObject(s, &v);
     const auto index = static_cast<std::uint32_t>(objects_.size());
     objects_.push_back({&v, nullptr, 0, 0});
@@ -141,6 +150,7 @@ class BinaryWriter {
     } else if (const Value::Dictionary* d = v.ifDictionary()) {
       std::vector<std::uint32_t> refs(d->size() * 2);
       for (std::size_t i = 0; i < d->size(); ++i) {
+        ++references_;
         refs[i] = stringObject(&(*d)[i].first, nullptr);
         refs[d->size() + i] = collect((*d)[i].second, depth + 1);
       }
@@ -155,10 +165,21 @@ class BinaryWriter {
     children_.insert(children_.end(), refs.begin(), refs.end());
   }
 
+  // Equal text is written once and referenced again, while the reader's rebuilding of the
+  // repeats stays within its allowance; beyond it, the text is written again.
   std::uint32_t stringObject(const std::string* text, const Value* value) {
-    auto [it, inserted] = strings_.try_emplace(*text, static_cast<std::uint32_t>(objects_.size()));
-    if (inserted) objects_.push_back({value, text, 0, 0});
-    return it->second;
+    const auto index = static_cast<std::uint32_t>(objects_.size());
+    auto [it, inserted] = strings_.try_emplace(*text, index);
+    if (!inserted) {
+      const std::uint64_t allowance = kRepeatAllowance + 14 * references_;
+      if (repeated_ + text->size() <= allowance) {
+        repeated_ += text->size();
+        return it->second;
+      }
+      it->second = index;
+    }
+    objects_.push_back({value, text, 0, 0});
+    return index;
   }
 
   static void putBE(std::uint8_t* p, std::uint64_t v, std::size_t n) {
@@ -168,6 +189,13 @@ class BinaryWriter {
     std::uint8_t buf[8];
     putBE(buf, v, n);
     out_.append(buf, n);
+  }
+  // Beyond the signed range an integer takes 16 bytes, the upper 8 zero, as the platform
+  // writes such values.
+  void writeUnsigned(std::uint64_t u) {
+    out_.push_back(0x14);
+    writeBE(0, 8);
+    writeBE(u, 8);
   }
   void writeInt(std::int64_t i) {
     if (i >= 0 && i < 0x100) {
@@ -213,6 +241,8 @@ class BinaryWriter {
         return out_.push_back(*v.ifBoolean() ? 0x09 : 0x08);
       case Value::Type::integer:
         return writeInt(*v.ifInteger());
+      case Value::Type::unsignedInteger:
+        return writeUnsigned(*v.ifUnsignedInteger());
       case Value::Type::real:
         return writeReal(0x23, *v.ifReal());
       case Value::Type::date:
@@ -243,6 +273,8 @@ class BinaryWriter {
   std::vector<std::uint32_t> children_;
   std::unordered_map<std::string_view, std::uint32_t> strings_;
   std::vector<std::uint16_t> utf16_;
+  std::uint64_t references_ = 0;  // every reference so far: one byte of the file at least
+  std::uint64_t repeated_ = 0;    // bytes of text the reader builds again for shared strings
   std::size_t refSize_ = 1;
   Data out_;
 };
@@ -252,9 +284,8 @@ class BinaryWriter {
 class BinaryReader {
  public:
   explicit BinaryReader(std::span<const std::uint8_t> bytes) : b_(bytes) {
-    // Shared objects may repeat in the tree, but only this far.
-    nodeBudget_ = 4 * bytes.size() + 1024;
-    byteBudget_ = 16 * bytes.size() + (1u << 20);
+    nodeBudget_ = bytes.size() + 1024;
+    byteBudget_ = kRepeatAllowance + 16 * static_cast<std::uint64_t>(bytes.size());
   }
 
   Value read() {
@@ -302,21 +333,26 @@ class BinaryReader {
     pos += 1 + n;
     return c;
   }
-  void spend(std::uint64_t bytes) {
-    if (nodeBudget_ == 0 || bytes > byteBudget_) corrupt("property list expands beyond its size");
+  // One more node of the tree.
+  void spendNode() {
+    if (nodeBudget_ == 0) corrupt("property list has more objects than its size allows");
     --nodeBudget_;
-    byteBudget_ -= bytes;
+  }
+  // Bytes of text or data built, `n` of them.
+  void spendBytes(std::uint64_t n) {
+    if (n > byteBudget_) corrupt("property list expands beyond its size");
+    byteBudget_ -= n;
   }
 
   Value object(std::uint64_t ref, std::size_t depth) {
     if (depth > kMaxPropertyListDepth) corrupt("nesting too deep");
+    spendNode();
     std::uint64_t pos = offsetOf(ref);
     const std::uint8_t marker = *need(pos, 1);
     ++pos;
     const std::uint8_t low = marker & 0x0F;
     switch (marker >> 4) {
       case 0x0:
-        spend(0);
         if (marker == 0x08) return false;
         if (marker == 0x09) return true;
         if (marker == 0x00) return Value();
@@ -325,9 +361,13 @@ class BinaryReader {
         if (low > 4) corrupt("bad integer size");
         const std::size_t n = std::size_t{1} << low;
         const std::uint8_t* p = need(pos, n);
-        spend(0);
-        // A 16-byte integer keeps its low 64 bits.
-        return static_cast<std::int64_t>(n == 16 ? be(p + 8, 8) : be(p, n));
+        if (n == 16) {
+          // Values beyond the signed range, their upper half zero; of others the low 64 bits.
+          const std::uint64_t lower = be(p + 8, 8);
+          if (be(p, 8) == 0) return lower;
+          return static_cast<std::int64_t>(lower);
+        }
+        return static_cast<std::int64_t>(be(p, n));
       }
       case 0x2:
       case 0x3: {
@@ -339,30 +379,28 @@ class BinaryReader {
         } else {
           corrupt("bad real size");
         }
-        spend(0);
         if (marker >> 4 == 0x3) return Date::fromTimeIntervalSinceReferenceDate(d);
         return d;
       }
       case 0x4: {
         const std::uint64_t n = countOf(low, pos);
         const std::uint8_t* p = need(pos, n);
-        spend(n);
+        spendBytes(n);
         return Data(p, n);
       }
       case 0x5: {
         const std::uint64_t n = countOf(low, pos);
         const std::uint8_t* p = need(pos, n);
-        spend(n);
         std::string s;
         s.reserve(n);
         for (std::uint64_t i = 0; i < n; ++i) appendUtf8(s, p[i]);  // bytes above 0x7F read as Latin-1
+        spendBytes(s.size());
         return s;
       }
       case 0x6: {
         const std::uint64_t n = countOf(low, pos);
         if (n > tableOffset_) corrupt("string runs past its area");
         const std::uint8_t* p = need(pos, n * 2);
-        spend(n * 3);
         std::string s;
         s.reserve(n);
         for (std::uint64_t i = 0; i < n; ++i) {
@@ -377,13 +415,13 @@ class BinaryReader {
           if (u >= 0xD800 && u <= 0xDFFF) u = 0xFFFD;
           appendUtf8(s, u);
         }
+        spendBytes(s.size());
         return s;
       }
       case 0x8: {
         const std::size_t n = low + 1u;
         if (n > 8) corrupt("bad reference size");
         const std::uint64_t u = be(need(pos, n), n);
-        spend(0);
         return Uid{u};
       }
       case 0xA:
@@ -393,7 +431,6 @@ class BinaryReader {
         const std::uint64_t refs = isArray ? n : n * 2;
         if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
         const std::uint8_t* p = need(pos, refs * refSize_);
-        spend(0);
         if (inProgress_[ref]) corrupt("object graph has a cycle");
         inProgress_[ref] = true;
         Value out;

@@ -11,6 +11,10 @@
 
 namespace kp::coding_detail {
 
+// What the reader may build beyond one byte per byte of input, and the writer's bound on the
+// text it shares (see binary_property_list.cc).
+inline constexpr std::uint64_t kRepeatAllowance = 32ULL << 20;
+
 // Throws the CodingError (dataCorrupted) by which a property-list reader refuses its input.
 [[noreturn]] void propertyListCorrupted(std::string reason);
 
@@ -18,7 +22,8 @@ namespace kp::coding_detail {
 [[nodiscard]] Data writeBinaryPropertyList(const Value& root);
 
 // `bytes` begins with "bplist0". Throws CodingError (dataCorrupted) for anything malformed,
-// nested deeper than kMaxPropertyListDepth, cyclic, or expanding beyond its budget.
+// nested deeper than kMaxPropertyListDepth, cyclic, or building more
+// than its size allows (see kRepeatAllowance). Every file the writer makes is read back.
 [[nodiscard]] Value readBinaryPropertyList(std::span<const std::uint8_t> bytes);
 
 }  // namespace kp::coding_detail

@@ -52,11 +52,19 @@ void typeMismatch(const PathFrame* frame, std::string_view expected, const Value
        "expected " + std::string(expected) + ", found " + std::string(Value::typeName(found.type())));
 }
 
-std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::uint64_t max) {
+namespace {
+[[noreturn]] void doesNotFit(const Decoder& d, const std::string& number) {
+  d.fail("number " + number + " does not fit the integer type");
+}
+}  // namespace
+
+std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max) {
   const Value& v = d.value();
   std::int64_t out = 0;
   if (const std::int64_t* i = v.ifInteger()) {
     out = *i;
+  } else if (const std::uint64_t* u = v.ifUnsignedInteger()) {
+    doesNotFit(d, std::to_string(*u));
   } else if (const double* r = v.ifReal()) {
     // A real with an exact integer value reads as that integer (JSON has one number type).
     if (!(std::trunc(*r) == *r && *r >= -9223372036854775808.0 && *r < 9223372036854775808.0)) {
@@ -66,9 +74,27 @@ std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::uint64_t max
   } else {
     d.typeMismatch("integer");
   }
-  if (out < min || (out > 0 && static_cast<std::uint64_t>(out) > max)) {
-    d.fail("number " + std::to_string(out) + " does not fit the integer type");
+  if (out < min || out > max) doesNotFit(d, std::to_string(out));
+  return out;
+}
+
+std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max) {
+  const Value& v = d.value();
+  std::uint64_t out = 0;
+  if (const std::int64_t* i = v.ifInteger()) {
+    if (*i < 0) doesNotFit(d, std::to_string(*i));
+    out = static_cast<std::uint64_t>(*i);
+  } else if (const std::uint64_t* u = v.ifUnsignedInteger()) {
+    out = *u;
+  } else if (const double* r = v.ifReal()) {
+    if (!(std::trunc(*r) == *r && *r > -1.0 && *r < 18446744073709551616.0)) {
+      d.fail("number " + std::to_string(*r) + " is not an unsigned integer");
+    }
+    out = static_cast<std::uint64_t>(*r);
+  } else {
+    d.typeMismatch("integer");
   }
+  if (out > max) doesNotFit(d, std::to_string(out));
   return out;
 }
 
@@ -76,13 +102,14 @@ double decodeReal(const Decoder& d) {
   const Value& v = d.value();
   if (const double* r = v.ifReal()) return *r;
   if (const std::int64_t* i = v.ifInteger()) return static_cast<double>(*i);
+  if (const std::uint64_t* u = v.ifUnsignedInteger()) return static_cast<double>(*u);
   d.typeMismatch("real");
 }
 
 Date decodeDate(const Decoder& d) {
   const Value& v = d.value();
   if (const Date* date = v.ifDate()) return *date;
-  if (v.ifReal() || v.ifInteger()) {
+  if (v.ifReal() || v.ifInteger() || v.ifUnsignedInteger()) {
     const double n = decodeReal(d);
     switch (d.dateStrategy()) {
       case DateStrategy::secondsSinceReferenceDate:

@@ -1,7 +1,11 @@
 #include "kp/coding/json.h"
 
 #include <boost/json.hpp>
+#include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <string_view>
+#include <utility>
 
 #include "kp/platform/base64.h"
 
@@ -33,11 +37,8 @@ Value toValueTree(const json::value& v) {
       return v.get_bool();
     case json::kind::int64:
       return v.get_int64();
-    case json::kind::uint64: {
-      const std::uint64_t u = v.get_uint64();
-      if (u > static_cast<std::uint64_t>(INT64_MAX)) return static_cast<double>(u);
-      return static_cast<std::int64_t>(u);
-    }
+    case json::kind::uint64:
+      return v.get_uint64();  // above INT64_MAX it stays unsigned
     case json::kind::double_:
       return v.get_double();
     case json::kind::string:
@@ -66,6 +67,8 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
       return json::value(*v.ifBoolean(), sp);
     case Value::Type::integer:
       return json::value(*v.ifInteger(), sp);
+    case Value::Type::unsignedInteger:
+      return json::value(*v.ifUnsignedInteger(), sp);
     case Value::Type::real: {
       const double d = *v.ifReal();
       if (!std::isfinite(d))
@@ -119,30 +122,100 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
   return json::value(nullptr, sp);
 }
 
-void prettyPrint(std::string& out, const json::value& v, int indent) {
-  const std::string pad(static_cast<std::size_t>(indent + 2), ' ');
-  if (v.is_object() && !v.get_object().empty()) {
-    out += "{\n";
-    bool first = true;
-    for (const auto& kv : v.get_object()) {
-      if (!first) out += ",\n";
-      first = false;
-      out += pad + json::serialize(json::string_view(kv.key())) + " : ";
-      prettyPrint(out, kv.value(), indent + 2);
-    }
-    out += "\n" + std::string(static_cast<std::size_t>(indent), ' ') + "}";
-  } else if (v.is_array() && !v.get_array().empty()) {
-    out += "[\n";
-    bool first = true;
-    for (const auto& e : v.get_array()) {
-      if (!first) out += ",\n";
-      first = false;
-      out += pad;
-      prettyPrint(out, e, indent + 2);
-    }
-    out += "\n" + std::string(static_cast<std::size_t>(indent), ' ') + "]";
+// Numbers as the platform's JSON writer puts them: the shortest digits that read back as the
+// same double, in plain decimal for magnitudes from 1e-6 up to below 1e21 ("52.37", "86400",
+// "0.000001") and with an exponent beyond ("1e+21", "1.5e-7"). These are the rules of
+// JavaScript's number-to-text conversion, which every JSON reader expects.
+void appendNumber(std::string& out, double d) {
+  if (d == 0) {
+    out += std::signbit(d) ? "-0" : "0";
+    return;
+  }
+  char buffer[40];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, d, std::chars_format::scientific);
+  const std::string_view text(buffer, static_cast<std::size_t>(result.ptr - buffer));  // "-1.2345e+02"
+  const std::size_t e = text.find('e');
+  std::string_view mantissa = text.substr(0, e);
+  if (mantissa.front() == '-') {
+    out += '-';
+    mantissa.remove_prefix(1);
+  }
+  std::string digits;
+  for (const char c : mantissa) {
+    if (c != '.') digits += c;
+  }
+  // The value is 0.DIGITS times ten to the power n.
+  int exponent = 0;
+  const std::string_view exponentText = text.substr(e + (text[e + 1] == '+' ? 2 : 1));
+  std::from_chars(exponentText.data(), exponentText.data() + exponentText.size(), exponent);
+  const int n = exponent + 1;
+  const int k = static_cast<int>(digits.size());
+  if (k <= n && n <= 21) {
+    out += digits;
+    out.append(static_cast<std::size_t>(n - k), '0');
+  } else if (0 < n && n <= 21) {
+    out.append(digits, 0, static_cast<std::size_t>(n));
+    out += '.';
+    out.append(digits, static_cast<std::size_t>(n));
+  } else if (-6 < n && n <= 0) {
+    out += "0.";
+    out.append(static_cast<std::size_t>(-n), '0');
+    out += digits;
   } else {
-    out += json::serialize(v);
+    out += digits[0];
+    if (k > 1) {
+      out += '.';
+      out.append(digits, 1);
+    }
+    out += n - 1 < 0 ? "e-" : "e+";
+    out += std::to_string(std::abs(n - 1));
+  }
+}
+
+// JSON text of `v`: compact when `indent` is negative, else pretty-printed at that depth.
+void appendJson(std::string& out, const json::value& v, int indent) {
+  const bool pretty = indent >= 0;
+  const auto newline = [&](int depth) {
+    if (!pretty) return;
+    out += '\n';
+    out.append(static_cast<std::size_t>(depth), ' ');
+  };
+  switch (v.kind()) {
+    case json::kind::object: {
+      const json::object& o = v.get_object();
+      out += '{';
+      bool first = true;
+      for (const auto& kv : o) {
+        if (!first) out += ',';
+        first = false;
+        newline(indent + 2);
+        out += json::serialize(json::string_view(kv.key()));
+        out += pretty ? " : " : ":";
+        appendJson(out, kv.value(), pretty ? indent + 2 : -1);
+      }
+      if (!o.empty()) newline(indent);
+      out += '}';
+      return;
+    }
+    case json::kind::array: {
+      const json::array& a = v.get_array();
+      out += '[';
+      bool first = true;
+      for (const json::value& e : a) {
+        if (!first) out += ',';
+        first = false;
+        newline(indent + 2);
+        appendJson(out, e, pretty ? indent + 2 : -1);
+      }
+      if (!a.empty()) newline(indent);
+      out += ']';
+      return;
+    }
+    case json::kind::double_:
+      appendNumber(out, v.get_double());
+      return;
+    default:
+      out += json::serialize(v);
   }
 }
 
@@ -293,7 +366,12 @@ std::vector<std::pair<std::string_view, JsonValue>> JsonValue::members() const {
   return out;
 }
 
-std::string JsonValue::serialize() const { return node_ ? json::serialize(node(node_)) : "null"; }
+std::string JsonValue::serialize() const {
+  if (!node_) return "null";
+  std::string out;
+  appendJson(out, node(node_), -1);
+  return out;
+}
 
 Value JsonValue::toValue() const { return node_ ? toValueTree(node(node_)) : Value(); }
 
@@ -311,9 +389,8 @@ bool operator==(const JsonValue& a, const JsonValue& b) noexcept {
 std::string writeJson(const Value& value, DateStrategy dates, bool pretty) {
   json::monotonic_resource mr;
   const json::value v = toJson(value, dates, &mr);
-  if (!pretty) return json::serialize(v);
   std::string out;
-  prettyPrint(out, v, 0);
+  appendJson(out, v, pretty ? 0 : -1);
   return out;
 }
 

@@ -312,6 +312,9 @@ struct ArchiveDecoder::State {
         return *v.ifBoolean();
       case Value::Type::integer:
         return *v.ifInteger();
+      case Value::Type::unsignedInteger:
+        // An archived number beyond the signed range; archive values hold it as a real.
+        return static_cast<double>(*v.ifUnsignedInteger());
       case Value::Type::real:
         return *v.ifReal();
       case Value::Type::string:
@@ -466,6 +469,7 @@ double ArchiveDecoder::decodeDouble(std::string_view key) {
   if (!v) return 0;
   if (const double* d = v->ifReal()) return *d;
   if (const std::int64_t* i = v->ifInteger()) return static_cast<double>(*i);
+  if (const std::uint64_t* u = v->ifUnsignedInteger()) return static_cast<double>(*u);
   fail("expected a number under " + std::string(key));
 }
 

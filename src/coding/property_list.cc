@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "coding/binary_property_list.h"
 #include "platform/utf8.h"
@@ -28,6 +29,28 @@ struct PlistFree {
 };
 using PlistPtr = std::unique_ptr<void, PlistFree>;
 
+// libplist keeps one 64-bit integer kind and tells negative values from those above INT64_MAX
+// only by a width it sets when it parses; its API can neither set nor read that width. So such
+// a node is made by parsing its text, and told apart by the text libplist writes for it.
+plist_t unsignedNode(std::uint64_t u) {
+  const std::string xml = "<plist><integer>" + std::to_string(u) + "</integer></plist>";
+  plist_t node = nullptr;
+  plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+  return node ? node : plist_new_uint(u);
+}
+
+bool isNegative(plist_t node) {
+  PlistPtr holder(plist_new_array());
+  plist_array_append_item(holder.get(), plist_copy(node));
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(holder.get(), &xml, &length);
+  if (!xml) return true;
+  const bool negative = std::string_view(xml, length).find("<integer>-") != std::string_view::npos;
+  plist_to_xml_free(xml);
+  return negative;
+}
+
 plist_t toPlist(const Value& v) {
   switch (v.type()) {
     case Value::Type::null:
@@ -36,6 +59,8 @@ plist_t toPlist(const Value& v) {
       return plist_new_bool(*v.ifBoolean() ? 1 : 0);
     case Value::Type::integer:
       return plist_new_uint(static_cast<std::uint64_t>(*v.ifInteger()));
+    case Value::Type::unsignedInteger:
+      return unsignedNode(*v.ifUnsignedInteger());
     case Value::Type::real:
       return plist_new_real(*v.ifReal());
     case Value::Type::string: {
@@ -78,7 +103,8 @@ Value fromPlist(plist_t p, std::size_t depth) {
     case PLIST_UINT: {
       std::uint64_t u = 0;
       plist_get_uint_val(p, &u);
-      return static_cast<std::int64_t>(u);
+      if (u <= static_cast<std::uint64_t>(INT64_MAX) || isNegative(p)) return static_cast<std::int64_t>(u);
+      return u;
     }
     case PLIST_REAL: {
       double d = 0;

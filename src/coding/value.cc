@@ -82,6 +82,7 @@ std::string_view Value::typeName(Type type) noexcept {
     case Type::boolean:
       return "boolean";
     case Type::integer:
+    case Type::unsignedInteger:
       return "integer";
     case Type::real:
       return "real";

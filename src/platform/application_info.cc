@@ -11,7 +11,6 @@
 namespace kp {
 namespace {
 
-constexpr std::string_view kDefaultIdentifier = "com.kp.app";
 // The longest file name Linux file systems take.
 constexpr std::size_t kMaxFolderNameBytes = 255;
 
@@ -29,7 +28,7 @@ std::filesystem::path xdgDirectory(const char* variable, const char* fallback) {
   } else {
     base = env.homeDirectory() / fallback;
   }
-  auto directory = base / ApplicationInfo::current().identifier;
+  auto directory = base / ApplicationInfo::current().folderName();
   (void)platform::createPrivateDirectories(directory);  // a failure shows when the stores write
   return directory;
 }
@@ -40,7 +39,6 @@ ApplicationInfo ApplicationInfo::systemDefaults() {
   auto& env = platform::Env::current();
   const auto facts = env.systemFacts();
   ApplicationInfo info;
-  info.identifier = kDefaultIdentifier;
   info.name = "KPApp";
   info.version = "1.0";
   info.build = "1";
@@ -60,7 +58,7 @@ ApplicationInfo ApplicationInfo::current() {
   return *gInfo;
 }
 
-std::string ApplicationInfo::canonicalIdentifier(std::string_view identifier) {
+std::optional<std::string> ApplicationInfo::canonicalIdentifier(std::string_view identifier) {
   std::string name(identifier.substr(0, kMaxFolderNameBytes + 1));
   std::replace_if(
       name.begin(), name.end(), [](char c) { return c == '/' || c == '\0'; }, '_');
@@ -69,17 +67,19 @@ std::string ApplicationInfo::canonicalIdentifier(std::string_view identifier) {
     while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80) --end;  // a continuation byte
     name.resize(end);
   }
-  if (name.empty() || name == "." || name == "..") return std::string(kDefaultIdentifier);
+  if (name.empty() || name == "." || name == "..") return std::nullopt;
   return name;
 }
 
 void ApplicationInfo::setCurrent(ApplicationInfo info) {
   // Every store joins the identifier to a base folder: an empty one would put them in the base
   // folder itself, and "..", a path or an absolute name somewhere outside it.
-  info.identifier = canonicalIdentifier(info.identifier);
+  if (info.identifier) info.identifier = canonicalIdentifier(*info.identifier);
   std::lock_guard lock(gInfoMutex);
   gInfo = std::move(info);
 }
+
+std::string ApplicationInfo::folderName() const { return identifier ? *identifier : std::string(kDefaultFolderName); }
 
 std::filesystem::path cachesDirectory() { return xdgDirectory("XDG_CACHE_HOME", ".cache"); }
 

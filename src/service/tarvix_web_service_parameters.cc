@@ -47,7 +47,7 @@ std::string shortestDecimalText(double value) {
 TarvixWebServiceParameters::TarvixWebServiceParameters() : TarvixWebServiceParameters(ApplicationInfo::current()) {}
 
 TarvixWebServiceParameters::TarvixWebServiceParameters(const ApplicationInfo& info)
-    : appId(nonEmpty(info.identifier)),
+    : appId(nonEmpty(info.identifier.value_or(""))),
       appVersion(nonEmpty(info.version)),
       platform(nonEmpty(internal::asciiLowercased(info.systemName))),
       device(std::string(deviceKindName(info.idiom))),

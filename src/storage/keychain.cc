@@ -10,7 +10,6 @@ namespace {
 
 namespace attr = platform::keychain_attribute;
 using platform::KeychainAttributes;
-using platform::KeychainStatus;
 
 // Class generic password, account = key, service = `service`.
 KeychainAttributes defaultAttributes(std::string_view key, std::string_view service) {
@@ -19,12 +18,31 @@ KeychainAttributes defaultAttributes(std::string_view key, std::string_view serv
           {std::string(attr::kService), std::string(service)}};
 }
 
+KeychainStatus statusOf(platform::KeychainStatus status) { return static_cast<KeychainStatus>(status); }
+
 std::string applicationIdentifier() {
-  std::string identifier = ApplicationInfo::current().identifier;
-  return identifier.empty() ? std::string(Keychain::kUnknownApplication) : identifier;
+  return ApplicationInfo::current().identifier.value_or(std::string(Keychain::kUnknownApplication));
 }
 
 }  // namespace
+
+std::string_view describe(KeychainStatus status) noexcept {
+  switch (status) {
+    case KeychainStatus::success:
+      return "done";
+    case KeychainStatus::invalidParameter:
+      return "the key, service or group is not text the keychain can hold (UTF-8 without NUL bytes)";
+    case KeychainStatus::notAvailable:
+      return "no keychain service answered on the session bus (none running, or it did not answer in time)";
+    case KeychainStatus::duplicateItem:
+      return "the item exists already";
+    case KeychainStatus::itemNotFound:
+      return "no such item";
+    case KeychainStatus::interactionNotAllowed:
+      return "the keychain is locked";
+  }
+  return "the keychain failed";
+}
 
 std::string_view value(KeychainAccess access) noexcept {
   switch (access) {
@@ -68,20 +86,28 @@ KeychainAttributes itemAttributes(std::string_view key, const KeychainGroup& det
 
 }  // namespace
 
-void Keychain::store(const Data& data, std::string_view key, KeychainAccess access, const KeychainGroup& detail) {
+KeychainStatus Keychain::store(const Data& data, std::string_view key, KeychainAccess access,
+                               const KeychainGroup& detail) {
   KeychainAttributes attributes = itemAttributes(key, detail, bundleIdentifier_);
   attributes.emplace(attr::kAccessible, value(access));
-  if (items_->add(attributes, data.bytes()) != KeychainStatus::duplicateItem) return;
-  // The item exists: change its data and accessibility. The query names only account and
-  // service, so it finds the item whatever its group.
+  // The query of the update names only account and service, so it finds the item whatever
+  // its group.
   const KeychainAttributes query = defaultAttributes(key, detail ? detail->service : bundleIdentifier_);
-  (void)items_->update(query, data.bytes(), {{std::string(attr::kAccessible), std::string(value(access))}});
+  // Another process may add or remove the item between our two calls: an add that finds it
+  // updates it, an update that no longer finds it adds again.
+  platform::KeychainStatus status = platform::KeychainStatus::itemNotFound;
+  for (int attempt = 0; attempt < 3 && status == platform::KeychainStatus::itemNotFound; ++attempt) {
+    status = items_->add(attributes, data.bytes());
+    if (status != platform::KeychainStatus::duplicateItem) break;
+    status = items_->update(query, data.bytes(), {{std::string(attr::kAccessible), std::string(value(access))}});
+  }
+  return statusOf(status);
 }
 
 template <class T>
 void Keychain::setWrapped(const T& v, std::string_view key, KeychainAccess access, const KeychainGroup& detail) {
   // encodePropertyListData wraps scalars as {"v": value} and reports an encoding failure.
-  if (std::optional<Data> bytes = encodePropertyListData(v)) store(*bytes, key, access, detail);
+  if (std::optional<Data> bytes = encodePropertyListData(v)) (void)store(*bytes, key, access, detail);
 }
 
 template <class T>
@@ -115,7 +141,7 @@ void Keychain::setDate(Date v, std::string_view key, KeychainAccess access, cons
   setWrapped(v, key, access, detail);
 }
 void Keychain::setData(const Data& v, std::string_view key, KeychainAccess access, const KeychainGroup& detail) {
-  store(v, key, access, detail);
+  (void)store(v, key, access, detail);
 }
 
 std::optional<std::string> Keychain::string(std::string_view key, const KeychainGroup& detail) const {
@@ -147,14 +173,29 @@ std::optional<Date> Keychain::date(std::string_view key, const KeychainGroup& de
 
 std::optional<Data> Keychain::data(std::string_view key, const KeychainGroup& detail) const {
   Data bytes;
-  if (items_->copyMatching(itemAttributes(key, detail, bundleIdentifier_), &bytes) != KeychainStatus::success) {
-    return std::nullopt;
-  }
+  if (readData(key, detail, &bytes) != KeychainStatus::success) return std::nullopt;
   return bytes;
 }
 
-void Keychain::remove(std::string_view key, const KeychainGroup& detail) {
-  (void)items_->deleteItems(itemAttributes(key, detail, bundleIdentifier_));
+void Keychain::remove(std::string_view key, const KeychainGroup& detail) { (void)removeItem(key, detail); }
+
+KeychainStatus Keychain::readData(std::string_view key, const KeychainGroup& detail, Data* out) const {
+  Data bytes;
+  const KeychainStatus status = statusOf(items_->copyMatching(itemAttributes(key, detail, bundleIdentifier_), &bytes));
+  if (status == KeychainStatus::success && out) *out = std::move(bytes);
+  return status;
+}
+
+KeychainStatus Keychain::storeString(const std::string& v, std::string_view key, KeychainAccess access,
+                                     const KeychainGroup& detail) {
+  if (!internal::isValidUtf8(v)) return KeychainStatus::invalidParameter;
+  std::optional<Data> bytes = encodePropertyListData(v);
+  if (!bytes) return KeychainStatus::invalidParameter;
+  return store(*bytes, key, access, detail);
+}
+
+KeychainStatus Keychain::removeItem(std::string_view key, const KeychainGroup& detail) {
+  return statusOf(items_->deleteItems(itemAttributes(key, detail, bundleIdentifier_)));
 }
 
 }  // namespace kp

@@ -2,7 +2,6 @@
 #include "kp/storage/stored_value.h"
 
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <string_view>
 #include <type_traits>
@@ -81,13 +80,7 @@ template <class I>
 bool tryInteger(const std::any& value, Conversion& c) {
   const I* i = std::any_cast<I>(&value);
   if (!i) return false;
-  if constexpr (std::is_unsigned_v<I> && sizeof(I) >= sizeof(std::int64_t)) {
-    if (*i > static_cast<I>(std::numeric_limits<std::int64_t>::max())) {
-      c.refuse("integer too large for a property list");
-      return true;
-    }
-  }
-  c.out = Value(static_cast<std::int64_t>(*i));
+  c.out = Value(*i);
   return true;
 }
 
@@ -236,6 +229,8 @@ std::any anyFromPropertyListValue(const Value& value) {
       return *value.ifBoolean();
     case Value::Type::integer:
       return *value.ifInteger();
+    case Value::Type::unsignedInteger:
+      return *value.ifUnsignedInteger();
     case Value::Type::real:
       return *value.ifReal();
     case Value::Type::string:

@@ -30,6 +30,20 @@ Registry& registry() {
 
 fs::path lockFileFor(const fs::path& file) { return file.parent_path() / ("." + file.filename().string() + ".lock"); }
 
+// The file that a write of `file` replaces: `file` itself, or where its chain of symbolic
+// links ends (a loop ends nowhere, and the write then fails at the link).
+fs::path writeTarget(const fs::path& file) {
+  fs::path path = file;
+  for (int hop = 0; hop < 40; ++hop) {
+    std::error_code ec;
+    if (!fs::is_symlink(fs::symlink_status(path, ec))) return path;
+    const fs::path link = fs::read_symlink(path, ec);
+    if (ec) return path;
+    path = link.is_absolute() ? link : path.parent_path() / link;
+  }
+  return path;
+}
+
 }  // namespace
 
 SuiteStore::SuiteStore(fs::path file)
@@ -38,6 +52,15 @@ SuiteStore::SuiteStore(fs::path file)
       queue_(SerialQueue::make("com.kp.storage.suite." + file_.filename().string())) {}
 
 SuiteStore::~SuiteStore() = default;
+
+SuiteFileStatus SuiteStore::status() const {
+  std::lock_guard io(ioMutex_);
+  SuiteFileStatus out;
+  if (!readError_.empty()) out.readError = readError_;
+  if (!writeError_.empty()) out.writeError = writeError_;
+  out.setAside = setAside_;
+  return out;
+}
 
 std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
   // Changes made just before the process ends are written on the way out, as the platform's
@@ -168,6 +191,7 @@ bool SuiteStore::writeLocked() {
     if (pending_.empty()) return true;
   }
   auto failed = [&](const std::string& error) {
+    writeError_ = error;
     TarvixLoggers::CL()->error("User defaults could not write suite file " + file_.string() + ": " + error);
     retryDelay_ = std::clamp<std::chrono::milliseconds>(retryDelay_ * 2, 1s, 60s);
     bool schedule = false;
@@ -212,10 +236,13 @@ bool SuiteStore::writeLocked() {
     return failed("it would hold " + std::to_string(bytes.size()) + " bytes, more than the " +
                   std::to_string(kMaxFileSize) + " a suite may have");
   }
-  if (std::string error; !platform::writeFileAtomically(file_, bytes.bytes(), &error)) return failed(error);
+  if (std::string error; !platform::writeFileAtomically(writeTarget(file_), bytes.bytes(), &error)) {
+    return failed(error);
+  }
   // Still under the suite's lock, so the file there is the one just written.
   lastSeen_ = platform::fileIdentity(file_);
   retryDelay_ = 0ms;
+  writeError_.clear();
   writes_.fetch_add(1, std::memory_order_relaxed);
   {
     std::lock_guard values(mutex_);
@@ -277,6 +304,7 @@ bool SuiteStore::reloadLocked(bool lockHeld) {
     }
     lastSeen_ = contents.identity;
     readRetryDelay_ = 0ms;
+    readError_.clear();
     std::lock_guard lock(mutex_);
     values_ = std::move(disk);
     for (const auto& [key, change] : pending_) {
@@ -305,6 +333,12 @@ void SuiteStore::scheduleReadRetry() {
   });
 }
 
+void SuiteStore::remember(std::string report) {
+  // The latest few: a file that another process keeps damaging must not grow this list.
+  if (setAside_.size() >= 16) setAside_.erase(setAside_.begin());
+  setAside_.push_back(std::move(report));
+}
+
 bool SuiteStore::setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld) {
   std::optional<platform::FileLock> lock;
   if (!lockHeld) lock = platform::FileLock::acquire(lockFile_, kLockTimeout);
@@ -313,6 +347,7 @@ bool SuiteStore::setAside(const platform::FileContents& contents, std::string_vi
     // Without the lock a writer could be replacing the file right now; leave it to the next
     // write, which replaces it under the lock.
     TarvixLoggers::CL()->error(prefix + "; starting empty");
+    remember(prefix + "; left in place (its lock was busy), starting empty");
     return true;
   }
   // Under the lock nobody replaces the file, so it is still the one we read, or a newer one.
@@ -323,11 +358,10 @@ bool SuiteStore::setAside(const platform::FileContents& contents, std::string_vi
   aside += ".damaged-" + std::to_string(stamp.count());
   std::error_code ec;
   fs::rename(file_, aside, ec);
-  if (ec) {
-    TarvixLoggers::CL()->error(prefix + " and could not be moved aside (" + ec.message() + "); starting empty");
-  } else {
-    TarvixLoggers::CL()->error(prefix + "; moved to " + aside.string() + ", starting empty");
-  }
+  const std::string report = ec ? prefix + " and could not be moved aside (" + ec.message() + "); starting empty"
+                                : prefix + "; moved to " + aside.string() + ", starting empty";
+  TarvixLoggers::CL()->error(report);
+  remember(report);
   return true;
 }
 

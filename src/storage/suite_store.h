@@ -13,7 +13,12 @@
 // file) is renamed aside (never deleted), reported, and the suite starts empty. A file that
 // cannot be read at the moment (out of descriptors, permission denied, an I/O error) stays where
 // it is: memory keeps what it had, the read is tried again a little later and before every
-// write, and no write replaces the file before it has been read, so none loses its keys.
+// write, and no write replaces the file before it has been read, so none loses its keys. Each
+// of these, and a failed write, is kept for status() too, for callers that tell a user.
+//
+// A suite file that is a symbolic link stays one: writes replace the file it leads to (a
+// temporary file beside that file, renamed over it), as setups that keep such files elsewhere
+// expect.
 //
 // Lock order: ioMutex_ (file work of this process) before mutex_ (the values). Readers take
 // only mutex_ and never wait for file work.
@@ -35,6 +40,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/string_map.h"
+#include "kp/storage/user_defaults.h"
 #include "platform/files.h"
 
 namespace kp::storage_detail {
@@ -82,6 +88,8 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   bool synchronize();
 
   [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+  // What went wrong with the file lately (waits for file work under way).
+  [[nodiscard]] SuiteFileStatus status() const;
   // How many times this process has written the file.
   [[nodiscard]] std::uint64_t fileWriteCount() const noexcept { return writes_.load(std::memory_order_relaxed); }
 
@@ -110,15 +118,19 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   // REQUIRES: ioMutex_ held. Renames a damaged file aside (under the suite's lock); false when
   // another file has replaced it meanwhile.
   bool setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld);
+  // REQUIRES: ioMutex_ held. Keeps a report of a file set aside for status().
+  void remember(std::string report);
 
   const std::filesystem::path file_;
   const std::filesystem::path lockFile_;
   const std::shared_ptr<SerialQueue> queue_;
 
-  std::mutex ioMutex_;
+  mutable std::mutex ioMutex_;
   platform::FileIdentity lastSeen_;              // guarded by ioMutex_: the file as we last read or wrote it
   std::chrono::milliseconds retryDelay_{0};      // guarded by ioMutex_
-  std::string readError_;                        // guarded by ioMutex_: why the last read failed
+  std::string readError_;                        // guarded by ioMutex_: why the last read failed, if it did
+  std::string writeError_;                       // guarded by ioMutex_: why the last write failed, if it did
+  std::vector<std::string> setAside_;            // guarded by ioMutex_: the damaged files moved aside
   std::chrono::milliseconds readRetryDelay_{0};  // guarded by ioMutex_
   bool readRetryScheduled_ = false;              // guarded by ioMutex_
 

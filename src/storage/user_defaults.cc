@@ -63,6 +63,7 @@ std::optional<double> realOf(const Value* v) {
   if (!v) return std::nullopt;
   if (const double* r = v->ifReal()) return *r;
   if (const std::int64_t* i = v->ifInteger()) return static_cast<double>(*i);
+  if (const std::uint64_t* u = v->ifUnsignedInteger()) return static_cast<double>(*u);
   if (const bool* b = v->ifBoolean()) return *b ? 1.0 : 0.0;
   if (const std::string* s = v->ifString()) {
     const std::string_view text = trimmed(*s);
@@ -91,8 +92,8 @@ std::optional<Url> fileUrl(std::string_view path) {
 }
 
 std::string standardSuiteName() {
-  std::string identifier = ApplicationInfo::current().identifier;
-  return UserDefaults::isValidSuiteName(identifier) ? identifier : std::string("KPApplication");
+  std::string name = ApplicationInfo::current().folderName();
+  return UserDefaults::isValidSuiteName(name) ? name : std::string("KPApplication");
 }
 
 }  // namespace
@@ -170,6 +171,7 @@ std::optional<std::string> UserDefaults::string(std::string_view key) const {
     if (!v) return std::nullopt;
     if (const std::string* s = v->ifString()) return *s;
     if (const std::int64_t* i = v->ifInteger()) return std::to_string(*i);
+    if (const std::uint64_t* u = v->ifUnsignedInteger()) return std::to_string(*u);
     if (const double* r = v->ifReal()) return shortestText(*r);
     if (const bool* b = v->ifBoolean()) return std::string(*b ? "1" : "0");
     return std::nullopt;
@@ -297,5 +299,7 @@ void UserDefaults::saveObject(const std::optional<ArchiveValue>& object, std::st
 bool UserDefaults::synchronize() { return store_->synchronize(); }
 
 std::uint64_t UserDefaults::fileWriteCount() const noexcept { return store_->fileWriteCount(); }
+
+SuiteFileStatus UserDefaults::fileStatus() const { return store_->status(); }
 
 }  // namespace kp

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -58,7 +61,7 @@ Record sample() {
   Record r;
   r.flag = true;
   r.small = -42;
-  r.big = 1ull << 40;
+  r.big = UINT64_MAX;  // beyond the signed range, which every format must still carry
   r.real = 2.5;
   r.text = "Zürich ☀ 𝄞";
   r.bytes = kp::Data{0, 1, 2, 255};
@@ -100,12 +103,37 @@ TEST(CodingRoundTrip, AbsentOptionalsWriteNoKey) {
   EXPECT_EQ((*items->ifArray())[1].find("count"), nullptr);
 }
 
-TEST(CodingRoundTrip, JsonDatesAsSecondsSince1970) {
+TEST(CodingRoundTrip, JsonNumbersInTheirShortestPlainForm) {
   kp::JsonEncoder encoder;
   encoder.dateStrategy = kp::DateStrategy::secondsSince1970;
   const kp::Data json =
       encoder.encode(std::map<std::string, kp::Date>{{"d", kp::Date::fromTimeIntervalSince1970(86400)}});
-  EXPECT_EQ(json.toString(), R"({"d":8.64E4})");
+  EXPECT_EQ(json.toString(), R"({"d":86400})");
+  // Plain decimals from 1e-6 up to below 1e21, an exponent beyond; the fewest digits that read
+  // back as the same double.
+  const std::pair<double, const char*> cases[] = {
+      {52.37, "52.37"},
+      {0.1, "0.1"},
+      {-2.5, "-2.5"},
+      {1.0 / 3.0, "0.3333333333333333"},
+      {0.000001, "0.000001"},
+      {1.5e-7, "1.5e-7"},
+      {123456789012345680000.0, "123456789012345680000"},
+      {1e21, "1e+21"},
+      {1.7976931348623157e308, "1.7976931348623157e+308"},
+      {5e-324, "5e-324"},
+      {-0.0, "-0"},
+  };
+  for (const auto& [number, text] : cases) {
+    EXPECT_EQ(kp::writeJson(kp::Value(number), kp::DateStrategy::iso8601), text);
+    EXPECT_EQ(kp::JsonValue(number).serialize(), text);
+    double back = 0;
+    std::from_chars(text, text + std::strlen(text), back);
+    EXPECT_TRUE(back == number && std::signbit(back) == std::signbit(number)) << text;  // reads back the same
+  }
+  EXPECT_EQ(kp::writeJson(kp::Value::Array{std::uint64_t{UINT64_MAX}, INT64_MIN}, kp::DateStrategy::iso8601),
+            "[18446744073709551615,-9223372036854775808]");
+  EXPECT_THROW((void)kp::writeJson(kp::Value(std::nan("")), kp::DateStrategy::iso8601), kp::CodingError);
 }
 
 TEST(CodingErrors, NameTheFailingKeyOrIndex) {
@@ -123,6 +151,8 @@ TEST(CodingErrors, NameTheFailingKeyOrIndex) {
                 kp::CodingError::Kind::typeMismatch);
   expectFailure("{" + base + R"(,"items":[{}]})", "items[0].name", kp::CodingError::Kind::keyNotFound);
   expectFailure(R"({"flag":true,"small":3000000000})", "small", kp::CodingError::Kind::dataCorrupted);
+  expectFailure(R"({"flag":true,"small":18446744073709551615})", "small", kp::CodingError::Kind::dataCorrupted);
+  expectFailure(R"({"flag":true,"small":1,"big":-1})", "big", kp::CodingError::Kind::dataCorrupted);
   expectFailure(R"({"flag":1})", "flag", kp::CodingError::Kind::typeMismatch);
   expectFailure("[1]", "", kp::CodingError::Kind::typeMismatch);
 }
@@ -154,7 +184,7 @@ TEST(SharedHelpers, WrapScalarsUnderV) {
 
 TEST(SharedHelpers, EncodingFailureGoesThroughTheAssertionHook) {
   kp::test::AssertionCapture capture;
-  EXPECT_FALSE(kp::encodePropertyListData(std::numeric_limits<std::uint64_t>::max()));
+  EXPECT_FALSE(kp::encodePropertyListData(std::string("\xff\xfe")));
   ASSERT_EQ(capture.messages().size(), 1u);
   EXPECT_TRUE(capture.messages()[0].starts_with("Failed to encode: ")) << capture.messages()[0];
 }
@@ -202,7 +232,7 @@ TEST_F(PlistInterop, PythonReadsWhatWeWriteAndWeReadWhatItWrites) {
   const char* script =
       "import plistlib,sys,datetime\n"
       "d=plistlib.load(open(sys.argv[1],\"rb\"))\n"
-      "assert d[\"flag\"] is True and d[\"small\"]==-42 and d[\"big\"]==1<<40 and d[\"real\"]==2.5\n"
+      "assert d[\"flag\"] is True and d[\"small\"]==-42 and d[\"big\"]==18446744073709551615 and d[\"real\"]==2.5\n"
       "assert d[\"text\"]==\"Z\\u00fcrich \\u2600 \\U0001d11e\" and d[\"bytes\"]==bytes([0,1,2,255])\n"
       "assert abs((d[\"when\"]-datetime.datetime(2023,3,8,20,26,40,250000)).total_seconds())<1, d[\"when\"]\n"
       "assert d[\"items\"]==[{\"name\":\"a\",\"count\":3},{\"name\":\"b\"}] and \"maybe\" not in d\n"
@@ -253,6 +283,59 @@ TEST(HostilePropertyLists, GiveErrorsNotCrashes) {
   for (int i = 0; i < 5000; ++i) xml += "<array>";
   EXPECT_THROW((void)kp::readPropertyList(kp::Data::fromString(xml).bytes()), kp::CodingError);
   EXPECT_THROW((void)kp::readPropertyList(kp::Data::fromString("not a plist").bytes()), kp::CodingError);
+}
+
+// A binary property list of `objects` (object 0 at the top), references two bytes wide.
+kp::Data binaryPlist(const std::vector<std::vector<std::uint8_t>>& objects) {
+  kp::Data out = kp::Data::fromString("bplist00");
+  std::vector<std::uint32_t> offsets;
+  for (const auto& object : objects) {
+    offsets.push_back(static_cast<std::uint32_t>(out.size()));
+    out.append(object.data(), object.size());
+  }
+  const auto tableOffset = static_cast<std::uint32_t>(out.size());
+  for (const std::uint32_t o : offsets)
+    out.append(kp::Data{std::uint8_t(o >> 24), std::uint8_t(o >> 16), std::uint8_t(o >> 8), std::uint8_t(o)});
+  std::uint8_t trailer[32] = {};
+  trailer[6] = 4;
+  trailer[7] = 2;
+  trailer[14] = static_cast<std::uint8_t>(objects.size() >> 8);
+  trailer[15] = static_cast<std::uint8_t>(objects.size());
+  for (int i = 0; i < 4; ++i) trailer[28 + i] = static_cast<std::uint8_t>(tableOffset >> (24 - 8 * i));
+  out.append(trailer, sizeof trailer);
+  return out;
+}
+
+// An array of `count` references to object `target`.
+std::vector<std::uint8_t> arrayOf(std::size_t count, std::uint16_t target) {
+  std::vector<std::uint8_t> a{0xAF, 0x11, std::uint8_t(count >> 8), std::uint8_t(count)};
+  for (std::size_t i = 0; i < count; ++i) a.insert(a.end(), {std::uint8_t(target >> 8), std::uint8_t(target)});
+  return a;
+}
+
+TEST(HostilePropertyLists, SharedObjectsAreBoundedByWhatTheyBuild) {
+  // What the writer shares it reads back, however often one text repeats: within the
+  // allowance as one object, beyond it as copies.
+  for (const auto& [count, length] : {std::pair{25, 120'000}, std::pair{40, 1 << 20}}) {
+    kp::Value::Dictionary entries;
+    for (int i = 0; i < count; ++i) entries.emplace_back("k" + std::to_string(i), std::string(length, 'x'));
+    const kp::Value tree(std::move(entries));
+    const kp::Data bytes = kp::writePropertyList(tree);
+    EXPECT_EQ(kp::readPropertyList(bytes.bytes()), tree) << count;
+    if (count == 25) {
+      EXPECT_LT(bytes.size(), 2U * length);  // the text is there once
+    }
+  }
+  // A megabyte of text referenced a thousand times would build a gigabyte.
+  std::vector<std::uint8_t> text{0x5F, 0x12, 0x00, 0x10, 0x00, 0x00};
+  text.resize(text.size() + (1 << 20), 'x');
+  EXPECT_THROW((void)kp::readPropertyList(binaryPlist({arrayOf(1000, 1), text}).bytes()), kp::CodingError);
+  EXPECT_NO_THROW((void)kp::readPropertyList(binaryPlist({arrayOf(10, 1), text}).bytes()));
+  // Arrays shared by reference: three levels of 200 make eight million nodes from 1.2 KB.
+  const std::vector<std::uint8_t> leaf{0x10, 0x01};
+  EXPECT_THROW(
+      (void)kp::readPropertyList(binaryPlist({arrayOf(200, 1), arrayOf(200, 2), arrayOf(200, 3), leaf}).bytes()),
+      kp::CodingError);
 }
 
 }  // namespace

@@ -158,12 +158,13 @@ TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
     EXPECT_EQ(kp::cachesDirectory(), dir.path() / "home/.cache/com.example.weather/com.example.weather");
   }
   {
-    // Identifiers that cannot name one folder get a form that does, inside the base folder.
+    // Identifiers that cannot name one folder get a form that does, inside the base folder;
+    // what names no folder is no identifier, and the folders take a name of their own.
     ScopedVariable xdg("XDG_CONFIG_HOME", (dir.path() / "config").string());
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "com.kp.app"},
-        {".", "com.kp.app"},
-        {"..", "com.kp.app"},
+    const std::pair<std::string, std::optional<std::string>> cases[] = {
+        {"", std::nullopt},
+        {".", std::nullopt},
+        {"..", std::nullopt},
         {"/", "_"},
         {"../../escape", ".._.._escape"},
         {"/etc", "_etc"},
@@ -175,7 +176,7 @@ TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
       info.identifier = given;
       kp::ApplicationInfo::setCurrent(info);
       EXPECT_EQ(kp::ApplicationInfo::current().identifier, canonical);
-      EXPECT_EQ(kp::configurationDirectory(), dir.path() / "config" / canonical);
+      EXPECT_EQ(kp::configurationDirectory(), dir.path() / "config" / canonical.value_or("com.kp.app"));
     }
     EXPECT_FALSE(fs::exists(dir.path() / "escape"));
   }

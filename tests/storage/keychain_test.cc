@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "kp/coding/property_list.h"
+#include "kp/platform/application_info.h"
 #include "support/assertion_capture.h"
 #include "support/process.h"
 #include "support/secret_service.h"
@@ -61,7 +62,7 @@ TEST_F(KeychainTest, ValuesRoundTripInTheirStoredForm) {
   const auto access = KeychainAccess::afterFirstUnlock;
   keychain_.setString(std::string("grüezi"), "text", access, std::nullopt);
   keychain_.setInt(-42, "int", access, std::nullopt);
-  keychain_.setUInt(7, "uint", access, std::nullopt);
+  keychain_.setUInt(UINT64_MAX, "uint", access, std::nullopt);
   keychain_.setFloat(1.5F, "float", access, std::nullopt);
   keychain_.setDouble(2.25, "double", access, std::nullopt);
   keychain_.setBool(true, "bool", access, std::nullopt);
@@ -72,7 +73,8 @@ TEST_F(KeychainTest, ValuesRoundTripInTheirStoredForm) {
 
   EXPECT_EQ(keychain_.string("text", std::nullopt), "grüezi");
   EXPECT_EQ(keychain_.int_("int", std::nullopt), -42);
-  EXPECT_EQ(keychain_.uint("uint", std::nullopt), 7U);
+  EXPECT_EQ(keychain_.uint("uint", std::nullopt), UINT64_MAX);
+  EXPECT_EQ(keychain_.int_("uint", std::nullopt), std::nullopt);  // beyond the signed range
   EXPECT_EQ(keychain_.float_("float", std::nullopt), 1.5F);
   EXPECT_EQ(keychain_.double_("double", std::nullopt), 2.25);
   EXPECT_EQ(keychain_.bool_("bool", std::nullopt), true);
@@ -155,8 +157,12 @@ TEST_F(KeychainTest, GroupItemsLiveInTheirService) {
   keychain_.setString(std::string("newer"), "token", KeychainAccess::afterFirstUnlock, shared);
   EXPECT_EQ(keychain_.string("token", shared), "newer");
   EXPECT_EQ(count("token", "com.kp.tests.shared"), 1);
-  // Without an identifier the items go to a fixed service of their own.
-  EXPECT_EQ(kp::Keychain::kUnknownApplication, "TarvixWorks-Keychain-Unknown-App");
+  // An application that never set an identifier has none, and its items go to a fixed
+  // service of their own.
+  const auto saved = kp::ApplicationInfo::current();
+  kp::ApplicationInfo::setCurrent(kp::ApplicationInfo::systemDefaults());
+  EXPECT_EQ(kp::Keychain().bundleIdentifier(), "TarvixWorks-Keychain-Unknown-App");
+  kp::ApplicationInfo::setCurrent(saved);
 }
 
 TEST_F(KeychainTest, HostileKeysAndLargeValues) {
@@ -183,10 +189,26 @@ TEST_F(KeychainTest, HostileKeysAndLargeValues) {
 
 TEST_F(KeychainTest, ValuesThatCannotBeEncodedRaiseTheAssertion) {
   kp::test::AssertionCapture capture;
-  keychain_.setUInt(UINT64_MAX, "huge", KeychainAccess::whenUnlocked, std::nullopt);
+  keychain_.setString(std::string("\xff"), "bad", KeychainAccess::whenUnlocked, std::nullopt);
   ASSERT_EQ(capture.messages().size(), 1U);
   EXPECT_EQ(capture.messages()[0].rfind("Failed to encode: ", 0), 0U) << capture.messages()[0];
-  EXPECT_EQ(keychain_.uint("huge", std::nullopt), std::nullopt);
+  EXPECT_EQ(keychain_.data("bad", std::nullopt), std::nullopt);
+}
+
+TEST_F(KeychainTest, ProcessesSettingOneKeyAtOnceLeaveOneItem) {
+  // Each finds no item and adds one; and with another accessibility each adds another item.
+  for (const char* access : {"1", "0"}) {
+    std::string script;
+    for (int i = 0; i < 8; ++i) {
+      script += std::string(KPCORE_PATH) + " keychain set race v" + std::to_string(i) + " --access " +
+                (i % 2 == 0 ? access : "1") + " --service " + kBundle + " & ";
+    }
+    const auto all = kp::test::runCommand(script + "wait");
+    EXPECT_EQ(all.status, 0) << all.output;
+    EXPECT_EQ(count("race"), 1) << listing("race");
+    EXPECT_EQ(keychain_.string("race", std::nullopt).value_or("?").front(), 'v');
+    keychain_.remove("race", std::nullopt);
+  }
 }
 
 TEST_F(KeychainTest, AServiceThatDoesNotAnswerFailsWithinTheTimeout) {
@@ -214,6 +236,13 @@ TEST_F(KeychainTest, ALockedKeyringIsNeitherUnlockedNorChanged) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);  // no prompt was waited for
   EXPECT_EQ(service_->itemCount("account", "locked"), 1);
   EXPECT_EQ(service_->itemCount("account", "fresh"), 0);
+  // The tool says the keychain is locked, whether the item exists or not.
+  for (const char* command : {"get locked", "set locked x", "set fresh x", "delete locked"}) {
+    const auto tool =
+        kp::test::runCommand(std::string(KPCORE_PATH) + " keychain " + command + " --service " + kBundle + " 2>&1");
+    EXPECT_EQ(tool.status, 1) << command;
+    EXPECT_NE(tool.output.find(": the keychain is locked\n"), std::string::npos) << command << ": " << tool.output;
+  }
 }
 
 TEST_F(KeychainTest, KpcoreSetsGetsAndDeletesItems) {
@@ -239,6 +268,17 @@ TEST_F(KeychainTest, KpcoreSetsGetsAndDeletesItems) {
   EXPECT_EQ(kpcore("get x --access-group G").status, 2);
   EXPECT_EQ(kpcore("set x y --access 9").status, 2);
   EXPECT_EQ(kpcore("set x y --access 3x").status, 2);
+  EXPECT_EQ(missing.output, "kpcore keychain: no item for key 'token' in com.kp.tests.tool\n");
+  for (const char* notUtf8 : {R"x(set "$(printf '\377')" y)x", R"x(set k "$(printf '\377')")x"}) {
+    const auto refused = kpcore(notUtf8);
+    EXPECT_EQ(refused.status, 2) << notUtf8;
+    EXPECT_NE(refused.output.find("is not UTF-8 text"), std::string::npos) << refused.output;
+  }
+  // Without a Secret Service the tool says so, rather than that there is no item.
+  const auto alone = kp::test::runCommand("DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent " +
+                                          std::string(KPCORE_PATH) + " keychain get token 2>&1");
+  EXPECT_EQ(alone.status, 1);
+  EXPECT_NE(alone.output.find("no keychain service answered"), std::string::npos) << alone.output;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -99,6 +100,7 @@ TEST_F(UserDefaultsTest, ValuesPersistAsAPropertyListDictionary) {
   defaults->setObject(std::string("empty key"), "");
   const std::string binaryKey("k\0\xc3\xa9", 4);
   defaults->setObject(kp::Data::fromString(std::string("v\0", 2)), binaryKey);
+  defaults->setObject(std::uint64_t{UINT64_MAX}, "huge");
   ASSERT_TRUE(defaults->synchronize());
 
   // Another process (and a fresh reader) sees the same values in the file.
@@ -108,6 +110,11 @@ TEST_F(UserDefaultsTest, ValuesPersistAsAPropertyListDictionary) {
   EXPECT_EQ(file.find("map")->find("layers")->ifArray()->size(), 2U);
   EXPECT_EQ(*file.find("")->ifString(), "empty key");
   EXPECT_EQ(*file.find(binaryKey)->ifData(), kp::Data::fromString(std::string("v\0", 2)));
+  EXPECT_EQ(std::any_cast<std::uint64_t>(*defaults->object("huge")), UINT64_MAX);
+  const auto python = kp::test::runCommand(
+      "/usr/bin/python3 -c 'import plistlib,sys; print(plistlib.load(open(sys.argv[1],\"rb\"))[\"huge\"])' " +
+      kp::test::shellQuote(suiteFile("values").string()));
+  EXPECT_EQ(python.output, "18446744073709551615\n");
   const auto shown = kpcore("defaults read --suite values count");
   EXPECT_EQ(shown.status, 0);
   EXPECT_EQ(shown.output, "-7\n");
@@ -157,7 +164,6 @@ TEST_F(UserDefaultsTest, RefusesWhatAPropertyListCannotHoldAndNamesThatAreNoFile
   struct Opaque {};
   defaults->setObject(Opaque{}, "k");
   defaults->setObject(std::string("\xff\xfe"), "k");
-  defaults->setObject(std::uint64_t{UINT64_MAX}, "k");
   defaults->setObject(std::vector<std::any>{std::string("ok"), Opaque{}}, "k");
   defaults->setObject(std::string("x"), std::string("\xc3", 1));  // a key that is not UTF-8
   EXPECT_EQ(defaults->string("k"), "kept");
@@ -256,6 +262,8 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
     const auto aside = asideFiles(suite);
     ASSERT_EQ(aside.size(), 1U) << suite;
     EXPECT_EQ(fileBytes(aside[0]), bytes) << suite;
+    ASSERT_EQ(defaults->fileStatus().setAside.size(), 1U) << suite;
+    EXPECT_NE(defaults->fileStatus().setAside[0].find(aside[0].string()), std::string::npos) << suite;
     defaults->setInteger(1, "fresh");
     EXPECT_TRUE(defaults->synchronize()) << suite;
     EXPECT_EQ(*readFile(suiteFile(suite)).find("fresh")->ifInteger(), 1) << suite;
@@ -271,8 +279,11 @@ TEST_F(UserDefaultsTest, DamagedFilesAreSetAsideAndTheSuiteStartsEmpty) {
   const auto piped =
       kp::test::runCommand("timeout -s KILL 20 " + std::string(KPCORE_PATH) + " defaults read --suite pipe 2>&1");
   EXPECT_EQ(piped.status, 0) << piped.output;
-  EXPECT_EQ(piped.output, "{}\n");
   EXPECT_EQ(asideFiles("pipe").size(), 1U);
+  // Setting the suite aside is said, not only done.
+  EXPECT_EQ(piped.output, "kpcore defaults: User defaults suite file " + suiteFile("pipe").string() + " is damaged (" +
+                              suiteFile("pipe").string() + " is not a regular file); moved to " +
+                              asideFiles("pipe")[0].string() + ", starting empty\n{}\n");
 
   // Another process damaging a suite this one has open is noticed too.
   auto live = kp::UserDefaults::suite("live");
@@ -289,6 +300,16 @@ TEST_F(UserDefaultsTest, AFileThatCannotBeReadNowIsLeftAloneAndNeverOverwritten)
     if (std::ifstream(file)) GTEST_SKIP() << "this process reads files whatever their mode";
     auto defaults = kp::UserDefaults::suite("unreadable");
     EXPECT_FALSE(defaults->object("kept"));
+    EXPECT_NE(defaults->fileStatus().readError.value_or("").find("Permission denied"), std::string::npos);
+    // The tool says why instead of showing an empty suite.
+    for (const char* command :
+         {"read --suite unreadable", "read --suite unreadable kept", "write --suite unreadable k v"}) {
+      const auto tool = kpcore(std::string("defaults ") + command);
+      EXPECT_EQ(tool.status, 1) << command;
+      EXPECT_EQ(tool.output,
+                "kpcore defaults: cannot read the suite: cannot open " + file.string() + ": Permission denied\n")
+          << command;
+    }
     EXPECT_TRUE(fs::exists(file));
     EXPECT_TRUE(asideFiles("unreadable").empty());
     // A write must not replace keys it could not read with its own alone.
@@ -378,11 +399,19 @@ TEST_F(UserDefaultsTest, AFullDiskLeavesTheOldFileAndTheChangesPending) {
   std::signal(SIGXFSZ, previousHandler);
 
   EXPECT_FALSE(written);
+  EXPECT_NE(defaults->fileStatus().writeError.value_or("").find("File too large"), std::string::npos);
   EXPECT_EQ(fs::file_size(suiteFile("full")), oldSize);
   EXPECT_EQ(*readFile(suiteFile("full")).find("value")->ifString(), "old");
   EXPECT_EQ(defaults->data("value")->size(), 1U << 20);  // memory keeps the change
   EXPECT_TRUE(defaults->synchronize());                  // and it is written once there is room
+  EXPECT_EQ(defaults->fileStatus().writeError, std::nullopt);
   EXPECT_EQ(readFile(suiteFile("full")).find("value")->ifData()->size(), 1U << 20);
+  // The tool says why a write failed; the file holds a megabyte already, more than the limit.
+  const auto tool = kp::test::runCommand("ulimit -f 64; trap '' XFSZ; " + std::string(KPCORE_PATH) +
+                                         " defaults write --suite full more -data 00 2>&1");
+  EXPECT_EQ(tool.status, 1);
+  EXPECT_EQ(tool.output, "kpcore defaults: could not write " + suiteFile("full").string() + ": cannot write " +
+                             suiteFile("full").string() + ": File too large\n");
 
   // A suite too large to be read back is not written either: the next reader would find the
   // file damaged and start without any of its keys.
@@ -393,6 +422,35 @@ TEST_F(UserDefaultsTest, AFullDiskLeavesTheOldFileAndTheChangesPending) {
   EXPECT_TRUE(asideFiles("full").empty());
   defaults->removeObject("huge");
   EXPECT_TRUE(defaults->synchronize());
+}
+
+TEST_F(UserDefaultsTest, ASuiteItWroteIsReadBackWholeEvenAsALink) {
+  // The writer stores one repeated text once; readers must still take the file.
+  auto defaults = kp::UserDefaults::suite("repeats");
+  for (int i = 0; i < 25; ++i) defaults->setObject(std::string(120'000, 'r'), "k" + std::to_string(i));
+  ASSERT_TRUE(defaults->synchronize());
+  const auto read = kpcore("defaults read --suite repeats k24");
+  EXPECT_EQ(read.status, 0);
+  EXPECT_EQ(read.output, std::string(120'000, 'r') + "\n");
+  EXPECT_TRUE(asideFiles("repeats").empty());
+  const auto python = kp::test::runCommand(
+      "/usr/bin/python3 -c 'import plistlib,sys; d=plistlib.load(open(sys.argv[1],\"rb\")); "
+      "print(len(d), set(map(len, d.values())))' " +
+      kp::test::shellQuote(suiteFile("repeats").string()));
+  EXPECT_EQ(python.output, "25 {120000}\n");
+
+  // A suite file that links to a file elsewhere (as dotfile setups keep them) stays a link.
+  fs::create_directories(root_ / "dotfiles");
+  std::ofstream(root_ / "dotfiles" / "linked.plist", std::ios::binary)
+      << kp::writePropertyList(Value(Value::Dictionary{{"theirs", 1}})).toString();
+  fs::create_symlink("../../dotfiles/linked.plist", suiteFile("linked"));
+  auto linked = kp::UserDefaults::suite("linked");
+  EXPECT_EQ(linked->integer("theirs"), 1);
+  linked->setInteger(2, "ours");
+  ASSERT_TRUE(linked->synchronize());
+  EXPECT_TRUE(fs::is_symlink(suiteFile("linked")));
+  EXPECT_EQ(*readFile(root_ / "dotfiles" / "linked.plist").find("ours")->ifInteger(), 2);
+  EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "dotfiles"), fs::directory_iterator()), 1);
 }
 
 TEST_F(UserDefaultsTest, ManyThreadsReadAndWriteOneSuite) {
@@ -418,6 +476,14 @@ TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
   ASSERT_EQ(kpcore("defaults write --suite tool when -date 2024-05-01T12:00:00Z").status, 0);
   ASSERT_EQ(kpcore("defaults write --suite tool blob -data 00ff10").status, 0);
   ASSERT_EQ(kpcore("defaults write --suite tool ratio -float 0.5").status, 0);
+  ASSERT_EQ(kpcore("defaults write --suite tool tiny -float 1e-320").status, 0);  // subnormal
+  EXPECT_EQ(kpcore("defaults read --suite tool tiny").output, "1e-320\n");
+  EXPECT_EQ(kpcore("defaults read --suite tool ratio").output, "0.5\n");
+  // What the file could hold but no reader could show is refused.
+  for (const char* refused :
+       {"-float inf", "-float nan", "-float -inf", "-float 1e999", "-date 0000-01-01T00:00:00Z"}) {
+    EXPECT_EQ(kpcore(std::string("defaults write --suite tool odd ") + refused).status, 2) << refused;
+  }
   ASSERT_EQ(kpcore("defaults write --suite tool name Bern").status, 0);
   EXPECT_EQ(kpcore("defaults read --suite tool blob").output, "<00ff10>\n");
   EXPECT_EQ(kpcore("defaults read --suite tool when --json").output, "\"2024-05-01T12:00:00Z\"\n");
@@ -428,6 +494,16 @@ TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
   defaults->setObject(std::string("line\nnext \x1b[31mred"), "odd");
   ASSERT_TRUE(defaults->synchronize());
   EXPECT_EQ(kpcore("defaults read --suite tool odd").output, "line\\x0anext \\x1b[31mred\n");
+  // Such values written elsewhere are still shown, with the rest of the suite.
+  defaults->setDouble(-INFINITY, "odd");
+  defaults->setObject(kp::Value::Dictionary{{"n", NAN}, {"x", 86400.0}}, "nested");
+  ASSERT_TRUE(defaults->synchronize());
+  EXPECT_EQ(kpcore("defaults read --suite tool odd").output, "-inf\n");
+  EXPECT_EQ(kpcore("defaults read --suite tool nested --json").output, "{\"n\":\"nan\",\"x\":86400}\n");
+  const auto all = kpcore("defaults read --suite tool");
+  EXPECT_EQ(all.status, 0);
+  EXPECT_NE(all.output.find("\"odd\" : \"-inf\""), std::string::npos) << all.output;
+  EXPECT_NE(all.output.find("\"ratio\" : 0.5,"), std::string::npos) << all.output;
 
   const auto missing = kpcore("defaults read --suite tool nothing");
   EXPECT_NE(missing.status, 0);

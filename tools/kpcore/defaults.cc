@@ -1,5 +1,8 @@
 // kpcore defaults: reads, writes and deletes user-defaults values, as another process of the
-// application would see them.
+// application would see them. What the store met on the way (a file it could not read or
+// write, a damaged file it set aside) is said on standard error.
+#include <charconv>
+#include <cmath>
 #include <iostream>
 
 #include "command.h"
@@ -12,11 +15,45 @@ namespace {
 
 using kpcore::CommandError;
 
+// The suite, read; a file that could not be read ends the command, one set aside is told.
 std::shared_ptr<kp::UserDefaults> openSuite(const std::optional<std::string>& suite) {
-  if (!suite) return kp::UserDefaults::standard();
-  auto defaults = kp::UserDefaults::suite(*suite);
-  if (!defaults) throw CommandError("'" + *suite + "' cannot name a suite", 2);
+  std::shared_ptr<kp::UserDefaults> defaults = suite ? kp::UserDefaults::suite(*suite) : kp::UserDefaults::standard();
+  if (!defaults) throw CommandError("'" + kpcore::printable(*suite) + "' cannot name a suite", 2);
+  const kp::SuiteFileStatus status = defaults->fileStatus();
+  for (const std::string& report : status.setAside)
+    std::cerr << "kpcore defaults: " << kpcore::printable(report) << "\n";
+  if (status.readError) throw CommandError("cannot read the suite: " + kpcore::printable(*status.readError));
   return defaults;
+}
+
+// Dates that four-digit years can show, the only ones ISO 8601 text and most readers take.
+bool isShowableDate(kp::Date date) {
+  const double t = date.timeIntervalSince1970();
+  return t >= -62135596800.0 && t < 253402300800.0;  // 0001-01-01 up to 10000-01-01
+}
+
+std::string realText(double real) {
+  if (std::isnan(real)) return "nan";
+  if (std::isinf(real)) return real > 0 ? "inf" : "-inf";
+  return kp::writeJson(kp::Value(real), kp::DateStrategy::iso8601);
+}
+
+std::string dateText(kp::Date date) {
+  if (isShowableDate(date)) return date.iso8601(true);
+  return "date " + realText(date.timeIntervalSince1970()) + " s from 1970";
+}
+
+// The tree with what JSON cannot hold (numbers that are not finite, dates beyond four-digit
+// years; only files written elsewhere have them) as text, so that the rest is shown.
+kp::Value showable(kp::Value value) {
+  if (const double* r = value.ifReal(); r && !std::isfinite(*r)) return realText(*r);
+  if (const kp::Date* d = value.ifDate(); d && !isShowableDate(*d)) return dateText(*d);
+  if (kp::Value::Array* a = value.ifArray()) {
+    for (kp::Value& e : *a) e = showable(std::move(e));
+  } else if (kp::Value::Dictionary* entries = value.ifDictionary()) {
+    for (auto& [k, e] : *entries) e = showable(std::move(e));
+  }
+  return value;
 }
 
 std::optional<kp::Data> fromHex(std::string_view text) {
@@ -46,25 +83,29 @@ std::optional<kp::Data> fromHex(std::string_view text) {
 
 // The value of `write`, typed by its flag (text by default).
 kp::Value parseValue(std::string_view type, const std::string& text) {
-  auto bad = [&](std::string_view what) { return CommandError("'" + text + "' is not " + std::string(what), 2); };
+  auto bad = [&](std::string_view what) {
+    return CommandError("'" + kpcore::printable(text) + "' is not " + std::string(what), 2);
+  };
   if (type == "-string") return kp::Value(text);
+  const std::string_view digits = text.starts_with('+') ? std::string_view(text).substr(1) : std::string_view(text);
+  const char* const end = digits.data() + digits.size();
   if (type == "-int" || type == "-integer") {
-    std::size_t used = 0;
-    try {
-      const long long n = std::stoll(text, &used);
-      if (used == text.size()) return kp::Value(static_cast<std::int64_t>(n));
-    } catch (const std::exception&) {
-    }
+    std::int64_t n = 0;
+    if (auto [at, ec] = std::from_chars(digits.data(), end, n); ec == std::errc() && at == end) return kp::Value(n);
+    std::uint64_t u = 0;  // up to the largest unsigned 64-bit value
+    if (auto [at, ec] = std::from_chars(digits.data(), end, u); ec == std::errc() && at == end) return kp::Value(u);
     throw bad("an integer");
   }
   if (type == "-float" || type == "-double") {
-    std::size_t used = 0;
-    try {
-      const double n = std::stod(text, &used);
-      if (used == text.size()) return kp::Value(n);
-    } catch (const std::exception&) {
+    double n = 0;
+    const auto [at, ec] = std::from_chars(digits.data(), end, n);
+    if (at != end || digits.empty() || (ec != std::errc() && ec != std::errc::result_out_of_range)) {
+      throw bad("a number");
     }
-    throw bad("a number");
+    if (ec != std::errc()) throw bad("a number a double can hold");
+    // The file could hold them, but no JSON reader (nor `read` here) could show them.
+    if (!std::isfinite(n)) throw bad("a finite number");
+    return kp::Value(n);
   }
   if (type == "-bool" || type == "-boolean") {
     if (text == "true" || text == "yes" || text == "YES" || text == "1") return kp::Value(true);
@@ -72,8 +113,10 @@ kp::Value parseValue(std::string_view type, const std::string& text) {
     throw bad("a boolean (true, false, yes, no, 1, 0)");
   }
   if (type == "-date") {
-    if (auto date = kp::Date::fromIso8601(text)) return kp::Value(*date);
-    throw bad("an ISO 8601 date");
+    const std::optional<kp::Date> date = kp::Date::fromIso8601(text);
+    if (!date) throw bad("an ISO 8601 date");
+    if (!isShowableDate(*date)) throw bad("a date of the years 1 to 9999");
+    return kp::Value(*date);
   }
   if (type == "-data") {
     if (auto data = fromHex(text)) return kp::Value(std::move(*data));
@@ -87,9 +130,10 @@ kp::Value parseValue(std::string_view type, const std::string& text) {
 std::string plainText(const kp::Value& value) {
   if (const std::string* s = value.ifString()) return kpcore::printable(*s);
   if (const bool* b = value.ifBoolean()) return *b ? "true" : "false";
-  if (const kp::Date* d = value.ifDate()) return d->iso8601(true);
+  if (const double* r = value.ifReal()) return realText(*r);
+  if (const kp::Date* d = value.ifDate()) return dateText(*d);
   if (const kp::Data* d = value.ifData()) return "<" + kp::hexString(d->bytes()) + ">";
-  return kp::writeJson(value, kp::DateStrategy::iso8601, true);
+  return kp::writeJson(showable(value), kp::DateStrategy::iso8601, true);
 }
 
 int runDefaults(kpcore::Args& args) {
@@ -103,14 +147,15 @@ int runDefaults(kpcore::Args& args) {
   if (*action == "read") {
     args.expectEnd();
     if (!key) {
-      std::cout << kp::writeJson(kp::Value(defaults->dictionaryRepresentation()), kp::DateStrategy::iso8601, true)
+      std::cout << kp::writeJson(showable(kp::Value(defaults->dictionaryRepresentation())), kp::DateStrategy::iso8601,
+                                 true)
                 << "\n";
       return 0;
     }
     std::optional<kp::Value> value = defaults->value(*key);
     if (!value)
       throw CommandError("no value for key '" + kpcore::printable(*key) + "' in suite " + defaults->suiteName());
-    std::cout << (json ? kp::writeJson(*value, kp::DateStrategy::iso8601) : plainText(*value)) << "\n";
+    std::cout << (json ? kp::writeJson(showable(*value), kp::DateStrategy::iso8601) : plainText(*value)) << "\n";
     return 0;
   }
   if (*action == "write") {
@@ -145,7 +190,11 @@ int runDefaults(kpcore::Args& args) {
   } else {
     throw CommandError("unknown action '" + *action + "' (read, write or delete)", 2);
   }
-  if (!defaults->synchronize()) throw CommandError("could not write " + defaults->filePath().string());
+  if (!defaults->synchronize()) {
+    const kp::SuiteFileStatus status = defaults->fileStatus();
+    throw CommandError("could not write " + kpcore::printable(defaults->filePath().string()) + ": " +
+                       kpcore::printable(status.writeError.value_or(status.readError.value_or("reason unknown"))));
+  }
   return 0;
 }
 

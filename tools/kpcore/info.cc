@@ -15,7 +15,7 @@ int runInfo(kpcore::Args& args) {
   for (const auto& language : info.preferredLanguages) languages += (languages.empty() ? "" : ",") + language;
   const std::pair<const char*, std::string> rows[] = {
       {"libraryVersion", KP_VERSION_STRING},
-      {"identifier", info.identifier},
+      {"identifier", info.identifier.value_or("")},
       {"version", info.version},
       {"systemName", info.systemName},
       {"systemVersion", info.systemVersion},

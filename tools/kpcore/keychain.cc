@@ -1,11 +1,13 @@
 // kpcore keychain: reads, writes and deletes keychain items as the library stores them.
-// The library itself never reports keychain failures; the tool reads back what it wrote so
-// that a user learns when the keychain is locked or not running.
+// The library's own operations never report keychain failures; the tool uses their status
+// forms, so that a user learns whether an item is missing, the keychain locked, not running
+// or given text it cannot hold.
 #include "kp/storage/keychain.h"
 
 #include <iostream>
 
 #include "command.h"
+#include "platform/utf8.h"
 
 namespace {
 
@@ -29,20 +31,35 @@ int runKeychain(kpcore::Args& args) {
   } else {
     keychain = service ? std::make_unique<kp::Keychain>(*service) : std::make_unique<kp::Keychain>();
   }
-  const std::string where =
-      detail ? detail->service + " (group " + detail->accessGroup + ")" : keychain->bundleIdentifier();
+  const std::string where = kpcore::printable(detail ? detail->service + " (group " + detail->accessGroup + ")"
+                                                     : keychain->bundleIdentifier());
+
+  const std::string quotedKey = "'" + kpcore::printable(*key) + "'";
+  // Keys and values are handed to the keychain as they are; say so before it refuses them.
+  if (!kp::internal::isValidUtf8(*key)) throw CommandError("the key " + quotedKey + " is not UTF-8 text", 2);
+  const auto failure = [&](std::string_view doing, kp::KeychainStatus status) {
+    if (status == kp::KeychainStatus::itemNotFound)
+      return CommandError("no item for key " + quotedKey + " in " + where);
+    return CommandError("cannot " + std::string(doing) + " key " + quotedKey + " in " + where + ": " +
+                        std::string(kp::describe(status)));
+  };
 
   if (*action == "get") {
     args.expectEnd();
-    if (std::optional<std::string> text = keychain->string(*key, detail)) {
+    kp::Data bytes;
+    if (const auto status = keychain->readData(*key, detail, &bytes); status != kp::KeychainStatus::success) {
+      throw failure("read", status);
+    }
+    // Text as the keychain's string() reads it: the stored form, else plain UTF-8.
+    std::optional<std::string> text = kp::decodePropertyListData<std::string>(bytes);
+    if (!text && !bytes.empty() && kp::internal::isValidUtf8(bytes.view())) text = bytes.toString();
+    if (text) {
       std::cout << (json ? "{\"key\":" + kpcore::jsonQuote(*key) + ",\"value\":" + kpcore::jsonQuote(*text) + "}"
-                         : *text)
+                         : kpcore::printable(*text))
                 << "\n";
       return 0;
     }
-    std::optional<kp::Data> bytes = keychain->data(*key, detail);
-    if (!bytes) throw CommandError("no item for key '" + *key + "' in " + where);
-    const std::string hex = "<" + kp::hexString(bytes->bytes()) + ">";
+    const std::string hex = "<" + kp::hexString(bytes.bytes()) + ">";
     std::cout << (json ? "{\"key\":" + kpcore::jsonQuote(*key) + ",\"data\":" + kpcore::jsonQuote(hex) + "}" : hex)
               << "\n";
     return 0;
@@ -51,19 +68,20 @@ int runKeychain(kpcore::Args& args) {
     const std::optional<std::string> text = args.positional();
     args.expectEnd();
     if (!text) throw CommandError("set needs a value", 2);
+    if (!kp::internal::isValidUtf8(*text)) throw CommandError("the value is not UTF-8 text", 2);
     kp::KeychainAccess access = kp::KeychainAccess::afterFirstUnlock;
     if (accessText) access = *kp::keychainAccess(kpcore::integerOption("access", *accessText, 0, 6));
-    keychain->setString(*text, *key, access, detail);
-    if (keychain->string(*key, detail) != *text) {
-      throw CommandError("the keychain did not store the value (not running, locked or not answering)");
+    if (const auto status = keychain->storeString(*text, *key, access, detail);
+        status != kp::KeychainStatus::success) {
+      throw failure("store", status);
     }
     return 0;
   }
   if (*action == "delete") {
     args.expectEnd();
-    if (!keychain->data(*key, detail)) throw CommandError("no item for key '" + *key + "' in " + where);
-    keychain->remove(*key, detail);
-    if (keychain->data(*key, detail)) throw CommandError("the keychain did not delete the item (locked?)");
+    if (const auto status = keychain->removeItem(*key, detail); status != kp::KeychainStatus::success) {
+      throw failure("delete", status);
+    }
     return 0;
   }
   throw CommandError("unknown action '" + *action + "' (get, set or delete)", 2);

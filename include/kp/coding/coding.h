@@ -399,7 +399,9 @@ concept SelfCoding = requires(const T& t, Encoder& e, const Decoder& d) {
 template <class T>
 concept Described = boost::describe::has_describe_members<T>::value && !SelfCoding<T>;
 
-std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::uint64_t max);
+// An integer within [min, max], from an integer or an integral real.
+std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max);
+std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max);
 double decodeReal(const Decoder& d);
 Date decodeDate(const Decoder& d);
 Data decodeData(const Decoder& d);
@@ -424,15 +426,14 @@ struct Coding<bool> {
 
 template <class I>
 struct Coding<I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>>> {
-  static void encode(Encoder& e, I v) {
-    if constexpr (std::is_unsigned_v<I> && sizeof(I) >= sizeof(std::int64_t)) {
-      if (v > static_cast<I>(std::numeric_limits<std::int64_t>::max())) e.fail("integer too large to encode");
-    }
-    e.encodeValue(Value(static_cast<std::int64_t>(v)));
-  }
+  static void encode(Encoder& e, I v) { e.encodeValue(Value(v)); }
   static I decode(const Decoder& d) {
-    return static_cast<I>(coding_detail::decodeInteger(d, static_cast<std::int64_t>(std::numeric_limits<I>::min()),
-                                                       static_cast<std::uint64_t>(std::numeric_limits<I>::max())));
+    if constexpr (std::is_unsigned_v<I>) {
+      return static_cast<I>(coding_detail::decodeUnsigned(d, std::numeric_limits<I>::max()));
+    } else {
+      return static_cast<I>(
+          coding_detail::decodeInteger(d, std::numeric_limits<I>::min(), std::numeric_limits<I>::max()));
+    }
   }
 };
 

@@ -4,9 +4,11 @@
 //
 // Binary is the default output. Dates are property-list dates, byte buffers are data,
 // integers and reals stay apart, null is written as the text "$null" (and read back as null
-// by the decoders). Reading is bounded: nesting deeper than kMaxPropertyListDepth, cycles,
-// references out of range and counts larger than the input are errors, and shared objects
-// may not expand the tree beyond a small multiple of the input size.
+// by the decoders). Integers above INT64_MAX are written as the platform writes them (16
+// bytes in binary, decimal text in XML) and read back as such. Reading is bounded: nesting
+// deeper than kMaxPropertyListDepth, cycles, references out of range and counts larger than
+// the input are errors, and shared objects may not make the tree much larger than the input;
+// every property list this writer makes is within those bounds.
 //
 // Thread safety: all functions are reentrant; encoder and decoder objects may be shared
 // between threads as long as nobody changes their settings meanwhile.

@@ -2,6 +2,10 @@
 // exactly what a property list can hold (booleans, integers and reals kept apart, strings,
 // byte buffers, dates, arrays, dictionaries) plus null, which JSON needs.
 //
+// Integers are signed 64-bit values, except those above INT64_MAX, which only an unsigned
+// 64-bit source can give: they are `unsignedInteger`, so that every unsigned value survives.
+// An unsigned value within the signed range is an ordinary `integer`.
+//
 // Dictionaries keep their keys in insertion order, so that what a type writes first comes
 // first in the output. Arrays and dictionaries live on the heap: moving a Value, or growing
 // the container that holds it, never moves the elements themselves.
@@ -38,7 +42,19 @@ struct Uid {
 
 class Value {
  public:
-  enum class Type : std::uint8_t { null, boolean, integer, real, string, data, date, uid, array, dictionary };
+  enum class Type : std::uint8_t {
+    null,
+    boolean,
+    integer,
+    unsignedInteger,  // above INT64_MAX only
+    real,
+    string,
+    data,
+    date,
+    uid,
+    array,
+    dictionary
+  };
   using Array = std::vector<Value>;
   using Dictionary = std::vector<std::pair<std::string, Value>>;
 
@@ -46,7 +62,15 @@ class Value {
   Value(std::nullptr_t) noexcept {}  // NOLINT: implicit by design
   Value(bool b) noexcept : v_(b) {}  // NOLINT
   template <class I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>, int> = 0>
-  Value(I i) noexcept : v_(static_cast<std::int64_t>(i)) {}                // NOLINT
+  Value(I i) noexcept {  // NOLINT
+    if constexpr (std::is_unsigned_v<I> && sizeof(I) >= sizeof(std::int64_t)) {
+      if (i > static_cast<I>(INT64_MAX)) {
+        v_ = static_cast<std::uint64_t>(i);
+        return;
+      }
+    }
+    v_ = static_cast<std::int64_t>(i);
+  }
   Value(double d) noexcept : v_(d) {}                                      // NOLINT
   Value(std::string s) noexcept : v_(std::move(s)) {}                      // NOLINT
   Value(std::string_view s) : v_(std::string(s)) {}                        // NOLINT
@@ -69,6 +93,8 @@ class Value {
   // Each returns nothing when the value holds another type (no conversions).
   [[nodiscard]] const bool* ifBoolean() const noexcept { return std::get_if<bool>(&v_); }
   [[nodiscard]] const std::int64_t* ifInteger() const noexcept { return std::get_if<std::int64_t>(&v_); }
+  // An integer above INT64_MAX.
+  [[nodiscard]] const std::uint64_t* ifUnsignedInteger() const noexcept { return std::get_if<std::uint64_t>(&v_); }
   [[nodiscard]] const double* ifReal() const noexcept { return std::get_if<double>(&v_); }
   [[nodiscard]] const std::string* ifString() const noexcept { return std::get_if<std::string>(&v_); }
   [[nodiscard]] const Data* ifData() const noexcept { return std::get_if<Data>(&v_); }
@@ -100,8 +126,8 @@ class Value {
   friend bool operator==(const Value& a, const Value& b);
 
  private:
-  std::variant<std::monostate, bool, std::int64_t, double, std::string, Data, Date, Uid, std::unique_ptr<Array>,
-               std::unique_ptr<Dictionary>>
+  std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Uid,
+               std::unique_ptr<Array>, std::unique_ptr<Dictionary>>
       v_;
 };
 

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,9 +24,12 @@ namespace kp {
 enum class UserInterfaceIdiom { unspecified = -1, phone = 0, pad = 1, tv = 2, carPlay = 3, mac = 5, vision = 6 };
 
 struct ApplicationInfo {
-  // Reverse-domain bundle identifier; it also names the application's folders, so setCurrent()
-  // stores it in canonicalIdentifier() form.
-  std::string identifier;
+  // The folder name of an application without an identifier.
+  static constexpr std::string_view kDefaultFolderName = "com.kp.app";
+
+  // Reverse-domain bundle identifier, or nothing when the host never gave one. It also names
+  // the application's folders, so setCurrent() stores it in canonicalIdentifier() form.
+  std::optional<std::string> identifier;
   std::string name;     // display name
   std::string version;  // marketing version, "5.2.0"
   std::string build;    // build number
@@ -44,17 +48,21 @@ struct ApplicationInfo {
   // Puts `info` in force, its identifier in canonical form.
   static void setCurrent(ApplicationInfo info);
   // `identifier` as the name of exactly one folder inside a base folder: "/" and NUL bytes
-  // become "_", the name is cut to 255 bytes (not inside a UTF-8 character), and what is then
-  // empty, "." or ".." becomes the default "com.kp.app". Any other identifier is kept as it is.
-  [[nodiscard]] static std::string canonicalIdentifier(std::string_view identifier);
-  // Defaults for this system, with identifier "com.kp.app".
+  // become "_" and the name is cut to 255 bytes (not inside a UTF-8 character); what is then
+  // empty, "." or ".." names no folder and is no identifier (nothing). Any other identifier is
+  // kept as it is.
+  [[nodiscard]] static std::optional<std::string> canonicalIdentifier(std::string_view identifier);
+  // Defaults for this system, without an identifier.
   [[nodiscard]] static ApplicationInfo systemDefaults();
+
+  // The name of the application's folders: the identifier, else kDefaultFolderName.
+  [[nodiscard]] std::string folderName() const;
 };
 
-// $XDG_CACHE_HOME (else ~/.cache) joined with the application identifier. Created with its
+// $XDG_CACHE_HOME (else ~/.cache) joined with the application's folder name. Created with its
 // missing parents when it does not exist; the folders made here are private to the user (0700).
 [[nodiscard]] std::filesystem::path cachesDirectory();
-// $XDG_CONFIG_HOME (else ~/.config) joined with the application identifier, created as above.
+// $XDG_CONFIG_HOME (else ~/.config) joined with the application's folder name, created as above.
 [[nodiscard]] std::filesystem::path configurationDirectory();
 // $XDG_DATA_HOME (else ~/.local/share) joined with the application identifier, created as
 // above: what the application keeps that is neither a cache nor a setting (its cookies).

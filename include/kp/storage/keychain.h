@@ -17,7 +17,11 @@
 // service that does not answer within the timeout is such a failure, and a locked keyring is
 // never unlocked (that would prompt the user). Text that the service cannot carry (keys,
 // services and groups that are not UTF-8 or contain NUL bytes) fails the same way. An
-// encoding failure is a programming error and goes to the assertion hook.
+// encoding failure is a programming error and goes to the assertion hook. A program that must
+// tell its user why a call failed uses the status forms (readData, storeString, removeItem).
+//
+// Processes that store one key at the same time leave one item: an add that finds the item
+// made meanwhile updates it instead, and of items added at the same moment all but one go.
 //
 // Thread safety: every member may be called from any thread; the service orders the calls.
 //
@@ -69,6 +73,19 @@ enum class KeychainAccess : std::int64_t {
 // The accessibility constant stored on the item ("kSecAttrAccessibleWhenUnlocked", ...).
 [[nodiscard]] std::string_view value(KeychainAccess access) noexcept;
 
+// How a keychain call ended, with the platform's numbers.
+enum class KeychainStatus : std::int32_t {
+  success = 0,
+  invalidParameter = -50,          // text the keychain cannot hold (not UTF-8, NUL bytes)
+  notAvailable = -25291,           // no keychain service answered in time
+  duplicateItem = -25299,          // the item exists
+  itemNotFound = -25300,           // no such item
+  interactionNotAllowed = -25308,  // the keychain is locked
+};
+
+// What the status means, for a user: "the keychain is locked", ...
+[[nodiscard]] std::string_view describe(KeychainStatus status) noexcept;
+
 struct KeychainAccessGroupDetail {
   KeychainAccessGroupDetail(std::string serviceName, std::string group)
       : service(std::move(serviceName)), accessGroup(std::move(group)) {}
@@ -86,7 +103,6 @@ class KeychainStorable {
   virtual void setString(const std::optional<std::string>& value, std::string_view key, KeychainAccess access,
                          const KeychainGroup& detail) = 0;
   virtual void setInt(std::int64_t value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
-  // Values above INT64_MAX cannot be encoded.
   virtual void setUInt(std::uint64_t value, std::string_view key, KeychainAccess access,
                        const KeychainGroup& detail) = 0;
   virtual void setFloat(float value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
@@ -144,7 +160,8 @@ class Keychain final : public KeychainStorable {
   // How long a call waits for the keychain service.
   static constexpr std::chrono::milliseconds kDefaultTimeout{3000};
 
-  // The application identifier (ApplicationInfo) as bundle identifier.
+  // The application identifier (ApplicationInfo) as bundle identifier, or kUnknownApplication
+  // when the application has none.
   Keychain();
   explicit Keychain(std::string bundleIdentifier, std::chrono::milliseconds timeout = kDefaultTimeout);
   // Items in `items` instead of the system's keychain.
@@ -174,12 +191,20 @@ class Keychain final : public KeychainStorable {
 
   void remove(std::string_view key, const KeychainGroup& detail) override;
 
+  // The same calls with the keychain's answer: the item's bytes into `out` (when given);
+  // `value` stored as setString() stores it (invalidParameter for text that is not UTF-8);
+  // the item removed (itemNotFound when there was none).
+  [[nodiscard]] KeychainStatus readData(std::string_view key, const KeychainGroup& detail, Data* out) const;
+  [[nodiscard]] KeychainStatus storeString(const std::string& value, std::string_view key, KeychainAccess access,
+                                           const KeychainGroup& detail);
+  [[nodiscard]] KeychainStatus removeItem(std::string_view key, const KeychainGroup& detail);
+
  private:
   template <class T>
   void setWrapped(const T& value, std::string_view key, KeychainAccess access, const KeychainGroup& detail);
   template <class T>
   [[nodiscard]] std::optional<T> wrapped(std::string_view key, const KeychainGroup& detail) const;
-  void store(const Data& data, std::string_view key, KeychainAccess access, const KeychainGroup& detail);
+  KeychainStatus store(const Data& data, std::string_view key, KeychainAccess access, const KeychainGroup& detail);
 
   std::string bundleIdentifier_;
   std::shared_ptr<platform::KeychainItems> items_;

@@ -2,13 +2,13 @@
 //
 //   propertyListValue(any): the property-list tree of a value, for stores that persist. It
 //     accepts text (std::string, std::string_view, C strings; UTF-8 only), booleans, every
-//     integer type (unsigned values up to INT64_MAX), float and double, kp::Data, kp::Date,
-//     kp::Url (kept as its text), kp::Value trees, and lists and string-keyed maps of those
-//     (std::vector<std::any>, std::vector<std::string>, std::map<std::string, std::any>, ...).
+//     integer type, float and double, kp::Data, kp::Date, kp::Url (kept as its text),
+//     kp::Value trees, and lists and string-keyed maps of those (std::vector<std::any>,
+//     std::vector<std::string>, std::map<std::string, std::any>, ...).
 //     Anything else, null inside a tree, and text that is not UTF-8 give nothing.
 //   anyFromPropertyListValue(tree): the value a caller gets back: text as std::string,
-//     integers as std::int64_t, reals as double, bool, kp::Data, kp::Date; lists and
-//     dictionaries stay kp::Value trees.
+//     integers as std::int64_t (those above INT64_MAX as std::uint64_t), reals as double,
+//     bool, kp::Data, kp::Date; lists and dictionaries stay kp::Value trees.
 //   storedValueAs<T>(any): a stored value as T, or nothing: the value itself when it holds
 //     exactly a T, else its property-list form decoded as T with the coding layer's strict
 //     rules (an integer reads as any integer type it fits, a real as float or double, a list

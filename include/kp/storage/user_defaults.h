@@ -1,6 +1,7 @@
 // kp::UserDefaults: the user-defaults store, suites of keyed property-list values kept in one
-// binary property-list file per suite, $XDG_CONFIG_HOME (else ~/.config) / application
-// identifier / <suite>.plist. The standard suite is named after the application identifier.
+// binary property-list file per suite, $XDG_CONFIG_HOME (else ~/.config) / the application's
+// folder name / <suite>.plist. The standard suite is named after the application identifier
+// ("com.kp.app" when the application has none).
 //
 // Reads answer from memory. Writes change memory at once and reach the disk a moment later,
 // coalesced, through a temporary file that is flushed and renamed over the suite file, so a
@@ -25,6 +26,8 @@
 // suite starts empty. A file that cannot be read at the moment (out of file descriptors,
 // permission denied) stays where it is: the suite starts empty in memory and reads it again
 // later and before each write; until then no write replaces it, and synchronize() says false.
+// fileStatus() tells what happened, for a program that shows it to its user. A suite file that
+// is a symbolic link stays one: writes replace the file it leads to.
 //
 // Thread safety: every member may be called from any thread.
 //
@@ -66,6 +69,18 @@ namespace storage_detail {
 class SuiteStore;
 }  // namespace storage_detail
 
+// What went wrong with a suite's file lately.
+struct SuiteFileStatus {
+  // Why the file could not be read the last time it was tried ("cannot open PATH: Permission
+  // denied"); it is read again later and before every write. Nothing once it was read.
+  std::optional<std::string> readError;
+  // Why the last write failed; the changes stay pending. Nothing once a write succeeded.
+  std::optional<std::string> writeError;
+  // The damaged files this process set aside, each with its reason and where it went (the
+  // latest 16), oldest first.
+  std::vector<std::string> setAside;
+};
+
 // A key given by its textual description (a number, a type with description(), ...).
 template <class K>
 concept TextConvertibleKey = DescribableKey<K> && !std::convertible_to<const K&, std::string_view>;
@@ -78,7 +93,7 @@ class UserDefaults final : public tarvix::KeyedStorageService,
   template <StorageKey Key>
   class Container;
 
-  // The suite named after the application identifier; made on first use and kept for the
+  // The suite named after the application's folder name; made on first use and kept for the
   // life of the process.
   [[nodiscard]] static const std::shared_ptr<UserDefaults>& standard();
   // The suite `suiteName`, sharing its values with every other UserDefaults of that suite in
@@ -145,6 +160,8 @@ class UserDefaults final : public tarvix::KeyedStorageService,
   bool synchronize() override;
   // How many times this process has written the suite file.
   [[nodiscard]] std::uint64_t fileWriteCount() const noexcept;
+  // What went wrong with the suite file in this process (waits for file work under way).
+  [[nodiscard]] SuiteFileStatus fileStatus() const;
 
   // Keys given by their textual description.
   template <TextConvertibleKey K>

@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -222,16 +224,19 @@ class SecretServiceItems final : public KeychainItems {
     SecretValuePtr value = secretValue(data);
     Table table = toTable(attributes);
     const std::string label = attribute(attributes, attr::kAccount).value_or("");
+    // Replacing an item with exactly these attributes makes adds of the same item that race
+    // ours (each found nothing before) end as one item, inside the service.
     Ref<GAsyncResult> result = call.run([&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
-      secret_item_create(collection.get(), schema(), table.get(), label.c_str(), value.get(), SECRET_ITEM_CREATE_NONE,
-                         cancel, done, userData);
+      secret_item_create(collection.get(), schema(), table.get(), label.c_str(), value.get(),
+                         SECRET_ITEM_CREATE_REPLACE, cancel, done, userData);
     });
     if (!result) return KeychainStatus::notAvailable;
     GError* raw = nullptr;
     Ref<SecretItem> item(secret_item_create_finish(result.get(), &raw));
     ErrorPtr error(raw);
     forgetClosedConnection(error.get());
-    return item ? KeychainStatus::success : KeychainStatus::notAvailable;
+    if (!item) return KeychainStatus::notAvailable;
+    return keepOne(call, service.get(), identity, item.get());
   }
 
   KeychainStatus update(const KeychainAttributes& query, std::span<const std::uint8_t> data,
@@ -327,6 +332,40 @@ class SecretServiceItems final : public KeychainItems {
     if (found->empty()) return KeychainStatus::itemNotFound;
     items = std::move(*found);
     return std::nullopt;
+  }
+
+  // Racing adds that differ in other attributes (the accessibility) each made an item of the
+  // same identity. Every adder keeps the same one, the oldest (then by object path), and
+  // deletes the others; an adder whose item went answers duplicateItem, so that its value
+  // reaches the kept item as an update.
+  static KeychainStatus keepOne(Call& call, SecretService* service, const KeychainAttributes& identity,
+                                SecretItem* ours) {
+    std::optional<std::vector<Found>> same = search(call, service, identity, false);
+    if (!same) return KeychainStatus::success;  // ours is there; the next add of the key tidies up
+    std::erase_if(*same, [&](const Found& f) { return !sameIdentity(f.attributes, identity); });
+    if (same->size() < 2) return KeychainStatus::success;
+    auto order = [](const Found& f) {
+      return std::make_pair(secret_item_get_created(f.item.get()), std::string(pathOf(f.item.get())));
+    };
+    const Found& kept = *std::min_element(same->begin(), same->end(),
+                                          [&](const Found& a, const Found& b) { return order(a) < order(b); });
+    const std::string keptPath(pathOf(kept.item.get()));
+    for (Found& found : *same) {
+      if (found.locked || pathOf(found.item.get()) == keptPath) continue;
+      SecretItem* item = found.item.get();
+      (void)onItem(
+          call, item,
+          [&](GCancellable* cancel, GAsyncReadyCallback done, gpointer userData) {
+            secret_item_delete(item, cancel, done, userData);
+          },
+          secret_item_delete_finish);
+    }
+    return keptPath == pathOf(ours) ? KeychainStatus::success : KeychainStatus::duplicateItem;
+  }
+
+  static std::string_view pathOf(SecretItem* item) {
+    const char* path = g_dbus_proxy_get_object_path(G_DBUS_PROXY(item));
+    return path ? path : "";
   }
 
   // Runs one operation on `item` and tells whether it succeeded.
