@@ -3,15 +3,12 @@
 #include <boost/json.hpp>
 #include <cmath>
 
+#include "coding/json_access.h"
 #include "kp/platform/base64.h"
 
 namespace kp {
 
 namespace json = boost::json;
-
-struct JsonValue::Document {
-  json::value root;
-};
 
 namespace {
 
@@ -194,10 +191,6 @@ std::optional<JsonValue> JsonValue::parse(std::string_view text, ErrorPtr* error
   return JsonValue(std::move(doc), root);
 }
 
-std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error) {
-  return JsonValue::parse(data.view(), error);
-}
-
 JsonValue::Type JsonValue::type() const noexcept {
   if (!node_) return Type::null;
   switch (node(node_).kind()) {
@@ -294,6 +287,13 @@ std::vector<std::pair<std::string_view, JsonValue>> JsonValue::members() const {
 }
 
 std::string JsonValue::serialize() const { return node_ ? json::serialize(node(node_)) : "null"; }
+
+std::string JsonValue::prettySerialize() const {
+  if (!node_) return "null";
+  std::string out;
+  prettyPrint(out, node(node_), 0);
+  return out;
+}
 
 Value JsonValue::toValue() const { return node_ ? toValueTree(node(node_)) : Value(); }
 
