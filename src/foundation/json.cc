@@ -50,10 +50,47 @@ const json::value* atKeyPath(const json::value* node, std::string_view path) noe
   }
 }
 
+// A reference token of a JSON Pointer with "~1" and "~0" undone; nothing for another "~".
+std::optional<std::string> unescapedToken(std::string_view token) {
+  std::string out;
+  out.reserve(token.size());
+  for (std::size_t i = 0; i < token.size(); ++i) {
+    if (token[i] != '~') {
+      out.push_back(token[i]);
+    } else if (i + 1 < token.size() && (token[i + 1] == '0' || token[i + 1] == '1')) {
+      out.push_back(token[++i] == '0' ? '~' : '/');
+    } else {
+      return std::nullopt;
+    }
+  }
+  return out;
+}
+
+// RFC 6901, walked here rather than by Boost.JSON 1.81's find_pointer, which takes an empty
+// token for index 0 of an array. Array indexes follow the same rule as in key paths ("-",
+// the place after the last element, names nothing to read).
 const json::value* atPointer(const json::value* node, std::string_view pointer) noexcept {
-  if (!node) return nullptr;
-  boost::system::error_code ec;
-  return node->find_pointer(json::string_view(pointer.data(), pointer.size()), ec);
+  if (!node || pointer.empty()) return node;
+  if (pointer.front() != '/') return nullptr;
+  try {
+    std::size_t start = 1;
+    while (node) {
+      const std::size_t slash = pointer.find('/', start);
+      const std::string_view token =
+          pointer.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+      if (token.find('~') == std::string_view::npos) {
+        node = child(*node, token);
+      } else {
+        const auto key = unescapedToken(token);
+        node = key ? child(*node, *key) : nullptr;
+      }
+      if (slash == std::string_view::npos) return node;
+      start = slash + 1;
+    }
+    return nullptr;
+  } catch (const std::exception&) {
+    return nullptr;  // a token too large to copy
+  }
 }
 
 std::optional<std::int64_t> asInt64(const json::value& v) noexcept {

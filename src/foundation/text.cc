@@ -82,10 +82,12 @@ icu::BreakIterator* characterBreakIterator() {
   return iterator.get();
 }
 
-// The ends of the characters of a text that ICU can index, one after another.
+// The ends of the characters of a text that ICU can index, one after another. One at a time
+// per thread: they share the thread's iterator.
 class CharacterEnds {
  public:
-  explicit CharacterEnds(std::string_view text) : text_(text), iterator_(characterBreakIterator()) {
+  explicit CharacterEnds(std::string_view text)
+      : text_(text), iterator_(text.empty() ? nullptr : characterBreakIterator()) {
     if (!iterator_) return;
     UErrorCode status = U_ZERO_ERROR;
     utext_openUTF8(&utext_, text.data(), static_cast<std::int64_t>(text.size()), &status);

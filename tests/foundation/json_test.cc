@@ -78,7 +78,7 @@ TEST(JsonHelpers, KeyPathsAndPointersReachTheSameValues) {
     EXPECT_EQ(kp::jsonValueAtKeyPath<JsonValue>(doc, path), std::nullopt) << path;
   }
   for (const char* pointer :
-       {"current", "/days/2", "/days/-", "/days/01", "/days/~", "/a.b/c~2d", "~1", "/days/1/high/"}) {
+       {"current", "/days/2", "/days/-", "/days/01", "/days/~", "/a.b/c~2d", "~1", "/days/1/high/", "/days//high"}) {
     EXPECT_EQ(kp::jsonValueAtPointer<JsonValue>(doc, pointer), std::nullopt) << pointer;
   }
 }

@@ -5,7 +5,8 @@
 // Key paths are keys joined by dots, "current.temperature"; a component of decimal digits
 // indexes an array ("days.0.high") and is an ordinary key in an object. An empty path is the
 // value itself. Keys that contain a dot need a JSON Pointer (RFC 6901): "/days/0/high",
-// with "~1" for "/" and "~0" for "~" inside a key; "" is the value itself.
+// with "~1" for "/" and "~0" for "~" inside a key; "" is the value itself. In both, an array
+// index is "0" or digits without a leading zero.
 //
 // Typed reads convert as JsonValue's own accessors do: `std::int64_t` takes integers and reals
 // with an integral value that fits, `int` those that fit an int, `double` any number,
