@@ -244,37 +244,68 @@ class ArgumentScanner {
     return at_ == text_.size();
   }
   // [+-]? (digits [. digits] | . digits) ([eE] [+-]? digits)? %?
+  //
+  // Read in one pass. A number of at most 15 significant digits whose power of ten lies within
+  // 10^±22 (every number a colour text needs) is the exact double of its digits multiplied or
+  // divided by an exact power of ten, which rounds once, as from_chars would; anything else
+  // goes to from_chars.
   std::optional<Number> number() noexcept {
+    static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                         1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
     skipSpaces();
+    const std::size_t n = text_.size();
+    const std::size_t start = at_;
     std::size_t i = at_;
-    const auto digitsFrom = [&](std::size_t from) {
-      std::size_t to = from;
-      while (to < text_.size() && isDigit(text_[to])) ++to;
-      return to;
-    };
-    if (i < text_.size() && (text_[i] == '+' || text_[i] == '-')) ++i;
+    const bool negative = i < n && text_[i] == '-';
+    if (i < n && (text_[i] == '+' || text_[i] == '-')) ++i;
     const std::size_t mantissa = i;  // from_chars takes no "+", so it starts here or at the "-"
-    std::size_t end = digitsFrom(i);
-    bool any = end > i;
-    if (end < text_.size() && text_[end] == '.') {
-      const std::size_t fraction = digitsFrom(end + 1);
-      if (fraction == end + 1) return std::nullopt;  // a point needs digits after it
-      end = fraction;
+    std::uint64_t digits = 0;
+    int significant = 0;
+    int scale = 0;
+    const auto take = [&](bool fraction) {
+      const std::size_t from = i;
+      for (; i < n && isDigit(text_[i]); ++i) {
+        significant += digits != 0 || text_[i] != '0';
+        if (significant <= 15) {
+          digits = digits * 10 + static_cast<std::uint64_t>(text_[i] - '0');
+          scale -= fraction;
+        } else {
+          scale += !fraction;  // a digit past the fifteenth; from_chars will read this one
+        }
+      }
+      return i > from;
+    };
+    bool any = take(false);
+    if (i < n && text_[i] == '.') {
+      ++i;
+      if (!take(true)) return std::nullopt;  // a point needs digits after it
       any = true;
     }
     if (!any) return std::nullopt;
-    if (end < text_.size() && (text_[end] == 'e' || text_[end] == 'E')) {
-      std::size_t e = end + 1;
-      if (e < text_.size() && (text_[e] == '+' || text_[e] == '-')) ++e;
-      const std::size_t exponent = digitsFrom(e);
-      if (exponent > e) end = exponent;
+    if (i < n && (text_[i] == 'e' || text_[i] == 'E')) {
+      std::size_t e = i + 1;
+      const bool negativeExponent = e < n && text_[e] == '-';
+      if (e < n && (text_[e] == '+' || text_[e] == '-')) ++e;
+      int exponent = 0;
+      std::size_t d = e;
+      for (; d < n && isDigit(text_[d]); ++d) exponent = std::min(exponent * 10 + (text_[d] - '0'), 10000);
+      if (d > e) {  // an "e" without digits is not part of the number
+        i = d;
+        scale += negativeExponent ? -exponent : exponent;
+      }
     }
     double value = 0;
-    const char* first = text_.data() + (text_[at_] == '-' ? at_ : mantissa);
-    const auto [stop, error] = std::from_chars(first, text_.data() + end, value);
-    if (error != std::errc() || stop != text_.data() + end) return std::nullopt;
-    at_ = end;
-    const bool percent = at_ < text_.size() && text_[at_] == '%';
+    if (significant <= 15 && scale >= -22 && scale <= 22) {
+      value = static_cast<double>(digits);
+      value = scale < 0 ? value / kPowers[-scale] : value * kPowers[scale];
+      if (negative) value = -value;
+    } else {
+      const char* first = text_.data() + (negative ? start : mantissa);
+      const auto [stop, error] = std::from_chars(first, text_.data() + i, value);
+      if (error != std::errc() || stop != text_.data() + i) return std::nullopt;
+    }
+    at_ = i;
+    const bool percent = at_ < n && text_[at_] == '%';
     if (percent) ++at_;
     return Number{value, percent};
   }
@@ -284,8 +315,11 @@ class ArgumentScanner {
   std::size_t at_ = 0;
 };
 
+// Rounds half up; exact, as the fraction of a number below 2^52 is.
 std::uint8_t toByte(double scaled) noexcept {
-  return static_cast<std::uint8_t>(std::lround(std::clamp(scaled, 0.0, 255.0)));
+  const double clamped = std::clamp(scaled, 0.0, 255.0);
+  const int whole = static_cast<int>(clamped);
+  return static_cast<std::uint8_t>(whole + (clamped - whole >= 0.5));
 }
 std::uint8_t channelByte(const Number& n) noexcept { return toByte(n.percent ? n.value * 255.0 / 100.0 : n.value); }
 std::uint8_t alphaByte(const Number& n) noexcept { return toByte((n.percent ? n.value / 100.0 : n.value) * 255.0); }

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <random>
 #include <string>
 
@@ -54,6 +57,23 @@ TEST(ColorText, NearMissesReadAsNothing) {
   }
   EXPECT_EQ(Color::parse(std::string(1 << 20, 'a')), std::nullopt);
   EXPECT_EQ(Color::parse("rgb(" + std::string(1 << 20, '1') + ",0,0)"), std::nullopt);
+}
+
+TEST(ColorText, ChannelNumbersRoundAsTheirExactDecimalValue) {
+  // Decimals near the rounding points, in every spelling the reader takes a shortcut for.
+  std::mt19937 random(3);
+  for (int i = 0; i < 20000; ++i) {
+    const int whole = static_cast<int>(random() % 256);
+    const std::string fraction = std::to_string(random() % 100000);
+    const int exponent = static_cast<int>(random() % 5) - 2;
+    const std::string mantissa = std::to_string(whole) + "." + fraction;
+    const std::string text = mantissa + (exponent != 0 ? "e" + std::to_string(exponent) : "");
+    double exact = 0;
+    std::from_chars(text.data(), text.data() + text.size(), exact);
+    const double clamped = std::min(exact, 255.0);
+    const auto expected = static_cast<std::uint8_t>(std::floor(clamped) + (clamped - std::floor(clamped) >= 0.5));
+    ASSERT_EQ(Color::parse("rgb(" + text + " 0 0)")->red, expected) << text;
+  }
 }
 
 TEST(ColorText, HexTextReadsBackAsTheSameColour) {

@@ -27,6 +27,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "kp/coding/json.h"
 #include "kp/platform/data.h"
@@ -56,25 +57,35 @@ concept JsonReadable =
     std::same_as<T, bool> || std::same_as<T, int> || std::same_as<T, std::int64_t> || std::same_as<T, double> ||
     std::same_as<T, std::string_view> || std::same_as<T, std::string> || std::same_as<T, JsonValue>;
 
+namespace detail {
+enum class JsonLocation : std::uint8_t { keyPath, pointer };
+// Each stores the value found at `where` in `out` and says whether there was one of the type.
+// Out of line behind an out-parameter: returning an optional from a library function costs a
+// stalled store-to-load round trip on the way back.
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, bool& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, int& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::int64_t& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, double& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::string_view& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::string& out) noexcept;
+bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, JsonValue& out) noexcept;
+}  // namespace detail
+
 // The value at `keyPath` below `root` as a T, or nothing.
 template <JsonReadable T>
-[[nodiscard]] std::optional<T> jsonValueAtKeyPath(const JsonValue& root, std::string_view keyPath) noexcept;
+[[nodiscard]] std::optional<T> jsonValueAtKeyPath(const JsonValue& root, std::string_view keyPath) noexcept {
+  T out{};
+  if (!detail::readJson(root, keyPath, detail::JsonLocation::keyPath, out)) return std::nullopt;
+  return std::optional<T>(std::move(out));
+}
 // The value at the JSON Pointer `pointer` below `root` as a T, or nothing (also for a pointer
 // that is not well-formed).
 template <JsonReadable T>
-[[nodiscard]] std::optional<T> jsonValueAtPointer(const JsonValue& root, std::string_view pointer) noexcept;
-
-#define KP_JSON_READ_DECLARE(T)                                                                        \
-  extern template std::optional<T> jsonValueAtKeyPath<T>(const JsonValue&, std::string_view) noexcept; \
-  extern template std::optional<T> jsonValueAtPointer<T>(const JsonValue&, std::string_view) noexcept;
-KP_JSON_READ_DECLARE(bool)
-KP_JSON_READ_DECLARE(int)
-KP_JSON_READ_DECLARE(std::int64_t)
-KP_JSON_READ_DECLARE(double)
-KP_JSON_READ_DECLARE(std::string_view)
-KP_JSON_READ_DECLARE(std::string)
-KP_JSON_READ_DECLARE(JsonValue)
-#undef KP_JSON_READ_DECLARE
+[[nodiscard]] std::optional<T> jsonValueAtPointer(const JsonValue& root, std::string_view pointer) noexcept {
+  T out{};
+  if (!detail::readJson(root, pointer, detail::JsonLocation::pointer, out)) return std::nullopt;
+  return std::optional<T>(std::move(out));
+}
 
 // ---- The conventional names of the data and text categories ------------------------------
 

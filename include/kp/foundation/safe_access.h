@@ -42,6 +42,15 @@ template <class R>
 concept ElementSequence = std::ranges::random_access_range<R> && std::ranges::sized_range<R> &&
     std::is_lvalue_reference_v<std::ranges::range_reference_t<R>>;
 
+template <class P>
+constexpr void assumeNotNull(P pointer) noexcept {
+#if defined(__GNUC__) || defined(__clang__)
+  if (pointer == nullptr) __builtin_unreachable();
+#else
+  (void)pointer;
+#endif
+}
+
 template <class M, class K>
 concept FindsKey = requires(M& map, const K& key) {
   map.find(key);
@@ -54,8 +63,15 @@ template <class Seq, std::integral I>
 requires detail::ElementSequence<Seq&>
 [[nodiscard]] constexpr auto elementAt(Seq& sequence, I index) noexcept {
   using Pointer = std::add_pointer_t<std::ranges::range_reference_t<Seq&>>;
-  if (!detail::indexInRange(index, std::ranges::size(sequence))) return Pointer(nullptr);
-  return std::addressof(std::ranges::begin(sequence)[static_cast<std::ranges::range_difference_t<Seq&>>(index)]);
+  if (!detail::indexInRange(index, std::ranges::size(sequence))) [[unlikely]] {
+    return Pointer(nullptr);
+  }
+  Pointer element =
+      std::addressof(std::ranges::begin(sequence)[static_cast<std::ranges::range_difference_t<Seq&>>(index)]);
+  // An element's address is never null; saying so lets the caller's null test fold into the
+  // bounds check, so that the access costs what at() costs.
+  detail::assumeNotNull(element);
+  return element;
 }
 
 // The first element, or null for an empty range.
