@@ -27,6 +27,7 @@
 //   kp::runOnce("com.example.migration", [] { migrate(); });
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string_view>
@@ -39,7 +40,12 @@ namespace kp {
 void runOnMainThread(Work work);
 void runInBackground(Work work);
 
-// A once-token held by its user, usually a member or a function-local static.
+// A once-token held by its user, usually a member or a function-local static. A block that
+// runs the same token again from inside itself deadlocks.
+//
+// Not std::call_once: a block that throws leaves a once_flag unusable with some C libraries
+// and under ThreadSanitizer (the next caller waits for ever), and a failed block must let the
+// next caller try again. Callers that come while the block runs wait on the lock it runs under.
 class Once {
  public:
   Once() = default;
@@ -48,11 +54,16 @@ class Once {
 
   template <class F>
   void run(F&& block) {
-    std::call_once(flag_, std::forward<F>(block));
+    if (done_.load(std::memory_order_acquire)) return;
+    std::lock_guard lock(mutex_);
+    if (done_.load(std::memory_order_relaxed)) return;
+    std::invoke(std::forward<F>(block));
+    done_.store(true, std::memory_order_release);
   }
 
  private:
-  std::once_flag flag_;
+  std::atomic<bool> done_{false};
+  std::mutex mutex_;
 };
 
 // Runs `block` the first time `token` is used in this process. Tokens are compared as text;
