@@ -7,6 +7,7 @@
 
 #include "kp/coding/json.h"
 #include "kp/coding/property_list.h"
+#include "kp/foundation/json.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/foundation/json.h"
 #include "kp/platform/base64.h"
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <iostream>
 
-#include "kp/platform/dispatch.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/version.h"
 
 int main() {

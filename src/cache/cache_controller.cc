@@ -17,6 +17,7 @@
 #include "kp/coding/archivable_image.h"
 #include "kp/container/core_services.h"
 #include "kp/container/dependency.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"

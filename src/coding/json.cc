@@ -7,15 +7,12 @@
 #include <string_view>
 #include <utility>
 
+#include "coding/json_access.h"
 #include "kp/platform/base64.h"
 
 namespace kp {
 
 namespace json = boost::json;
-
-struct JsonValue::Document {
-  json::value root;
-};
 
 namespace {
 
@@ -267,10 +264,6 @@ std::optional<JsonValue> JsonValue::parse(std::string_view text, ErrorPtr* error
   return JsonValue(std::move(doc), root);
 }
 
-std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error) {
-  return JsonValue::parse(data.view(), error);
-}
-
 JsonValue::Type JsonValue::type() const noexcept {
   if (!node_) return Type::null;
   switch (node(node_).kind()) {
@@ -370,6 +363,13 @@ std::string JsonValue::serialize() const {
   if (!node_) return "null";
   std::string out;
   appendJson(out, node(node_), -1);
+  return out;
+}
+
+std::string JsonValue::prettySerialize() const {
+  if (!node_) return "null";
+  std::string out;
+  prettyPrint(out, node(node_), 0);
   return out;
 }
 

@@ -18,7 +18,6 @@
 #include <deque>
 #include <future>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "kp/platform/task_local.h"
@@ -120,26 +119,6 @@ bool isMainThread() noexcept {
   const auto main = gMainThread.load(std::memory_order_acquire);
   if (main == std::thread::id()) return platform::Env::current().isProcessInitialThread();
   return main == std::this_thread::get_id();
-}
-
-void runOnMainThread(Work work) {
-  if (isMainThread()) {
-    work();
-  } else {
-    MainQueue::shared()->async(std::move(work));
-  }
-}
-
-void runInBackground(Work work) { globalQueue()->async(std::move(work)); }
-
-void runOnce(std::string_view token, const std::function<void()>& block) {
-  static std::mutex mutex;
-  static internal::NoDestructor<std::set<std::string, std::less<>>> seen;
-  {
-    std::lock_guard lock(mutex);
-    if (!seen->emplace(token).second) return;
-  }
-  block();
 }
 
 // ---- MainQueue --------------------------------------------------------------------------

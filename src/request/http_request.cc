@@ -60,7 +60,7 @@ Url BasicHttpRequest::completeUrl() const {
 }
 
 const std::shared_ptr<RequestExecutor>& BasicHttpRequest::executor() {
-  std::call_once(executorOnce_, [this] {
+  executorOnce_.run([this] {
     executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this()));
   });
   return executor_;

@@ -3,7 +3,7 @@
 #include "kp/request/request_executor.h"
 
 #include "kp/cache/cache_controller.h"
-#include "kp/platform/dispatch.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/request/request_errors.h"
 
 namespace kp {
@@ -101,7 +101,7 @@ void RequestTicket::setFailedWithError(ErrorPtr error) {
 // MARK: - Executor
 
 const std::shared_ptr<RequestTicket>& RequestExecutor::ticket() {
-  std::call_once(ticketOnce_, [this] { ticket_ = std::make_shared<RequestTicket>(weak_from_this()); });
+  ticketOnce_.run([this] { ticket_ = std::make_shared<RequestTicket>(weak_from_this()); });
   return ticket_;
 }
 

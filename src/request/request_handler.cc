@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "kp/foundation/dispatch.h"
 #include "kp/request/request_errors.h"
 #include "kp/request/url_request_factory.h"
 

@@ -1,5 +1,6 @@
 // The payloads of the data, JSON, string and image kinds: made from the body, and kept in the
 // cache and in archives.
+#include "kp/foundation/json.h"
 #include "kp/request/data_request.h"
 #include "kp/request/image_request.h"
 #include "kp/request/json_request.h"

@@ -1,9 +1,8 @@
-// The payload cipher over OpenSSL EVP, hand-written Base64 and percent-encoding, SHA-1.
+// The payload cipher over OpenSSL EVP, the query-value encoding, SHA-1.
 #include "kp/service/encryption.h"
 
 #include <openssl/evp.h>
 
-#include <array>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -11,9 +10,9 @@
 #include <limits>
 #include <memory>
 
+#include "kp/foundation/text.h"
 #include "kp/logging/tarvix_logger.h"
 #include "platform/openssl_lifetime.h"
-#include "platform/utf8.h"
 #include "service/cipher.h"
 
 namespace kp {
@@ -107,45 +106,8 @@ std::optional<Data> crypt(bool encrypt, std::span<const std::uint8_t> bytes, std
 
 // ---- Percent-encoding -----------------------------------------------------------------------
 
-// The reserved set as one literal; "%" appears twice in it.
-constexpr char kQueryReserved[] = "{}!*'\"();:@&=+$,/?%#[]%<> ";
-static_assert(sizeof(kQueryReserved) - 1 == 26);
-
-constexpr std::array<bool, 256> makeReservedTable() {
-  std::array<bool, 256> table{};
-  for (std::size_t i = 0; i + 1 < sizeof(kQueryReserved); ++i)
-    table[static_cast<unsigned char>(kQueryReserved[i])] = true;
-  return table;
-}
-constexpr auto kReserved = makeReservedTable();
-constexpr char kUpperHex[] = "0123456789ABCDEF";
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// Removes percent escapes; nothing for a malformed escape or a result that is not UTF-8.
-std::optional<std::string> removingPercentEncoding(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out.push_back(text[i]);
-      continue;
-    }
-    if (i + 2 >= text.size()) return std::nullopt;
-    const int hi = hexValue(text[i + 1]);
-    const int lo = hexValue(text[i + 2]);
-    if (hi < 0 || lo < 0) return std::nullopt;
-    out.push_back(static_cast<char>(hi * 16 + lo));
-    i += 2;
-  }
-  if (!internal::isValidUtf8(out)) return std::nullopt;
-  return out;
-}
+// The query-value encoding leaves every byte alone but these; "%" appears twice in the list.
+constexpr ByteSet kQueryValueAllowed = ~ByteSet("{}!*'\"();:@&=+$,/?%#[]%<> ");
 
 // A top-level JSON object or array (no bare scalars), or nothing.
 std::optional<JsonValue> parseJsonContainer(std::string_view text) {
@@ -207,15 +169,7 @@ std::optional<std::string> aes256EncryptString(std::string_view text, std::strin
 }
 
 void appendUrlEncodedQueryParameter(std::string& out, std::string_view text) {
-  for (char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (kReserved[c]) {
-      const char escape[3] = {'%', kUpperHex[c >> 4], kUpperHex[c & 15]};
-      out.append(escape, 3);
-    } else {
-      out.push_back(ch);
-    }
-  }
+  appendPercentEncoded(out, text, kQueryValueAllowed);
 }
 
 std::string urlEncodeQueryParameter(std::string_view text) {

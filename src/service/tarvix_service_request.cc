@@ -3,6 +3,7 @@
 
 #include <cmath>
 
+#include "kp/foundation/json.h"
 #include "kp/request/decodable_data_request.h"
 #include "kp/request/request_errors.h"
 #include "kp/service/encryption.h"

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "kp/coding/property_list.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/logging/tarvix_logger.h"
 #include "kp/storage/keyed_storage_container.h"
 #include "kp/storage/stored_value.h"
@@ -65,8 +66,8 @@ SuiteFileStatus SuiteStore::status() const {
 std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
   // Changes made just before the process ends are written on the way out, as the platform's
   // store does; the registry and the stores outlive every static destructor.
-  static std::once_flag exitHook;
-  std::call_once(exitHook, [] { std::atexit([] { SuiteStore::synchronizeAll(); }); });
+  static Once exitHook;
+  exitHook.run([] { std::atexit([] { SuiteStore::synchronizeAll(); }); });
 
   Registry& r = registry();
   std::lock_guard lock(r.mutex);

@@ -190,7 +190,7 @@ TEST(SharedHelpers, EncodingFailureGoesThroughTheAssertionHook) {
 }
 
 TEST(JsonValue, DynamicAccess) {
-  const auto v = kp::objectFromJSONData(kp::Data::fromString(R"({"a":[1,2.5,"x",null,true],"b":{"c":-3}})"));
+  const auto v = kp::JsonValue::parse(R"({"a":[1,2.5,"x",null,true],"b":{"c":-3}})");
   ASSERT_TRUE(v);
   EXPECT_EQ(v->type(), kp::JsonValue::Type::object);
   EXPECT_EQ((*v)["a"].size(), 5u);
@@ -202,8 +202,8 @@ TEST(JsonValue, DynamicAccess) {
   EXPECT_EQ((*v)["a"][4].boolValue(), true);
   EXPECT_EQ((*v)["b"]["c"].intValue(), -3);
   EXPECT_TRUE((*v)["missing"]["deeper"][7].isNull());
-  EXPECT_FALSE(kp::objectFromJSONData(kp::Data::fromString("{\"a\":")));
-  EXPECT_FALSE(kp::objectFromJSONData(kp::Data::fromString(std::string(100000, '['))));
+  EXPECT_FALSE(kp::JsonValue::parse("{\"a\":"));
+  EXPECT_FALSE(kp::JsonValue::parse(std::string(100000, '[')));
   // Untyped JSON inside a record survives a property-list round trip.
   const auto tree = kp::PropertyListDecoder().decode<kp::JsonValue>(kp::PropertyListEncoder().encode(*v));
   EXPECT_EQ(tree, *v) << tree.serialize() << " vs " << v->serialize();

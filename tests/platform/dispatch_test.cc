@@ -92,7 +92,7 @@ TEST(SerialQueue, ProgressesWhenEveryPoolThreadBlocksInSync) {
   std::atomic<int> finished{0};
   const int blockers = static_cast<int>(std::thread::hardware_concurrency()) * 2 + 2;
   for (int i = 0; i < blockers; ++i) {
-    kp::runInBackground([&] {
+    kp::globalQueue()->async([&] {
       queue->sync([&] { ran.fetch_add(1); });
       finished.fetch_add(1);
     });
@@ -167,7 +167,7 @@ TEST(MainQueue, RunForStopsAtTheDeadlineOrOnStopAndWakesTheHost) {
 
   std::atomic<int> wakeups{0};
   main->setWakeupHandler([&] { wakeups.fetch_add(1); });
-  kp::runInBackground([main] { main->async([main] { main->stop(); }); });
+  kp::globalQueue()->async([main] { main->async([main] { main->stop(); }); });
   const auto before = std::chrono::steady_clock::now();
   main->runFor(10s);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
@@ -181,24 +181,6 @@ TEST(MainQueue, RunForStopsAtTheDeadlineOrOnStopAndWakesTheHost) {
   stopper.join();
 }
 
-TEST(RunOnce, RunsOnceUnderConcurrentCallers) {
-  kp::Once once;
-  std::atomic<int> calls{0};
-  std::atomic<int> tokenCalls{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < 100; ++k) {
-        once.run([&] { calls.fetch_add(1); });
-        kp::runOnce("test.runOnce.token", [&] { tokenCalls.fetch_add(1); });
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(calls.load(), 1);
-  EXPECT_EQ(tokenCalls.load(), 1);
-}
-
 TEST(TaskLocal, ScopedBindingReachesPostedWorkOnlyFromInsideTheScope) {
   kp::TaskLocal<int> local([] { return std::make_shared<int>(0); });
   auto queue = kp::SerialQueue::make("test.tasklocal");
@@ -207,9 +189,9 @@ TEST(TaskLocal, ScopedBindingReachesPostedWorkOnlyFromInsideTheScope) {
     queue->async([&] {
       inside = *local.get();
       // Work posted from posted work inherits the binding too.
-      kp::runInBackground([&] { nested = *local.get(); });
+      kp::globalQueue()->async([&] { nested = *local.get(); });
     });
-    kp::runInBackground([&] { pool = *local.get(); });
+    kp::globalQueue()->async([&] { pool = *local.get(); });
   });
   queue->async([&] { outside = *local.get(); });
   afterScope = *local.get();

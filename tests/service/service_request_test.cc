@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "forecast_model.h"
+#include "kp/foundation/json.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/client_info_web_service.h"
 #include "kp/service/encryption.h"

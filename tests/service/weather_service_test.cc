@@ -17,6 +17,7 @@
 #include <random>
 #include <set>
 
+#include "kp/foundation/json.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"

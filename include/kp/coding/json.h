@@ -13,7 +13,7 @@
 // decoders may be shared as long as nobody changes their settings meanwhile.
 //
 // Example:
-//   std::optional<kp::JsonValue> payload = kp::objectFromJSONData(body);
+//   std::optional<kp::JsonValue> payload = kp::JsonValue::parse(body.view());
 //   if (payload) {
 //     double t = (*payload)["current"]["temperature"].doubleValue().value_or(0);
 //   }
@@ -37,6 +37,10 @@
 #include "kp/platform/error.h"
 
 namespace kp {
+
+namespace internal {
+struct JsonAccess;
+}  // namespace internal
 
 class JsonValue {
  public:
@@ -81,6 +85,8 @@ class JsonValue {
 
   // Compact JSON text.
   [[nodiscard]] std::string serialize() const;
+  // Indented JSON text: one member or element a line, two spaces a level, `"key" : value`.
+  [[nodiscard]] std::string prettySerialize() const;
   // The same content as a coding tree (numbers stay integers or reals).
   [[nodiscard]] Value toValue() const;
   // A tree as JSON; dates and data as the strategy and Base64 say. Throws CodingError for
@@ -92,13 +98,11 @@ class JsonValue {
 
  private:
   struct Document;
+  friend struct internal::JsonAccess;
   JsonValue(std::shared_ptr<const Document> doc, const void* node) noexcept : doc_(std::move(doc)), node_(node) {}
   std::shared_ptr<const Document> doc_;  // null for JSON null
   const void* node_ = nullptr;           // a boost::json::value inside doc_
 };
-
-// The parsed JSON of `data` (any JSON value at the top), or nothing when it is not JSON.
-[[nodiscard]] std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error = nullptr);
 
 template <>
 struct Coding<JsonValue> {

@@ -1,6 +1,6 @@
-// Executors: the main queue that the host drains, a background pool, serial queues,
-// delayed and repeating work, and the shared helpers "run on the main thread", "run in the
-// background" and "run once".
+// Executors: the main queue that the host drains, a background pool, serial queues, and
+// delayed and repeating work. The shared helpers "run on the main thread", "run in the
+// background" and "run once" are in kp/foundation/dispatch.h.
 //
 // Every queue carries the poster's task-local bindings (see task_local.h) into the work it
 // runs. Work must not throw: an exception escaping a work item ends the process.
@@ -11,7 +11,7 @@
 //   auto queue = kp::SerialQueue::make("com.example.db");
 //   queue->async([] { /* runs after everything posted before it */ });
 //   int n = queue->syncValue([] { return 42; });
-//   kp::runOnMainThread([] { /* runs when the host drains the main queue */ });
+//   kp::MainQueue::shared()->async([] { /* runs when the host drains the main queue */ });
 //   kp::MainQueue::shared()->runFor(std::chrono::milliseconds(100));
 #pragma once
 
@@ -22,7 +22,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -143,27 +142,6 @@ class SerialQueue final : public DispatchQueue {
 // True on the thread that drains the main queue (before any drain: the process's first
 // thread).
 [[nodiscard]] bool isMainThread() noexcept;
-
-// Runs `work` at once when called on the main thread, otherwise queues it on the main queue.
-void runOnMainThread(Work work);
-// Queues `work` on the background pool.
-void runInBackground(Work work);
-
-// Runs a block at most once per flag, whatever the number of concurrent callers; callers
-// that arrive while it runs wait for it to finish.
-class Once {
- public:
-  template <class F>
-  void run(F&& block) {
-    std::call_once(flag_, std::forward<F>(block));
-  }
-
- private:
-  std::once_flag flag_;
-};
-
-// Runs `block` the first time `token` is seen in this process, never again.
-void runOnce(std::string_view token, const std::function<void()>& block);
 
 // A timer that runs `work` on `queue` every `interval` until invalidated or destroyed.
 class RepeatingTimer {

@@ -30,7 +30,7 @@
 #include <optional>
 
 #include "kp/platform/data.h"
-#include "kp/platform/dispatch.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request_config.h"
 #include "kp/request/request_ticket.h"
@@ -155,7 +155,7 @@ class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_
   Url url_;
   std::shared_ptr<DispatchQueue> completionDispatchQueue_;
   std::shared_ptr<UrlSession> urlSession_;
-  std::once_flag executorOnce_;
+  Once executorOnce_;
   std::shared_ptr<RequestExecutor> executor_;  // made once under executorOnce_
 };
 

@@ -28,6 +28,7 @@
 #include <mutex>
 
 #include "kp/cache/cache_item.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/request/request_result.h"
 #include "kp/request/request_ticket.h"
 #include "kp/request/request_types.h"
@@ -75,7 +76,7 @@ class RequestExecutor final : public std::enable_shared_from_this<RequestExecuto
   void enqueue(const std::shared_ptr<RequestType>& request);
 
   std::weak_ptr<RequestType> request_;
-  std::once_flag ticketOnce_;
+  Once ticketOnce_;
   std::shared_ptr<RequestTicket> ticket_;  // made once under ticketOnce_
   std::atomic<bool> executed_{false};
   std::atomic<bool> loadedFromCache_{false};

@@ -1,0 +1,120 @@
+// The byte-level text helpers: splitting, hex, Base64 text and percent-encoding.
+#include <array>
+
+#include "kp/foundation/text.h"
+#include "kp/platform/base64.h"
+#include "platform/utf8.h"
+
+namespace kp {
+namespace {
+
+constexpr std::array<std::int8_t, 256> makeHexValues() {
+  std::array<std::int8_t, 256> values{};
+  values.fill(-1);
+  for (int i = 0; i < 10; ++i) values[static_cast<std::size_t>('0' + i)] = static_cast<std::int8_t>(i);
+  for (int i = 0; i < 6; ++i) {
+    values[static_cast<std::size_t>('a' + i)] = static_cast<std::int8_t>(10 + i);
+    values[static_cast<std::size_t>('A' + i)] = static_cast<std::int8_t>(10 + i);
+  }
+  return values;
+}
+constexpr auto kHexValues = makeHexValues();
+
+int hexValue(char c) noexcept { return kHexValues[static_cast<unsigned char>(c)]; }
+
+constexpr char kLowerHex[] = "0123456789abcdef";
+constexpr char kUpperHex[] = "0123456789ABCDEF";
+
+}  // namespace
+
+std::vector<std::string_view> split(std::string_view text, std::string_view separator, SplitOptions options) {
+  std::vector<std::string_view> pieces;
+  const auto add = [&](std::string_view piece) {
+    if (!piece.empty() || options == SplitOptions::keepEmpty) pieces.push_back(piece);
+  };
+  if (separator.empty()) {
+    add(text);
+    return pieces;
+  }
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t found = text.find(separator, start);
+    if (found == std::string_view::npos) break;
+    add(text.substr(start, found - start));
+    start = found + separator.size();
+  }
+  add(text.substr(start));
+  return pieces;
+}
+
+std::string hexEncoded(std::span<const std::uint8_t> bytes, LetterCase letters) {
+  const char* digits = letters == LetterCase::upper ? kUpperHex : kLowerHex;
+  std::string out(bytes.size() * 2, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    out[2 * i] = digits[bytes[i] >> 4];
+    out[2 * i + 1] = digits[bytes[i] & 0x0f];
+  }
+  return out;
+}
+
+std::optional<Data> hexDecoded(std::string_view text) {
+  if (text.size() % 2 != 0) return std::nullopt;
+  std::vector<std::uint8_t> bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const int hi = hexValue(text[2 * i]);
+    const int lo = hexValue(text[2 * i + 1]);
+    if (hi < 0 || lo < 0) return std::nullopt;
+    bytes[i] = static_cast<std::uint8_t>(hi << 4 | lo);
+  }
+  return Data(std::move(bytes));
+}
+
+std::string base64EncodedString(std::string_view text) {
+  return base64Encode({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+std::optional<std::string> base64DecodedString(std::string_view base64) {
+  auto bytes = base64Decode(base64);
+  if (!bytes || !internal::isValidUtf8(bytes->view())) return std::nullopt;
+  return std::string(bytes->view());
+}
+
+void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (allowed.contains(byte)) {
+      out.push_back(c);
+    } else {
+      const char escape[3] = {'%', kUpperHex[byte >> 4], kUpperHex[byte & 0x0f]};
+      out.append(escape, 3);
+    }
+  }
+}
+
+std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed) {
+  std::string out;
+  out.reserve(text.size() + text.size() / 4);
+  appendPercentEncoded(out, text, allowed);
+  return out;
+}
+
+std::optional<std::string> removingPercentEncoding(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out.push_back(text[i]);
+      continue;
+    }
+    if (text.size() - i < 3) return std::nullopt;
+    const int hi = hexValue(text[i + 1]);
+    const int lo = hexValue(text[i + 2]);
+    if (hi < 0 || lo < 0) return std::nullopt;
+    out.push_back(static_cast<char>(hi << 4 | lo));
+    i += 2;
+  }
+  if (!internal::isValidUtf8(out)) return std::nullopt;
+  return out;
+}
+
+}  // namespace kp
