@@ -369,7 +369,7 @@ std::string JsonValue::serialize() const {
 std::string JsonValue::prettySerialize() const {
   if (!node_) return "null";
   std::string out;
-  prettyPrint(out, node(node_), 0);
+  appendJson(out, node(node_), 0);
   return out;
 }
 

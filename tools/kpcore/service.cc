@@ -4,6 +4,7 @@
 
 #include "command.h"
 #include "kp/coding/json.h"
+#include "kp/foundation/json.h"
 #include "kp/platform/base64.h"
 #include "kp/service/tarvix_web_service.h"
 #include "service_session.h"
