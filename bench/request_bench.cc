@@ -11,7 +11,6 @@
 #include <ctime>
 #include <fstream>
 #include <mutex>
-#include <semaphore>
 #include <thread>
 
 #include "kp/cache/cache_controller.h"
@@ -141,18 +140,26 @@ std::shared_ptr<kp::HttpRequestResult> runHandler(const std::string& url,
   if (session) request->setUrlSession(session);
   auto handler = std::make_shared<kp::HttpRequestHandler>();
   // The waiter's state is shared with the callback, so the callback can wake it after it let
-  // go of everything: a notify under a held mutex wakes the waiter only to block it again.
+  // go of everything. A mutex and condition variable, not std::binary_semaphore: libstdc++ 12's
+  // semaphore backs off with sleeps and turns a wake-up of microseconds into hundreds.
   struct Completion {
-    std::binary_semaphore ready{0};
+    std::mutex mutex;
+    std::condition_variable ready;
+    bool done = false;  // guarded by mutex
     std::shared_ptr<kp::HttpRequestResult> result;
   };
   auto completion = std::make_shared<Completion>();
   (void)handler->canHandle(request);
   handler->handle(request, [completion](const std::shared_ptr<kp::RequestResult>& result) {
-    completion->result = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
-    completion->ready.release();
+    {
+      std::lock_guard lock(completion->mutex);
+      completion->result = std::dynamic_pointer_cast<kp::HttpRequestResult>(result);
+      completion->done = true;
+    }
+    completion->ready.notify_one();
   });
-  completion->ready.acquire();
+  std::unique_lock lock(completion->mutex);
+  completion->ready.wait(lock, [&] { return completion->done; });
   return completion->result;
 }
 
