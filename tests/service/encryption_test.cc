@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,7 +11,6 @@
 #include <random>
 
 #include "service/cipher.h"
-#include "support/process.h"
 #include "support/service_payload.h"
 
 namespace kp {
@@ -247,22 +245,6 @@ TEST(ServiceEncryption, ResponsesThatAreNotCiphertextFallBackOrGiveNothing) {
     EXPECT_FALSE(Helper::decryptData(bytesOf(body), kKey)) << body;
   }
   EXPECT_TRUE(Helper::decryptData(bytesOf(sealed), kKey));
-}
-
-TEST(KpcoreCrypt, DecryptsAPayloadAndRefusesWhatIsNotOneInOneLine) {
-  using kp::test::runCommand;
-  const std::string crypt = std::string(KPCORE_PATH) + " crypt ";
-  auto sealed = runCommand(crypt + "encrypt-body --key " + kKey, "forecast");
-  ASSERT_EQ(sealed.status, 0) << sealed.output;
-  auto opened = runCommand(crypt + "decrypt --key " + kKey, sealed.output);
-  EXPECT_EQ(opened.status, 0);
-  EXPECT_EQ(opened.output, "forecast");
-  for (const char* body : {R"({"temp":1234})", "", "QUJD"}) {
-    auto refused = runCommand(crypt + "decrypt --key " + kKey + " 2>&1", body);
-    EXPECT_NE(refused.status, 0) << body;
-    EXPECT_EQ(std::count(refused.output.begin(), refused.output.end(), '\n'), 1) << refused.output;
-    EXPECT_NE(refused.output.find("nothing decrypted"), std::string::npos) << refused.output;
-  }
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "local_service_test.h"
 #include "support/cache_home.h"
 #include "support/test_servers.h"
+#include "support/wait.h"
 #include "weather_service.h"
 
 namespace kp {
@@ -26,13 +27,7 @@ using weather::Forecast;
 
 constexpr std::string_view kUserAgent = "ServiceCallTest/1.0";
 
-// Drains the main queue (where completions run) until `done` holds, for at most 10 s.
-template <class F>
-bool waitFor(F done) {
-  const auto end = std::chrono::steady_clock::now() + 10s;
-  while (!done() && std::chrono::steady_clock::now() < end) MainQueue::shared()->runFor(5ms);
-  return done();
-}
+using test::eventuallyOnMain;
 
 class ServiceCallTest : public test::LocalServiceTest {
  protected:
@@ -77,6 +72,17 @@ TEST_P(ServiceCallTest, TypedForecastsDecodeEveryHourAndDayAndFailuresCarryTheSe
   EXPECT_EQ(result->contentInfo.expiryInterval, 3600.0);
   ASSERT_TRUE(result->httpResponse);
   EXPECT_EQ(result->httpResponse->statusCode, 200);
+  // The coordinates may travel in the sealed body instead, as a form or as JSON.
+  auto form = service.createRequest<Forecast>("forecast");
+  form->httpConfig()->addBody("-33.87", "latitude");
+  form->httpConfig()->addBody("151.21", "longitude");
+  auto json = service.createRequestWithContent<Forecast>(
+      "forecast", weather::ForecastLocation{.latitude = -33.87, .longitude = 151.21});
+  for (const auto& sent : {form, json}) {
+    const auto located = sent->executeSynchronously();
+    ASSERT_TRUE(located && located->asResult().value());
+    EXPECT_EQ(located->asResult().value()->location.longitude, 151.21);
+  }
 
   // Understood but without content: the envelope's "meta"/"code" fails the call, and the
   // ticket fails with it.
@@ -84,7 +90,7 @@ TEST_P(ServiceCallTest, TypedForecastsDecodeEveryHourAndDayAndFailuresCarryTheSe
   locate(*offGlobe, "91", "0");
   std::optional<DecodableTarvixServiceResult<Forecast>> delivered;
   const auto ticket = offGlobe->execute([&](const DecodableTarvixServiceResult<Forecast>& r) { delivered = r; });
-  ASSERT_TRUE(waitFor([&] { return delivered.has_value(); }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return delivered.has_value(); }));
   ASSERT_TRUE(delivered->error);
   EXPECT_EQ(delivered->error->code(), 422);
   EXPECT_NE(delivered->error->localizedDescription().find("latitude 91"), std::string::npos);
@@ -106,7 +112,7 @@ TEST_P(ServiceCallTest, ASecondCallIsServedFromTheCacheWithTheArchivedContentInf
 
   std::shared_ptr<TarvixServiceRequestResult> network;
   const auto ticket = first->execute([&](const std::shared_ptr<TarvixServiceRequestResult>& r) { network = r; });
-  ASSERT_TRUE(waitFor([&] { return network != nullptr; }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return network != nullptr; }));
   ASSERT_TRUE(network->isSuccess()) << network->error->localizedDescription();
   EXPECT_TRUE(ticket->isFinished() && ticket->isSuccess());
   EXPECT_FALSE(network->fromCache());
@@ -114,7 +120,7 @@ TEST_P(ServiceCallTest, ASecondCallIsServedFromTheCacheWithTheArchivedContentInf
   EXPECT_EQ((*network->dataAsJson())["hourly"].size(), 48u);
   EXPECT_EQ(network->contentInfo->expiryInterval, 3600.0);
   // The result is stored in the background after its completion.
-  ASSERT_TRUE(waitFor([&] { return CacheController::sharedInstance()->getCacheItem(key) != nullptr; }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return CacheController::sharedInstance()->getCacheItem(key) != nullptr; }));
 
   const auto cached = forecastRequest()->executeSynchronously();
   ASSERT_TRUE(cached);
@@ -150,7 +156,7 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
     answer.emplace(std::move(info), std::move(error));
   });
   ASSERT_TRUE(ticket);
-  ASSERT_TRUE(waitFor([&] {
+  ASSERT_TRUE(eventuallyOnMain([&] {
     std::lock_guard lock(mutex);
     return answer.has_value();
   }));
@@ -325,7 +331,7 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
     std::lock_guard lock(mutex);
     answer.emplace(std::move(info), std::move(error));
   });
-  ASSERT_TRUE(waitFor([&] {
+  ASSERT_TRUE(eventuallyOnMain([&] {
     std::lock_guard lock(mutex);
     return answer.has_value();
   }));

@@ -19,10 +19,10 @@
 #include <thread>
 
 #include "kp/coding/property_list.h"
-#include "kp/storage/user_defaults_storage.h"
 #include "storage/suite_store.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
+#include "support/wait.h"
 
 namespace {
 
@@ -41,15 +41,7 @@ Value readFile(const fs::path& path) {
   return kp::readPropertyList({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
 }
 
-template <class Condition>
-bool eventually(Condition condition, std::chrono::milliseconds limit = 5s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
-  return condition();
-}
+using kp::test::eventually;
 
 class UserDefaultsTest : public ::testing::Test {
  protected:
@@ -63,8 +55,11 @@ class UserDefaultsTest : public ::testing::Test {
     }
     ::setenv("XDG_CONFIG_HOME", (root_ / "config").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   }
-  // Every suite is written before the folder goes, so that no late write brings it back.
-  void TearDown() override { kp::storage_detail::SuiteStore::synchronizeAll(); }
+  // Every suite is written before the folder goes, so that no late write brings it back. (A
+  // child leaves its suites to the process's end.)
+  void TearDown() override {
+    if (!kp::test::inTestChild()) kp::storage_detail::SuiteStore::synchronizeAll();
+  }
 
   [[nodiscard]] fs::path folder() const { return root_ / "config" / "com.kp.app"; }
   [[nodiscard]] fs::path suiteFile(const std::string& suite) const { return folder() / (suite + ".plist"); }
@@ -191,6 +186,18 @@ TEST_F(UserDefaultsTest, AFirstRunCreatesAPrivateFolderAndLargeValuesRoundTrip) 
   EXPECT_EQ(info.st_mode & 0777, 0700U);
   EXPECT_EQ(*readFile(suiteFile("first")).find("big")->ifData(), big);
   EXPECT_EQ(kp::UserDefaults::suite("first")->data("big"), big);
+}
+
+// A process that changes a value and ends normally, without synchronize(), leaves it for the
+// next one.
+TEST_F(UserDefaultsTest, ChangesAreWrittenWhenTheProcessEnds) {
+  if (kp::test::inTestChild()) {
+    kp::UserDefaults::suite("ending")->setInteger(7, "last");
+    return;
+  }
+  const auto child = kp::test::runThisTestInChild("KP_TEST_CONFIG=" + kp::test::shellQuote(root_.string()));
+  ASSERT_EQ(child.status, 0) << child.output;
+  EXPECT_EQ(kp::UserDefaults::suite("ending")->integer("last"), 7);
 }
 
 TEST_F(UserDefaultsTest, ABurstOfWritesReturnsAtOnceAndIsWrittenOnce) {
@@ -470,68 +477,6 @@ TEST_F(UserDefaultsTest, ManyThreadsReadAndWriteOneSuite) {
   ASSERT_TRUE(defaults->synchronize());
   for (int t = 0; t < 4; ++t) EXPECT_EQ(defaults->integer("t" + std::to_string(t)), 499);
   EXPECT_EQ(readFile(suiteFile("threads")).ifDictionary()->size(), 4U);
-}
-
-TEST_F(UserDefaultsTest, KpcoreReadsWritesAndDeletesTypedValues) {
-  ASSERT_EQ(kpcore("defaults write --suite tool when -date 2024-05-01T12:00:00Z").status, 0);
-  ASSERT_EQ(kpcore("defaults write --suite tool blob -data 00ff10").status, 0);
-  ASSERT_EQ(kpcore("defaults write --suite tool ratio -float 0.5").status, 0);
-  ASSERT_EQ(kpcore("defaults write --suite tool tiny -float 1e-320").status, 0);  // subnormal
-  EXPECT_EQ(kpcore("defaults read --suite tool tiny").output, "1e-320\n");
-  EXPECT_EQ(kpcore("defaults read --suite tool ratio").output, "0.5\n");
-  // What the file could hold but no reader could show is refused.
-  for (const char* refused :
-       {"-float inf", "-float nan", "-float -inf", "-float 1e999", "-date 0000-01-01T00:00:00Z"}) {
-    EXPECT_EQ(kpcore(std::string("defaults write --suite tool odd ") + refused).status, 2) << refused;
-  }
-  ASSERT_EQ(kpcore("defaults write --suite tool name Bern").status, 0);
-  EXPECT_EQ(kpcore("defaults read --suite tool blob").output, "<00ff10>\n");
-  EXPECT_EQ(kpcore("defaults read --suite tool when --json").output, "\"2024-05-01T12:00:00Z\"\n");
-  auto defaults = kp::UserDefaults::suite("tool");
-  EXPECT_EQ(defaults->double_("ratio"), 0.5);
-  EXPECT_EQ(defaults->string("name"), "Bern");
-  // Stored text reaches the terminal with its control characters escaped.
-  defaults->setObject(std::string("line\nnext \x1b[31mred"), "odd");
-  ASSERT_TRUE(defaults->synchronize());
-  EXPECT_EQ(kpcore("defaults read --suite tool odd").output, "line\\x0anext \\x1b[31mred\n");
-  // Such values written elsewhere are still shown, with the rest of the suite.
-  defaults->setDouble(-INFINITY, "odd");
-  defaults->setObject(kp::Value::Dictionary{{"n", NAN}, {"x", 86400.0}}, "nested");
-  ASSERT_TRUE(defaults->synchronize());
-  EXPECT_EQ(kpcore("defaults read --suite tool odd").output, "-inf\n");
-  EXPECT_EQ(kpcore("defaults read --suite tool nested --json").output, "{\"n\":\"nan\",\"x\":86400}\n");
-  const auto all = kpcore("defaults read --suite tool");
-  EXPECT_EQ(all.status, 0);
-  EXPECT_NE(all.output.find("\"odd\" : \"-inf\""), std::string::npos) << all.output;
-  EXPECT_NE(all.output.find("\"ratio\" : 0.5,"), std::string::npos) << all.output;
-
-  const auto missing = kpcore("defaults read --suite tool nothing");
-  EXPECT_NE(missing.status, 0);
-  EXPECT_EQ(std::count(missing.output.begin(), missing.output.end(), '\n'), 1);
-  EXPECT_NE(kpcore("defaults write --suite tool n -int twelve").status, 0);
-  // What the store refuses is an error, not a success that changed nothing.
-  for (const char* refused : {"name \xff", "'\xfe' text"}) {
-    const auto failed = kpcore(std::string("defaults write --suite tool ") + refused);
-    EXPECT_NE(failed.status, 0) << refused;
-    EXPECT_EQ(std::count(failed.output.begin(), failed.output.end(), '\n'), 1) << failed.output;
-  }
-  EXPECT_EQ(kpcore("defaults read --suite tool name").output, "Bern\n");
-  EXPECT_NE(kpcore("defaults read --suite ../escape").status, 0);
-  ASSERT_EQ(kpcore("defaults delete --suite tool").status, 0);
-  EXPECT_EQ(readFile(suiteFile("tool")).ifDictionary()->size(), 0U);
-}
-
-TEST_F(UserDefaultsTest, TheServiceFormForwardsToTheStore) {
-  auto defaults = kp::UserDefaults::suite("service");
-  auto storage = std::make_shared<kp::UserDefaultsStorage>(defaults);
-  storage->setObject(std::string("5"), "n");
-  EXPECT_EQ(storage->integer("n"), 5);  // the store's conversions
-  storage->setFloat(0.25F, "f");
-  EXPECT_EQ(defaults->float_("f"), 0.25F);
-  storage->removeObject("n");
-  EXPECT_EQ(defaults->object("n"), std::nullopt);
-  EXPECT_TRUE(storage->synchronize());
-  EXPECT_NE(readFile(suiteFile("service")).find("f"), nullptr);
 }
 
 }  // namespace
