@@ -15,6 +15,7 @@
 #include "kp/cache/cache_controller.h"
 #include "kp/coding/archivable_image.h"
 #include "kp/service/encryption.h"
+#include "support/child_process.h"
 
 namespace {
 
@@ -167,8 +168,7 @@ TEST_F(CacheControllerTest, KilledWhileSavingLeavesAnIntactStore) {
   for (const auto& item : fs::recursive_directory_iterator(cache->storagePath())) {
     // Partial files of the killed writers are not entries; they stay until they are old.
     if (!item.is_regular_file() || item.path().filename().string().starts_with(".kp-partial-")) continue;
-    std::ifstream in(item.path(), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    const std::string bytes = kp::test::readFile(item.path());
     EXPECT_TRUE(isPattern(kp::Data::fromString(bytes))) << item.path() << " holds " << bytes.size() << " bytes";
     ++count;
   }
@@ -251,13 +251,14 @@ TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
   kp::DefaultSQLiteDatabase holder(*kp::Url::parse(dir_.fileUrl("centralcache.db")));
   holder.createPreparedStatement("BEGIN IMMEDIATE;")->execute();
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-  kp::test::BackgroundProcess child({"/usr/bin/env", "KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string(),
-                                     fs::read_symlink("/proc/self/exe").string(),
-                                     std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()});
+  kp::test::ChildProcess child(
+      {fs::read_symlink("/proc/self/exe").string(),
+       std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()},
+      {.captureOutput = true, .environment = {"KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string()}});
   for (auto line = child.readLine(20s); line && *line != "saving";) line = child.readLine(20s);
   std::this_thread::sleep_for(500ms);
-  child.sendSignal(SIGKILL);
-  ASSERT_TRUE(child.wait(10s));
+  child.signal(SIGKILL);
+  (void)child.wait();
   holder.createPreparedStatement("ROLLBACK;")->execute();
 
   auto cache = open();

@@ -1,15 +1,15 @@
-// The cache's database, file and memory stores against real files. (How they hold up against
-// full disks, killed writers and concurrent use is tested through the controller.)
+// The cache's database and file store against real files. (The memory store, and how the
+// stores hold up against full disks, killed writers and concurrent use, are tested through the
+// controller.)
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
 
+#include "cache_controller_support.h"
 #include "kp/cache/cache_database.h"
 #include "kp/cache/file_storage.h"
-#include "kp/cache/memory_storage.h"
 #include "kp/service/encryption.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -37,11 +37,7 @@ kp::CacheItemConfiguration config(double age, std::optional<std::string> group =
   return c;
 }
 
-// Runs a statement through the sqlite3 shell and returns its output.
-std::string shell(const std::filesystem::path& db, const std::string& sql) {
-  using kp::test::shellQuote;
-  return kp::test::runCommand("sqlite3 " + shellQuote(db.string()) + " " + shellQuote(sql) + " 2>&1").output;
-}
+using kp::test::sqlite;
 
 TEST(CacheItemConfiguration, AnEntryExpiresOnlyOnceOlderThanAPositiveAge) {
   const Date now = Date::now();
@@ -79,9 +75,9 @@ TEST_F(CacheDatabaseTest, CreatesAPlainFileWithTheTwoTablesAndStoresRows) {
   db->removeCacheItem(odd);
   EXPECT_FALSE(db->loadCacheData(odd));
 
-  EXPECT_EQ(shell(file(), ".tables"), "cache        db_metadata\n");
-  EXPECT_EQ(shell(file(), "SELECT id, groupName, cacheType, maximum_age, length(data) FROM cache;"), "k|g|0|60|2\n");
-  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_EQ(sqlite(file(), ".tables"), "cache        db_metadata\n");
+  EXPECT_EQ(sqlite(file(), "SELECT id, groupName, cacheType, maximum_age, length(data) FROM cache;"), "k|g|0|60|2\n");
+  EXPECT_EQ(sqlite(file(), "PRAGMA integrity_check;"), "ok\n");
   EXPECT_GT(db->getSize(), 0u);
 }
 
@@ -92,10 +88,10 @@ TEST_F(CacheDatabaseTest, OldUnreadableOrEmptyVersionsAreReplaced) {
                                    std::string("CREATE TABLE db_metadata (id VARCHAR(4), version INTEGER);"
                                                "CREATE TABLE cache (id TEXT); INSERT INTO cache VALUES ('old');")}) {
     std::filesystem::remove(file());
-    shell(file(), setup);
+    sqlite(file(), setup);
     auto db = open();
-    EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
-    EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
+    EXPECT_EQ(sqlite(file(), "SELECT version FROM db_metadata;"), "3\n");
+    EXPECT_EQ(sqlite(file(), "SELECT count(*) FROM cache;"), "0\n");
   }
   // Random bytes and a truncated file are recreated too.
   for (std::size_t size : {4096u, 7u}) {
@@ -140,8 +136,8 @@ TEST_F(CacheDatabaseTest, ExpiryQueriesAndBulkRemovals) {
   EXPECT_FALSE(db->loadCacheData("in-b"));
   EXPECT_TRUE(db->loadCacheData("fresh"));
   db->removeAllItems(std::nullopt);
-  EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
-  EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
+  EXPECT_EQ(sqlite(file(), "SELECT count(*) FROM cache;"), "0\n");
+  EXPECT_EQ(sqlite(file(), "SELECT version FROM db_metadata;"), "3\n");
 }
 
 TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
@@ -157,7 +153,7 @@ TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
     db->saveRecord(blob, Entry(config(1), Date::now().addingTimeInterval(-10)), std::to_string(i));
   db->removeExpiredItems();  // vacuums too
   EXPECT_LT(db->getSize(), 64u << 10);
-  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_EQ(sqlite(file(), "PRAGMA integrity_check;"), "ok\n");
 }
 
 std::vector<std::string> namesIn(const std::filesystem::path& folder) {
@@ -306,32 +302,6 @@ TEST(CacheStores, StoreAndReloadInAFreshHome) {
                              caches / "KPCentralCacheController" / kp::hashSha1(std::string_view("g"))}) {
     EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all) << folder;
   }
-}
-
-TEST(CacheMemoryStorage, RetentionAndPurges) {
-  kp::CacheMemoryStorage memory;
-  const Date now = Date::now();
-  auto keep = config(0, "a");
-  keep.expireOnMemoryWarning = false;
-  memory.set(std::make_shared<Entry>(keep, now), "a");
-  memory.set(std::make_shared<Entry>(config(0, "b"), now), "b");
-  memory.set(std::make_shared<Entry>(config(0), now), "none");
-  memory.set(std::make_shared<Entry>(config(1), now.addingTimeInterval(-5)), "expired");
-  EXPECT_EQ(memory.count(), 4u);
-  memory.removeExpired();
-  EXPECT_FALSE(memory.get("expired"));
-  memory.removeForGroup("a");
-  EXPECT_FALSE(memory.get("a"));
-  EXPECT_TRUE(memory.get("b"));
-  EXPECT_TRUE(memory.get("none"));
-  memory.set(std::make_shared<Entry>(keep, now), "a");
-  memory.removeLowMemoryWarningItems();
-  EXPECT_TRUE(memory.get("a"));
-  EXPECT_FALSE(memory.get("b"));
-  auto noMemory = config(0);
-  noMemory.retainInMemory = false;
-  memory.set(std::make_shared<Entry>(noMemory, now), "a");  // evicts the old entry
-  EXPECT_FALSE(memory.get("a"));
 }
 
 }  // namespace

@@ -94,15 +94,6 @@ TEST(CodingRoundTrip, EveryShapeThroughBothCoders) {
   }
 }
 
-TEST(CodingRoundTrip, AbsentOptionalsWriteNoKey) {
-  const kp::Value tree = kp::encodeToValue(sample());
-  EXPECT_EQ(tree.find("maybe"), nullptr);
-  const kp::Value* items = tree.find("items");
-  ASSERT_TRUE(items && items->ifArray());
-  EXPECT_NE((*items->ifArray())[0].find("count"), nullptr);
-  EXPECT_EQ((*items->ifArray())[1].find("count"), nullptr);
-}
-
 TEST(CodingRoundTrip, JsonNumbersInTheirShortestPlainForm) {
   kp::JsonEncoder encoder;
   encoder.dateStrategy = kp::DateStrategy::secondsSince1970;

@@ -142,13 +142,6 @@ TEST(Connectivity, AnswersFromItsReachabilityAndSurvivesAFailedStart) {
   EXPECT_EQ(connectivity.type(), kp::ConnectionType::cellular);
   EXPECT_EQ(connectivity.state(), kp::ConnectivityState::online);
   EXPECT_TRUE(connectivity.isOnline());
-
-  const auto& shared = kp::Connectivity::default_();
-  EXPECT_EQ(shared, kp::Connectivity::default_());
-  EXPECT_EQ(kp::Connectivity::isCurrentlyOnline(), shared->isOnline());
-  EXPECT_EQ(kp::Connectivity::isCurrentlyOffline(), !kp::Connectivity::isCurrentlyOnline());
-  EXPECT_EQ(kp::Connectivity::currentType(), shared->type());
-  EXPECT_EQ(kp::Connectivity::currentState(), shared->state());
 }
 
 class OfflineOnly final : public kp::ConnectivityOfflineDelegate {

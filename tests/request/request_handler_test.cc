@@ -73,7 +73,6 @@ class HandlerTest : public ::testing::Test {
     });
     s.Get("/compressible",
           [](const httplib::Request&, httplib::Response& r) { r.set_content(std::string(300000, 'z'), "text/plain"); });
-    s.Get("/not-modified", [](const httplib::Request&, httplib::Response& r) { r.status = 304; });
     s.Get("/status/(\\d+)", [](const httplib::Request& q, httplib::Response& r) {
       r.status = std::stoi(q.matches[1]);
       r.set_content("error page", "text/plain");
@@ -138,12 +137,6 @@ TEST_F(HandlerTest, StatusCodesOfFourHundredAndAboveEndInTheStatusError) {
               "Request failed with status code: " + std::to_string(status) + ".");
     EXPECT_FALSE(result->data.has_value());
   }
-  Transfer notModified(server.url("/not-modified"));
-  notModified.start();
-  auto result = notModified.wait();
-  ASSERT_TRUE(result);
-  EXPECT_TRUE(result->isSuccess());
-  EXPECT_TRUE(result->response->isNotModified());
 }
 
 // A cancelled transfer stops and closes its connection, and delivers nothing.

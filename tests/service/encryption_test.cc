@@ -161,16 +161,6 @@ TEST(QueryValueEncoding, EncodesExactlyTheReservedSet) {
   EXPECT_EQ(urlEncodeQueryParameter(untouched), untouched);
 }
 
-TEST(ServiceEncryption, UrlQueryTravelsAsOneEncryptedParameter) {
-  auto url = TarvixServiceEncryptionHelper::encrypt(*Url::parse("https://h/p/q?a=1&b=%20x"), kKey);
-  ASSERT_TRUE(url);
-  const std::string prefix = "https://h/p/q?data=";
-  ASSERT_EQ(url->absoluteString().substr(0, prefix.size()), prefix);
-  const std::string encoded = url->absoluteString().substr(prefix.size());
-  EXPECT_EQ(encoded, urlEncodeQueryParameter(*aes256EncryptString("a=1&b= x", kKey)));
-  EXPECT_EQ(kp::test::openEncodedValue(encoded, kKey), "a=1&b= x");
-}
-
 TEST(ServiceEncryption, UrlShapes) {
   auto encrypt = [](std::string_view text) {
     return TarvixServiceEncryptionHelper::encrypt(*Url::parse(text), kKey)->absoluteString();

@@ -216,28 +216,12 @@ std::string gzipOfZeros(std::size_t mebibytes) {
   return out;
 }
 
-// Answers what each path asks for; "/hang" sends a head and then nothing.
+// Answers what each path asks for. (How the envelopes of odd answers are opened is tested
+// without a transport.)
 void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
-  const std::string sealed = *aes256EncryptString(R"({"meta": {"code": 200}, "data": 7})", "wrong key");
-  const std::pair<std::string_view, std::string> answers[] = {
-      {"/ciphertext-of-another-key", sealed},
-      {"/not-json", "<html>busy</html>"},
-      {"/mistyped", R"({"success": "yes", "message": 3, "meta": {"statusCode": "x", "code": [],
-                       "contentInfo": {"formatVersion": "1", "expiryInterval": {}}}, "data": {"a": 1}})"},
-  };
-  for (const auto& [path, body] : answers) {
-    if (request.find(" /" + std::string(path.substr(1))) != std::string::npos) {
-      write("HTTP/1.1 200 OK\r\nTarvix-Content-Max-Age: soon\r\nTarvix-Content-Format: 1.5\r\nContent-Length: " +
-            std::to_string(body.size()) + "\r\n\r\n" + body);
-      return;
-    }
-  }
   if (request.find(" /not-modified") != std::string::npos) {
     // The length is that of the body the answer does not repeat.
     write("HTTP/1.1 304 Not Modified\r\nContent-Length: 1000000000000\r\n\r\n");
-  } else if (request.find(" /hang") != std::string::npos) {
-    write("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"data\"");
-    std::this_thread::sleep_for(1500ms);
   } else if (request.find(" /endless") != std::string::npos) {
     // Bounded, so that a client that keeps reading still ends the test.
     const std::string chunk(64 << 10, ' ');
@@ -257,41 +241,11 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
   test::RawServer server(hostileAnswer);
   TarvixWebService untyped(server.url(""));
   untyped.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
-  DecodableTarvixWebService typed(server.url(""));
-  typed.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
 
-  // Not ciphertext for the key, not JSON: no payload and no error, untyped or typed.
-  for (const char* method : {"ciphertext-of-another-key", "not-json"}) {
-    const auto result = untyped.createRequestFor(method)->executeSynchronously();
-    ASSERT_TRUE(result) << method;
-    EXPECT_FALSE(result->error || result->data.has_value()) << method;
-    const auto decoded = typed.createRequest<int>(method)->executeSynchronously();
-    ASSERT_TRUE(decoded) << method;
-    EXPECT_EQ(decoded->asResult().error()->localizedDescription(), "No data available.") << method;
-  }
-  // Wrong types everywhere: the untyped envelope ignores them; the typed one names the path.
-  const auto mistyped = untyped.createRequestFor("mistyped")->executeSynchronously();
-  ASSERT_TRUE(mistyped && mistyped->isSuccess());
-  EXPECT_EQ((*mistyped->dataAsJson())["a"], JsonValue(1));
-  EXPECT_FALSE(mistyped->contentInfo->expiryInterval || mistyped->contentInfo->formatVersion);
-  const auto strict =
-      DecodableTarvixWebService(server.url("")).createRequest<Forecast>("mistyped")->executeSynchronously();
-  ASSERT_TRUE(strict && strict->error);
-  EXPECT_NE(strict->error->localizedDescription().find("meta.contentInfo"), std::string::npos);
-
-  // A 304 without content headers still marks the content not modified.
+  // A 304 that announces the length of the body it does not repeat ends at once, not modified.
   const auto bare = untyped.createRequestFor("not-modified")->executeSynchronously();
   ASSERT_TRUE(bare && bare->isSuccess());
   EXPECT_TRUE(bare->contentIsNotModified);
-
-  // A server that stops after the head: the timeout ends the call, not much later.
-  auto hanging = untyped.createRequestFor("hang");
-  hanging->httpConfig()->timeoutInterval = 0.3;
-  const auto started = std::chrono::steady_clock::now();
-  const auto timedOut = hanging->executeSynchronously();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-  ASSERT_TRUE(timedOut && timedOut->error);
-  EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
 
   // A body beyond the handler's limit ends the call with an error, whether it streams on, its
   // length is announced up front or a small compressed body inflates past it, instead of

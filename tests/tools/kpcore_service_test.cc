@@ -8,6 +8,7 @@
 #include "kp/coding/json.h"
 #include "kp/service/tarvix_web_service_encryption_details.h"
 #include "support/cache_home.h"
+#include "support/child_process.h"
 #include "support/process.h"
 #include "support/test_servers.h"
 #include "weather_service.h"
@@ -73,7 +74,7 @@ TEST(KpcoreServiceCommands, PrintPayloadsContentInfoClientInfoAndTheDemo) {
 }
 
 TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
-  test::BackgroundProcess serve({KPCORE_PATH, "serve", "--quiet"});
+  test::ChildProcess serve({KPCORE_PATH, "serve", "--quiet"}, {.captureOutput = true});
   const auto url = serve.readLine(std::chrono::seconds(20));
   ASSERT_TRUE(url);
   ASSERT_TRUE(url->starts_with("http://127.0.0.1:")) << *url;
@@ -92,7 +93,7 @@ TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
   EXPECT_EQ(nowhere.status, 2);
   EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
 
-  serve.sendSignal(SIGTERM);
+  serve.signal(SIGTERM);
   EXPECT_EQ(serve.wait(std::chrono::seconds(10)), 0);
 }
 
