@@ -162,6 +162,7 @@ TEST(ServiceResult, ArchiveKeepsPayloadContentInfoAndTheNotModifiedMark) {
   result.data = *JsonValue::parse(R"({"hourly": [{"t": 1.5, "c": "rain"}, null], "ok": true, "n": -3})");
   result.response = responseWith(200, {{"Tarvix-Content-Format", "1"}});
   result.contentInfo->expiryInterval = 3600;
+  result.contentInfo->formatVersion = 2;
   result.contentInfo->remoteCreatedAt = Date::fromTimeIntervalSince1970(1700000000);
   result.contentIsNotModified = true;
 
@@ -183,13 +184,16 @@ TEST(ServiceResult, ArchiveKeepsPayloadContentInfoAndTheNotModifiedMark) {
   copy->contentInfo->expiryInterval = 1;
   EXPECT_EQ(result.contentInfo->expiryInterval, 3600.0);
 
-  // A raw body stays bytes through the archive, even when it reads as JSON.
+  // A raw body stays bytes through the archive, even when it reads as JSON; a content info
+  // without any of its facts keeps none.
   result.data = Data::fromString("[1]");
+  result.contentInfo = std::make_shared<TarvixServiceContentInfo>();
   const auto raw = KeyedUnarchiver::safeUnarchivedObject(
       *KeyedArchiver::archivedData(ArchiveValue(std::make_shared<TarvixServiceRequestResult>(result))));
   const auto rawBack = raw->object<TarvixServiceRequestResult>();
   EXPECT_FALSE(rawBack->dataAsJson());
   EXPECT_EQ(std::any_cast<Data>(rawBack->data).toString(), "[1]");
+  EXPECT_EQ(*rawBack->contentInfo, *result.contentInfo);
 }
 
 ApplicationInfo fixedInfo() {
