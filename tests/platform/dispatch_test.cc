@@ -12,21 +12,13 @@
 #include <vector>
 
 #include "kp/platform/task_local.h"
+#include "support/wait.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-// Waits (bounded) until `done` holds.
-template <class Pred>
-bool waitFor(Pred done, std::chrono::milliseconds limit = 5000ms) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using kp::test::eventually;
 
 TEST(SerialQueue, KeepsPostingOrderUnderLoadFromManyThreads) {
   auto queue = kp::SerialQueue::make("test.order");
@@ -97,7 +89,7 @@ TEST(SerialQueue, ProgressesWhenEveryPoolThreadBlocksInSync) {
       finished.fetch_add(1);
     });
   }
-  ASSERT_TRUE(waitFor([&] { return finished.load() == blockers; }));
+  ASSERT_TRUE(eventually([&] { return finished.load() == blockers; }));
   EXPECT_EQ(ran.load(), 8 + blockers);
 }
 
@@ -172,7 +164,7 @@ TEST(MainQueue, RunForStopsAtTheDeadlineOrOnStopAndWakesTheHost) {
   main->runFor(10s);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
   // The handler runs on the posting thread just after the post, possibly after the drain.
-  EXPECT_TRUE(waitFor([&] { return wakeups.load() >= 1; }));
+  EXPECT_TRUE(eventually([&] { return wakeups.load() >= 1; }));
   main->setWakeupHandler({});
 
   // run() returns after stop() posted from another thread.
@@ -195,7 +187,7 @@ TEST(TaskLocal, ScopedBindingReachesPostedWorkOnlyFromInsideTheScope) {
   });
   queue->async([&] { outside = *local.get(); });
   afterScope = *local.get();
-  ASSERT_TRUE(waitFor([&] { return inside >= 0 && outside >= 0 && nested >= 0 && pool >= 0; }));
+  ASSERT_TRUE(eventually([&] { return inside >= 0 && outside >= 0 && nested >= 0 && pool >= 0; }));
   EXPECT_EQ(inside.load(), 42);
   EXPECT_EQ(nested.load(), 42);
   EXPECT_EQ(pool.load(), 42);
@@ -235,7 +227,7 @@ TEST(Timers, DelayedAndRepeatingWorkRunsOnItsQueueAndStopsWhenInvalidated) {
   });
   std::atomic<int> ticks{0};
   auto timer = kp::RepeatingTimer::schedule(queue, 5ms, [&] { ticks.fetch_add(1); });
-  ASSERT_TRUE(waitFor([&] { return ticks.load() >= 3 && delayedOnQueue.load(); }));
+  ASSERT_TRUE(eventually([&] { return ticks.load() >= 3 && delayedOnQueue.load(); }));
   EXPECT_GE(delayedAfter.load(), 25ms);
   timer->invalidate();
   EXPECT_FALSE(timer->isValid());
