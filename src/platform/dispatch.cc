@@ -4,6 +4,7 @@
 // serial queues are written here on top of the pool (see SerialQueue::Impl for why).
 #include "kp/platform/dispatch.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -442,19 +443,50 @@ struct FdWatch::State : std::enable_shared_from_this<FdWatch::State> {
   std::shared_ptr<DispatchQueue> queue;
   Work work;
   std::atomic<bool> active{true};
+  bool writeWaiting = false;  // on the timer thread
+
+  void runOnQueue(bool rearm) {
+    queue->async([self = shared_from_this(), rearm] {
+      if (!self->active.load()) return;
+      self->work();
+      if (!rearm) return;
+      asio::post(TimerService::shared().context(), [self] {
+        if (self->active.load()) self->arm();
+      });
+    });
+  }
 
   // On the timer thread. The pending wait and the queued run keep the state alive.
   void arm() {
     descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                           [self = shared_from_this()](const boost::system::error_code& ec) {
-                            if (ec || !self->active.load()) return;
-                            self->queue->async([self] {
-                              if (!self->active.load()) return;
-                              self->work();
-                              asio::post(TimerService::shared().context(), [self] {
-                                if (self->active.load()) self->arm();
-                              });
-                            });
+                            if (!self->active.load()) return;
+                            if (ec && ec != asio::error::operation_aborted) return;
+                            self->runOnQueue(true);
+                          });
+    // The reactor waits edge-triggered: data that arrived after the last run had read the
+    // descriptor dry, but before this wait was queued, raised its edge with nobody waiting.
+    // Look once; when data is there, ending the wait runs the work now.
+    pollfd ready{descriptor.native_handle(), POLLIN, 0};
+    if (::poll(&ready, 1, 0) > 0) {
+      boost::system::error_code ignored;
+      descriptor.cancel(ignored);  // also ends a write wait, which waits again
+    }
+  }
+
+  // On the timer thread.
+  void armWrite() {
+    if (writeWaiting) return;
+    writeWaiting = true;
+    descriptor.async_wait(asio::posix::stream_descriptor::wait_write,
+                          [self = shared_from_this()](const boost::system::error_code& ec) {
+                            self->writeWaiting = false;
+                            if (!self->active.load()) return;
+                            if (ec == asio::error::operation_aborted) {
+                              self->armWrite();
+                            } else if (!ec) {
+                              self->runOnQueue(false);
+                            }
                           });
   }
 };
@@ -474,6 +506,13 @@ std::unique_ptr<FdWatch> FdWatch::watchReadable(int fd, std::shared_ptr<Dispatch
 FdWatch::FdWatch(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
 FdWatch::~FdWatch() { cancel(); }
+
+void FdWatch::runWhenWritable() {
+  if (!state_->active.load()) return;
+  asio::post(TimerService::shared().context(), [state = state_] {
+    if (state->active.load()) state->armWrite();
+  });
+}
 
 void FdWatch::cancel() {
   if (!state_->active.exchange(false)) return;
