@@ -38,7 +38,8 @@ std::optional<PhysicalSize> readEdidPhysicalSize(std::span<const std::uint8_t> b
   if (descriptor[0] != 0 || descriptor[1] != 0) {
     const int widthMm = descriptor[12] | ((descriptor[14] & 0xF0) << 4);
     const int heightMm = descriptor[13] | ((descriptor[14] & 0x0F) << 8);
-    if (std::abs(widthMm - size.widthMillimetres) <= 10 && std::abs(heightMm - size.heightMillimetres) <= 10) {
+    if (widthMm > 0 && heightMm > 0 && std::abs(widthMm - size.widthMillimetres) <= 10 &&
+        std::abs(heightMm - size.heightMillimetres) <= 10) {
       size = {widthMm, heightMm};
     }
   }

@@ -82,6 +82,7 @@ TEST(Edid, GivesThePictureSizeOnlyFromAWholeBlockThatStatesOne) {
   // A timing that holds an aspect ratio (16 x 9) instead of millimetres: the centimetres count.
   EXPECT_EQ(sizeOf(edidBlock(60, 34, 16, 9))->widthMillimetres, 600);
   EXPECT_EQ(sizeOf(edidBlock(60, 34, 0, 0, false))->heightMillimetres, 340);
+  EXPECT_EQ(sizeOf(edidBlock(1, 1, 0, 0))->widthMillimetres, 10);  // no size in the timing
   // Sizes above 255 mm need the high nibbles.
   EXPECT_EQ(sizeOf(edidBlock(71, 40, 708, 398))->widthMillimetres, 708);
 
