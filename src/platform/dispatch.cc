@@ -4,7 +4,6 @@
 // serial queues are written here on top of the pool (see SerialQueue::Impl for why).
 #include "kp/platform/dispatch.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -460,18 +459,9 @@ struct FdWatch::State : std::enable_shared_from_this<FdWatch::State> {
   void arm() {
     descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                           [self = shared_from_this()](const boost::system::error_code& ec) {
-                            if (!self->active.load()) return;
-                            if (ec && ec != asio::error::operation_aborted) return;
+                            if (ec || !self->active.load()) return;
                             self->runOnQueue(true);
                           });
-    // The reactor waits edge-triggered: data that arrived after the last run had read the
-    // descriptor dry, but before this wait was queued, raised its edge with nobody waiting.
-    // Look once; when data is there, ending the wait runs the work now.
-    pollfd ready{descriptor.native_handle(), POLLIN, 0};
-    if (::poll(&ready, 1, 0) > 0) {
-      boost::system::error_code ignored;
-      descriptor.cancel(ignored);  // also ends a write wait, which waits again
-    }
   }
 
   // On the timer thread.
@@ -481,12 +471,7 @@ struct FdWatch::State : std::enable_shared_from_this<FdWatch::State> {
     descriptor.async_wait(asio::posix::stream_descriptor::wait_write,
                           [self = shared_from_this()](const boost::system::error_code& ec) {
                             self->writeWaiting = false;
-                            if (!self->active.load()) return;
-                            if (ec == asio::error::operation_aborted) {
-                              self->armWrite();
-                            } else if (!ec) {
-                              self->runOnQueue(false);
-                            }
+                            if (!ec && self->active.load()) self->runOnQueue(false);
                           });
   }
 };

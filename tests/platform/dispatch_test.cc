@@ -249,18 +249,19 @@ TEST(Timers, DelayedAndRepeatingWorkRunsOnItsQueueAndStopsWhenInvalidated) {
   EXPECT_EQ(ticks.load(), stoppedAt);
 }
 
-TEST(FdWatch, RunsForDataThatArrivesWhileTheWorkRunsAndWhenTheDescriptorTakesData) {
+TEST(FdWatch, RunsAgainForDataThatArrivesWhileTheWorkRunsAndWhenTheDescriptorTakesData) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   auto queue = kp::SerialQueue::make("test.fdwatch");
   std::atomic<int> runs{0};
-  // Each run reads the pipe dry, then writes one byte more (until the third run): data that
-  // comes after a run has read everything must still bring the next run.
+  // Each run reads the pipe dry, then writes one byte more (until the third run) and lingers,
+  // so that the byte arrives while the run is still under way: it must bring the next run.
   auto watch = kp::platform::FdWatch::watchReadable(::dup(ends[0]), queue, [&] {
     char buffer[64];
     while (::read(ends[0], buffer, sizeof buffer) == sizeof buffer) {
     }
     if (runs.fetch_add(1) < 2) (void)!::write(ends[1], "x", 1);
+    std::this_thread::sleep_for(20ms);
   });
   ASSERT_TRUE(watch);
   ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
