@@ -16,13 +16,28 @@ namespace kp {
 struct DeviceInformation::Impl {
   struct State {
     std::shared_ptr<platform::DeviceFactsSource> source;
-    std::atomic<std::shared_ptr<const DeviceFacts>> facts;
     std::mutex readMutex;  // one read of the sources at a time
+    // The snapshot is swapped under a lock of its own, held only to copy the pointer, so that
+    // readers never wait for a read of the sources.
+    mutable std::mutex factsMutex;
+    std::shared_ptr<const DeviceFacts> facts;  // guarded by factsMutex
+    std::atomic<bool> known{false};
+    std::atomic<DeviceKind> kind{DeviceKind::unknown};
+
+    std::shared_ptr<const DeviceFacts> current() const {
+      std::lock_guard lock(factsMutex);
+      return facts;
+    }
 
     std::shared_ptr<const DeviceFacts> read() {
       std::lock_guard lock(readMutex);
       auto fresh = std::make_shared<const DeviceFacts>(device::deriveDeviceFacts(source->read()));
-      facts.store(fresh, std::memory_order_release);
+      {
+        std::lock_guard factsLock(factsMutex);
+        facts = fresh;
+        kind.store(fresh->kind, std::memory_order_relaxed);
+      }
+      known.store(true, std::memory_order_release);
       return fresh;
     }
   };
@@ -34,7 +49,7 @@ struct DeviceInformation::Impl {
   std::shared_ptr<const DeviceFacts> load() {
     {
       std::lock_guard lock(state->readMutex);
-      if (auto known = state->facts.load(std::memory_order_acquire)) return known;
+      if (state->known.load(std::memory_order_acquire)) return state->current();
     }
     auto fresh = state->read();
     std::call_once(watchOnce, [this] {
@@ -93,11 +108,14 @@ DeviceInformation::DeviceInformation(std::unique_ptr<Impl> impl) : impl_(std::mo
 DeviceInformation::~DeviceInformation() = default;
 
 std::shared_ptr<const DeviceFacts> DeviceInformation::facts() const {
-  if (auto known = impl_->state->facts.load(std::memory_order_acquire)) return known;
+  if (impl_->state->known.load(std::memory_order_acquire)) return impl_->state->current();
   return impl_->load();
 }
 
-DeviceKind DeviceInformation::kind() const { return facts()->kind; }
+DeviceKind DeviceInformation::kind() const {
+  if (impl_->state->known.load(std::memory_order_acquire)) return impl_->state->kind.load(std::memory_order_relaxed);
+  return impl_->load()->kind;
+}
 
 UserInterfaceIdiom DeviceInformation::idiom() const {
   const auto hosts = ApplicationInfo::current().idiom;

@@ -6,8 +6,9 @@
 // are read on first use (which may wait about a second for hostnamed) and kept; hostnamed's
 // change signals refresh them, and refresh() reads everything again.
 //
-// Thread safety: every member may be called from any thread. facts() and kind() after the
-// first read are lock-free loads.
+// Thread safety: every member may be called from any thread. After the first read, facts()
+// copies a pointer under a lock held for nothing else and kind() is an atomic load; neither
+// waits for the sources.
 //
 // Example:
 //   auto& device = kp::DeviceInformation::shared();
