@@ -1,7 +1,9 @@
 // Executors: ordering, draining, sync semantics, task-local bindings and timers.
 #include "kp/platform/dispatch.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "kp/platform/task_local.h"
+#include "platform/fd_watch.h"
 #include "support/wait.h"
 
 using namespace std::chrono_literals;
@@ -236,6 +239,36 @@ TEST(Timers, DelayedAndRepeatingWorkRunsOnItsQueueAndStopsWhenInvalidated) {
   std::this_thread::sleep_for(40ms);
   queue->sync([] {});
   EXPECT_EQ(ticks.load(), stoppedAt);
+}
+
+TEST(FdWatch, RunsAgainForDataThatArrivesWhileTheWorkRunsAndWhenTheDescriptorTakesData) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  auto queue = kp::SerialQueue::make("test.fdwatch");
+  std::atomic<int> runs{0};
+  // Each run reads the pipe dry, then writes one byte more (until the third run) and lingers,
+  // so that the byte arrives while the run is still under way: it must bring the next run.
+  auto watch = kp::platform::FdWatch::watchReadable(::dup(ends[0]), queue, [&] {
+    char buffer[64];
+    while (::read(ends[0], buffer, sizeof buffer) == sizeof buffer) {
+    }
+    if (runs.fetch_add(1) < 2) (void)!::write(ends[1], "x", 1);
+    std::this_thread::sleep_for(20ms);
+  });
+  ASSERT_TRUE(watch);
+  ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  ASSERT_EQ(::write(ends[1], "x", 1), 1);
+  EXPECT_TRUE(waitFor([&] { return runs.load() == 3; }, 2000ms)) << runs.load();
+
+  std::atomic<int> writable{0};
+  auto writer = kp::platform::FdWatch::watchReadable(::dup(ends[1]), queue, [&] { writable.fetch_add(1); });
+  ASSERT_TRUE(writer);
+  writer->runWhenWritable();
+  EXPECT_TRUE(waitFor([&] { return writable.load() == 1; }));
+  watch.reset();
+  writer.reset();
+  ::close(ends[0]);
+  ::close(ends[1]);
 }
 
 }  // namespace
