@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <limits>
+#include <thread>
 
 #include "session_recorder.h"
 #include "support/temp_dir.h"
