@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "kp/cache/cache_database.h"
+#include "kp/crypto/hash.h"
 #include "kp/logging/tarvix_logger.h"
 #include "kp/platform/application_info.h"
-#include "kp/service/encryption.h"
 #include "platform/files.h"
 #include "platform/folder.h"
 

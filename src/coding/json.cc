@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "coding/json_access.h"
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
 
 namespace kp {
 

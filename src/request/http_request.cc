@@ -2,11 +2,11 @@
 #include "kp/request/http_request.h"
 
 #include "kp/coding/coding.h"
+#include "kp/crypto/percent_encoding.h"
 #include "kp/request/execution_queues.h"
 #include "kp/request/request_executor.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
-#include "kp/service/encryption.h"
 #include "platform/no_destructor.h"
 
 namespace kp {
@@ -60,9 +60,8 @@ Url BasicHttpRequest::completeUrl() const {
 }
 
 const std::shared_ptr<RequestExecutor>& BasicHttpRequest::executor() {
-  executorOnce_.run([this] {
-    executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this()));
-  });
+  executorOnce_.run(
+      [this] { executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this())); });
   return executor_;
 }
 

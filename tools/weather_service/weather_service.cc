@@ -24,7 +24,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "request/header_text.h"
+#include "kp/foundation/text.h"
 
 namespace kp::weather {
 
@@ -518,7 +518,7 @@ namespace {
 
 // Host names do not depend on case; the URL shows them in lower case.
 WeatherServiceOptions withCanonicalHost(WeatherServiceOptions options) {
-  options.host = internal::asciiLowercased(options.host);
+  options.host = lowercased(options.host);
   return options;
 }
 

@@ -34,9 +34,20 @@
 #include <type_traits>
 #include <vector>
 
+#include "kp/crypto/percent_encoding.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 
 namespace kp {
+
+// ---- UTF-8 ---------------------------------------------------------------------------------
+
+// True when `text` is well-formed UTF-8: no stray or missing continuation bytes, no overlong
+// forms, no surrogates, nothing above U+10FFFF.
+[[nodiscard]] KP_EXPORT bool isValidUtf8(std::string_view text) noexcept;
+// `text` with every ill-formed sequence replaced by U+FFFD (one for each byte that starts
+// none), as text bound for JSON or a terminal must be.
+[[nodiscard]] KP_EXPORT std::string validUtf8(std::string_view text);
 
 // ---- Trimming and case ----------------------------------------------------------------------
 
@@ -131,42 +142,7 @@ enum class LetterCase : std::uint8_t { lower, upper };
 // The UTF-8 text that `base64` encodes; nothing when it is not Base64 or not UTF-8.
 [[nodiscard]] std::optional<std::string> base64DecodedString(std::string_view base64);
 
-// A set of bytes, for saying which ones percent-encoding leaves as they are.
-class ByteSet {
- public:
-  constexpr ByteSet() noexcept = default;
-  // The bytes of `members`.
-  constexpr explicit ByteSet(std::string_view members) noexcept {
-    for (const char c : members) add(static_cast<unsigned char>(c));
-  }
-  // The unreserved characters of URLs (RFC 3986): letters, digits and - . _ ~
-  [[nodiscard]] static constexpr ByteSet urlUnreserved() noexcept {
-    return ByteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~");
-  }
-  [[nodiscard]] constexpr bool contains(unsigned char byte) const noexcept {
-    return (bits_[byte / 64] >> (byte % 64)) & 1u;
-  }
-  [[nodiscard]] constexpr ByteSet operator~() const noexcept {
-    ByteSet out;
-    for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = ~bits_[i];
-    return out;
-  }
-  [[nodiscard]] constexpr ByteSet operator|(const ByteSet& other) const noexcept {
-    ByteSet out;
-    for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = bits_[i] | other.bits_[i];
-    return out;
-  }
-
- private:
-  constexpr void add(unsigned char byte) noexcept { bits_[byte / 64] |= std::uint64_t{1} << (byte % 64); }
-  std::uint64_t bits_[4] = {};
-};
-
-// `text` with every byte outside `allowed` written as "%XX" (upper-case hex digits).
-[[nodiscard]] std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed);
-void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed);
-// `text` with its "%XX" escapes decoded; nothing for a "%" not followed by two hex digits or a
-// result that is not UTF-8.
-[[nodiscard]] std::optional<std::string> removingPercentEncoding(std::string_view text);
+// Percent-encoding (ByteSet, addingPercentEncoding, appendPercentEncoded,
+// removingPercentEncoding) comes with kp/crypto/percent_encoding.h, included above.
 
 }  // namespace kp
