@@ -381,9 +381,53 @@ JsonValue JsonValue::fromValue(const Value& value, DateStrategy dates) {
   return JsonValue(std::move(doc), root);
 }
 
+namespace {
+
+// JSON has one kind of number: 12 and 12.0 are the same value, as they are to the platform's
+// JSON reader, even though the parser keeps integers and fractions apart.
+bool sameNumber(const json::value& a, const json::value& b) noexcept {
+  if (a.is_double() || b.is_double()) {
+    if (a.is_double() && b.is_double()) return a.get_double() == b.get_double();
+    const double d = a.is_double() ? a.get_double() : b.get_double();
+    const json::value& i = a.is_double() ? b : a;
+    // Compare exactly: only a double with an integral value inside the integer's range can match.
+    if (!(d >= -9223372036854775808.0 && d < 18446744073709551616.0) || d != std::trunc(d)) return false;
+    if (i.is_int64()) return d < 9223372036854775808.0 && static_cast<std::int64_t>(d) == i.get_int64();
+    return d >= 0 && static_cast<std::uint64_t>(d) == i.get_uint64();
+  }
+  return a == b;
+}
+
+bool sameJson(const json::value& a, const json::value& b) noexcept {
+  if (a.is_number() && b.is_number()) return sameNumber(a, b);
+  if (a.kind() != b.kind()) return false;
+  if (a.is_array()) {
+    const json::array& x = a.get_array();
+    const json::array& y = b.get_array();
+    if (x.size() != y.size()) return false;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+      if (!sameJson(x[i], y[i])) return false;
+    }
+    return true;
+  }
+  if (a.is_object()) {
+    const json::object& x = a.get_object();
+    const json::object& y = b.get_object();
+    if (x.size() != y.size()) return false;
+    for (const auto& kv : x) {
+      const json::value* other = y.if_contains(kv.key());
+      if (!other || !sameJson(kv.value(), *other)) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+}  // namespace
+
 bool operator==(const JsonValue& a, const JsonValue& b) noexcept {
   const json::value null;
-  return (a.node_ ? node(a.node_) : null) == (b.node_ ? node(b.node_) : null);
+  return sameJson(a.node_ ? node(a.node_) : null, b.node_ ? node(b.node_) : null);
 }
 
 std::string writeJson(const Value& value, DateStrategy dates, bool pretty) {

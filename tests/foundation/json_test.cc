@@ -47,6 +47,11 @@ TEST(JsonHelpers, CompactAndPrettyTextReadBackAsTheSameValue) {
   EXPECT_EQ(kp::jsonText(*v, kp::JsonFormat::pretty),
             "{\n  \"b\" : [\n    1,\n    {\n      \"c\" : \"$null\"\n    }\n  ],\n  \"a\" : {},\n  \"d\" : []\n}");
   EXPECT_EQ(*kp::parseJson(kp::jsonDataFromObject(forecast(), kp::JsonFormat::pretty)), forecast());
+  // 12.0 is written as 12 and reads back as an integer: JSON has one kind of number.
+  EXPECT_EQ(*kp::parseJson(std::string_view("[12, -0, 1e2]")), *kp::parseJson(std::string_view("[12.0, 0, 100]")));
+  EXPECT_NE(*kp::parseJson(std::string_view("12")), *kp::parseJson(std::string_view("12.5")));
+  EXPECT_NE(*kp::parseJson(std::string_view("18446744073709551615")),
+            *kp::parseJson(std::string_view("1.8446744073709552e19")));
   EXPECT_EQ(kp::jsonStringFromObject(JsonValue()), "null");
   EXPECT_EQ(kp::jsonTypeName(forecast()["days"].type()), "array");
 }
