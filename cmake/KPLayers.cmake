@@ -71,6 +71,8 @@ function(kp_layer name)
     ${PROJECT_SOURCE_DIR}/include ${PROJECT_BINARY_DIR}/generated ${view})
   target_compile_features(kp_${name} PRIVATE cxx_std_20)
   target_compile_definitions(kp_${name} PRIVATE BOOST_ASIO_NO_DEPRECATED)
+  # Only what carries KP_EXPORT (kp/platform/export.h) leaves the shared library.
+  set_target_properties(kp_${name} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
   target_link_libraries(kp_${name} PRIVATE TarvixContracts Threads::Threads Boost::headers ${arg_LIBS})
   kp_set_warnings(kp_${name})
 

@@ -57,13 +57,14 @@
 #include "kp/cache/cache_database.h"
 #include "kp/cache/cache_service.h"
 #include "kp/container/services.h"
+#include "kp/platform/export.h"
 #include "kp/platform/notification_center.h"
 #include "tarvix/date_service.h"
 
 namespace kp {
 
 // One back-store entry as a listing shows it.
-struct CacheEntrySummary {
+struct KP_EXPORT CacheEntrySummary {
   CacheRowSummary row;
   // Bytes of the entry's file; nothing for a serialized entry and for a file that is missing.
   std::optional<std::uint64_t> fileSize;
@@ -71,7 +72,7 @@ struct CacheEntrySummary {
 
 // What the cache holds under one key, read without the side effects of a lookup (no rolling
 // expiry, no removal).
-struct CacheItemInspection {
+struct KP_EXPORT CacheItemInspection {
   // The entry in memory, else its row decoded; null when the row cannot be decoded.
   std::shared_ptr<CacheItem> entry;
   bool inMemory = false;
@@ -84,14 +85,14 @@ struct CacheItemInspection {
 };
 
 // The background work of a controller: tasks and bytes waiting now, and the most seen.
-struct CacheBackgroundStatistics {
+struct KP_EXPORT CacheBackgroundStatistics {
   std::size_t pendingTasks = 0;
   std::size_t pendingBytes = 0;
   std::size_t peakTasks = 0;
   std::size_t peakBytes = 0;
 };
 
-class CacheController final : public CacheService {
+class KP_EXPORT CacheController final : public CacheService {
  public:
   static constexpr std::string_view kDatabaseFileName = "centralcache.db";
   static constexpr std::string_view kStorageFileName = "KPCentralCacheController";

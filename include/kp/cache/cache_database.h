@@ -33,17 +33,18 @@
 #include "kp/cache/cacheable.h"
 #include "kp/cache/sqlite.h"
 #include "kp/coding/property_list.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-struct CacheKeyAndGroup {
+struct KP_EXPORT CacheKeyAndGroup {
   std::string key;
   std::optional<std::string> group;
   friend bool operator==(const CacheKeyAndGroup&, const CacheKeyAndGroup&) = default;
 };
 
 // One row as a listing shows it.
-struct CacheRowSummary {
+struct KP_EXPORT CacheRowSummary {
   // How the row names its entry. Only a UTF-8 text id can match a key: a row named otherwise
   // was written by something else, and no read ever reaches it, but it is listed all the same.
   enum class KeyForm { text, bytes, null };
@@ -64,10 +65,10 @@ struct CacheRowSummary {
 
 enum class CacheItemColumns { id, type, group, data };
 enum class MetadataColumns { id, version };
-[[nodiscard]] std::string_view sqliteColumnName(CacheItemColumns column) noexcept;
-[[nodiscard]] std::string_view sqliteColumnName(MetadataColumns column) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view sqliteColumnName(CacheItemColumns column) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view sqliteColumnName(MetadataColumns column) noexcept;
 
-class CacheControllerDatabase {
+class KP_EXPORT CacheControllerDatabase {
  public:
   static constexpr std::string_view kDbName = "KPCacheControllerDal_DB";
   static constexpr std::int32_t kDbVersion = 3;

@@ -24,10 +24,11 @@
 #include "kp/cache/cache_controller.h"
 #include "kp/cache/cache_database.h"
 #include "kp/cache/file_storage.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class CacheInspector {
+class KP_EXPORT CacheInspector {
  public:
   // The cache in `directory`; nothing, with `problem` (when given) saying why in one line,
   // when it has no database or its database cannot be read as one of schema version 3 or later.

@@ -23,12 +23,13 @@
 
 #include "kp/cache/cache_database.h"
 #include "kp/cache/cache_item.h"
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
 // How the generic get() recognises and reads one type of entry.
-struct CacheableType {
+struct KP_EXPORT CacheableType {
   // True for an entry of the type.
   bool (*accepts)(const Cacheable& entry);
   // The entry decoded from its stored coded form, or null.
@@ -43,7 +44,7 @@ struct CacheableType {
   }
 };
 
-class CacheService : public virtual tarvix::Service {
+class KP_EXPORT CacheService : public virtual tarvix::Service {
  public:
   // A general entry: ignored for an empty key or an invalid entry (a serialized entry without
   // a payload, a file entry whose payload is not bytes, an image entry without an image).

@@ -37,12 +37,13 @@
 #include <string_view>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 class CacheControllerDatabase;
 
-class CacheControllerFileStorage {
+class KP_EXPORT CacheControllerFileStorage {
  public:
   // The folder `fileName` in the application's caches directory, or in `directory`.
   explicit CacheControllerFileStorage(std::string_view fileName);

@@ -19,11 +19,12 @@
 #include <string_view>
 
 #include "kp/cache/cacheable.h"
+#include "kp/platform/export.h"
 #include "kp/platform/string_map.h"
 
 namespace kp {
 
-class CacheMemoryStorage {
+class KP_EXPORT CacheMemoryStorage {
  public:
   // Removes any entry under `key`, then keeps `entry` when its configuration retains it in
   // memory (so storing an entry that is not to be retained evicts the old one).

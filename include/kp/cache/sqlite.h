@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 struct sqlite3;
@@ -41,7 +42,7 @@ struct sqlite3_stmt;
 namespace kp {
 
 // A tagged value of exactly one of five kinds. No conversion between kinds.
-class SQLiteValue {
+class KP_EXPORT SQLiteValue {
  public:
   enum class Kind { string, double_, data, int32, null };
 
@@ -110,7 +111,7 @@ class SQLiteRow {
   SQLiteCells cells_;
 };
 
-class SQLiteDatabaseError : public std::exception {
+class KP_EXPORT SQLiteDatabaseError : public std::exception {
  public:
   enum class Code { unableToOpen, couldNotPrepareStatement };
   explicit SQLiteDatabaseError(Code code) noexcept : code_(code) {}
@@ -121,7 +122,7 @@ class SQLiteDatabaseError : public std::exception {
   Code code_;
 };
 
-class SQLiteStatementError : public std::exception {
+class KP_EXPORT SQLiteStatementError : public std::exception {
  public:
   enum class Code { binding, execute, reading, isFinalized };
   explicit SQLiteStatementError(Code code) noexcept : code_(code) {}
@@ -132,7 +133,7 @@ class SQLiteStatementError : public std::exception {
   Code code_;
 };
 
-class SQLitePreparedStatement {
+class KP_EXPORT SQLitePreparedStatement {
  public:
   virtual ~SQLitePreparedStatement() = default;
   // Binds at the current position, then advances it (only when the binding succeeded).
@@ -162,7 +163,7 @@ class SQLitePreparedStatement {
   }
 };
 
-class SQLiteDatabase {
+class KP_EXPORT SQLiteDatabase {
  public:
   virtual ~SQLiteDatabase() = default;
   [[nodiscard]] virtual std::unique_ptr<SQLitePreparedStatement> createPreparedStatement(std::string_view sql) = 0;
@@ -172,7 +173,7 @@ class SQLiteDatabase {
       std::string_view sql, const std::vector<SQLiteValue>& bindings);
 };
 
-class DefaultSQLiteDatabase final : public SQLiteDatabase {
+class KP_EXPORT DefaultSQLiteDatabase final : public SQLiteDatabase {
  public:
   class PreparedStatement;
 
@@ -192,7 +193,7 @@ class DefaultSQLiteDatabase final : public SQLiteDatabase {
   sqlite3* db_ = nullptr;
 };
 
-class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStatement {
+class KP_EXPORT DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStatement {
  public:
   explicit PreparedStatement(sqlite3_stmt* statement) noexcept : statement_(statement) {}
   ~PreparedStatement() override { finalize(); }

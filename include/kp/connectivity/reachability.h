@@ -27,6 +27,7 @@
 #include <string_view>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 #include "kp/platform/network_reachability.h"
 #include "kp/platform/notification_center.h"
 
@@ -36,7 +37,7 @@ namespace kp {
 // is recorded, not acted on.
 enum class DispatchQoS { unspecified, background, utility, default_, userInitiated, userInteractive };
 
-class Reachability : public std::enable_shared_from_this<Reachability> {
+class KP_EXPORT Reachability : public std::enable_shared_from_this<Reachability> {
  public:
   enum class Connection : int { none = 0, wifi = 1, cellular = 2 };
 

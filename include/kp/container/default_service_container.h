@@ -43,11 +43,12 @@
 #include <vector>
 
 #include "kp/container/tarvix_error.h"
+#include "kp/platform/export.h"
 #include "tarvix/service_container.h"
 
 namespace kp {
 
-class DefaultServiceContainer final : public tarvix::ServiceContainer {
+class KP_EXPORT DefaultServiceContainer final : public tarvix::ServiceContainer {
  public:
   // The key of the three tables: one type, equal to another exactly when it wraps the same
   // type.

@@ -19,7 +19,7 @@
 namespace kp {
 
 // A set of bytes, for saying which ones percent-encoding leaves as they are.
-class ByteSet {
+class KP_EXPORT ByteSet {
  public:
   constexpr ByteSet() noexcept = default;
   // The bytes of `members`.

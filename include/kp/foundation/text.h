@@ -53,27 +53,27 @@ namespace kp {
 
 // `text` without the Unicode white space (spaces, tabs, line breaks, no-break spaces ...) at
 // either end.
-[[nodiscard]] std::string_view trimmed(std::string_view text) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view trimmed(std::string_view text) noexcept;
 
-[[nodiscard]] std::string uppercased(std::string_view text, std::string_view locale = {});
-[[nodiscard]] std::string lowercased(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string uppercased(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string lowercased(std::string_view text, std::string_view locale = {});
 // The first letter of every word in title case, the rest in lower case.
-[[nodiscard]] std::string capitalized(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string capitalized(std::string_view text, std::string_view locale = {});
 
 // Orders the texts by their full case folding (so "ß" matches "ss" and "SS"), code point by
 // code point. In Turkish and Azeri "I" matches "ı" and "İ" matches "i".
-[[nodiscard]] std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
-                                                     std::string_view locale = {});
-[[nodiscard]] bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
+                                                               std::string_view locale = {});
+[[nodiscard]] KP_EXPORT bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
 
 // ---- User-perceived characters --------------------------------------------------------------
 
-[[nodiscard]] std::size_t characterCount(std::string_view text);
+[[nodiscard]] KP_EXPORT std::size_t characterCount(std::string_view text);
 // `text` when it has at most `maxCharacters` characters; otherwise its first characters, less
 // the white space before the cut, followed by `ellipsis`, together `maxCharacters` characters
 // at most (the ellipsis alone is dropped when it does not fit).
-[[nodiscard]] std::string truncated(std::string_view text, std::size_t maxCharacters,
-                                    std::string_view ellipsis = "\u2026");
+[[nodiscard]] KP_EXPORT std::string truncated(std::string_view text, std::size_t maxCharacters,
+                                              std::string_view ellipsis = "\u2026");
 
 // ---- Splitting and joining ------------------------------------------------------------------
 
@@ -82,8 +82,8 @@ enum class SplitOptions : std::uint8_t { keepEmpty, omitEmpty };
 // The pieces of `text` between occurrences of `separator`. With keepEmpty an empty text is one
 // empty piece and adjacent separators give empty pieces; an empty separator leaves `text`
 // whole.
-[[nodiscard]] std::vector<std::string_view> split(std::string_view text, std::string_view separator,
-                                                  SplitOptions options = SplitOptions::keepEmpty);
+[[nodiscard]] KP_EXPORT std::vector<std::string_view> split(std::string_view text, std::string_view separator,
+                                                            SplitOptions options = SplitOptions::keepEmpty);
 
 template <std::ranges::input_range R>
 requires std::convertible_to<std::ranges::range_reference_t<R>, std::string_view>
@@ -133,14 +133,15 @@ requires(std::integral<T> && !std::same_as<T, bool>) ||
 enum class LetterCase : std::uint8_t { lower, upper };
 
 // Two hex digits per byte.
-[[nodiscard]] std::string hexEncoded(std::span<const std::uint8_t> bytes, LetterCase letters = LetterCase::lower);
+[[nodiscard]] KP_EXPORT std::string hexEncoded(std::span<const std::uint8_t> bytes,
+                                               LetterCase letters = LetterCase::lower);
 // The bytes of pairs of hex digits (either case, nothing else); nothing for other text.
-[[nodiscard]] std::optional<Data> hexDecoded(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Data> hexDecoded(std::string_view text);
 
 // The Base64 text (no line breaks) of the bytes of `text`.
-[[nodiscard]] std::string base64EncodedString(std::string_view text);
+[[nodiscard]] KP_EXPORT std::string base64EncodedString(std::string_view text);
 // The UTF-8 text that `base64` encodes; nothing when it is not Base64 or not UTF-8.
-[[nodiscard]] std::optional<std::string> base64DecodedString(std::string_view base64);
+[[nodiscard]] KP_EXPORT std::optional<std::string> base64DecodedString(std::string_view base64);
 
 // Percent-encoding (ByteSet, addingPercentEncoding, appendPercentEncoded,
 // removingPercentEncoding) comes with kp/crypto/percent_encoding.h, included above.

@@ -32,6 +32,7 @@
 #include <utility>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/weak_hash_table.h"
 #include "tarvix/source_location.h"
 
@@ -47,9 +48,9 @@ enum class TarvixLogLevel : int { debug = 0, info = 1, notice = 2, error = 3, fa
 }
 
 // Its name: "debug", "info", "notice", "error" or "fault".
-[[nodiscard]] std::string_view name(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view name(TarvixLogLevel level) noexcept;
 
-struct TarvixLogData {
+struct KP_EXPORT TarvixLogData {
   TarvixLogLevel level = TarvixLogLevel::debug;
   Date date;
   std::string message;
@@ -59,13 +60,13 @@ struct TarvixLogData {
   std::string function;  // the caller's function name or signature
 };
 
-class TarvixLogWriter {
+class KP_EXPORT TarvixLogWriter {
  public:
   virtual ~TarvixLogWriter() = default;
   virtual void log(const TarvixLogData& data) = 0;
 };
 
-class TarvixLoggerObserver {
+class KP_EXPORT TarvixLoggerObserver {
  public:
   virtual ~TarvixLoggerObserver() = default;
   virtual void isEnabledDidChange(bool isEnabled) = 0;
@@ -131,7 +132,7 @@ class TarvixLogger {
 enum class TarvixCoreLogicLogCategory { general };
 [[nodiscard]] constexpr std::string_view rawValue(TarvixCoreLogicLogCategory) noexcept { return "General"; }
 
-class TarvixLoggers {
+class KP_EXPORT TarvixLoggers {
  public:
   using CoreLogger = TarvixLogger<TarvixCoreLogicLogCategory>;
 

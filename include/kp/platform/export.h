@@ -3,7 +3,9 @@
 // on every class with a vtable or out-of-line members and every function that a host calls
 // (declarations in include/kp), and never on the internals under src/.
 //
-// Classes whose members are all inline, templates and enums need no mark.
+// Classes whose members are all inline and enums need no mark. Class templates with virtual
+// members carry it, so that the instantiations the library makes are the ones the whole
+// process uses.
 //
 // Thread safety: not applicable (a macro).
 #pragma once

@@ -31,20 +31,22 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 enum class OSLogType : std::uint8_t { debug, info, default_, error, fault };
 
 // "debug", "info", "default", "error" or "fault".
-[[nodiscard]] std::string_view name(OSLogType type) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view name(OSLogType type) noexcept;
 
-struct OSLogCodeLocation {
+struct KP_EXPORT OSLogCodeLocation {
   std::string_view file;
   int line = 0;
   std::string_view function;
 };
 
-class SystemLog {
+class KP_EXPORT SystemLog {
  public:
   struct Options {
     // The journal's native socket; empty means the system journal's. A namespaced journal
@@ -72,7 +74,7 @@ class SystemLog {
   virtual bool write(const Entry& entry) noexcept = 0;
 };
 
-class OSLogger {
+class KP_EXPORT OSLogger {
  public:
   OSLogger(std::string subsystem, std::string category, std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 

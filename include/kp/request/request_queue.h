@@ -40,6 +40,7 @@
 #include <utility>
 #include <vector>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
@@ -47,7 +48,7 @@ namespace kp {
 class RequestQueueOperation;
 
 // Learns of an operation's changes; the queue that made the operation.
-class RequestQueueOperationDelegate {
+class KP_EXPORT RequestQueueOperationDelegate {
  public:
   enum class Key { isExecuting, isFinished };
 
@@ -61,7 +62,7 @@ class RequestQueueOperationDelegate {
   virtual void operationDidEnd(RequestQueueOperation&) {}
 };
 
-class RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
+class KP_EXPORT RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
  public:
   // Operation priorities of the platform.
   static constexpr int kQueuePriorityLow = -4;
@@ -104,9 +105,9 @@ class RequestQueueOperation final : public std::enable_shared_from_this<RequestQ
   std::atomic<bool> cancelled_{false};
 };
 
-class RequestQueue final : public RequestQueueInterface,
-                           public RequestQueueOperationDelegate,
-                           public std::enable_shared_from_this<RequestQueue> {
+class KP_EXPORT RequestQueue final : public RequestQueueInterface,
+                                     public RequestQueueOperationDelegate,
+                                     public std::enable_shared_from_this<RequestQueue> {
  public:
   static constexpr std::int64_t kDefaultMaxConcurrentRequests = 2;
   // The platform's "utility" quality of service.
