@@ -31,40 +31,53 @@ void BM_SynchronizedRead(benchmark::State& state) {
 }
 BENCHMARK(BM_SynchronizedRead);
 
+// One worker thread for the whole run, as the serial queue's drain runs on the pool that is
+// already there; each round posts the items and then waits for a last one, as sync() does.
 void BM_Baseline_DequeWorkerThroughput(benchmark::State& state) {
   constexpr int kItems = 10000;
-  for (auto _ : state) {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::deque<std::function<void()>> items;
-    std::atomic<int> done{0};
-    bool stop = false;
-    std::thread worker([&] {
-      std::unique_lock lock(mutex);
-      while (true) {
-        cv.wait(lock, [&] { return stop || !items.empty(); });
-        if (items.empty()) return;
-        auto item = std::move(items.front());
-        items.pop_front();
-        lock.unlock();
-        item();
-        lock.lock();
-      }
-    });
-    for (int i = 0; i < kItems; ++i) {
-      {
-        std::lock_guard lock(mutex);
-        items.emplace_back([&] { done.fetch_add(1, std::memory_order_relaxed); });
-      }
-      cv.notify_one();
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::deque<std::function<void()>> items;
+  bool stop = false;
+  std::thread worker([&] {
+    std::unique_lock lock(mutex);
+    while (true) {
+      cv.wait(lock, [&] { return stop || !items.empty(); });
+      if (items.empty()) return;
+      auto item = std::move(items.front());
+      items.pop_front();
+      lock.unlock();
+      item();
+      lock.lock();
     }
+  });
+  auto post = [&](std::function<void()> item) {
     {
       std::lock_guard lock(mutex);
-      stop = true;
+      items.push_back(std::move(item));
     }
     cv.notify_one();
-    worker.join();
+  };
+  for (auto _ : state) {
+    std::atomic<int> done{0};
+    for (int i = 0; i < kItems; ++i) post([&] { done.fetch_add(1, std::memory_order_relaxed); });
+    std::mutex syncMutex;
+    std::condition_variable synced;
+    bool reached = false;
+    post([&] {
+      std::lock_guard lock(syncMutex);
+      reached = true;
+      synced.notify_one();
+    });
+    std::unique_lock lock(syncMutex);
+    synced.wait(lock, [&] { return reached; });
   }
+  {
+    std::lock_guard lock(mutex);
+    stop = true;
+  }
+  cv.notify_one();
+  worker.join();
   state.SetItemsProcessed(state.iterations() * kItems);
 }
 BENCHMARK(BM_Baseline_DequeWorkerThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();

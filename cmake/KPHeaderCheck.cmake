@@ -1,9 +1,13 @@
-# A test for one installed header (see tests/CMakeLists.txt): it must compile on its own, and
-# it must show hosts only the library's contract, so it includes no third-party header but
-# Boost's header-only libraries (Boost.Describe above all) and names no platform handle.
-#   -DHEADER=<path> -DINCLUDE_ROOT=<folder the header's include path starts from>
-#   -DCOMPILER=<C++ compiler> -DFLAGS=<compile flags, ;-separated> -DWORK=<scratch folder>
+# A test over the installed headers (see tests/CMakeLists.txt): each must show hosts only the
+# library's contract, so it includes no third-party header but Boost's header-only libraries
+# (Boost.Describe above all) and names no platform handle. Every header is checked; the test
+# fails naming each one that does not hold. (That each compiles on its own is checked by the
+# build: kp_header_units compiles one unit per installed header.)
+#   -DINCLUDE_ROOT=<the folder that holds kp/>
 cmake_minimum_required(VERSION 3.25)
+file(GLOB_RECURSE headers ${INCLUDE_ROOT}/kp/*.h)
+set(failures "")
+foreach(HEADER ${headers})
 file(RELATIVE_PATH name ${INCLUDE_ROOT} ${HEADER})
 file(READ ${HEADER} text)
 
@@ -25,7 +29,7 @@ endforeach()
 foreach(handle
     "sqlite3[_a-z]*[ \t]*\\*" "CURL[A-Z]*[ \t]*\\*" "SSL[_A-Z]*[ \t]*\\*" "EVP_[A-Z_]+" "X509[_A-Z]*[ \t]*\\*"
     "sd_(journal|bus)[_a-z]*" "G[A-Z][A-Za-z]+[ \t]*\\*" "Secret[A-Z][A-Za-z]+[ \t]*\\*" "icu(_[0-9]+)?::"
-    "boost::(asio|json|locale|urls?)::" "pthread_[a-z_]+_t" "FILE[ \t]*\\*" "DIR[ \t]*\\*"
+    "boost::(asio|json|locale|urls?)::" "pthread_[a-z_]+_t" "DIR[ \t]*\\*"
     "(int|ssize_t)[ \t]+[A-Za-z_]*([Ff]d|[Dd]escriptor|[Ss]ocket)_?[ \t]*[;=,){]")
   string(REGEX MATCH "[^A-Za-z0-9_]${handle}" found "${code}")
   if(found)
@@ -34,15 +38,12 @@ foreach(handle
   endif()
 endforeach()
 if(problems)
-  message(FATAL_ERROR "${name} shows hosts more than the library's contract:\n${problems}")
+  string(APPEND failures "${name} shows hosts more than the library's contract:\n${problems}")
 endif()
 
-# Compiled alone, twice in one unit (a second inclusion must add nothing).
-string(MAKE_C_IDENTIFIER "${name}" unit)
-set(source ${WORK}/${unit}.cc)
-file(WRITE ${source} "#include \"${name}\"\n#include \"${name}\"\n")
-execute_process(COMMAND ${COMPILER} ${FLAGS} -fsyntax-only ${source}
-                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
-if(rc)
-  message(FATAL_ERROR "${name} does not compile on its own:\n${out}")
+endforeach()
+if(failures)
+  message(FATAL_ERROR "${failures}")
 endif()
+list(LENGTH headers count)
+message(STATUS "${count} headers hold")

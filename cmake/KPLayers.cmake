@@ -88,9 +88,13 @@ function(kp_link_layers)
   string(REPLACE ";" "\n" layer_lines "${layers}")
   file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/layer_checks/layers CONTENT "${layer_lines}\n")
   set(objects)
+  set(layer_targets)
   foreach(layer ${layers})
     list(APPEND objects $<TARGET_OBJECTS:kp_${layer}>)
+    list(APPEND layer_targets kp_${layer})
   endforeach()
+  # Every layer's objects and nothing else (the thread-safety build of scripts/test).
+  add_custom_target(kp_layers DEPENDS ${layer_targets})
 
   # One copy in-process for the host and its other modules, so the process-wide instances
   # (main queue, services, caches) exist once. Its private dependencies stay private: a host

@@ -1,3 +1,5 @@
+// Coding errors, the encoders' and decoders' shared checks, and the Base64 form that data
+// takes in the coded values.
 #include "kp/coding/coding.h"
 
 #include <cmath>

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 
+#include "platform/device_facts.h"
 #include "platform/env.h"
 #include "platform/files.h"
 
@@ -39,11 +40,12 @@ ApplicationInfo ApplicationInfo::systemDefaults() {
   auto& env = platform::Env::current();
   const auto facts = env.systemFacts();
   ApplicationInfo info;
-  info.name = "KPApp";
-  info.version = "1.0";
-  info.build = "1";
+  // Who the application is, the launcher may know; its version and build only the host does.
+  if (auto entry = platform::applicationDesktopEntry()) {
+    info.identifier = canonicalIdentifier(entry->identifier);
+    info.name = entry->name;
+  }
   info.systemName = facts.systemName;
-  info.systemVersion = facts.systemVersion;
   info.deviceModel = facts.model;
   info.localeIdentifier = env.localeIdentifier();
   info.timeZone = env.timeZoneName();

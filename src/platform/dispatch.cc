@@ -289,6 +289,14 @@ bool releaseOwnership(SerialQueue::Impl& q) {
   return true;
 }
 
+// Ends the calling thread's run of the queue's items and lets go of `lock` (the queue's
+// mutex); true when what is left must be scheduled.
+bool endTurn(SerialQueue::Impl& q, std::unique_lock<std::mutex>& lock) {
+  const bool post = releaseOwnership(q);
+  lock.unlock();
+  return post;
+}
+
 void runItem(const DispatchQueue* queue, Item& item) {
   ScopedTaskLocalBindings scope(std::move(item.bindings));
   struct Frame : DispatchQueue {
@@ -313,7 +321,7 @@ void SerialQueue::drain() {
     runItem(this, item);
     lock.lock();
   }
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
 }
 
 void SerialQueue::sync(const std::function<void()>& work) {
@@ -358,7 +366,7 @@ void SerialQueue::sync(const std::function<void()>& work) {
     work();
   }
   lock.lock();
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
 }
 
 bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
@@ -373,14 +381,8 @@ bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
     work();
   }
   std::unique_lock lock(impl_->mutex);
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
   return true;
-}
-
-void SerialQueue::endTurn(std::unique_lock<std::mutex>& lock) {
-  const bool post = releaseOwnership(*impl_);
-  lock.unlock();
-  if (post) scheduleDrain();
 }
 
 void SerialQueue::scheduleDrain() {
@@ -442,19 +444,36 @@ struct FdWatch::State : std::enable_shared_from_this<FdWatch::State> {
   std::shared_ptr<DispatchQueue> queue;
   Work work;
   std::atomic<bool> active{true};
+  bool writeWaiting = false;  // on the timer thread
+
+  void runOnQueue(bool rearm) {
+    queue->async([self = shared_from_this(), rearm] {
+      if (!self->active.load()) return;
+      self->work();
+      if (!rearm) return;
+      asio::post(TimerService::shared().context(), [self] {
+        if (self->active.load()) self->arm();
+      });
+    });
+  }
 
   // On the timer thread. The pending wait and the queued run keep the state alive.
   void arm() {
     descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                           [self = shared_from_this()](const boost::system::error_code& ec) {
                             if (ec || !self->active.load()) return;
-                            self->queue->async([self] {
-                              if (!self->active.load()) return;
-                              self->work();
-                              asio::post(TimerService::shared().context(), [self] {
-                                if (self->active.load()) self->arm();
-                              });
-                            });
+                            self->runOnQueue(true);
+                          });
+  }
+
+  // On the timer thread.
+  void armWrite() {
+    if (writeWaiting) return;
+    writeWaiting = true;
+    descriptor.async_wait(asio::posix::stream_descriptor::wait_write,
+                          [self = shared_from_this()](const boost::system::error_code& ec) {
+                            self->writeWaiting = false;
+                            if (!ec && self->active.load()) self->runOnQueue(false);
                           });
   }
 };
@@ -474,6 +493,13 @@ std::unique_ptr<FdWatch> FdWatch::watchReadable(int fd, std::shared_ptr<Dispatch
 FdWatch::FdWatch(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
 FdWatch::~FdWatch() { cancel(); }
+
+void FdWatch::runWhenWritable() {
+  if (!state_->active.load()) return;
+  asio::post(TimerService::shared().context(), [state = state_] {
+    if (state->active.load()) state->armWrite();
+  });
+}
 
 void FdWatch::cancel() {
   if (!state_->active.exchange(false)) return;

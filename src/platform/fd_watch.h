@@ -2,7 +2,9 @@
 // thread of its own waits for it: the timer thread's event loop does, next to the timers.
 //
 // The watch waits again only after the work has run, so one run sees everything that
-// arrived before it; work that leaves data unread simply runs again.
+// arrived before it; work that leaves data unread simply runs again, and so does work after
+// which data arrived before the watch waited again. Runs go to the queue, which should be
+// serial (runs for a writable descriptor come on top of the others).
 //
 // Thread safety: cancel() and the destructor may be called from any thread, also from inside
 // the work. Once cancel() has returned the work does not start again; a run already under way
@@ -28,6 +30,9 @@ class FdWatch {
   FdWatch(const FdWatch&) = delete;
   FdWatch& operator=(const FdWatch&) = delete;
 
+  // Runs the work once more as soon as the descriptor can take data: for a writer whose
+  // output waits because the descriptor was full. Asked again before it ran, it runs once.
+  void runWhenWritable();
   void cancel();
 
   struct State;

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 
+#include "kp/device/device_information.h"
 #include "request/header_text.h"
 
 namespace kp {
@@ -44,7 +45,26 @@ std::string shortestDecimalText(double value) {
   return text;
 }
 
-TarvixWebServiceParameters::TarvixWebServiceParameters() : TarvixWebServiceParameters(ApplicationInfo::current()) {}
+std::string_view deviceKindName(DeviceKind kind) noexcept {
+  switch (kind) {
+    case DeviceKind::phone:
+      return deviceKindName(UserInterfaceIdiom::phone);
+    case DeviceKind::tablet:
+      return deviceKindName(UserInterfaceIdiom::pad);
+    case DeviceKind::unknown:
+      return deviceKindName(UserInterfaceIdiom::unspecified);
+    default:
+      return chassisName(kind);
+  }
+}
+
+TarvixWebServiceParameters::TarvixWebServiceParameters() : TarvixWebServiceParameters(ApplicationInfo::current()) {
+  // What the host left unsaid, the device information knows.
+  const auto info = ApplicationInfo::current();
+  const auto facts = DeviceInformation::shared().facts();
+  if (info.idiom == UserInterfaceIdiom::unspecified) device = std::string(deviceKindName(facts->kind));
+  if (info.systemVersion.empty()) systemVersion = facts->operatingSystem.versionText;
+}
 
 TarvixWebServiceParameters::TarvixWebServiceParameters(const ApplicationInfo& info)
     : appId(nonEmpty(info.identifier.value_or(""))),

@@ -1,18 +1,15 @@
-// The cache's database, file and memory stores against real files.
+// The cache's database and file store against real files. (The memory store, and how the
+// stores hold up against full disks, killed writers and concurrent use, are tested through the
+// controller.)
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
-#include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 
-#include "kp/cache/cache_database.h"
-#include "kp/cache/file_storage.h"
-#include "kp/cache/memory_storage.h"
+#include "cache/cache_database.h"
+#include "cache/file_storage.h"
+#include "cache_controller_support.h"
 #include "kp/service/encryption.h"
-#include "support/process.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -40,24 +37,14 @@ kp::CacheItemConfiguration config(double age, std::optional<std::string> group =
   return c;
 }
 
-// Runs a statement through the sqlite3 shell and returns its output.
-std::string shell(const std::filesystem::path& db, const std::string& sql) {
-  using kp::test::shellQuote;
-  return kp::test::runCommand("sqlite3 " + shellQuote(db.string()) + " " + shellQuote(sql) + " 2>&1").output;
-}
+using kp::test::sqlite;
 
-TEST(CacheItemConfiguration, ExpiryRuleAndEquality) {
+TEST(CacheItemConfiguration, AnEntryExpiresOnlyOnceOlderThanAPositiveAge) {
   const Date now = Date::now();
   EXPECT_FALSE(Entry(config(0), now.addingTimeInterval(-1e6)).isExpired(now));
   EXPECT_FALSE(Entry(config(-5), now.addingTimeInterval(-1e6)).isExpired(now));
   EXPECT_FALSE(Entry(config(10), now.addingTimeInterval(-10)).isExpired(now));  // equal age: fresh
   EXPECT_TRUE(Entry(config(10), now.addingTimeInterval(-10.001)).isExpired(now));
-  kp::CacheItemConfiguration a, b;
-  EXPECT_EQ(a, b);
-  b.groupName = "a";
-  EXPECT_NE(a, b);
-  EXPECT_EQ(kp::cacheItemTypeFromRawValue(2), CacheItemType::image);
-  EXPECT_FALSE(kp::cacheItemTypeFromRawValue(3));
 }
 
 class CacheDatabaseTest : public ::testing::Test {
@@ -88,9 +75,9 @@ TEST_F(CacheDatabaseTest, CreatesAPlainFileWithTheTwoTablesAndStoresRows) {
   db->removeCacheItem(odd);
   EXPECT_FALSE(db->loadCacheData(odd));
 
-  EXPECT_EQ(shell(file(), ".tables"), "cache        db_metadata\n");
-  EXPECT_EQ(shell(file(), "SELECT id, groupName, cacheType, maximum_age, length(data) FROM cache;"), "k|g|0|60|2\n");
-  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_EQ(sqlite(file(), ".tables"), "cache        db_metadata\n");
+  EXPECT_EQ(sqlite(file(), "SELECT id, groupName, cacheType, maximum_age, length(data) FROM cache;"), "k|g|0|60|2\n");
+  EXPECT_EQ(sqlite(file(), "PRAGMA integrity_check;"), "ok\n");
   EXPECT_GT(db->getSize(), 0u);
 }
 
@@ -101,10 +88,10 @@ TEST_F(CacheDatabaseTest, OldUnreadableOrEmptyVersionsAreReplaced) {
                                    std::string("CREATE TABLE db_metadata (id VARCHAR(4), version INTEGER);"
                                                "CREATE TABLE cache (id TEXT); INSERT INTO cache VALUES ('old');")}) {
     std::filesystem::remove(file());
-    shell(file(), setup);
+    sqlite(file(), setup);
     auto db = open();
-    EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
-    EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
+    EXPECT_EQ(sqlite(file(), "SELECT version FROM db_metadata;"), "3\n");
+    EXPECT_EQ(sqlite(file(), "SELECT count(*) FROM cache;"), "0\n");
   }
   // Random bytes and a truncated file are recreated too.
   for (std::size_t size : {4096u, 7u}) {
@@ -149,8 +136,8 @@ TEST_F(CacheDatabaseTest, ExpiryQueriesAndBulkRemovals) {
   EXPECT_FALSE(db->loadCacheData("in-b"));
   EXPECT_TRUE(db->loadCacheData("fresh"));
   db->removeAllItems(std::nullopt);
-  EXPECT_EQ(shell(file(), "SELECT count(*) FROM cache;"), "0\n");
-  EXPECT_EQ(shell(file(), "SELECT version FROM db_metadata;"), "3\n");
+  EXPECT_EQ(sqlite(file(), "SELECT count(*) FROM cache;"), "0\n");
+  EXPECT_EQ(sqlite(file(), "SELECT version FROM db_metadata;"), "3\n");
 }
 
 TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
@@ -166,27 +153,7 @@ TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
     db->saveRecord(blob, Entry(config(1), Date::now().addingTimeInterval(-10)), std::to_string(i));
   db->removeExpiredItems();  // vacuums too
   EXPECT_LT(db->getSize(), 64u << 10);
-  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
-}
-
-TEST_F(CacheDatabaseTest, ConcurrentUseKeepsTheFileIntact) {
-  auto db = open();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 100; ++i) {
-        const std::string key = "k" + std::to_string(i % 10);
-        db->saveRecord(kp::Data(std::vector<std::uint8_t>(512, static_cast<std::uint8_t>(t))),
-                       Entry(config(1), Date::now()), key);
-        (void)db->loadCacheData(key);
-        if (i % 10 == t) db->removeCacheItem(key);
-        if (i % 50 == 49) db->removeAllItems(std::nullopt);
-        if (i % 25 == 0) db->removeExpiredItems();
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(shell(file(), "PRAGMA integrity_check;"), "ok\n");
+  EXPECT_EQ(sqlite(file(), "PRAGMA integrity_check;"), "ok\n");
 }
 
 std::vector<std::string> namesIn(const std::filesystem::path& folder) {
@@ -305,89 +272,6 @@ TEST(CacheFileStorage, NeverFollowsALinkAndTouchesOnlyWhatItMade) {
   EXPECT_EQ(namesIn(base / "photos"), std::vector<std::string>{digest("x")});
 }
 
-TEST(CacheFileStorage, AnUnwritableFolderStoresNothing) {
-  kp::test::TempDir dir;
-  kp::CacheControllerFileStorage files("missing-parent/store", dir.path());
-  files.prepareCacheFolder();  // parents are not created
-  files.save(kp::Data{1}, "k", std::nullopt);
-  EXPECT_FALSE(files.loadData("k", std::nullopt));
-  EXPECT_EQ(files.getSize(), 0u);
-}
-
-// Lowers the largest file this process may write, so that writes beyond it fail.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &saved_);
-    savedHandler_ = std::signal(SIGXFSZ, SIG_IGN);  // the write fails with EFBIG instead
-    rlimit lowered = saved_;
-    lowered.rlim_cur = bytes;
-    ::setrlimit(RLIMIT_FSIZE, &lowered);
-  }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &saved_);
-    std::signal(SIGXFSZ, savedHandler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit saved_{};
-  void (*savedHandler_)(int) = nullptr;
-};
-
-TEST(CacheFileStorage, AFailedSaveKeepsTheOldPayload) {
-  kp::test::TempDir dir;
-  kp::CacheControllerFileStorage files("store", dir.path());
-  files.prepareCacheFolder();
-  const kp::Data old = kp::Data::fromString("the good payload");
-  files.save(old, "k", std::string("g"));
-  {
-    FileSizeLimit limit(4096);
-    files.save(kp::Data::zeros(64 * 1024), "k", std::string("g"));
-  }
-  EXPECT_EQ(files.loadData("k", std::string("g")), old);
-  const auto path = files.filePath("k", std::string("g"));
-  EXPECT_EQ(namesIn(path.parent_path()), std::vector<std::string>{path.filename().string()});  // nothing left aside
-}
-
-TEST(CacheFileStorage, KillingTheWriterNeverLeavesACutOffFile) {
-  const auto folder = std::getenv("KP_STORE_FOLDER");
-  const kp::Data a(std::vector<std::uint8_t>(1 << 20, 'a'));
-  const kp::Data b(std::vector<std::uint8_t>(1 << 20, 'b'));
-  if (kp::test::inTestChild()) {
-    kp::CacheControllerFileStorage files("store", folder);
-    files.prepareCacheFolder();
-    for (int i = 0;; ++i) files.save(i % 2 ? b : a, "k", std::nullopt);  // until killed
-  }
-  kp::test::TempDir dir;
-  kp::CacheControllerFileStorage files("store", dir.path());
-  int checked = 0;
-  for (int round = 0; round < 14 && checked < 6; ++round) {
-    // Each kill comes a little later, so that a slow machine still completes a first save.
-    const std::string after = std::to_string(0.25 + 0.08 * round);
-    auto child =
-        kp::test::runThisTestInChild("KP_STORE_FOLDER=" + kp::test::shellQuote(dir.path()), "timeout -s KILL " + after);
-    ASSERT_NE(child.status, 0) << child.output;
-    auto bytes = files.loadData("k", std::nullopt);
-    if (!bytes) continue;  // killed before the first save was complete
-    ++checked;
-    EXPECT_TRUE(*bytes == a || *bytes == b) << "round " << round << ": " << bytes->size() << " bytes";
-  }
-  EXPECT_GT(checked, 0);
-  // What the killed writers left aside is swept once it is old enough not to be another live
-  // writer's file (that of a tool looking at the folder while the application saves).
-  const auto live = files.basePath() / (std::string(".kp-partial-") + kp::hashSha1(std::string_view("j")) + ".live");
-  for (const auto& entry : std::filesystem::directory_iterator(files.basePath())) {
-    std::filesystem::last_write_time(entry.path(),
-                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
-  }
-  std::ofstream(live) << "being written";
-  files.prepareCacheFolder();
-  EXPECT_EQ(namesIn(files.basePath()),
-            (std::vector<std::string>{live.filename().string(), kp::hashSha1(std::string_view("k"))}));
-}
-
 // On a machine where nothing of the application exists yet, the stores make their folders
 // and keep what they are given across launches.
 TEST(CacheStores, StoreAndReloadInAFreshHome) {
@@ -418,67 +302,6 @@ TEST(CacheStores, StoreAndReloadInAFreshHome) {
                              caches / "KPCentralCacheController" / kp::hashSha1(std::string_view("g"))}) {
     EXPECT_EQ(fs::status(folder).permissions() & fs::perms::all, fs::perms::owner_all) << folder;
   }
-}
-
-TEST(CacheStores, FileAndMemoryStoresUnderConcurrentUse) {
-  kp::test::TempDir dir;
-  kp::CacheControllerFileStorage files("store", dir.path());
-  files.prepareCacheFolder();
-  kp::CacheControllerDatabase db("centralcache.db", dir.path());
-  db.prepare();
-  kp::CacheMemoryStorage memory;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 60; ++i) {
-        const std::string key = "k" + std::to_string(i % 8);
-        const std::optional<std::string> group = (i % 3 == 0) ? std::optional<std::string>("g") : std::nullopt;
-        files.save(kp::Data::zeros(100), key, group);
-        (void)files.loadData(key, group);
-        memory.set(std::make_shared<Entry>(config(0.5, group), Date::now()), key);
-        (void)memory.get(key);
-        if (i % 7 == t) files.removeAllItems(group);
-        if (i % 11 == t) files.removeOldestFiles(300, db);
-        if (i % 5 == 0) memory.removeExpired();
-        if (i % 9 == 0) memory.removeForGroup("g");
-        (void)files.getSize();
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_LE(memory.count(), 8u);
-  for (int i = 0; i < 8; ++i) {
-    auto bytes = files.loadData("k" + std::to_string(i), std::nullopt);
-    if (bytes) {
-      EXPECT_EQ(bytes->size(), 100u);  // never a torn file
-    }
-  }
-}
-
-TEST(CacheMemoryStorage, RetentionAndPurges) {
-  kp::CacheMemoryStorage memory;
-  const Date now = Date::now();
-  auto keep = config(0, "a");
-  keep.expireOnMemoryWarning = false;
-  memory.set(std::make_shared<Entry>(keep, now), "a");
-  memory.set(std::make_shared<Entry>(config(0, "b"), now), "b");
-  memory.set(std::make_shared<Entry>(config(0), now), "none");
-  memory.set(std::make_shared<Entry>(config(1), now.addingTimeInterval(-5)), "expired");
-  EXPECT_EQ(memory.count(), 4u);
-  memory.removeExpired();
-  EXPECT_FALSE(memory.get("expired"));
-  memory.removeForGroup("a");
-  EXPECT_FALSE(memory.get("a"));
-  EXPECT_TRUE(memory.get("b"));
-  EXPECT_TRUE(memory.get("none"));
-  memory.set(std::make_shared<Entry>(keep, now), "a");
-  memory.removeLowMemoryWarningItems();
-  EXPECT_TRUE(memory.get("a"));
-  EXPECT_FALSE(memory.get("b"));
-  auto noMemory = config(0);
-  noMemory.retainInMemory = false;
-  memory.set(std::make_shared<Entry>(noMemory, now), "a");  // evicts the old entry
-  EXPECT_FALSE(memory.get("a"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What other tools see of our archives and property lists: a standard reader walking a keyed
-// archive's references, renamed classes read through a mapping table, and the plist tool.
+// What other tools see of our archives: a standard reader walking a keyed archive's
+// references, and renamed classes read through a mapping table.
 #include <gtest/gtest.h>
 
 #include "kp/coding/keyed_archiver.h"
@@ -60,32 +60,6 @@ TEST(ArchiveInterop, RenamedClassesAreReadThroughTheMappingTable) {
   // A mapping to a class outside the accepted set is still refused.
   EXPECT_FALSE(kp::KeyedUnarchiver::unarchivedObject(legacy, kp::KeyedUnarchiver::propertyListClasses(),
                                                      {{"LegacyWxStation1", "KPInteropStation"}}));
-}
-
-TEST(PlistTool, ConvertsBetweenFormatsAndFailsWithOneLine) {
-  kp::Value v = kp::Value::Dictionary{};
-  v.set("when", kp::Value(kp::Date::fromTimeIntervalSince1970(1700000000)));
-  v.set("blob", kp::Value(kp::Data{0, 1, 2}));
-  v.set("n", kp::Value(std::int64_t{3}));
-  const std::string binary = kp::writePropertyList(v).toString();
-  const std::string tool = KPCORE_PATH;
-
-  auto json = kp::test::runCommand(tool + " plist --to json");
-  EXPECT_NE(json.status, 0);  // no input at all is not a property list
-  json = kp::test::runCommand(tool + " plist --to json", binary);
-  ASSERT_EQ(json.status, 0);
-  EXPECT_NE(json.output.find("\"2023-11-14T22:13:20Z\""), std::string::npos) << json.output;
-  EXPECT_NE(json.output.find("\"AAEC\""), std::string::npos) << json.output;
-
-  auto xml = kp::test::runCommand(tool + " plist --to xml", binary);
-  ASSERT_EQ(xml.status, 0);
-  auto back = kp::test::runCommand(tool + " plist --to binary", xml.output);
-  ASSERT_EQ(back.status, 0);
-  EXPECT_EQ(kp::readPropertyList(kp::Data::fromString(back.output).bytes()), v);
-
-  auto bad = kp::test::runCommand(tool + " plist 2>&1 >/dev/null", "bplist00 truncated");
-  EXPECT_EQ(bad.status, 1);
-  EXPECT_EQ(std::count(bad.output.begin(), bad.output.end(), '\n'), 1) << bad.output;
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// Test helpers for connectivity: a reachability source the test drives, a delegate that
-// records its calls, and draining the main queue until something has happened.
+// Test helpers for connectivity: a reachability source the test drives, and a delegate that
+// records its calls.
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,18 +11,9 @@
 #include "kp/connectivity/connectivity_monitor.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/network_reachability.h"
+#include "support/wait.h"
 
 namespace kp::test {
-
-// Drains the main queue until `done()` holds or `limit` has passed; returns `done()`.
-inline bool drainMainQueueUntil(const std::function<bool()>& done,
-                                std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done() && std::chrono::steady_clock::now() < deadline) {
-    MainQueue::shared()->runFor(std::chrono::milliseconds(2));
-  }
-  return done();
-}
 
 // A source whose flags and refusals the test sets; change() delivers like the real one.
 class DrivenSource final : public NetworkReachability {

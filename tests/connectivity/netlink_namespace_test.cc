@@ -54,7 +54,7 @@ class NetlinkReachability : public ::testing::Test {
   // Waits for `calls` more delegate calls, then checks that all so far are as expected.
   void expectCalls(const std::vector<std::string>& calls) {
     expected.insert(expected.end(), calls.begin(), calls.end());
-    EXPECT_TRUE(kp::test::drainMainQueueUntil([&] { return recorder->count() >= expected.size(); }));
+    EXPECT_TRUE(kp::test::eventuallyOnMain([&] { return recorder->count() >= expected.size(); }));
     EXPECT_EQ(recorder->calls(), expected);
   }
 
@@ -151,7 +151,7 @@ TEST_F(NetlinkReachability, StormOfChangesEndsRightWithOneCallPerChange) {
   rtnl->addDefaultRoute("v0", 100);
   stop.store(true);
   churn.join();
-  EXPECT_TRUE(kp::test::drainMainQueueUntil([&] { return monitor->previousType() == kp::ConnectionType::wifi; }));
+  EXPECT_TRUE(kp::test::eventuallyOnMain([&] { return monitor->previousType() == kp::ConnectionType::wifi; }));
   kp::MainQueue::shared()->runFor(200ms);
 
   // Every change call follows on from the one before; an online or offline call comes right

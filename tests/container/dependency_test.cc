@@ -187,16 +187,5 @@ TEST(WithDependenciesTest, AsyncFormBindsTheOverrideForContinuedWork) {
   EXPECT_THROW(std::rethrow_exception(failed.get_future().get()), std::runtime_error);
 }
 
-TEST(WithTest, ReturnsAChangedCopy) {
-  struct Point {
-    int x = 1;
-    int y = 2;
-  };
-  const Point original;
-  auto moved = with(original, [](Point& p) { p.x = 5; });
-  EXPECT_EQ(moved.x, 5);
-  EXPECT_EQ(original.x, 1);
-}
-
 }  // namespace
 }  // namespace kp

@@ -46,13 +46,6 @@ E errorOf(F&& f) {
   return E("", {}, {});
 }
 
-TEST(TarvixErrorTest, DescriptionLayoutLeavesOutEmptySections) {
-  EXPECT_EQ(TarvixError("M", {"c1", "c2"}, {"f"}).description(),
-            "M\nPossible causes:\n - c1\n - c2\nSuggested fixes:\n - f");
-  EXPECT_STREQ(TarvixError("M", {}, {"f"}).what(), "M\nSuggested fixes:\n - f");
-  EXPECT_EQ(TarvixError("M", {"c"}, {}).description(), "M\nPossible causes:\n - c");
-}
-
 TEST(ContainerTest, ServiceTypesOfOneInstanceTypeShareFactoryAndInstance) {
   DefaultServiceContainer container;
   int made = 0;
@@ -96,10 +89,8 @@ TEST(ContainerTest, ErrorTextsUseUnqualifiedNames) {
             "Suggested fixes:\n - Register a service for type Box<Item>");
 
   container.register_<B>([](ServiceContainer&) { return std::make_shared<OnlyA>(); });
-  auto cast = errorOf([&] { (void)container.safeGet<B>(); });
-  EXPECT_EQ(cast.possibleCauses(), std::vector<std::string>{"The registered service OnlyA does not implement type B"});
-  EXPECT_EQ(cast.suggestedFixes(),
-            (std::vector<std::string>{"Register the correct service for type B", "Implement the type on the service"}));
+  EXPECT_EQ(errorOf([&] { (void)container.safeGet<B>(); }).possibleCauses(),
+            std::vector<std::string>{"The registered service OnlyA does not implement type B"});
   EXPECT_EQ(container.debugDescription(),
             "Registered services:\n - B with instance type [OnlyA]\nThe following instances have been initialized:\n");
 }
@@ -116,10 +107,7 @@ TEST(ContainerTest, ThrowingFactoryCachesNothingAndRunsAgain) {
   EXPECT_EQ(calls, 2);
 }
 
-TEST(ContainerTest, DescriptionsAndMerge) {
-  DefaultServiceContainer empty;
-  EXPECT_EQ(empty.description(), "Services instance with 0 types registered.");
-
+TEST(ContainerTest, MergeTakesTheOthersRegistrationsAndKeepsItsInstances) {
   DefaultServiceContainer first;
   DefaultServiceContainer second;
   auto firstInstance = std::make_shared<OnlyA>();
@@ -128,15 +116,12 @@ TEST(ContainerTest, DescriptionsAndMerge) {
   first.registerInstance<C>(std::make_shared<AB>());
   second.registerInstance<A>(secondInstance);
   EXPECT_EQ(first.safeGet<A>(), firstInstance);
-  EXPECT_EQ(second.debugDescription(),
-            "Registered services:\n - A with instance type [OnlyA]\nThe following instances have been initialized:\n");
 
   auto merged = first.merge(second);
   EXPECT_EQ(merged->description(), "Services instance with 2 types registered.");
   // The factory and registration of `second` win; the instance it made came from `first`.
   EXPECT_EQ(merged->safeGet<A>(), firstInstance);
   EXPECT_EQ(second.safeGet<A>(), secondInstance);
-  EXPECT_EQ(first.description(), "Services instance with 2 types registered.");
 }
 
 TEST(ContainerTest, ManyServiceTypesEachResolveToTheirOwnInstance) {

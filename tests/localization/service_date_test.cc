@@ -97,7 +97,6 @@ TEST(ServiceDates, AnythingElseIsRefusedNotGuessed) {
     EXPECT_EQ(read(reader, text), "nothing") << text;
   }
   EXPECT_EQ(read(ServiceDateReader({.epochMilliseconds = false}), "253402300800"), "nothing");
-  EXPECT_EQ(read(ServiceDateReader({.epochMilliseconds = false}), "253402300800"), "nothing");
   EXPECT_EQ(read(reader, "0001-01-01T00:00:00Z"), "0001-01-01T00:00:00Z");
   EXPECT_EQ(read(reader, "9999-12-31T23:59:59.999Z"), "9999-12-31T23:59:59.999Z");
   EXPECT_EQ(read(reader, std::string(10000, '1')), "nothing");

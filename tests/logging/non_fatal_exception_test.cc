@@ -1,4 +1,5 @@
-// Non-fatal exceptions: the message blocks, and reporting through Services and the hook.
+// Non-fatal exceptions: reporting through Services and the hook, with one message block per
+// part the exception has.
 #include "kp/logging/non_fatal_exception.h"
 
 #include <gtest/gtest.h>
@@ -21,20 +22,6 @@ struct RecordingReporter final : NonFatalExceptionReporter {
   void report(const NonFatalException& exception) override { descriptions.emplace_back(exception.description()); }
   std::vector<std::string> descriptions;
 };
-
-TEST(NonFatalExceptionTest, MessageHasOneBlockPerPresentPart) {
-  EXPECT_EQ(NonFatalException("Broken").assertionFailureMessage(), "Description:\n  - Broken");
-  EXPECT_EQ(NonFatalException("Broken", std::nullopt, std::nullopt, UserInfo{}).assertionFailureMessage(),
-            "Description:\n  - Broken");
-  EXPECT_EQ(
-      NonFatalException("Broken", "", "Retry", UserInfo{{"table", "cache"}, {"key", "k1"}}).assertionFailureMessage(),
-      "Description:\n  - Broken\n\n"
-      "Failure Reason:\n  - \n\n"
-      "Recovery Suggestion:\n  - Retry\n\n"
-      "UserInfo:\n  - key: k1\n  - table: cache");
-  EXPECT_EQ(NonFatalException("Broken", std::nullopt, "Retry").assertionFailureMessage(),
-            "Description:\n  - Broken\n\nRecovery Suggestion:\n  - Retry");
-}
 
 TEST(NonFatalExceptionTest, ReportsGoToTheOverrideOrBaseReporterAndAlwaysRaiseTheAssertion) {
   test::AssertionCapture capture;

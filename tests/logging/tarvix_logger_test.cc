@@ -33,16 +33,6 @@ std::shared_ptr<CoreLogger> makeLogger(CollectingWriter** writer = nullptr) {
   return std::make_shared<CoreLogger>(std::move(collecting), TarvixLogLevel::error, true);
 }
 
-TEST(TarvixLogLevelTest, RawValuesOrderAndNames) {
-  EXPECT_EQ(tarvixLogLevel(4), TarvixLogLevel::fault);
-  EXPECT_EQ(tarvixLogLevel(0), TarvixLogLevel::debug);
-  EXPECT_FALSE(tarvixLogLevel(5));
-  EXPECT_FALSE(tarvixLogLevel(-1));
-  EXPECT_GT(TarvixLogLevel::error, TarvixLogLevel::notice);
-  EXPECT_LT(TarvixLogLevel::debug, TarvixLogLevel::info);
-  EXPECT_EQ(rawValue(TarvixCoreLogicLogCategory::general), "General");
-}
-
 TEST(TarvixLoggerTest, EveryWriteNotifiesLiveObserversInOrderAndReleasedOnesDropOut) {
   auto logger = makeLogger();
   auto first = std::make_shared<RecordingObserver>();

@@ -1,7 +1,9 @@
 // Executors: ordering, draining, sync semantics, task-local bindings and timers.
 #include "kp/platform/dispatch.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -12,21 +14,14 @@
 #include <vector>
 
 #include "kp/platform/task_local.h"
+#include "platform/fd_watch.h"
+#include "support/wait.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
-// Waits (bounded) until `done` holds.
-template <class Pred>
-bool waitFor(Pred done, std::chrono::milliseconds limit = 5000ms) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using kp::test::eventually;
 
 TEST(SerialQueue, KeepsPostingOrderUnderLoadFromManyThreads) {
   auto queue = kp::SerialQueue::make("test.order");
@@ -97,7 +92,7 @@ TEST(SerialQueue, ProgressesWhenEveryPoolThreadBlocksInSync) {
       finished.fetch_add(1);
     });
   }
-  ASSERT_TRUE(waitFor([&] { return finished.load() == blockers; }));
+  ASSERT_TRUE(eventually([&] { return finished.load() == blockers; }));
   EXPECT_EQ(ran.load(), 8 + blockers);
 }
 
@@ -172,7 +167,7 @@ TEST(MainQueue, RunForStopsAtTheDeadlineOrOnStopAndWakesTheHost) {
   main->runFor(10s);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
   // The handler runs on the posting thread just after the post, possibly after the drain.
-  EXPECT_TRUE(waitFor([&] { return wakeups.load() >= 1; }));
+  EXPECT_TRUE(eventually([&] { return wakeups.load() >= 1; }));
   main->setWakeupHandler({});
 
   // run() returns after stop() posted from another thread.
@@ -195,7 +190,7 @@ TEST(TaskLocal, ScopedBindingReachesPostedWorkOnlyFromInsideTheScope) {
   });
   queue->async([&] { outside = *local.get(); });
   afterScope = *local.get();
-  ASSERT_TRUE(waitFor([&] { return inside >= 0 && outside >= 0 && nested >= 0 && pool >= 0; }));
+  ASSERT_TRUE(eventually([&] { return inside >= 0 && outside >= 0 && nested >= 0 && pool >= 0; }));
   EXPECT_EQ(inside.load(), 42);
   EXPECT_EQ(nested.load(), 42);
   EXPECT_EQ(pool.load(), 42);
@@ -235,7 +230,7 @@ TEST(Timers, DelayedAndRepeatingWorkRunsOnItsQueueAndStopsWhenInvalidated) {
   });
   std::atomic<int> ticks{0};
   auto timer = kp::RepeatingTimer::schedule(queue, 5ms, [&] { ticks.fetch_add(1); });
-  ASSERT_TRUE(waitFor([&] { return ticks.load() >= 3 && delayedOnQueue.load(); }));
+  ASSERT_TRUE(eventually([&] { return ticks.load() >= 3 && delayedOnQueue.load(); }));
   EXPECT_GE(delayedAfter.load(), 25ms);
   timer->invalidate();
   EXPECT_FALSE(timer->isValid());
@@ -244,6 +239,36 @@ TEST(Timers, DelayedAndRepeatingWorkRunsOnItsQueueAndStopsWhenInvalidated) {
   std::this_thread::sleep_for(40ms);
   queue->sync([] {});
   EXPECT_EQ(ticks.load(), stoppedAt);
+}
+
+TEST(FdWatch, RunsAgainForDataThatArrivesWhileTheWorkRunsAndWhenTheDescriptorTakesData) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  auto queue = kp::SerialQueue::make("test.fdwatch");
+  std::atomic<int> runs{0};
+  // Each run reads the pipe dry, then writes one byte more (until the third run) and lingers,
+  // so that the byte arrives while the run is still under way: it must bring the next run.
+  auto watch = kp::platform::FdWatch::watchReadable(::dup(ends[0]), queue, [&] {
+    char buffer[64];
+    while (::read(ends[0], buffer, sizeof buffer) == sizeof buffer) {
+    }
+    if (runs.fetch_add(1) < 2) (void)!::write(ends[1], "x", 1);
+    std::this_thread::sleep_for(20ms);
+  });
+  ASSERT_TRUE(watch);
+  ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  ASSERT_EQ(::write(ends[1], "x", 1), 1);
+  EXPECT_TRUE(eventually([&] { return runs.load() == 3; }, 2000ms)) << runs.load();
+
+  std::atomic<int> writable{0};
+  auto writer = kp::platform::FdWatch::watchReadable(::dup(ends[1]), queue, [&] { writable.fetch_add(1); });
+  ASSERT_TRUE(writer);
+  writer->runWhenWritable();
+  EXPECT_TRUE(eventually([&] { return writable.load() == 1; }));
+  watch.reset();
+  writer.reset();
+  ::close(ends[0]);
+  ::close(ends[1]);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Value types of the platform layer: URL, date, error, application facts, type names.
+// Value types of the platform layer: URL, date, error, application facts.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,9 +12,7 @@
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
 #include "kp/platform/url.h"
-#include "support/assertion_capture.h"
 #include "support/temp_dir.h"
-#include "tarvix/service_container.h"
 
 namespace {
 
@@ -181,34 +179,6 @@ TEST(ApplicationInfo, HostValuesOverrideDefaultsAndPickTheCachesDirectory) {
     EXPECT_FALSE(fs::exists(dir.path() / "escape"));
   }
   kp::ApplicationInfo::setCurrent(saved);
-}
-
-namespace app::model {
-struct Item {};
-class Clock : public virtual tarvix::Service {
- public:
-  virtual int now() = 0;
-};
-template <class T>
-class Cache : public virtual tarvix::Service {};
-}  // namespace app::model
-
-class Unregistered final : public tarvix::ServiceContainer {
- public:
-  void registerFactory(const std::vector<tarvix::ServiceType>&, const tarvix::ServiceType&, Factory) override {}
-  std::shared_ptr<void> safeGet(const tarvix::ServiceType& type) override {
-    throw std::runtime_error("Unable to get " + type.name() + " service.");
-  }
-};
-
-TEST(Contracts, TypeNamesAreUnqualifiedAndGetReportsFailures) {
-  EXPECT_EQ(tarvix::ServiceType::of<app::model::Clock>().name(), "Clock");
-  EXPECT_EQ(tarvix::ServiceType::of<app::model::Cache<app::model::Item>>().name(), "Cache<Item>");
-  kp::test::AssertionCapture capture;
-  Unregistered container;
-  EXPECT_EQ(container.get<app::model::Clock>(), nullptr);
-  ASSERT_EQ(capture.messages().size(), 1u);
-  EXPECT_EQ(capture.messages()[0], "Unable to get Clock service.");
 }
 
 }  // namespace

@@ -207,11 +207,7 @@ TEST(CookieFileTest, ADamagedFileIsSetAsideAndTheStoreStartsEmpty) {
       writer->setCookie(HttpCookie(name, "v", "example.com", "/", {.expiresDate = Date::now().addingTimeInterval(60)}));
     }
   }
-  std::string whole;
-  {
-    std::ifstream in(file, std::ios::binary);
-    whole.assign(std::istreambuf_iterator<char>(in), {});
-  }
+  const std::string whole = test::readFile(file);
   ASSERT_EQ(std::count(whole.begin(), whole.end(), '\n'), 3);
   const std::string header = whole.substr(0, whole.find('\n') + 1);
   // Each content with the number of cookies it holds, or nothing when it is damaged.

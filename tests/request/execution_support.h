@@ -11,11 +11,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "kp/platform/dispatch.h"
 #include "support/test_servers.h"
+#include "support/wait.h"
 
 namespace kp::test {
 
@@ -100,9 +100,7 @@ class Completions {
   }
   // Drains the main queue until `count` completions came (or `limit` passed).
   bool drainFor(std::size_t count, std::chrono::milliseconds limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (size() < count && std::chrono::steady_clock::now() < end) MainQueue::shared()->runFor(5ms);
-    return size() >= count;
+    return eventuallyOnMain([&] { return size() >= count; }, limit);
   }
   [[nodiscard]] std::size_t size() {
     std::lock_guard lock(mutex_);
@@ -123,16 +121,5 @@ class Completions {
   std::vector<std::shared_ptr<Result>> results_;  // guarded by mutex_
   std::vector<bool> onMainThread_;                // guarded by mutex_
 };
-
-// Waits up to `limit` for `condition`.
-template <class F>
-bool eventually(F&& condition, std::chrono::milliseconds limit = 10s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
 
 }  // namespace kp::test

@@ -93,15 +93,6 @@ TEST_F(ExecutionTest, ARequestItsHandlerRefusesFailsWithoutSendingOrCompleting) 
   EXPECT_EQ(ticket->error(), RequestErrors::invalidUrlError());
   MainQueue::shared()->runFor(100ms);
   EXPECT_TRUE(server.arrivals().empty());
-
-  // A fresh ticket reads as a success before anything happened.
-  RequestTicket fresh{std::weak_ptr<RequestExecutor>()};
-  EXPECT_TRUE(fresh.isSuccess());
-  EXPECT_FALSE(fresh.isFinished());
-  fresh.cancel();
-  EXPECT_TRUE(fresh.isCancelled());
-  fresh.setFinished();
-  EXPECT_TRUE(fresh.isCancelled());
 }
 
 TEST_F(ExecutionTest, TheCacheAnswersHitsAndKeepsOnlyFreshSuccesses) {

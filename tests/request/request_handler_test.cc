@@ -1,5 +1,5 @@
-// HttpRequestHandler against real servers: results, status errors, progress, cancellation,
-// transport errors, TLS trust answers, custom and shared sessions.
+// HttpRequestHandler against real servers: results, status errors, progress, cancellation, its
+// answers to TLS trust challenges, cookies, custom and shared sessions.
 #include "kp/request/request_handler.h"
 
 #include <gtest/gtest.h>
@@ -9,9 +9,8 @@
 #include <mutex>
 
 #include "kp/request/request_errors.h"
-#include "kp/request/url_request_factory.h"
-#include "support/service_payload.h"
 #include "support/test_servers.h"
+#include "support/wait.h"
 
 namespace kp {
 namespace {
@@ -39,9 +38,8 @@ struct Transfer {
   }
   // Drains the main queue until a result came (or `limit` passed); then a little longer so
   // that late duplicates would show.
-  std::shared_ptr<HttpRequestResult> wait(Duration limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end && count() == 0) MainQueue::shared()->runFor(5ms);
+  std::shared_ptr<HttpRequestResult> wait(std::chrono::milliseconds limit = 10s) {
+    (void)test::eventuallyOnMain([this] { return count() != 0; }, limit);
     MainQueue::shared()->runFor(50ms);
     std::lock_guard lock(mutex);
     return results.empty() ? nullptr : results.front();
@@ -75,19 +73,9 @@ class HandlerTest : public ::testing::Test {
     });
     s.Get("/compressible",
           [](const httplib::Request&, httplib::Response& r) { r.set_content(std::string(300000, 'z'), "text/plain"); });
-    s.Get("/not-modified", [](const httplib::Request&, httplib::Response& r) { r.status = 304; });
     s.Get("/status/(\\d+)", [](const httplib::Request& q, httplib::Response& r) {
       r.status = std::stoi(q.matches[1]);
       r.set_content("error page", "text/plain");
-    });
-    s.Get("/r1", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("/r2"); });
-    s.Get("/r2", [](const httplib::Request&, httplib::Response& r) { r.set_redirect("/ok"); });
-    s.Get("/sleep", [](const httplib::Request&, httplib::Response& r) {
-      std::this_thread::sleep_for(1500ms);
-      r.set_content("late", "text/plain");
-    });
-    s.Get("/host", [](const httplib::Request& q, httplib::Response& r) {
-      r.set_content(q.get_header_value("Host") + " " + q.get_param_value("data"), "text/plain");
     });
     s.Get("/n/(\\d+)", [](const httplib::Request& q, httplib::Response& r) {
       r.set_content("body " + std::string(q.matches[1]), "text/plain");
@@ -149,57 +137,10 @@ TEST_F(HandlerTest, StatusCodesOfFourHundredAndAboveEndInTheStatusError) {
               "Request failed with status code: " + std::to_string(status) + ".");
     EXPECT_FALSE(result->data.has_value());
   }
-  Transfer notModified(server.url("/not-modified"));
-  notModified.start();
-  auto result = notModified.wait();
-  ASSERT_TRUE(result);
-  EXPECT_TRUE(result->isSuccess());
-  EXPECT_TRUE(result->response->isNotModified());
 }
 
-TEST_F(HandlerTest, ASealedQueryReachesTheHostItsUrlNoLongerNames) {
-  // The sealed URL says "host:PORT"; the server on 127.0.0.1 gets the request and sees it so.
-  Transfer run(server.url("/host?lat=1"));
-  ASSERT_EQ(run.handler->canHandle(run.request), nullptr);
-  run.handler->urlRequest = UrlRequestFactory::createUrlRequest(*run.request, "key");
-  run.handler->handle(run.request, [&run](const std::shared_ptr<RequestResult>& result) {
-    std::lock_guard lock(run.mutex);
-    run.results.push_back(std::dynamic_pointer_cast<HttpRequestResult>(result));
-  });
-  auto result = run.wait();
-  ASSERT_TRUE(result);
-  ASSERT_TRUE(result->isSuccess()) << result->error->localizedDescription();
-  const std::string seen = body(*result);
-  const std::string host = "host:" + std::to_string(server.port());
-  ASSERT_EQ(seen.substr(0, host.size() + 1), host + " ") << seen;
-  EXPECT_EQ(kp::test::openEncodedValue(seen.substr(host.size() + 1), "key"), "lat=1");
-}
-
-TEST_F(HandlerTest, RedirectsAreFollowedBeforeTheResponseExists) {
-  // The response is made when the final head arrives, so the hops before it are not listed.
-  Transfer run(server.url("/r1"));
-  run.start();
-  auto result = run.wait();
-  ASSERT_TRUE(result);
-  EXPECT_EQ(body(*result).size(), 200000u);
-  EXPECT_TRUE(result->response->redirects.empty());
-}
-
-TEST_F(HandlerTest, TransportErrorsPassThroughAndCancellationIsSilent) {
-  Transfer timeout(server.url("/sleep"));
-  timeout.request->httpConfig()->timeoutInterval = 0.3;
-  Transfer refused("http://127.0.0.1:" + std::to_string(test::closedPort()) + "/");
-  Transfer unknown("http://weather.invalid/");
-  for (Transfer* run : {&timeout, &refused, &unknown}) run->start();
-  const std::pair<Transfer*, std::int64_t> expected[] = {{&timeout, -1001}, {&refused, -1004}, {&unknown, -1003}};
-  for (auto [run, code] : expected) {
-    auto result = run->wait();
-    ASSERT_TRUE(result) << code;
-    ASSERT_TRUE(result->error);
-    EXPECT_EQ(result->error->code(), code);
-    EXPECT_FALSE(result->noConnection());
-  }
-
+// A cancelled transfer stops and closes its connection, and delivers nothing.
+TEST(HandlerCancelTest, CancellationIsSilentAndStopsTheTransfer) {
   std::atomic<bool> streaming{false};
   test::RawServer slow([&](const test::RawServer::Writer& write) {
     if (!write("HTTP/1.1 200 OK\r\nContent-Length: 50000000\r\n\r\n")) return;
@@ -210,13 +151,12 @@ TEST_F(HandlerTest, TransportErrorsPassThroughAndCancellationIsSilent) {
   });
   Transfer cancelled(slow.url("/"), true);
   cancelled.start();
-  for (int i = 0; i < 500 && !streaming; ++i) std::this_thread::sleep_for(5ms);
+  ASSERT_TRUE(test::eventually([&] { return streaming.load(); }));
   MainQueue::shared()->runFor(50ms);
   cancelled.handler->cancel();
   EXPECT_TRUE(cancelled.handler->cancelledFlag->isCancelled());
   EXPECT_EQ(cancelled.wait(1s), nullptr);
-  for (int i = 0; i < 400 && slow.clientsGone() == 0; ++i) std::this_thread::sleep_for(5ms);
-  EXPECT_EQ(slow.clientsGone(), 1);
+  EXPECT_TRUE(test::eventually([&] { return slow.clientsGone() == 1; }));
 }
 
 TEST(HandlerChallengeTest, AnswersFollowTheRequestSettings) {
@@ -244,45 +184,27 @@ TEST(HandlerChallengeTest, AnswersFollowTheRequestSettings) {
   EXPECT_EQ(answers, (std::vector<std::pair<int, bool>>{{1, false}, {2, true}, {2, false}, {2, true}, {1, false}}));
 }
 
-TEST(HandlerTlsTest, UntrustedCertificates) {
+// A request without a configuration is handled as one with the default configuration, which
+// accepts no untrusted certificate.
+TEST(HandlerTlsTest, ARequestWithoutConfigurationGetsTheDefaultOne) {
   test::SelfSignedCertificate certificate;
   test::TestServer server(&certificate);
   server.server().Get("/", [](const httplib::Request&, httplib::Response& r) { r.set_content("tls", "text/plain"); });
   server.start();
-
-  Transfer strict(server.url("/"));
-  strict.start();
-  auto result = strict.wait();
-  ASSERT_TRUE(result);
-  EXPECT_EQ(result->error->code(), -1202);
-
-  // Accepting untrusted certificates answers "cancel" with a credential: the transfer is
-  // cancelled and, being cancelled, delivers nothing.
-  Transfer lenient(server.url("/"));
-  lenient.request->httpConfig()->acceptUntrustedSSLCertificate = true;
-  lenient.start();
-  EXPECT_EQ(lenient.wait(2s), nullptr);
-
-  // A request without a configuration is handled as one with the default configuration.
   Transfer unconfigured(server.url("/"));
   unconfigured.request->setHttpConfig(nullptr);
   unconfigured.start();
-  result = unconfigured.wait();
+  auto result = unconfigured.wait();
   ASSERT_TRUE(result);
   EXPECT_EQ(result->error->code(), -1202);
 }
 
-// Well-known headers are found whatever the server's spelling, and cookies from fields
-// spelled differently all arrive.
-TEST(HandlerHeaderTest, ServerSpellingsOfHeaderNamesAreFound) {
+// Cookies from fields spelled differently all arrive, each whole although the session joins
+// repeated fields and an expiry holds a comma.
+TEST(HandlerHeaderTest, EveryCookieArrivesWhateverItsFieldsSpelling) {
   test::RawServer raw([](const test::RawServer::Writer& write) {
     write(
         "HTTP/1.1 200 OK\r\n"
-        "etag: \"v7\"\r\n"
-        "Content-type: application/json\r\n"
-        "last-modified: Tue, 15 Nov 1994 12:45:26 GMT\r\n"
-        "EXPIRES: Thu, 01 Dec 2044 16:00:00 GMT\r\n"
-        "date: Tue, 15 Nov 1994 08:12:31 GMT\r\n"
         "set-cookie: a=1; Path=/\r\n"
         "Set-Cookie: b=2; Expires=Wed, 21 Oct 2037 07:28:00 GMT\r\n"
         "SET-COOKIE: c=3\r\n"
@@ -294,11 +216,6 @@ TEST(HandlerHeaderTest, ServerSpellingsOfHeaderNamesAreFound) {
   ASSERT_TRUE(result);
   ASSERT_TRUE(result->isSuccess());
   const auto& response = *result->response;
-  EXPECT_EQ(response.etag(), "\"v7\"");
-  EXPECT_EQ(response.contentType(), "application/json");
-  EXPECT_EQ(response.lastModifiedDate(), Date::fromTimeIntervalSince1970(784903526));
-  EXPECT_EQ(response.expiresDate(), Date::fromTimeIntervalSince1970(2364220800));
-  EXPECT_EQ(response.sentDate(), Date::fromTimeIntervalSince1970(784887151));
   ASSERT_EQ(response.cookies.size(), 3u);
   EXPECT_EQ(response.getCookieByName("b")->value(), "2");
   EXPECT_EQ(response.getCookieByName("b")->expiresDate(), Date::fromTimeIntervalSince1970(2139722880));
@@ -326,13 +243,11 @@ TEST_F(HandlerTest, CustomSessionWithAnotherDelegateCompletesAtOnceAndStillTrans
   ASSERT_EQ(run.count(), 1u);
   EXPECT_FALSE(run.results[0]->response);
   EXPECT_FALSE(run.results[0]->data.has_value());
-  for (int i = 0; i < 1000; ++i) {
+  EXPECT_TRUE(test::eventually([&] {
     std::lock_guard lock(bystander->mutex);
-    if (bystander->completed) break;
-    std::this_thread::sleep_for(5ms);
-  }
+    return bystander->completed;
+  }));
   std::lock_guard lock(bystander->mutex);
-  EXPECT_TRUE(bystander->completed);
   EXPECT_FALSE(bystander->failed);
   EXPECT_TRUE(run.handler->usingCustomURLSession);
 }

@@ -15,14 +15,6 @@ const std::string kKey = "Hn4Xk9PzR2wLq7TbM5vC8dJs1YgF6uAe";
 
 std::shared_ptr<HttpRequest> requestFor(std::string_view url) { return HttpRequest::make(*Url::parse(url)); }
 
-TEST(HttpRequestMethod, RawValuesAndVerbs) {
-  EXPECT_EQ(httpRequestMethodFromRawValue(2), HttpRequestMethod::delete_);
-  EXPECT_FALSE(httpRequestMethodFromRawValue(5));
-  EXPECT_FALSE(httpRequestMethodFromRawValue(-1));
-  EXPECT_EQ(httpVerb(HttpRequestMethod::head), "HEAD");
-  EXPECT_EQ(httpVerb(static_cast<HttpRequestMethod>(9)), "GET");
-}
-
 TEST(ParameterString, JoinsEncodesAndSkips) {
   using P = HttpRequestParameter;
   EXPECT_EQ(P::makeParameterString({}), "");

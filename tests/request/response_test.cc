@@ -1,4 +1,4 @@
-// Responses, HTTP dates, cookies from header fields, results and the request errors.
+// Responses, HTTP dates, cookies from header fields, and results with their archived form.
 #include <gtest/gtest.h>
 
 #include "kp/coding/keyed_archiver.h"
@@ -72,13 +72,9 @@ TEST(HttpCookieTest, ReadsCookiesWithDefaultsFromTheUrl) {
 
 TEST(RequestResultTest, DerivedFlagsAndCopies) {
   auto result = std::make_shared<HttpRequestResult>();
-  EXPECT_TRUE(result->isSuccess());
   result->data = Data::fromString("kept");
   result->error = RequestErrors::statusCodeErrorWith(500);
-  EXPECT_TRUE(result->failed());
-  EXPECT_FALSE(result->isSuccess());
   EXPECT_FALSE(result->noConnection());
-  EXPECT_FALSE(result->fromCache());
   result->response = std::make_shared<HttpResponse>();
   result->response->statusCode = 500;
 
@@ -141,43 +137,6 @@ TEST(RequestResultTest, ArchivesKeepPayloadErrorAndResponseButNotCookies) {
   EXPECT_FALSE(KeyedUnarchiver::unarchivedObject(*archive, results));  // its response is a KPHttpResponse
   results.insert("KPHttpResponse");
   EXPECT_TRUE(KeyedUnarchiver::unarchivedObject(*archive, results));
-}
-
-TEST(RequestErrorsTest, FixedErrorsAreSingleObjectsWithTheirTexts) {
-  EXPECT_EQ(RequestErrors::noConnectionError(), RequestErrors::noConnectionError());
-  const std::pair<const ErrorPtr*, std::int64_t> fixed[] = {
-      {&RequestErrors::invalidRequestProtocolError(), 100},
-      {&RequestErrors::invalidUrlError(), 200},
-      {&RequestErrors::couldNotCreateUrlRequestError(), 300},
-      {&RequestErrors::invalidFileTargetPathError(), 500},
-      {&RequestErrors::noConnectionError(), 600},
-      {&RequestErrors::alreadyExecutedError(), 700},
-      {&RequestErrors::incompleteRequestError(), 800},
-      {&RequestErrors::invalidResponseError(), 900},
-  };
-  for (const auto& [error, code] : fixed) {
-    EXPECT_EQ((*error)->domain(), "KPRequest");
-    EXPECT_EQ((*error)->code(), code);
-    EXPECT_EQ((*error)->userInfo().size(), 1u);
-  }
-  EXPECT_EQ(RequestErrors::alreadyExecutedError()->localizedDescription(), "This request was already executed.");
-  const auto status = RequestErrors::statusCodeErrorWith(503);
-  EXPECT_EQ(status->code(), 400);
-  EXPECT_EQ(status->localizedDescription(), "Request failed with status code: 503.");
-  EXPECT_EQ(RequestErrors::errorWith("m")->code(), 0);
-  EXPECT_EQ(RequestErrors::errorWith("m", 42)->code(), 42);
-}
-
-TEST(HttpEnumsTest, StatusCodesContentTypesAndHeaderNames) {
-  for (int raw : {1, 5, 100, 209, 308, 420, 426, 431, 497, 511, 522, 599, 4200, 4240, 4510}) {
-    EXPECT_EQ(httpStatusCodeFromRawValue(raw), static_cast<HttpStatusCode>(raw)) << raw;
-  }
-  for (int raw : {0, 6, 103, 210, 309, 421, 427, 430, 498, 512, 600, 4201}) {
-    EXPECT_EQ(httpStatusCodeFromRawValue(raw), std::nullopt) << raw;
-  }
-  EXPECT_EQ(MimeContentType::multipartFormData("xyz").headerValue(), "multipart/form-data; boundary=\"xyz\"");
-  EXPECT_EQ(MimeContentType::applicationJson().headerValue(), "application/json");
-  EXPECT_EQ(headerName(ResponseHeader::lastModified), "Last-Modified");
 }
 
 }  // namespace

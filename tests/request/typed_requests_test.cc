@@ -52,10 +52,7 @@ namespace fs = std::filesystem;
 
 const std::string kKey = "Qw7rT2mZx9LpB4nVc8KdS1hYf6GjU3aE";
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using test::readFile;
 
 Data checkerboardPng() {
   std::vector<std::uint8_t> pixels(4 * 4 * 4);

@@ -16,6 +16,7 @@
 #include "local_service_test.h"
 #include "support/cache_home.h"
 #include "support/test_servers.h"
+#include "support/wait.h"
 #include "weather_service.h"
 
 namespace kp {
@@ -26,13 +27,7 @@ using weather::Forecast;
 
 constexpr std::string_view kUserAgent = "ServiceCallTest/1.0";
 
-// Drains the main queue (where completions run) until `done` holds, for at most 10 s.
-template <class F>
-bool waitFor(F done) {
-  const auto end = std::chrono::steady_clock::now() + 10s;
-  while (!done() && std::chrono::steady_clock::now() < end) MainQueue::shared()->runFor(5ms);
-  return done();
-}
+using test::eventuallyOnMain;
 
 class ServiceCallTest : public test::LocalServiceTest {
  protected:
@@ -77,6 +72,17 @@ TEST_P(ServiceCallTest, TypedForecastsDecodeEveryHourAndDayAndFailuresCarryTheSe
   EXPECT_EQ(result->contentInfo.expiryInterval, 3600.0);
   ASSERT_TRUE(result->httpResponse);
   EXPECT_EQ(result->httpResponse->statusCode, 200);
+  // The coordinates may travel in the sealed body instead, as a form or as JSON.
+  auto form = service.createRequest<Forecast>("forecast");
+  form->httpConfig()->addBody("-33.87", "latitude");
+  form->httpConfig()->addBody("151.21", "longitude");
+  auto json = service.createRequestWithContent<Forecast>(
+      "forecast", weather::ForecastLocation{.latitude = -33.87, .longitude = 151.21});
+  for (const auto& sent : {form, json}) {
+    const auto located = sent->executeSynchronously();
+    ASSERT_TRUE(located && located->asResult().value());
+    EXPECT_EQ(located->asResult().value()->location.longitude, 151.21);
+  }
 
   // Understood but without content: the envelope's "meta"/"code" fails the call, and the
   // ticket fails with it.
@@ -84,7 +90,7 @@ TEST_P(ServiceCallTest, TypedForecastsDecodeEveryHourAndDayAndFailuresCarryTheSe
   locate(*offGlobe, "91", "0");
   std::optional<DecodableTarvixServiceResult<Forecast>> delivered;
   const auto ticket = offGlobe->execute([&](const DecodableTarvixServiceResult<Forecast>& r) { delivered = r; });
-  ASSERT_TRUE(waitFor([&] { return delivered.has_value(); }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return delivered.has_value(); }));
   ASSERT_TRUE(delivered->error);
   EXPECT_EQ(delivered->error->code(), 422);
   EXPECT_NE(delivered->error->localizedDescription().find("latitude 91"), std::string::npos);
@@ -106,7 +112,7 @@ TEST_P(ServiceCallTest, ASecondCallIsServedFromTheCacheWithTheArchivedContentInf
 
   std::shared_ptr<TarvixServiceRequestResult> network;
   const auto ticket = first->execute([&](const std::shared_ptr<TarvixServiceRequestResult>& r) { network = r; });
-  ASSERT_TRUE(waitFor([&] { return network != nullptr; }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return network != nullptr; }));
   ASSERT_TRUE(network->isSuccess()) << network->error->localizedDescription();
   EXPECT_TRUE(ticket->isFinished() && ticket->isSuccess());
   EXPECT_FALSE(network->fromCache());
@@ -114,7 +120,7 @@ TEST_P(ServiceCallTest, ASecondCallIsServedFromTheCacheWithTheArchivedContentInf
   EXPECT_EQ((*network->dataAsJson())["hourly"].size(), 48u);
   EXPECT_EQ(network->contentInfo->expiryInterval, 3600.0);
   // The result is stored in the background after its completion.
-  ASSERT_TRUE(waitFor([&] { return CacheController::sharedInstance()->getCacheItem(key) != nullptr; }));
+  ASSERT_TRUE(eventuallyOnMain([&] { return CacheController::sharedInstance()->getCacheItem(key) != nullptr; }));
 
   const auto cached = forecastRequest()->executeSynchronously();
   ASSERT_TRUE(cached);
@@ -150,7 +156,7 @@ TEST_P(ServiceCallTest, ClientInfoAndRefusals) {
     answer.emplace(std::move(info), std::move(error));
   });
   ASSERT_TRUE(ticket);
-  ASSERT_TRUE(waitFor([&] {
+  ASSERT_TRUE(eventuallyOnMain([&] {
     std::lock_guard lock(mutex);
     return answer.has_value();
   }));
@@ -210,28 +216,12 @@ std::string gzipOfZeros(std::size_t mebibytes) {
   return out;
 }
 
-// Answers what each path asks for; "/hang" sends a head and then nothing.
+// Answers what each path asks for. (How the envelopes of odd answers are opened is tested
+// without a transport.)
 void hostileAnswer(const std::string& request, const test::RawServer::Writer& write) {
-  const std::string sealed = *aes256EncryptString(R"({"meta": {"code": 200}, "data": 7})", "wrong key");
-  const std::pair<std::string_view, std::string> answers[] = {
-      {"/ciphertext-of-another-key", sealed},
-      {"/not-json", "<html>busy</html>"},
-      {"/mistyped", R"({"success": "yes", "message": 3, "meta": {"statusCode": "x", "code": [],
-                       "contentInfo": {"formatVersion": "1", "expiryInterval": {}}}, "data": {"a": 1}})"},
-  };
-  for (const auto& [path, body] : answers) {
-    if (request.find(" /" + std::string(path.substr(1))) != std::string::npos) {
-      write("HTTP/1.1 200 OK\r\nTarvix-Content-Max-Age: soon\r\nTarvix-Content-Format: 1.5\r\nContent-Length: " +
-            std::to_string(body.size()) + "\r\n\r\n" + body);
-      return;
-    }
-  }
   if (request.find(" /not-modified") != std::string::npos) {
     // The length is that of the body the answer does not repeat.
     write("HTTP/1.1 304 Not Modified\r\nContent-Length: 1000000000000\r\n\r\n");
-  } else if (request.find(" /hang") != std::string::npos) {
-    write("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"data\"");
-    std::this_thread::sleep_for(1500ms);
   } else if (request.find(" /endless") != std::string::npos) {
     // Bounded, so that a client that keeps reading still ends the test.
     const std::string chunk(64 << 10, ' ');
@@ -251,41 +241,11 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
   test::RawServer server(hostileAnswer);
   TarvixWebService untyped(server.url(""));
   untyped.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
-  DecodableTarvixWebService typed(server.url(""));
-  typed.encryptionDetails.responseDecryptionKey = std::string(kClientInfoResponseDecryptionKey);
 
-  // Not ciphertext for the key, not JSON: no payload and no error, untyped or typed.
-  for (const char* method : {"ciphertext-of-another-key", "not-json"}) {
-    const auto result = untyped.createRequestFor(method)->executeSynchronously();
-    ASSERT_TRUE(result) << method;
-    EXPECT_FALSE(result->error || result->data.has_value()) << method;
-    const auto decoded = typed.createRequest<int>(method)->executeSynchronously();
-    ASSERT_TRUE(decoded) << method;
-    EXPECT_EQ(decoded->asResult().error()->localizedDescription(), "No data available.") << method;
-  }
-  // Wrong types everywhere: the untyped envelope ignores them; the typed one names the path.
-  const auto mistyped = untyped.createRequestFor("mistyped")->executeSynchronously();
-  ASSERT_TRUE(mistyped && mistyped->isSuccess());
-  EXPECT_EQ((*mistyped->dataAsJson())["a"], JsonValue(1));
-  EXPECT_FALSE(mistyped->contentInfo->expiryInterval || mistyped->contentInfo->formatVersion);
-  const auto strict =
-      DecodableTarvixWebService(server.url("")).createRequest<Forecast>("mistyped")->executeSynchronously();
-  ASSERT_TRUE(strict && strict->error);
-  EXPECT_NE(strict->error->localizedDescription().find("meta.contentInfo"), std::string::npos);
-
-  // A 304 without content headers still marks the content not modified.
+  // A 304 that announces the length of the body it does not repeat ends at once, not modified.
   const auto bare = untyped.createRequestFor("not-modified")->executeSynchronously();
   ASSERT_TRUE(bare && bare->isSuccess());
   EXPECT_TRUE(bare->contentIsNotModified);
-
-  // A server that stops after the head: the timeout ends the call, not much later.
-  auto hanging = untyped.createRequestFor("hang");
-  hanging->httpConfig()->timeoutInterval = 0.3;
-  const auto started = std::chrono::steady_clock::now();
-  const auto timedOut = hanging->executeSynchronously();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-  ASSERT_TRUE(timedOut && timedOut->error);
-  EXPECT_EQ(timedOut->error->code(), static_cast<std::int64_t>(UrlError::timedOut));
 
   // A body beyond the handler's limit ends the call with an error, whether it streams on, its
   // length is announced up front or a small compressed body inflates past it, instead of
@@ -325,7 +285,7 @@ TEST(ServiceCallFaults, MisbehavingServersEndInResultsOrClearErrors) {
     std::lock_guard lock(mutex);
     answer.emplace(std::move(info), std::move(error));
   });
-  ASSERT_TRUE(waitFor([&] {
+  ASSERT_TRUE(eventuallyOnMain([&] {
     std::lock_guard lock(mutex);
     return answer.has_value();
   }));

@@ -1,31 +1,20 @@
-// The local weather service end to end: requests built, encrypted and sent by the library's
-// own request layer over HTTP and HTTPS on 127.0.0.1; refusals and hostile requests at the
-// protocol; slow, idle and hostile clients at the transport; `kpcore serve` run as a user
-// runs it.
+// The local weather service: refusals, forecasts and hostile requests at the protocol; slow,
+// idle and hostile clients at the transport. (The library's own calls to it are the service
+// call tests.)
 #include "weather_service.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <future>
-#include <random>
 #include <set>
 
 #include "kp/foundation/json.h"
-#include "kp/request/request_handler.h"
-#include "kp/request/url_request_factory.h"
 #include "kp/service/encryption.h"
-#include "kp/service/tarvix_service_content_info.h"
-#include "kp/service/tarvix_web_service_parameters.h"
-#include "local_service_test.h"
-#include "support/process.h"
-#include "support/test_servers.h"
 
 namespace kp {
 namespace {
@@ -38,156 +27,6 @@ using weather::WeatherProtocol;
 const std::string kQueryKey(kDefaultQueryStringEncryptionKey);
 const std::string kBodyKey(kClientInfoBodyEncryptionKey);
 const std::string kResponseKey(kClientInfoResponseDecryptionKey);
-
-JsonValue envelopeOf(const HttpRequestResult& result, const std::string& key) {
-  const Data* body = std::any_cast<Data>(&result.data);
-  if (body == nullptr) return {};
-  return TarvixServiceEncryptionHelper::decryptData(body->bytes(), key).value_or(JsonValue());
-}
-
-class WeatherServiceTest : public test::LocalServiceTest {
- protected:
-  // A service request as the facades make them: POST, JSON content type, the common
-  // parameters first.
-  std::shared_ptr<HttpRequest> request(const std::string& method) {
-    auto request = HttpRequest::make(*Url::parse(service_->baseUrl() + "/" + method));
-    auto& config = *request->httpConfig();
-    config.method = HttpRequestMethod::post;
-    config.setHeader("application/json", "Content-Type");
-    config.addQuery(TarvixWebServiceParameters().queryParameters());
-    request->setUrlSession(session_);
-    return request;
-  }
-
-  std::shared_ptr<HttpRequestResult> call(const std::shared_ptr<HttpRequest>& request,
-                                          std::optional<std::string> queryKey = kQueryKey,
-                                          std::optional<std::string> bodyKey = std::nullopt) {
-    auto handler = std::make_shared<HttpRequestHandler>();
-    EXPECT_EQ(handler->canHandle(request), nullptr);
-    handler->urlRequest = UrlRequestFactory::createUrlRequest(*request, queryKey, bodyKey);
-    auto done = std::make_shared<std::promise<std::shared_ptr<HttpRequestResult>>>();
-    auto future = done->get_future();
-    handler->handle(request, [done](const std::shared_ptr<RequestResult>& result) {
-      done->set_value(std::dynamic_pointer_cast<HttpRequestResult>(result));
-    });
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    while (future.wait_for(0s) != std::future_status::ready && std::chrono::steady_clock::now() < end) {
-      MainQueue::shared()->runFor(5ms);
-    }
-    EXPECT_EQ(future.wait_for(0s), std::future_status::ready) << "no answer within 10 s";
-    return future.wait_for(0s) == std::future_status::ready ? future.get() : nullptr;
-  }
-};
-
-TEST_P(WeatherServiceTest, EncryptedForecastCarriesItsFreshnessAndRevalidates) {
-  auto first = request("forecast");
-  first->httpConfig()->addQuery("52.3702", "latitude");
-  first->httpConfig()->addQuery("4.8952", "longitude");
-  const auto result = call(first);
-  ASSERT_TRUE(result && result->response);
-  ASSERT_TRUE(result->isSuccess()) << result->error->localizedDescription();
-  const JsonValue envelope = envelopeOf(*result, kResponseKey);
-  EXPECT_EQ(envelope["success"].boolValue(), true);
-  EXPECT_EQ(envelope["meta"]["code"].intValue(), 200);
-  const JsonValue data = envelope["data"];
-  EXPECT_EQ(data["location"]["latitude"].doubleValue(), 52.37);
-  EXPECT_EQ(data["hourly"].size(), 48u);
-  EXPECT_EQ(data["daily"].size(), 7u);
-  EXPECT_TRUE(data["current"]["temperature"].doubleValue());
-
-  // Headers and envelope agree, and the creation time is the start of this hour.
-  TarvixServiceContentInfo info;
-  info.applyContentHeaders(*result->response);
-  EXPECT_EQ(info.formatVersion, envelope["meta"]["contentInfo"]["formatVersion"].intValue());
-  EXPECT_EQ(info.expiryInterval, 3600.0);
-  ASSERT_TRUE(info.remoteCreatedAt);
-  const double created = info.remoteCreatedAt->timeIntervalSince1970();
-  EXPECT_EQ(envelope["meta"]["contentInfo"]["createdTimestamp"].doubleValue(), created);
-  EXPECT_EQ(std::fmod(created, 3600), 0);
-  EXPECT_LE(Date::now().timeIntervalSince1970() - created, 3600 + 5);
-  EXPECT_EQ(data["current"]["time"].doubleValue(), created);
-  const auto etag = result->response->etag();
-  ASSERT_TRUE(etag);
-
-  // The same call with the tag is answered 304: no body, the content headers again.
-  auto again = request("forecast");
-  again->httpConfig()->queryParameters = first->httpConfig()->queryParameters;
-  again->httpConfig()->etag = etag;
-  const auto revalidated = call(again);
-  ASSERT_TRUE(revalidated && revalidated->response);
-  EXPECT_EQ(revalidated->response->statusCode, 304);
-  EXPECT_FALSE(revalidated->data.has_value() && std::any_cast<Data>(revalidated->data).size() > 0);
-  TarvixServiceContentInfo refreshed;
-  refreshed.applyContentHeaders(*revalidated->response);
-  EXPECT_EQ(refreshed.remoteCreatedAt, info.remoteCreatedAt);
-  EXPECT_EQ(refreshed.expiryInterval, info.expiryInterval);
-}
-
-TEST_P(WeatherServiceTest, BasicInfoSeesTheCallerAndBodiesOpenWithTheMethodsKey) {
-  auto who = request("basicInfo");
-  who->httpConfig()->setHeader("WeatherApp/5.2 (Linux)", "User-Agent");
-  const auto info = call(who, kQueryKey, kBodyKey);
-  ASSERT_TRUE(info && info->isSuccess());
-  const JsonValue payload = envelopeOf(*info, kResponseKey)["data"];
-  EXPECT_EQ(payload["network"]["ip"].stringValue(), "127.0.0.1");
-  EXPECT_EQ(payload["device"]["userAgent"].stringValue(), "WeatherApp/5.2 (Linux)");
-
-  // Coordinates in an encrypted form body, then in an encrypted JSON body.
-  auto form = request("forecast");
-  form->httpConfig()->addBody("-33.87", "latitude");
-  form->httpConfig()->addBody("151.21", "longitude");
-  auto json = request("forecast");
-  json->httpConfig()->bodyData = Data::fromString(R"({"latitude": -33.87, "longitude": "151.21"})");
-  for (const auto& sent : {form, json}) {
-    const auto result = call(sent, kQueryKey, kBodyKey);
-    ASSERT_TRUE(result && result->isSuccess());
-    EXPECT_EQ(envelopeOf(*result, kResponseKey)["data"]["location"]["longitude"].doubleValue(), 151.21);
-  }
-
-  // Under "skipcrypt" everything travels in plain.
-  auto plain = request("forecast");
-  plain->httpConfig()->addQuery("1", "skipcrypt");
-  plain->httpConfig()->addQuery("10", "latitude");
-  plain->httpConfig()->addQuery("20", "longitude");
-  const auto open = call(plain, std::nullopt);
-  ASSERT_TRUE(open && open->isSuccess());
-  const auto parsed = objectFromJSONData(std::any_cast<Data>(open->data));
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ((*parsed)["data"]["location"]["latitude"].doubleValue(), 10);
-}
-
-TEST_P(WeatherServiceTest, RefusalsReachTheClientAsFailures) {
-  auto located = [this](const std::string& latitude) {
-    auto r = request("forecast");
-    r->httpConfig()->addQuery(latitude, "latitude");
-    r->httpConfig()->addQuery("4.9", "longitude");
-    return r;
-  };
-  // A query sealed with another key, and coordinates that are missing: HTTP 400.
-  const auto wrongKey = call(located("52"), std::string("another key"));
-  ASSERT_TRUE(wrongKey && wrongKey->error);
-  EXPECT_EQ(wrongKey->response->statusCode, 400);
-  const auto missing = call(request("forecast"));
-  ASSERT_TRUE(missing && missing->error);
-  EXPECT_EQ(missing->response->statusCode, 400);
-  const auto unknown = call(request("snowfall"));
-  ASSERT_TRUE(unknown && unknown->error);
-  EXPECT_EQ(unknown->response->statusCode, 404);
-
-  // Understood but without content: HTTP 200 and the failure envelope, for the client to show.
-  const auto offGlobe = call(located("91"));
-  ASSERT_TRUE(offGlobe && offGlobe->isSuccess());
-  const JsonValue envelope = envelopeOf(*offGlobe, kResponseKey);
-  EXPECT_EQ(envelope["success"].boolValue(), false);
-  EXPECT_EQ(envelope["meta"]["code"].intValue(), 422);
-  EXPECT_EQ(envelope["meta"]["statusCode"].intValue(), 422);
-  EXPECT_NE(envelope["message"].stringValue()->find("latitude 91"), std::string_view::npos);
-  EXPECT_EQ(envelope["meta"]["message"], envelope["message"]);
-  EXPECT_FALSE(offGlobe->response->etag());
-}
-
-INSTANTIATE_TEST_SUITE_P(Transports, WeatherServiceTest, ::testing::Values(false, true),
-                         test::LocalServiceTest::transportName);
 
 // ---- The protocol without a transport ----------------------------------------------------------
 
@@ -313,23 +152,7 @@ TEST(WeatherProtocol, HostileRequestsEndInAnswers) {
   for (const auto& call : calls) answers(call, {400, 404, 405});
   answers({.target = "/basicInfo?skipcrypt=1", .userAgent = "\xff\xfe agent"}, {200});
   answers({.target = "/\xc3(" + std::string(300, 'x')}, {404});
-
-  // Random bytes everywhere, sometimes behind a valid key so that the parameters are reached.
-  std::mt19937 rng(7);
-  auto noise = [&rng](std::size_t size) {
-    std::string out(size, '\0');
-    for (char& c : out) c = static_cast<char>(rng() % 4 == 0 ? "&=%?/+"[rng() % 6] : rng());
-    return out;
-  };
-  for (int i = 0; i < 1500; ++i) {
-    const std::string query = rng() % 2 ? sealedQuery(noise(rng() % 64)) : noise(rng() % 64);
-    answers({.httpMethod = rng() % 4 ? "GET" : "POST",
-             .target = (rng() % 2 ? "/forecast?" : "/basicInfo?") + query,
-             .body = noise(rng() % 48),
-             .ifNoneMatch = noise(rng() % 8),
-             .userAgent = noise(rng() % 8)},
-            {200, 304, 400});
-  }
+  // (Random requests are the weather service fuzzer's.)
 }
 
 // ---- The transport -----------------------------------------------------------------------------
@@ -459,32 +282,6 @@ TEST(WeatherServiceTransport, UntrustworthyLengthsAndRangesGetPlainRefusals) {
     EXPECT_EQ(answer.substr(answer.find("\r\n\r\n")), whole.substr(whole.find("\r\n\r\n"))) << target;
     EXPECT_EQ(answer.substr(0, 15), whole.substr(0, 15));
   }
-}
-
-// ---- kpcore serve ------------------------------------------------------------------------------
-
-TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
-  test::BackgroundProcess serve({KPCORE_PATH, "serve", "--quiet"});
-  const auto url = serve.readLine(20s);
-  ASSERT_TRUE(url);
-  ASSERT_TRUE(url->starts_with("http://127.0.0.1:")) << *url;
-
-  const std::string target = "/forecast?skipcrypt=1&latitude=1&longitude=2";
-  const auto answer = test::runCommand(std::string(KPCORE_PATH) + " get --include " + test::shellQuote(*url + target));
-  EXPECT_EQ(answer.status, 0);
-  EXPECT_NE(answer.output.find("HTTP 200\n"), std::string::npos) << answer.output;
-  EXPECT_NE(answer.output.find("\"latitude\":1"), std::string::npos);
-
-  const std::string port = url->substr(url->rfind(':') + 1);
-  const auto busy = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --port " + port + " 2>&1");
-  EXPECT_EQ(busy.status, 1);
-  EXPECT_EQ(busy.output, "kpcore serve: cannot listen on 127.0.0.1 port " + port + "\n");
-  const auto nowhere = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --host '' 2>&1");
-  EXPECT_EQ(nowhere.status, 2);
-  EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
-
-  serve.sendSignal(SIGTERM);
-  EXPECT_EQ(serve.wait(10s), 0);
 }
 
 }  // namespace

@@ -130,10 +130,6 @@ TEST_F(KeychainTest, WritingAgainUpdatesTheOneItem) {
   EXPECT_EQ(count("k"), 1);
   // The compatibility value stores the same accessibility as the one it repeats.
   EXPECT_NE(listing("k").find("accessible = kSecAttrAccessibleAfterFirstUnlock\n"), std::string::npos);
-  EXPECT_EQ(kp::value(KeychainAccess::afterFirstUnlockThisDeviceOnlyCompat),
-            kp::value(KeychainAccess::afterFirstUnlockThisDeviceOnly));
-  EXPECT_EQ(kp::keychainAccess(2), KeychainAccess::afterFirstUnlockCompat);
-  EXPECT_EQ(kp::keychainAccess(7), std::nullopt);
 
   keychain_.setString(std::nullopt, "k", KeychainAccess::whenUnlocked, std::nullopt);
   EXPECT_EQ(keychain_.string("k", std::nullopt), std::nullopt);

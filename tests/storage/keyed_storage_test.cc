@@ -287,11 +287,4 @@ TEST(KeyedStorageWrapper, ResolvesTheServiceOrFallsBackToMemory) {
   EXPECT_EQ(orphan->integer(Setting::count), 1);
 }
 
-TEST(KeyedStorageReports, NameTheUnqualifiedType) {
-  EXPECT_EQ(kp::storage_detail::wrongTypeMessage(typeid(app::City)), "Object should be of type: City");
-  EXPECT_EQ(kp::storage_detail::decodeFailureMessage("city", typeid(app::City)),
-            "Found data for key: city but could not decode it to :City");
-  EXPECT_EQ(kp::storage_detail::encodeFailureMessage("42", "count"), "Could not encode value: 42 for key: count");
-}
-
 }  // namespace

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 extern char** environ;  // NOLINT
@@ -116,6 +117,18 @@ int ChildProcess::wait() {
   }
   status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
   return *status_;
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  int raw = 0;
+  while (!status_) {
+    const pid_t ended = ::waitpid(pid_, &raw, WNOHANG);
+    if (ended == pid_) status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    if (status_ || std::chrono::steady_clock::now() >= deadline) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return status_;
 }
 
 }  // namespace kp::test

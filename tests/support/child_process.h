@@ -36,6 +36,8 @@ class ChildProcess {
   void signal(int signalNumber) const;
   // Waits for the end: the exit status, or 128 + the signal that ended it.
   int wait();
+  // The same, or nothing when it still runs after `timeout`.
+  std::optional<int> wait(std::chrono::milliseconds timeout);
 
  private:
   pid_t pid_ = -1;

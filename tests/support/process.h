@@ -1,10 +1,7 @@
 // Test helper: runs a shell command and gathers what it prints and how it ended.
 #pragma once
 
-#include <chrono>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace kp::test {
 
@@ -27,29 +24,5 @@ struct ProcessResult {
 //   auto child = kp::test::runThisTestInChild("HOME=" + shellQuote(home));
 [[nodiscard]] ProcessResult runThisTestInChild(const std::string& environment, const std::string& wrapper = {});
 [[nodiscard]] bool inTestChild();
-
-// A program started in the background (no shell) with its standard output on a pipe; standard
-// error stays this process's. The destructor kills (SIGKILL) and reaps it if it still runs.
-class BackgroundProcess {
- public:
-  // Throws std::runtime_error when the program cannot be started.
-  explicit BackgroundProcess(const std::vector<std::string>& argv);
-  ~BackgroundProcess();
-  BackgroundProcess(const BackgroundProcess&) = delete;
-  BackgroundProcess& operator=(const BackgroundProcess&) = delete;
-
-  // The next line of its output without the newline; nothing at end of output or after
-  // `timeout`.
-  [[nodiscard]] std::optional<std::string> readLine(std::chrono::milliseconds timeout);
-  void sendSignal(int signal);
-  // Its exit status (-1 when a signal ended it); nothing when it still runs after `timeout`.
-  [[nodiscard]] std::optional<int> wait(std::chrono::milliseconds timeout);
-
- private:
-  int pid_ = -1;
-  int output_ = -1;
-  std::string pending_;
-  bool reaped_ = false;
-};
 
 }  // namespace kp::test

@@ -1,5 +1,7 @@
 #include "support/temp_dir.h"
 
+#include <fstream>
+#include <iterator>
 #include <random>
 
 namespace kp::test {
@@ -34,6 +36,11 @@ std::string TempDir::fileUrl(const std::string& name) const {
     }
   }
   return url;
+}
+
+std::string readFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 }  // namespace kp::test

@@ -1,4 +1,5 @@
-// Test helper: a fresh directory under the system temporary folder, removed on destruction.
+// Test helpers: a fresh directory under the system temporary folder, removed on destruction,
+// and reading a whole file.
 #pragma once
 
 #include <filesystem>
@@ -20,5 +21,8 @@ class TempDir {
  private:
   std::filesystem::path path_;
 };
+
+// The bytes of a file, read through one open file; empty when it cannot be read.
+[[nodiscard]] std::string readFile(const std::filesystem::path& path);
 
 }  // namespace kp::test

@@ -26,7 +26,7 @@
 //
 // Nothing here reports an error: a database that cannot be opened leaves a memory-only cache,
 // a file that cannot be written is not stored, and damaged stored data reads as absent. (A
-// symbolic link in the place of the file folder is reported: see CacheControllerFileStorage.)
+// symbolic link in the place of the file folder is reported: see fileStorageProblem().)
 //
 // Thread safety: every operation may be called from any thread. Timer and notification
 // handling runs on the main thread. Destruction unregisters the observers, stops the timer
@@ -54,7 +54,7 @@
 #include <string_view>
 #include <vector>
 
-#include "kp/cache/cache_database.h"
+#include "kp/cache/cache_row.h"
 #include "kp/cache/cache_service.h"
 #include "kp/container/services.h"
 #include "kp/platform/export.h"
@@ -157,8 +157,8 @@ class KP_EXPORT CacheController final : public CacheService {
   [[nodiscard]] std::uint64_t getBackStoreTotalSize() const;
   [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
   [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
-  // Why no files are kept in the file folder (a link or no folder stands there, see
-  // CacheControllerFileStorage), if so: the cache then keeps bytes and images in memory only.
+  // Why no files are kept in the file folder (a link or no folder stands there), if so: the cache then keeps bytes and
+  // images in memory only.
   [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
 
   // The application notifications; the host may also call these directly, from any thread.

@@ -18,11 +18,12 @@
 //   auto settings = cache->get<kp::CodableCacheItem<Settings>>("settings");
 #pragma once
 
+#include <exception>
 #include <memory>
 #include <string_view>
 
-#include "kp/cache/cache_database.h"
 #include "kp/cache/cache_item.h"
+#include "kp/coding/property_list.h"
 #include "kp/platform/export.h"
 #include "tarvix/service.h"
 
@@ -38,9 +39,14 @@ struct KP_EXPORT CacheableType {
   // REQUIRES: T is a Cacheable with `static T decode(const Decoder&)`.
   template <class T>
   [[nodiscard]] static CacheableType of() {
-    return {
-        [](const Cacheable& entry) { return dynamic_cast<const T*>(&entry) != nullptr; },
-        [](const Data& bytes) -> std::shared_ptr<Cacheable> { return CacheControllerDatabase::decodeEntry<T>(bytes); }};
+    return {[](const Cacheable& entry) { return dynamic_cast<const T*>(&entry) != nullptr; },
+            [](const Data& bytes) -> std::shared_ptr<Cacheable> {
+              try {
+                return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+              } catch (const std::exception&) {
+                return nullptr;  // damaged stored data reads as absent
+              }
+            }};
   }
 };
 

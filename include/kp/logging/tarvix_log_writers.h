@@ -54,7 +54,7 @@ class KP_EXPORT TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutabl
 class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
  public:
   // REQUIRES: logExecutable is not null. Entries go to `systemLog` (the system journal unless
-  // another is given, e.g. SystemLog::make({.socketPath = ...}) for a journal namespace).
+  // another is given, e.g. SystemLog::make(socketPath) for a journal namespace).
   TarvixOSLogWriter(std::string subsystem, std::unique_ptr<TarvixOSLogExecutable> logExecutable,
                     std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 

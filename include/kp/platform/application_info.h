@@ -1,7 +1,9 @@
 // kp::ApplicationInfo: facts about the running application and device that the service
 // parameters and the cache paths use. The host fills in what it knows at start-up; the rest
-// keeps Linux defaults (kernel name and release, DMI product name, locale, currency, languages
-// and time zone of the environment).
+// keeps Linux defaults (the identifier and name of the desktop entry the application was
+// launched from, kernel name, DMI product name, locale, currency, languages and time zone of
+// the environment). What neither gives stays empty: the version and build, the idiom and the
+// system version, for which kp::DeviceInformation (device layer) knows the machine's.
 //
 // Thread safety: current() and setCurrent() may be called from any thread.
 //
@@ -29,16 +31,16 @@ struct KP_EXPORT ApplicationInfo {
   // The folder name of an application without an identifier.
   static constexpr std::string_view kDefaultFolderName = "com.kp.app";
 
-  // Reverse-domain bundle identifier, or nothing when the host never gave one. It also names
-  // the application's folders, so setCurrent() stores it in canonicalIdentifier() form.
+  // Reverse-domain bundle identifier (the host's, else the desktop entry's ID), or nothing. It
+  // also names the application's folders, so setCurrent() stores it in canonicalIdentifier() form.
   std::optional<std::string> identifier;
-  std::string name;     // display name
-  std::string version;  // marketing version, "5.2.0"
-  std::string build;    // build number
+  std::string name;     // display name (the host's, else the desktop entry's Name)
+  std::string version;  // marketing version, "5.2.0"; empty unless the host sets it
+  std::string build;    // build number; empty unless the host sets it
   UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;
   double screenScale = 1.0;
   std::string systemName;                       // "Linux"
-  std::string systemVersion;                    // kernel release
+  std::string systemVersion;                    // the host's; empty: the operating system's
   std::string deviceModel;                      // DMI product name or machine type
   std::string localeIdentifier;                 // "en_US"
   std::string timeZone;                         // "Europe/Berlin"
@@ -54,7 +56,7 @@ struct KP_EXPORT ApplicationInfo {
   // empty, "." or ".." names no folder and is no identifier (nothing). Any other identifier is
   // kept as it is.
   [[nodiscard]] static std::optional<std::string> canonicalIdentifier(std::string_view identifier);
-  // Defaults for this system, without an identifier.
+  // Defaults for this system.
   [[nodiscard]] static ApplicationInfo systemDefaults();
 
   // The name of the application's folders: the identifier, else kDefaultFolderName.

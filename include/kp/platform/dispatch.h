@@ -19,7 +19,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -132,9 +131,6 @@ class KP_EXPORT SerialQueue final : public DispatchQueue {
   SerialQueue(std::string label, std::shared_ptr<DispatchQueue> target);
   void drain();
   void scheduleDrain();
-  // Ends the calling thread's run of this queue's items and schedules what is left.
-  // REQUIRES: `lock` holds the queue's mutex; it is released.
-  void endTurn(std::unique_lock<std::mutex>& lock);
   std::unique_ptr<Impl> impl_;
 };
 

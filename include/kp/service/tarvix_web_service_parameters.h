@@ -6,8 +6,12 @@
 // version of the application, the platform (the system name in lower case: "linux" here,
 // "ios" for a host that says it runs iOS), the device kind from the idiom, the system version
 // and machine model, the display scale, locale, time zone, currency and preferred languages.
-// Empty facts become absent values, which travel as empty parameters. A host whose server
-// expects other texts sets them in kp::ApplicationInfo or on the record.
+// Where the host set no idiom or system version, kp::DeviceInformation gives them: the
+// device kind's name ("laptop", "desktop", "vm"; "iphone" and "ipad" for a handset and a
+// tablet) and the operating system's version ("12"; "unknown" when os-release does not say).
+// A record made from a given ApplicationInfo holds that record's facts alone. Empty facts
+// become absent values, which travel as empty parameters. A host whose server expects other
+// texts sets them in kp::ApplicationInfo or on the record.
 //
 // Thread safety: a plain value.
 //
@@ -23,6 +27,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/device/device_kind.h"
 #include "kp/platform/application_info.h"
 #include "kp/platform/export.h"
 #include "kp/request/http_request_parameter.h"
@@ -30,7 +35,7 @@
 namespace kp {
 
 struct KP_EXPORT TarvixWebServiceParameters {
-  // From ApplicationInfo::current().
+  // From ApplicationInfo::current() and, for what it leaves unset, DeviceInformation::shared().
   TarvixWebServiceParameters();
   explicit TarvixWebServiceParameters(const ApplicationInfo& info);
 
@@ -58,6 +63,9 @@ struct KP_EXPORT TarvixWebServiceParameters {
 // The device kind servers know for an idiom: "iphone", "ipad", "tv", "carplay", "mac",
 // "vision", and "desktop" for a machine that has not named its idiom.
 [[nodiscard]] KP_EXPORT std::string_view deviceKindName(UserInterfaceIdiom idiom) noexcept;
+// The device kind servers know for a kind of machine: a phone's and a tablet's idiom names,
+// "desktop" for an unknown machine, else the chassis word ("laptop", "server", "vm" ...).
+[[nodiscard]] KP_EXPORT std::string_view deviceKindName(DeviceKind kind) noexcept;
 
 // The shortest decimal text that reads back as `value`, with ".0" on whole numbers ("2.0",
 // "1.5", "1e+20").

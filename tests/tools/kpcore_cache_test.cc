@@ -156,10 +156,6 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
 
 TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {
   const auto file = dir_.path() / "centralcache.db";
-  const auto bytesOf = [](const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  };
   const auto sqlite = [&](const std::string& sql) {
     return runCommand("sqlite3 " + shellQuote(file.string()) + " " + shellQuote(sql) + " 2>&1").output;
   };
@@ -177,13 +173,13 @@ TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) 
   for (const auto& [damage, message] : cases) {
     damage();
     sqlite("PRAGMA wal_checkpoint(TRUNCATE);");
-    const std::string before = bytesOf(file);
+    const std::string before = kp::test::readFile(file);
     for (const char* inspection : {"stats", "list --json", "get forecast/berlin"}) {
       const auto result = kpcore(inspection);
       EXPECT_EQ(result.status, 1) << inspection;
       EXPECT_EQ(result.output, message) << inspection;
     }
-    EXPECT_TRUE(bytesOf(file) == before) << message;
+    EXPECT_TRUE(kp::test::readFile(file) == before) << message;
   }
   // Maintenance may replace what it cannot read.
   EXPECT_EQ(kpcore("wipe").status, 0);

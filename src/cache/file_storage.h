@@ -37,13 +37,12 @@
 #include <string_view>
 
 #include "kp/platform/data.h"
-#include "kp/platform/export.h"
 
 namespace kp {
 
 class CacheControllerDatabase;
 
-class KP_EXPORT CacheControllerFileStorage {
+class CacheControllerFileStorage {
  public:
   // The folder `fileName` in the application's caches directory, or in `directory`.
   explicit CacheControllerFileStorage(std::string_view fileName);

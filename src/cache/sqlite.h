@@ -1,7 +1,8 @@
 // A thin, typed layer over SQLite: a database that prepares statements, a prepared statement
 // that binds values by position, executes and reads rows, and a typed row whose cells are
 // tagged values addressed by a column vocabulary. No transactions, busy handling, schema
-// knowledge or pooling: one object holds one connection.
+// knowledge or pooling: one object holds one connection, which stays open until the process
+// ends even when the object is destroyed (sqlite.cc says why).
 //
 // Failures are thrown as SQLiteDatabaseError or SQLiteStatementError; they carry no SQLite
 // code or message. A failed binding leaves the statement usable.
@@ -33,7 +34,6 @@
 #include <vector>
 
 #include "kp/platform/data.h"
-#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 struct sqlite3;
@@ -42,7 +42,7 @@ struct sqlite3_stmt;
 namespace kp {
 
 // A tagged value of exactly one of five kinds. No conversion between kinds.
-class KP_EXPORT SQLiteValue {
+class SQLiteValue {
  public:
   enum class Kind { string, double_, data, int32, null };
 
@@ -111,7 +111,7 @@ class SQLiteRow {
   SQLiteCells cells_;
 };
 
-class KP_EXPORT SQLiteDatabaseError : public std::exception {
+class SQLiteDatabaseError : public std::exception {
  public:
   enum class Code { unableToOpen, couldNotPrepareStatement };
   explicit SQLiteDatabaseError(Code code) noexcept : code_(code) {}
@@ -122,7 +122,7 @@ class KP_EXPORT SQLiteDatabaseError : public std::exception {
   Code code_;
 };
 
-class KP_EXPORT SQLiteStatementError : public std::exception {
+class SQLiteStatementError : public std::exception {
  public:
   enum class Code { binding, execute, reading, isFinalized };
   explicit SQLiteStatementError(Code code) noexcept : code_(code) {}
@@ -133,7 +133,7 @@ class KP_EXPORT SQLiteStatementError : public std::exception {
   Code code_;
 };
 
-class KP_EXPORT SQLitePreparedStatement {
+class SQLitePreparedStatement {
  public:
   virtual ~SQLitePreparedStatement() = default;
   // Binds at the current position, then advances it (only when the binding succeeded).
@@ -163,7 +163,7 @@ class KP_EXPORT SQLitePreparedStatement {
   }
 };
 
-class KP_EXPORT SQLiteDatabase {
+class SQLiteDatabase {
  public:
   virtual ~SQLiteDatabase() = default;
   [[nodiscard]] virtual std::unique_ptr<SQLitePreparedStatement> createPreparedStatement(std::string_view sql) = 0;
@@ -173,7 +173,7 @@ class KP_EXPORT SQLiteDatabase {
       std::string_view sql, const std::vector<SQLiteValue>& bindings);
 };
 
-class KP_EXPORT DefaultSQLiteDatabase final : public SQLiteDatabase {
+class DefaultSQLiteDatabase final : public SQLiteDatabase {
  public:
   class PreparedStatement;
 
@@ -193,7 +193,7 @@ class KP_EXPORT DefaultSQLiteDatabase final : public SQLiteDatabase {
   sqlite3* db_ = nullptr;
 };
 
-class KP_EXPORT DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStatement {
+class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStatement {
  public:
   explicit PreparedStatement(sqlite3_stmt* statement) noexcept : statement_(statement) {}
   ~PreparedStatement() override { finalize(); }

@@ -1,10 +1,14 @@
-// kpcore service, clientinfo and demo, run as a user runs them against the local weather
-// service.
+// kpcore service, clientinfo, demo, serve, crypt and info, run as a user runs them against the
+// local weather service.
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
 
 #include "kp/coding/json.h"
 #include "kp/service/tarvix_web_service_encryption_details.h"
 #include "support/cache_home.h"
+#include "support/child_process.h"
 #include "support/process.h"
 #include "support/test_servers.h"
 #include "weather_service.h"
@@ -67,6 +71,53 @@ TEST(KpcoreServiceCommands, PrintPayloadsContentInfoClientInfoAndTheDemo) {
     EXPECT_NE(demo.output.find(line), std::string::npos) << line << "\n" << demo.output;
   }
   service.stop();
+}
+
+TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
+  test::ChildProcess serve({KPCORE_PATH, "serve", "--quiet"}, {.captureOutput = true});
+  const auto url = serve.readLine(std::chrono::seconds(20));
+  ASSERT_TRUE(url);
+  ASSERT_TRUE(url->starts_with("http://127.0.0.1:")) << *url;
+
+  const std::string target = "/forecast?skipcrypt=1&latitude=1&longitude=2";
+  const auto answer = test::runCommand(std::string(KPCORE_PATH) + " get --include " + test::shellQuote(*url + target));
+  EXPECT_EQ(answer.status, 0);
+  EXPECT_NE(answer.output.find("HTTP 200\n"), std::string::npos) << answer.output;
+  EXPECT_NE(answer.output.find("\"latitude\":1"), std::string::npos);
+
+  const std::string port = url->substr(url->rfind(':') + 1);
+  const auto busy = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --port " + port + " 2>&1");
+  EXPECT_EQ(busy.status, 1);
+  EXPECT_EQ(busy.output, "kpcore serve: cannot listen on 127.0.0.1 port " + port + "\n");
+  const auto nowhere = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --host '' 2>&1");
+  EXPECT_EQ(nowhere.status, 2);
+  EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
+
+  serve.signal(SIGTERM);
+  EXPECT_EQ(serve.wait(std::chrono::seconds(10)), 0);
+}
+
+TEST(KpcoreCrypt, DecryptsAPayloadAndRefusesWhatIsNotOneInOneLine) {
+  const std::string key = "Qw7rT2mZx9LpB4nVc8KdS1hYf6GjU3aE";
+  const std::string crypt = std::string(KPCORE_PATH) + " crypt ";
+  auto sealed = test::runCommand(crypt + "encrypt-body --key " + key, "forecast");
+  ASSERT_EQ(sealed.status, 0) << sealed.output;
+  auto opened = test::runCommand(crypt + "decrypt --key " + key, sealed.output);
+  EXPECT_EQ(opened.status, 0);
+  EXPECT_EQ(opened.output, "forecast");
+  for (const char* body : {R"({"temp":1234})", "", "QUJD"}) {
+    auto refused = test::runCommand(crypt + "decrypt --key " + key + " 2>&1", body);
+    EXPECT_NE(refused.status, 0) << body;
+    EXPECT_EQ(std::count(refused.output.begin(), refused.output.end(), '\n'), 1) << refused.output;
+    EXPECT_NE(refused.output.find("nothing decrypted"), std::string::npos) << refused.output;
+  }
+}
+
+// Under the C locale the language list does not count.
+TEST(KpcoreInfo, NamesTheLanguageOfTheCLocale) {
+  const auto plain =
+      test::runCommand(std::string("env -u LC_ALL -u LC_MESSAGES LANG=C LANGUAGE=fr ") + KPCORE_PATH + " info --json");
+  EXPECT_NE(plain.output.find(R"("preferredLanguages":"en-US")"), std::string::npos) << plain.output;
 }
 
 }  // namespace
