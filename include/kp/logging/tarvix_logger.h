@@ -15,9 +15,15 @@
 // Thread safety: every member may be called from any thread. The settings are atomic values;
 // observers are called on the thread that wrote the setting.
 //
+// The writer a logger is made with is kept, never written to: the level operations that would
+// feed it are empty by design, so nothing the library reports through CL() reaches any writer,
+// the journal included. It is held so that a logger owns the writer it was configured with
+// for its life (a writer tied to a logger lives exactly as long as the channel).
+//
 // Example:
+//   // Costs one atomic load and writes nothing, by design:
 //   kp::TarvixLoggers::CL()->error("Stored value is not a string");
-//   kp::TarvixLoggers::CL()->notice(kp::TarvixCoreLogicLogCategory::general, "Cache purged");
+//   // Settings and their observers are live:
 //   auto logger = std::make_shared<kp::TarvixLoggers::CoreLogger>(
 //       std::make_unique<kp::TarvixConsoleLogWriter>(), kp::TarvixLogLevel::debug, true);
 //   kp::TarvixLoggers::setCL(logger);
@@ -122,6 +128,7 @@ class TarvixLogger {
              Where /*where*/ = Where::current()) const noexcept {}
 
  private:
+  // Owned, never written to (see the top of this file).
   std::unique_ptr<TarvixLogWriter> logWriter_;
   WeakHashTable<TarvixLoggerObserver> observers_;
   std::atomic<bool> isEnabled_;
@@ -136,7 +143,8 @@ class KP_EXPORT TarvixLoggers {
  public:
   using CoreLogger = TarvixLogger<TarvixCoreLogicLogCategory>;
 
-  // The subsystem under which the library's entries reach the system log.
+  // The subsystem of the default channel's writer (which, like every channel's, receives
+  // nothing: see the top of this file).
   static constexpr std::string_view kSubsystem = "com.tarvix.KPFrameworkCoreLogic";
 
   // The core channel. Made on first use with a TarvixOSLogWriter over kSubsystem, enabled,
