@@ -9,6 +9,7 @@
 #include <gtk/gtk.h>
 #include <unistd.h>
 
+#include <array>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
@@ -104,10 +105,10 @@ Options parse(int argc, char** argv) {
   }
   if (latitude.has_value() != longitude.has_value()) throw Failure{"--latitude and --longitude go together"};
   if (latitude) {
-    options.app.place = weatherapp::Place{
-        placeName.empty() ? std::to_string(*latitude).substr(0, 6) + ", " + std::to_string(*longitude).substr(0, 6)
-                          : placeName,
-        *latitude, *longitude};
+    std::array<char, 64> name{};
+    std::snprintf(name.data(), name.size(), "%.2f, %.2f", *latitude, *longitude);
+    options.app.place =
+        weatherapp::Place{placeName.empty() ? std::string(name.data()) : placeName, *latitude, *longitude};
   }
   return options;
 }

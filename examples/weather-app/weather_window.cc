@@ -13,7 +13,7 @@ constexpr std::size_t kHoursShown = 24;
 constexpr std::size_t kDaysShown = 7;
 
 constexpr const char* kStyle = R"(
-.banner { background: #f6d365; color: #3d2c00; padding: 8px 16px; font-weight: bold; }
+.banner { background: #fff3cd; color: #664d03; border-bottom: 1px solid #ffe69c; padding: 8px 16px; font-weight: bold; }
 .temperature { font-size: 44pt; font-weight: bold; }
 .condition { font-size: 16pt; }
 .heading { font-size: 13pt; font-weight: bold; margin-top: 12px; }

@@ -19,6 +19,7 @@
 #include "kp/service/tarvix_web_service_parameters.h"
 #include "platform/utf8.h"
 #include "request/header_text.h"
+#include "weather_icons.h"
 
 namespace kp::weather {
 namespace {
@@ -362,6 +363,7 @@ ServiceAnswer WeatherProtocol::answer(const ServiceCall& call) const {
   std::string_view path = target.substr(0, question);
   const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
   while (path.ends_with('/')) path.remove_suffix(1);
+  if (auto icon = iconAnswer(path, call.ifNoneMatch)) return std::move(*icon);
   const std::string methodName = percentDecoded(path.substr(path.rfind('/') + 1));
 
   const std::string_view noKey;
