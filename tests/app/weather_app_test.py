@@ -50,8 +50,9 @@ def start_xvfb():
     return xvfb, ":" + display
 
 
-def start_service(kpcore):
-    service = subprocess.Popen([kpcore, "serve", "--port", "0", "--quiet"], stdout=subprocess.PIPE, text=True)
+def start_service(kpcore, prefix=()):
+    service = subprocess.Popen(list(prefix) + [kpcore, "serve", "--port", "0", "--quiet"], stdout=subprocess.PIPE,
+                               text=True)
     ready, _, _ = select.select([service.stdout], [], [], 20)
     base = service.stdout.readline().strip() if ready else ""
     if not base.startswith("http://"):
@@ -63,10 +64,10 @@ def start_service(kpcore):
 class App:
     """One run of the app, reading its timing lines."""
 
-    def __init__(self, program, base, env):
+    def __init__(self, program, base, env, prefix=()):
         self.started = time.monotonic_ns()
         self.process = subprocess.Popen(
-            [program, "--base", base, "--latitude", "52.37", "--longitude", "4.90", "--place", "Amsterdam",
+            list(prefix) + [program, "--base", base, "--latitude", "52.37", "--longitude", "4.90", "--place", "Amsterdam",
              "--report-timing"], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.drawn = {}
         self.pending = b""
@@ -97,6 +98,33 @@ class App:
             self.process.kill()
             _, errors = self.process.communicate()
         return self.process.returncode, errors.decode(errors="replace")
+
+
+class Namespace:
+    """A network namespace of its own (held by a sleeping process) whose only route out is a
+    veth link's default route, which the test takes away and gives back; None where the
+    system does not allow one."""
+
+    def __init__(self):
+        self.holder = subprocess.Popen(["unshare", "-n", "sleep", "600"], stderr=subprocess.DEVNULL)
+        time.sleep(0.2)
+        ok = self.holder.poll() is None and self.run(
+            "ip link set lo up && ip link add v0 type veth peer name v1 && ip link set v1 up && ip link set v0 up && "
+            "ip addr add 10.99.0.2/24 dev v0 && ip route add default via 10.99.0.1")
+        if not ok:
+            self.close()
+            raise OSError("no network namespace")
+
+    def prefix(self):
+        return ["nsenter", "-t", str(self.holder.pid), "-n"]
+
+    def run(self, script):
+        return subprocess.run(self.prefix() + ["sh", "-c", script], stderr=subprocess.DEVNULL).returncode == 0
+
+    def close(self):
+        if self.holder.poll() is None:
+            self.holder.kill()
+        self.holder.wait()
 
 
 def screenshot(display, path):
@@ -179,6 +207,33 @@ def main():
         check(re.search(temperature_f, text) is not None, "offline: the cached temperatures stay on screen")
         check("network" not in app.drawn, "offline: nothing claims to come from the network")
         app.stop()
+
+        # The device loses its route out while the app runs, and gets it back: the
+        # connectivity monitor shows and hides the banner.
+        try:
+            namespace = Namespace()
+        except OSError:
+            print("skipped the connectivity steps: no network namespace here")
+            return 1 if FAILURES else 0
+        try:
+            service, base = start_service(args.kpcore, namespace.prefix())
+            app = App(args.app, base, dict(env, LANG="en_US.UTF-8", LC_ALL=""), namespace.prefix())
+            check(app.wait_drawn("network") is not None, "connectivity: drawn from the service while online")
+            namespace.run("ip route del default")
+            path = os.path.join(args.artefacts, "en_US-connectivity-lost.png")
+            text = shot_until(display, path, "eng", r"saved forecast")
+            check("Offline: showing the saved forecast" in text, "connectivity: the banner when the route goes")
+            namespace.run("ip route add default via 10.99.0.1")
+            path = os.path.join(args.artefacts, "en_US-connectivity-back.png")
+            deadline = time.monotonic() + 15
+            while True:
+                text = shot_until(display, path, "eng", temperature_f)
+                if "Offline" not in text or time.monotonic() > deadline:
+                    break
+            check("Offline" not in text and re.search(temperature_f, text), "connectivity: no banner once back")
+            app.stop()
+        finally:
+            namespace.close()
     finally:
         for process in (service, xvfb):
             if process.poll() is None:
