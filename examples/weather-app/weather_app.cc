@@ -21,6 +21,13 @@ long long monotonicNanoseconds() {
   return static_cast<long long>(now.tv_sec) * 1'000'000'000LL + now.tv_nsec;
 }
 
+// When the content runs out: by the service's clock (forecasts are made for the hour, so they
+// expire on the hour), else by how long ago it arrived here.
+std::optional<kp::Date> expiresAt(const ForecastSnapshot& snapshot) {
+  if (auto remote = snapshot.contentInfo.remoteExpiresAt()) return remote;
+  return snapshot.contentInfo.localExpiresAt();
+}
+
 }  // namespace
 
 std::shared_ptr<WeatherApp> WeatherApp::make(GtkApplication* application, AppOptions options) {
@@ -45,10 +52,9 @@ WeatherApp::WeatherApp(GtkApplication* application, AppOptions options)
 WeatherApp::~WeatherApp() {
   if (refreshTimer_) g_source_remove(refreshTimer_);
   if (ageTimer_) g_source_remove(ageTimer_);
-  if (afterPaintHandler_) {
-    if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
-      g_signal_handler_disconnect(clock, afterPaintHandler_);
-    }
+  if (afterPaintClock_) {
+    g_signal_handler_disconnect(afterPaintClock_, afterPaintHandler_);
+    g_object_unref(afterPaintClock_);
   }
 }
 
@@ -72,8 +78,10 @@ void WeatherApp::start() {
   }
   gtk_window_present(window_->window());
   if (options_.reportTiming) {
-    afterPaintHandler_ = g_signal_connect(gtk_widget_get_frame_clock(GTK_WIDGET(window_->window())), "after-paint",
-                                          G_CALLBACK(afterPaint), this);
+    if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
+      afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
+      afterPaintHandler_ = g_signal_connect(clock, "after-paint", G_CALLBACK(afterPaint), this);
+    }
   }
 
   offline_ = kp::Connectivity::default_()->isOffline();
@@ -125,7 +133,7 @@ void WeatherApp::fetched(FetchOutcome outcome) {
     unreachable_ = false;
     lastFetchFailed_ = false;
     retrySeconds_ = 0;
-    const auto expires = shown_->contentInfo.localExpiresAt();
+    const auto expires = expiresAt(*shown_);
     const double due = expires ? expires->timeIntervalSince(kp::Date::now()) : kDefaultLifetimeSeconds;
     scheduleRefresh(static_cast<unsigned>(std::clamp(due, 30.0, 86400.0)));
   } else {
@@ -164,14 +172,20 @@ void WeatherApp::updateBanner() {
   }
 }
 
+bool WeatherApp::isDue() const {
+  if (lastFetchFailed_ || !shown_) return true;
+  const auto expires = expiresAt(*shown_);
+  return expires && *expires < kp::Date::now();
+}
+
 void WeatherApp::becameActive() {
-  if (lastFetchFailed_ || !shown_ || shown_->contentInfo.isLocalExpired()) refresh();
+  if (isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOnline() {
   offline_ = false;
   updateBanner();
-  if (lastFetchFailed_ || !shown_ || shown_->contentInfo.isLocalExpired()) refresh();
+  if (isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOffline() {

@@ -57,6 +57,7 @@ class WeatherApp final : public kp::ConnectivityOnlineDelegate,
   void scheduleRefresh(unsigned seconds);
   void updateBanner();
   void becameActive();
+  [[nodiscard]] bool isDue() const;
   void reportNextFrame(const char* source);
   static void afterPaint(GdkFrameClock* clock, gpointer self);
 
@@ -73,6 +74,7 @@ class WeatherApp final : public kp::ConnectivityOnlineDelegate,
   guint refreshTimer_ = 0;
   guint ageTimer_ = 0;
   std::vector<const char*> pendingReports_;
+  GdkFrameClock* afterPaintClock_ = nullptr;  // a reference of ours
   gulong afterPaintHandler_ = 0;
   kp::NotificationCenter::ObservationToken activeObservation_;
 };

@@ -53,6 +53,9 @@ WeatherWindow::WeatherWindow(GtkApplication* application, IconStore& icons, Plac
   g_object_unref(css);
 
   window_ = GTK_WINDOW(gtk_application_window_new(application));
+  // Kept until this object goes, which may be after GTK destroyed the window (closed).
+  g_object_ref(window_);
+  g_signal_connect(window_, "destroy", G_CALLBACK(destroyed), this);
   gtk_window_set_title(window_, tr("Weather").c_str());
   gtk_window_set_default_size(window_, 760, 620);
 
@@ -122,7 +125,18 @@ WeatherWindow::WeatherWindow(GtkApplication* application, IconStore& icons, Plac
   gtk_box_append(GTK_BOX(forecastBox_), days_);
 }
 
-WeatherWindow::~WeatherWindow() { g_signal_handlers_disconnect_by_data(places_, this); }
+WeatherWindow::~WeatherWindow() {
+  destroyed(GTK_WIDGET(window_), this);
+  g_signal_handlers_disconnect_by_data(window_, this);
+  g_object_unref(window_);
+}
+
+void WeatherWindow::destroyed(GtkWidget*, gpointer self) {
+  // Taking the list apart changes its selection, which is nobody's choice.
+  auto* window = static_cast<WeatherWindow*>(self);
+  if (window->places_) g_signal_handlers_disconnect_by_data(window->places_, window);
+  window->places_ = nullptr;
+}
 
 void WeatherWindow::showPlace(const Place& place, bool followsLocation, bool fixed) {
   settingPlaces_ = true;
@@ -151,7 +165,7 @@ void WeatherWindow::showPlace(const Place& place, bool followsLocation, bool fix
 
 void WeatherWindow::selectedChanged(GObject* dropDown, GParamSpec*, gpointer self) {
   auto* window = static_cast<WeatherWindow*>(self);
-  if (window->settingPlaces_ || window->placesFixed_ || !window->placeChosen_) return;
+  if (window->settingPlaces_ || window->placesFixed_ || !window->placeChosen_ || !window->places_) return;
   const guint selected = gtk_drop_down_get_selected(GTK_DROP_DOWN(dropDown));
   const auto choices = fixedPlaces();
   if (selected == 0) {

@@ -42,15 +42,16 @@ class WeatherWindow {
 
  private:
   static void selectedChanged(GObject* dropDown, GParamSpec* spec, gpointer self);
+  static void destroyed(GtkWidget* window, gpointer self);
   void rebuildHours(const Forecast& forecast);
   void rebuildDays(const Forecast& forecast);
 
   IconStore& icons_;
   PlaceChosen placeChosen_;
-  GtkWindow* window_;
+  GtkWindow* window_;  // a reference of ours
   GtkWidget* banner_;
   GtkWidget* bannerLabel_;
-  GtkWidget* places_;
+  GtkWidget* places_;  // null once the window is destroyed
   GtkStringList* placeNames_;
   GtkWidget* age_;
   GtkWidget* note_;

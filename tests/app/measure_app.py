@@ -3,17 +3,58 @@
   cold start to a drawn forecast from the network (empty cache) and from the cache, each the
   median of several runs of a new process, from the spawn to the frame after painting;
   idle: CPU time and thread wake-ups (context switches) of the process over 10 s once it has
-  settled."""
+  settled.
+The baseline, measured in the same run the same way, is a GTK 4 program that draws one label:
+what any GTK application costs to start here."""
 import argparse
 import os
 import shutil
 import statistics
+import subprocess
 import sys
 import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from weather_app_test import App, start_service, start_xvfb  # noqa: E402
+
+
+BASELINE = r"""
+#include <gtk/gtk.h>
+#include <stdio.h>
+#include <time.h>
+static void painted(GdkFrameClock* clock, gpointer data) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  printf("drawn baseline %lld\n", (long long)now.tv_sec * 1000000000LL + now.tv_nsec);
+  fflush(stdout);
+  g_signal_handlers_disconnect_by_func(clock, painted, data);
+}
+static void activate(GtkApplication* app, gpointer data) {
+  GtkWidget* window = gtk_application_window_new(app);
+  gtk_window_set_default_size(GTK_WINDOW(window), 760, 620);
+  gtk_window_set_child(GTK_WINDOW(window), gtk_label_new("33°F"));
+  gtk_window_present(GTK_WINDOW(window));
+  g_signal_connect(gtk_widget_get_frame_clock(window), "after-paint", G_CALLBACK(painted), NULL);
+}
+int main(int argc, char** argv) {
+  GtkApplication* app = gtk_application_new("org.example.Baseline", G_APPLICATION_NON_UNIQUE);
+  g_signal_connect(app, "activate", G_CALLBACK(activate), NULL);
+  char* only[] = {argv[0], NULL};
+  return g_application_run(G_APPLICATION(app), 1, only);
+}
+"""
+
+
+def build_baseline(folder):
+    source = os.path.join(folder, "baseline.c")
+    program = os.path.join(folder, "baseline")
+    with open(source, "w") as out:
+        out.write(BASELINE)
+    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "gtk4"], capture_output=True, text=True,
+                           check=True).stdout.split()
+    subprocess.run(["cc", "-O2", "-o", program, source] + flags, check=True)
+    return program
 
 
 def cpu_seconds(pid):
@@ -50,8 +91,12 @@ def main():
                NO_AT_BRIDGE="1", GTK_A11Y="none", XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data")
     env.pop("WAYLAND_DISPLAY", None)
     try:
-        network, cached = [], []
+        baseline_program = build_baseline(home)
+        network, cached, baseline = [], [], []
         for run in range(args.runs):
+            app = App(baseline_program, base, env)
+            baseline.append(app.wait_drawn("baseline"))
+            app.stop()
             cache = "%s/cache-%d" % (home, run)
             app = App(args.app, base, dict(env, XDG_CACHE_HOME=cache))
             network.append(app.wait_drawn("network"))
@@ -61,11 +106,13 @@ def main():
             cached.append(app.wait_drawn("cache"))
             app.stop()
         print("cold start to a drawn forecast, median of %d (min-max), renderer %s:" % (args.runs, args.renderer))
-        for name, times in (("from the network", network), ("from the cache", cached)):
+        for name, times in (("GTK baseline", baseline), ("from the network", network), ("from the cache", cached)):
             if None in times:
                 print("  %s: not drawn in some runs" % name)
-            else:
-                print("  %-17s %6.1f ms (%.1f-%.1f)" % (name, statistics.median(times), min(times), max(times)))
+                continue
+            ratio = statistics.median(times) / statistics.median(baseline) if None not in baseline else float("nan")
+            print("  %-17s %6.1f ms (%.1f-%.1f), %.2f x baseline" %
+                  (name, statistics.median(times), min(times), max(times), ratio))
 
         app = App(args.app, base, dict(env, XDG_CACHE_HOME=home + "/cache-idle"))
         app.wait_drawn("network")
