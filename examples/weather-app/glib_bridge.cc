@@ -49,6 +49,7 @@ MainQueueSource::~MainQueueSource() {
 ApplicationLifecycle::ApplicationLifecycle() = default;
 
 ApplicationLifecycle::~ApplicationLifecycle() {
+  if (memoryMonitorPending_) g_source_remove(memoryMonitorPending_);
   if (window_) g_signal_handlers_disconnect_by_data(window_, this);
   if (memoryMonitor_) {
     g_signal_handlers_disconnect_by_data(memoryMonitor_, this);
@@ -59,9 +60,21 @@ ApplicationLifecycle::~ApplicationLifecycle() {
 void ApplicationLifecycle::watch(GtkWindow* window) {
   window_ = window;
   g_signal_connect(window, "notify::is-active", G_CALLBACK(activeChanged), this);
-  // The monitor signals on the main context of the thread that made it: this one.
-  memoryMonitor_ = g_memory_monitor_dup_default();
-  if (memoryMonitor_) g_signal_connect(memoryMonitor_, "low-memory-warning", G_CALLBACK(memoryWarning), this);
+  // Finding the system's memory monitor takes tens of milliseconds (it loads GIO's modules
+  // and asks the system bus), so it waits until the first frame is drawn. It signals on the
+  // main context of the thread that made it: this one.
+  memoryMonitorPending_ = g_idle_add_full(
+      G_PRIORITY_LOW,
+      [](gpointer self) -> gboolean {
+        auto* lifecycle = static_cast<ApplicationLifecycle*>(self);
+        lifecycle->memoryMonitor_ = g_memory_monitor_dup_default();
+        if (lifecycle->memoryMonitor_) {
+          g_signal_connect(lifecycle->memoryMonitor_, "low-memory-warning", G_CALLBACK(memoryWarning), self);
+        }
+        lifecycle->memoryMonitorPending_ = 0;
+        return G_SOURCE_REMOVE;
+      },
+      this, nullptr);
 }
 
 void ApplicationLifecycle::activeChanged(GObject* window, GParamSpec*, gpointer self) {

@@ -60,6 +60,7 @@ class ApplicationLifecycle final : public tarvix::Application {
 
   GtkWindow* window_ = nullptr;  // weak: GTK owns the window
   GMemoryMonitor* memoryMonitor_ = nullptr;
+  guint memoryMonitorPending_ = 0;
   std::atomic<bool> active_{false};
   bool idleTimerDisabled_ = false;
 };
