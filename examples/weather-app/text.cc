@@ -47,6 +47,8 @@ std::optional<kp::ZonedDateFormatter> formatter(std::string_view skeleton, const
 void setUpText(std::vector<std::filesystem::path> folders, kp::UnitSystem units) {
   const std::string locale = kp::currentLocaleIdentifier();
   auto strings = std::make_shared<const kp::LocalizedStrings>("weather-app", std::move(folders));
+  // The library's formatters read the app's catalogue too (its compass points).
+  kp::LocalizedStrings::setShared(strings);
   auto made = std::make_unique<Texts>(
       Texts{locale, strings, kp::MeasurementFormatter({.locale = locale, .units = units}), kp::CompassFormatter(locale),
             kp::RelativeTimeFormatter(locale), std::nullopt, std::nullopt});
