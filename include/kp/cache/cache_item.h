@@ -24,11 +24,12 @@
 #include "kp/cache/cacheable.h"
 #include "kp/coding/coding.h"
 #include "kp/coding/keyed_archiver.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A stored entry whose kind is not one of the three.
-class CacheItemCodingError : public CodingError {
+class KP_EXPORT CacheItemCodingError : public CodingError {
  public:
   enum class Code { invalidCacheItemType };
   CacheItemCodingError(Code code, std::string codingPath);
@@ -38,7 +39,7 @@ class CacheItemCodingError : public CodingError {
   Code code_;
 };
 
-class CacheItem final : public Cacheable {
+class KP_EXPORT CacheItem final : public Cacheable {
  public:
   static constexpr std::string_view kCodingVersionKey = "codingVersion";
   static constexpr std::string_view kCacheTypeKey = "cacheType";
@@ -78,7 +79,7 @@ class CacheItem final : public Cacheable {
 
   // Kind, configuration, extra items and payload (objects by their own equality); the
   // creation date takes no part.
-  friend bool operator==(const CacheItem& a, const CacheItem& b);
+  friend KP_EXPORT bool operator==(const CacheItem& a, const CacheItem& b);
 
  private:
   bool complete_ = true;

@@ -24,6 +24,7 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -42,7 +43,7 @@ enum class CacheItemType : std::int32_t {
   return static_cast<CacheItemType>(raw);
 }
 
-struct CacheItemConfiguration {
+struct KP_EXPORT CacheItemConfiguration {
   static constexpr std::string_view kMaximumAgeKey = "maximumAge";
   static constexpr std::string_view kExpireOnMemoryWarningKey = "expireOnMemoryWarning";
   static constexpr std::string_view kRetainInBackStoreKey = "retainInBackStore";
@@ -78,7 +79,7 @@ struct CacheItemConfiguration {
   friend bool operator==(const CacheItemConfiguration&, const CacheItemConfiguration&) = default;
 };
 
-class Cacheable {
+class KP_EXPORT Cacheable {
  public:
   explicit Cacheable(Date creationDate = Date::now()) noexcept : creationDate_(creationDate) {}
   virtual ~Cacheable() = default;

@@ -17,11 +17,12 @@
 #include <string_view>
 
 #include "kp/coding/keyed_archiver.h"
+#include "kp/platform/export.h"
 #include "kp/platform/image.h"
 
 namespace kp {
 
-class ArchivableImage final : public Archivable {
+class KP_EXPORT ArchivableImage final : public Archivable {
  public:
   static constexpr std::string_view kArchiveClassName = "UIImage";
   static constexpr std::string_view kArchiveKeyPng = "UIImagePNGData";

@@ -51,6 +51,7 @@
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -66,7 +67,7 @@ enum class DateStrategy {
   iso8601,  // text as kp::Date::iso8601 writes it
 };
 
-class CodingError : public std::runtime_error {
+class KP_EXPORT CodingError : public std::runtime_error {
  public:
   enum class Kind { typeMismatch, valueNotFound, keyNotFound, dataCorrupted, invalidValue };
   static constexpr std::string_view kDomain = "KPCoding";
@@ -92,20 +93,20 @@ struct Coding;
 namespace coding_detail {
 
 // One step of a coding path; frames live on the stack of the containers that made them.
-struct PathFrame {
+struct KP_EXPORT PathFrame {
   const PathFrame* parent = nullptr;
   std::string_view key;
   std::size_t index = 0;
   enum : std::uint8_t { none, byKey, byIndex } kind = none;
 };
-std::string formatPath(const PathFrame* frame);
-[[noreturn]] void fail(CodingError::Kind kind, const PathFrame* frame, std::string reason);
-[[noreturn]] void typeMismatch(const PathFrame* frame, std::string_view expected, const Value& found);
+KP_EXPORT std::string formatPath(const PathFrame* frame);
+[[noreturn]] KP_EXPORT void fail(CodingError::Kind kind, const PathFrame* frame, std::string reason);
+[[noreturn]] KP_EXPORT void typeMismatch(const PathFrame* frame, std::string_view expected, const Value& found);
 
-struct EncodingContext {
+struct KP_EXPORT EncodingContext {
   const UserInfo* userInfo;
 };
-struct DecodingContext {
+struct KP_EXPORT DecodingContext {
   const UserInfo* userInfo;
   DateStrategy dates;
 };
@@ -120,7 +121,7 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 class KeyedEncoder;
 class UnkeyedEncoder;
 
-class Encoder {
+class KP_EXPORT Encoder {
  public:
   Encoder(const Encoder&) = delete;
   Encoder& operator=(const Encoder&) = delete;
@@ -156,7 +157,7 @@ class Encoder {
   const coding_detail::EncodingContext* ctx_;
 };
 
-class KeyedEncoder {
+class KP_EXPORT KeyedEncoder {
  public:
   KeyedEncoder(const KeyedEncoder&) = delete;
   KeyedEncoder& operator=(const KeyedEncoder&) = delete;
@@ -199,7 +200,7 @@ class KeyedEncoder {
   const coding_detail::EncodingContext* ctx_;
 };
 
-class UnkeyedEncoder {
+class KP_EXPORT UnkeyedEncoder {
  public:
   UnkeyedEncoder(const UnkeyedEncoder&) = delete;
   UnkeyedEncoder& operator=(const UnkeyedEncoder&) = delete;
@@ -229,7 +230,7 @@ class UnkeyedEncoder {
 class KeyedDecoder;
 class UnkeyedDecoder;
 
-class Decoder {
+class KP_EXPORT Decoder {
  public:
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
@@ -268,7 +269,7 @@ class Decoder {
   const coding_detail::DecodingContext* ctx_;
 };
 
-class KeyedDecoder {
+class KP_EXPORT KeyedDecoder {
  public:
   KeyedDecoder(const KeyedDecoder&) = delete;
   KeyedDecoder& operator=(const KeyedDecoder&) = delete;
@@ -330,7 +331,7 @@ class KeyedDecoder {
   const coding_detail::DecodingContext* ctx_;
 };
 
-class UnkeyedDecoder {
+class KP_EXPORT UnkeyedDecoder {
  public:
   UnkeyedDecoder(const UnkeyedDecoder&) = delete;
   UnkeyedDecoder& operator=(const UnkeyedDecoder&) = delete;
@@ -400,12 +401,12 @@ template <class T>
 concept Described = boost::describe::has_describe_members<T>::value && !SelfCoding<T>;
 
 // An integer within [min, max], from an integer or an integral real.
-std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max);
-std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max);
-double decodeReal(const Decoder& d);
-Date decodeDate(const Decoder& d);
-Data decodeData(const Decoder& d);
-const std::string& decodeString(const Decoder& d);
+KP_EXPORT std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max);
+KP_EXPORT std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max);
+KP_EXPORT double decodeReal(const Decoder& d);
+KP_EXPORT Date decodeDate(const Decoder& d);
+KP_EXPORT Data decodeData(const Decoder& d);
+KP_EXPORT const std::string& decodeString(const Decoder& d);
 
 }  // namespace coding_detail
 
@@ -416,7 +417,7 @@ struct Coding<T, std::enable_if_t<coding_detail::SelfCoding<T>>> {
 };
 
 template <>
-struct Coding<bool> {
+struct KP_EXPORT Coding<bool> {
   static void encode(Encoder& e, bool v) { e.encodeValue(Value(v)); }
   static bool decode(const Decoder& d) {
     if (const bool* b = d.value().ifBoolean()) return *b;
@@ -451,32 +452,32 @@ struct Coding<E, std::enable_if_t<std::is_enum_v<E>>> {
 };
 
 template <>
-struct Coding<std::string> {
+struct KP_EXPORT Coding<std::string> {
   static void encode(Encoder& e, const std::string& v) { e.encodeValue(Value(v)); }
   static std::string decode(const Decoder& d) { return coding_detail::decodeString(d); }
 };
 
 template <>
-struct Coding<Data> {
+struct KP_EXPORT Coding<Data> {
   static void encode(Encoder& e, const Data& v) { e.encodeValue(Value(v)); }
   static Data decode(const Decoder& d) { return coding_detail::decodeData(d); }
 };
 
 template <>
-struct Coding<Date> {
+struct KP_EXPORT Coding<Date> {
   static void encode(Encoder& e, Date v) { e.encodeValue(Value(v)); }
   static Date decode(const Decoder& d) { return coding_detail::decodeDate(d); }
 };
 
 // URLs travel as their text.
 template <>
-struct Coding<Url> {
+struct KP_EXPORT Coding<Url> {
   static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }
   static Url decode(const Decoder& d);
 };
 
 template <>
-struct Coding<Value> {
+struct KP_EXPORT Coding<Value> {
   static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }
   static Value decode(const Decoder& d) { return d.value(); }
 };

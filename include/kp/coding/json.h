@@ -35,6 +35,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -42,7 +43,7 @@ namespace internal {
 struct JsonAccess;
 }  // namespace internal
 
-class JsonValue {
+class KP_EXPORT JsonValue {
  public:
   enum class Type : std::uint8_t { null, boolean, integer, real, string, array, object };
 
@@ -94,7 +95,7 @@ class JsonValue {
   [[nodiscard]] static JsonValue fromValue(const Value& value,
                                            DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
 
-  friend bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
+  friend KP_EXPORT bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
 
  private:
   struct Document;
@@ -105,17 +106,17 @@ class JsonValue {
 };
 
 template <>
-struct Coding<JsonValue> {
+struct KP_EXPORT Coding<JsonValue> {
   static void encode(Encoder& e, const JsonValue& v) { e.encodeValue(v.toValue()); }
   static JsonValue decode(const Decoder& d) { return JsonValue::fromValue(d.value(), d.dateStrategy()); }
 };
 
 // Writes a tree as JSON text with the given date handling.
-[[nodiscard]] std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
+[[nodiscard]] KP_EXPORT std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
 // Reads JSON text as a tree. Throws CodingError (dataCorrupted).
-[[nodiscard]] Value readJson(std::string_view text);
+[[nodiscard]] KP_EXPORT Value readJson(std::string_view text);
 
-class JsonEncoder {
+class KP_EXPORT JsonEncoder {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
   bool prettyPrinted = false;
@@ -127,7 +128,7 @@ class JsonEncoder {
   }
 };
 
-class JsonDecoder : public DecoderType {
+class KP_EXPORT JsonDecoder : public DecoderType {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
   UserInfo userInfo;

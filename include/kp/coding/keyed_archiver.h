@@ -50,6 +50,7 @@
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -57,7 +58,7 @@ namespace kp {
 class ArchiveEncoder;
 class ArchiveDecoder;
 
-class Archivable {
+class KP_EXPORT Archivable {
  public:
   virtual ~Archivable() = default;
   // The registered name written as $classname.
@@ -69,7 +70,7 @@ class Archivable {
 using ArchivablePtr = std::shared_ptr<const Archivable>;
 
 // Any value the archiver can hold.
-class ArchiveValue {
+class KP_EXPORT ArchiveValue {
  public:
   using Array = std::vector<ArchiveValue>;
   using Dictionary = std::map<std::string, ArchiveValue, std::less<>>;
@@ -108,13 +109,13 @@ class ArchiveValue {
   [[nodiscard]] const Storage& storage() const noexcept { return storage_; }
 
   // Errors compare by content, archivable objects by isEqual.
-  friend bool operator==(const ArchiveValue& a, const ArchiveValue& b);
+  friend KP_EXPORT bool operator==(const ArchiveValue& a, const ArchiveValue& b);
 
  private:
   Storage storage_;
 };
 
-class ArchiveEncoder {
+class KP_EXPORT ArchiveEncoder {
  public:
   // A value as an object reference (shared objects and equal strings are written once).
   void encodeObject(std::string_view key, const ArchiveValue& value);
@@ -131,7 +132,7 @@ class ArchiveEncoder {
   void* entries_;  // the object's dictionary being written
 };
 
-class ArchiveDecoder {
+class KP_EXPORT ArchiveDecoder {
  public:
   [[nodiscard]] bool containsValue(std::string_view key) const;
   // The object under `key`; nothing when absent or null. A malformed or refused object ends
@@ -163,7 +164,8 @@ class ArchiveDecoder {
 using ArchiveFactory = std::function<ArchivablePtr(ArchiveDecoder&)>;
 
 // Registers `className` (and optional superclass names written in $classes) with its reader.
-void registerArchivableClass(std::string className, ArchiveFactory factory, std::vector<std::string> superclasses = {});
+KP_EXPORT void registerArchivableClass(std::string className, ArchiveFactory factory,
+                                       std::vector<std::string> superclasses = {});
 
 // Registers T under a name with T::decode(ArchiveDecoder&) as its reader.
 template <class T>
@@ -174,13 +176,13 @@ struct ArchiveRegistration {
   }
 };
 
-class KeyedArchiver {
+class KP_EXPORT KeyedArchiver {
  public:
   // The archive of `root`, or nothing (and `error`) when a value cannot be archived.
   [[nodiscard]] static std::optional<Data> archivedData(const ArchiveValue& root, ErrorPtr* error = nullptr);
 };
 
-class KeyedUnarchiver {
+class KP_EXPORT KeyedUnarchiver {
  public:
   // Archived class name -> registered class name, for names no class is registered under.
   using ClassMapping = std::map<std::string, std::string, std::less<>>;

@@ -31,6 +31,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -39,11 +40,13 @@ enum class PropertyListFormat { binary, xml };
 inline constexpr std::size_t kMaxPropertyListDepth = 512;
 
 // Writes `value` as a property list. Throws CodingError for text that is not UTF-8.
-[[nodiscard]] Data writePropertyList(const Value& value, PropertyListFormat format = PropertyListFormat::binary);
+[[nodiscard]] KP_EXPORT Data writePropertyList(const Value& value,
+                                               PropertyListFormat format = PropertyListFormat::binary);
 // Reads a binary or XML property list. Throws CodingError (dataCorrupted) for anything else.
-[[nodiscard]] Value readPropertyList(std::span<const std::uint8_t> bytes, PropertyListFormat* format = nullptr);
+[[nodiscard]] KP_EXPORT Value readPropertyList(std::span<const std::uint8_t> bytes,
+                                               PropertyListFormat* format = nullptr);
 
-class PropertyListEncoder {
+class KP_EXPORT PropertyListEncoder {
  public:
   PropertyListFormat outputFormat = PropertyListFormat::binary;
   UserInfo userInfo;
@@ -54,7 +57,7 @@ class PropertyListEncoder {
   }
 };
 
-class PropertyListDecoder : public DecoderType {
+class KP_EXPORT PropertyListDecoder : public DecoderType {
  public:
   UserInfo userInfo;
 
@@ -91,8 +94,8 @@ struct Unwrapped {
   void encode(Encoder& e) const { e.keyed().encode("v", value); }
   static Unwrapped decode(const Decoder& d) { return {d.keyed().decode<T>("v")}; }
 };
-void reportEncodingFailure(const std::exception& error);
-ErrorPtr toError(const std::exception& error);
+KP_EXPORT void reportEncodingFailure(const std::exception& error);
+KP_EXPORT ErrorPtr toError(const std::exception& error);
 }  // namespace coding_detail
 
 // The shared encode helper: `value` as binary property-list data; a scalar is wrapped as a

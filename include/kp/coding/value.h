@@ -31,16 +31,17 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A property-list object reference, as the keyed archiver writes them.
-struct Uid {
+struct KP_EXPORT Uid {
   std::uint64_t value = 0;
   friend bool operator==(Uid, Uid) = default;
 };
 
-class Value {
+class KP_EXPORT Value {
  public:
   enum class Type : std::uint8_t {
     null,
@@ -123,7 +124,7 @@ class Value {
   // Name of the type for messages: "integer", "dictionary", ...
   [[nodiscard]] static std::string_view typeName(Type type) noexcept;
 
-  friend bool operator==(const Value& a, const Value& b);
+  friend KP_EXPORT bool operator==(const Value& a, const Value& b);
 
  private:
   std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Uid,

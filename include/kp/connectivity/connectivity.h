@@ -19,6 +19,7 @@
 #include <memory>
 
 #include "kp/connectivity/reachability.h"
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
@@ -26,7 +27,7 @@ namespace kp {
 enum class ConnectionType : int { none = 0, wifi = 1, cellular = 2 };
 enum class ConnectivityState : int { offline = 0, online = 1 };
 
-class ConnectivityService : public virtual tarvix::Service {
+class KP_EXPORT ConnectivityService : public virtual tarvix::Service {
  public:
   [[nodiscard]] virtual ConnectionType type() const = 0;
   [[nodiscard]] virtual ConnectivityState state() const = 0;
@@ -34,7 +35,7 @@ class ConnectivityService : public virtual tarvix::Service {
   [[nodiscard]] virtual bool isOffline() const = 0;
 };
 
-class Connectivity final : public ConnectivityService {
+class KP_EXPORT Connectivity final : public ConnectivityService {
  public:
   // The process-wide instance.
   [[nodiscard]] static const std::shared_ptr<Connectivity>& default_();

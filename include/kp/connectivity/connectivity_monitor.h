@@ -26,39 +26,40 @@
 #include <memory>
 
 #include "kp/connectivity/connectivity.h"
+#include "kp/platform/export.h"
 #include "kp/platform/notification_center.h"
 #include "kp/platform/weak_hash_table.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
-class ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityMonitorDelegate {
  public:
   virtual ~ConnectivityMonitorDelegate() = default;
 };
 
-class ConnectivityChangeDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityChangeDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   virtual void connectivity(ConnectionType changedTo, ConnectionType oldType) = 0;
 };
 
-class ConnectivityOnlineDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityOnlineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   virtual void connectivityWentOnline() = 0;
 };
 
-class ConnectivityOfflineDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityOfflineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   virtual void connectivityWentOffline() = 0;
 };
 
-class ConnectivityMonitorService : public virtual tarvix::Service {
+class KP_EXPORT ConnectivityMonitorService : public virtual tarvix::Service {
  public:
   virtual void addDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
   virtual void removeDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
 };
 
-class ConnectivityMonitor final : public ConnectivityMonitorService {
+class KP_EXPORT ConnectivityMonitor final : public ConnectivityMonitorService {
  public:
   // The process-wide instance, over Connectivity::default_().
   [[nodiscard]] static const std::shared_ptr<ConnectivityMonitor>& default_();

@@ -18,17 +18,18 @@
 #include <memory>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "tarvix/application.h"
 #include "tarvix/date_service.h"
 
 namespace kp {
 
-class DefaultDateService final : public tarvix::DateService {
+class KP_EXPORT DefaultDateService final : public tarvix::DateService {
  public:
   [[nodiscard]] std::chrono::system_clock::time_point now() const override { return std::chrono::system_clock::now(); }
 };
 
-class BridgedApplication final : public tarvix::Application {
+class KP_EXPORT BridgedApplication final : public tarvix::Application {
  public:
   // `host` must not be null.
   explicit BridgedApplication(std::shared_ptr<tarvix::Application> host);

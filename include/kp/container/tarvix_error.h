@@ -23,9 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class TarvixError : public std::exception {
+class KP_EXPORT TarvixError : public std::exception {
  public:
   TarvixError(std::string message, std::vector<std::string> possibleCauses, std::vector<std::string> suggestedFixes);
 

@@ -19,9 +19,11 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class AccessibilityIdentifier {
+class KP_EXPORT AccessibilityIdentifier {
  public:
   consteval AccessibilityIdentifier(const char* text) : text_(text) {  // NOLINT(google-explicit-constructor)
     if (!isWellFormed(text_)) throw "an accessibility identifier is dotted words of [A-Za-z0-9_-]";

@@ -24,10 +24,11 @@
 #include <string_view>
 
 #include "kp/device/device_kind.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-struct OperatingSystemVersion {
+struct KP_EXPORT OperatingSystemVersion {
   int majorVersion = 0;
   int minorVersion = 0;
   int patchVersion = 0;
@@ -39,7 +40,7 @@ struct OperatingSystemVersion {
   [[nodiscard]] static std::optional<OperatingSystemVersion> parse(std::string_view text) noexcept;
 };
 
-struct OperatingSystem {
+struct KP_EXPORT OperatingSystem {
   static constexpr std::string_view kUnknown = "unknown";
 
   std::string name = std::string(kUnknown);             // os-release NAME, "Debian GNU/Linux"
@@ -55,7 +56,7 @@ struct OperatingSystem {
   [[nodiscard]] static OperatingSystem fromOsRelease(std::string_view osRelease, std::string_view kernelRelease);
 };
 
-struct DeviceFacts {
+struct KP_EXPORT DeviceFacts {
   DeviceKind kind = DeviceKind::unknown;
   std::string chassis;        // the source's word, empty when none said
   std::string chassisSource;  // "hostnamed", "dmi", or empty
@@ -66,7 +67,7 @@ struct DeviceFacts {
   std::string screenConnector;  // the display measured, "eDP-1"
 };
 
-class DeviceInformation {
+class KP_EXPORT DeviceInformation {
  public:
   // The process-wide instance over the host's sources; made on first use, never destroyed.
   [[nodiscard]] static DeviceInformation& shared();

@@ -35,10 +35,11 @@
 
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-struct Location {
+struct KP_EXPORT Location {
   double latitude = 0;             // degrees, -90...90
   double longitude = 0;            // degrees, -180...180
   double horizontalAccuracy = 0;   // metres
@@ -74,7 +75,7 @@ inline constexpr std::string_view kLocationErrorDomain = "KPLocation";
 
 class LocationController;
 
-class LocationControllerDelegate {
+class KP_EXPORT LocationControllerDelegate {
  public:
   virtual ~LocationControllerDelegate() = default;
   virtual void locationControllerDidUpdateLocation(LocationController& controller, const Location& location) {
@@ -92,7 +93,7 @@ class LocationControllerDelegate {
   }
 };
 
-class LocationController : public std::enable_shared_from_this<LocationController> {
+class KP_EXPORT LocationController : public std::enable_shared_from_this<LocationController> {
  public:
   // Calls to the service are answered within `timeout`, or the updates end (timedOut).
   [[nodiscard]] static std::shared_ptr<LocationController> make(
@@ -129,6 +130,6 @@ class LocationController : public std::enable_shared_from_this<LocationControlle
 };
 
 // "notDetermined", "denied", "authorizedWhenInUse", ... for logs and tools.
-[[nodiscard]] std::string_view authorizationStatusName(LocationAuthorizationStatus status) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view authorizationStatusName(LocationAuthorizationStatus status) noexcept;
 
 }  // namespace kp

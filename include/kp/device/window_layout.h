@@ -18,9 +18,11 @@
 
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-struct PointSize {
+struct KP_EXPORT PointSize {
   double width = 0;
   double height = 0;
 };
@@ -28,7 +30,7 @@ struct PointSize {
 // The platform's values.
 enum class UserInterfaceSizeClass { unspecified = 0, compact = 1, regular = 2 };
 
-struct SizeClasses {
+struct KP_EXPORT SizeClasses {
   UserInterfaceSizeClass horizontal = UserInterfaceSizeClass::unspecified;
   UserInterfaceSizeClass vertical = UserInterfaceSizeClass::unspecified;
   friend bool operator==(const SizeClasses&, const SizeClasses&) = default;
@@ -39,11 +41,11 @@ enum class SplitScreenMode { unknown, fullScreen, oneThird, half, twoThirds, flo
 inline constexpr double kRegularWidthPoints = 600;
 inline constexpr double kRegularHeightPoints = 480;
 
-[[nodiscard]] SizeClasses sizeClasses(PointSize window) noexcept;
+[[nodiscard]] KP_EXPORT SizeClasses sizeClasses(PointSize window) noexcept;
 // unknown when either size is not positive and finite, or the window is larger than its screen
 // by more than 5% either way.
-[[nodiscard]] SplitScreenMode splitScreenMode(PointSize window, PointSize screen) noexcept;
+[[nodiscard]] KP_EXPORT SplitScreenMode splitScreenMode(PointSize window, PointSize screen) noexcept;
 // "fullScreen", "oneThird", ... for logs and tools.
-[[nodiscard]] std::string_view splitScreenModeName(SplitScreenMode mode) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view splitScreenModeName(SplitScreenMode mode) noexcept;
 
 }  // namespace kp

@@ -22,9 +22,11 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-struct Color {
+struct KP_EXPORT Color {
   std::uint8_t red = 0;
   std::uint8_t green = 0;
   std::uint8_t blue = 0;

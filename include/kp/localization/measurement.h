@@ -25,6 +25,8 @@
 #include <optional>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 enum class Unit {
@@ -53,14 +55,14 @@ enum class Unit {
 
 enum class Dimension { temperature, pressure, length, speed };
 
-[[nodiscard]] Dimension dimensionOf(Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT Dimension dimensionOf(Unit unit) noexcept;
 
 // The command line's symbols: "C", "F", "K", "hPa", "mbar", "kPa", "inHg", "mmHg", "m", "km",
 // "mi", "ft", "nmi", "mm", "cm", "in", "m/s", "km/h", "mph", "kn", "bft".
-[[nodiscard]] std::string_view symbolOf(Unit unit) noexcept;
-[[nodiscard]] std::optional<Unit> unitForSymbol(std::string_view symbol) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view symbolOf(Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<Unit> unitForSymbol(std::string_view symbol) noexcept;
 
-struct Measurement {
+struct KP_EXPORT Measurement {
   double value = 0;
   Unit unit = Unit::celsius;
 
@@ -68,6 +70,6 @@ struct Measurement {
 };
 
 // The Beaufort force of a speed in metres per second; nothing for negative or non-finite speeds.
-[[nodiscard]] std::optional<int> beaufortForce(double metersPerSecond) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<int> beaufortForce(double metersPerSecond) noexcept;
 
 }  // namespace kp

@@ -40,6 +40,7 @@
 #include "kp/localization/localization.h"
 #include "kp/localization/localized_strings.h"
 #include "kp/localization/measurement.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -47,16 +48,16 @@ enum class WeatherQuantity { temperature, wind, pressure, precipitation, snowfal
 enum class UnitSystem { locale, metric, us, uk };
 
 // "temperature", "wind", "pressure", "precipitation", "snowfall", "visibility".
-[[nodiscard]] std::optional<WeatherQuantity> weatherQuantityNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<WeatherQuantity> weatherQuantityNamed(std::string_view name) noexcept;
 // "locale", "metric", "us", "uk".
-[[nodiscard]] std::optional<UnitSystem> unitSystemNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<UnitSystem> unitSystemNamed(std::string_view name) noexcept;
 // "short", "narrow", "long".
-[[nodiscard]] std::optional<TextWidth> textWidthNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<TextWidth> textWidthNamed(std::string_view name) noexcept;
 
 // Whether `unit` measures `quantity` (a speed measures wind, a length precipitation ...).
-[[nodiscard]] bool measures(WeatherQuantity quantity, Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT bool measures(WeatherQuantity quantity, Unit unit) noexcept;
 
-struct MeasurementFormatSettings {
+struct KP_EXPORT MeasurementFormatSettings {
   std::string locale;  // empty: the environment's
   UnitSystem units = UnitSystem::locale;
   TextWidth width = TextWidth::short_;
@@ -68,7 +69,7 @@ struct MeasurementFormatSettings {
   std::shared_ptr<const LocalizedStrings> strings = LocalizedStrings::shared();
 };
 
-class MeasurementFormatter {
+class KP_EXPORT MeasurementFormatter {
  public:
   explicit MeasurementFormatter(MeasurementFormatSettings settings = {});
 

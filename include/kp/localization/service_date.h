@@ -30,10 +30,11 @@
 
 #include "kp/localization/zoned_calendar.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-struct ServiceDateForms {
+struct KP_EXPORT ServiceDateForms {
   bool rfc3339 = true;
   bool date = true;
   bool localDateTime = true;
@@ -42,7 +43,7 @@ struct ServiceDateForms {
   bool httpDate = true;
 };
 
-class ServiceDateReader {
+class KP_EXPORT ServiceDateReader {
  public:
   explicit ServiceDateReader(ServiceDateForms forms = {});
   explicit ServiceDateReader(ZonedCalendar zone, ServiceDateForms forms = {});
@@ -56,13 +57,13 @@ class ServiceDateReader {
 };
 
 // The rfc3339 form alone, without a calendar: what a parser of service answers calls per value.
-[[nodiscard]] std::optional<Date> readRfc3339(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Date> readRfc3339(std::string_view text);
 
 // "2024-03-31T01:30:00Z", with ".250" milliseconds when the date has a fraction; nothing (an
 // empty string) outside the years 1 to 9999.
-[[nodiscard]] std::string rfc3339String(Date date);
+[[nodiscard]] KP_EXPORT std::string rfc3339String(Date date);
 // The same on the zone's wall clock with its offset: "2024-03-31T03:30:00+02:00" ("Z" where
 // the offset is zero).
-[[nodiscard]] std::string rfc3339String(Date date, const ZonedCalendar& zone);
+[[nodiscard]] KP_EXPORT std::string rfc3339String(Date date, const ZonedCalendar& zone);
 
 }  // namespace kp

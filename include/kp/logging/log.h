@@ -31,12 +31,13 @@
 
 #include "kp/logging/log_format.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 class LogWriter;
 
-class Log {
+class KP_EXPORT Log {
  public:
   // In this order; rawValue() of each is also its mark in a console line.
   enum class LogType { debug, info, warning, error };
@@ -138,9 +139,9 @@ inline const Log::Options Log::Options::default_{true, true, true, true, true};
 inline const Log::Options Log::Options::none{false, false, false, false, false};
 
 // The mark of `type`: "⚫️", "🔵", "☢️" or "⛔️".
-[[nodiscard]] std::string_view rawValue(Log::LogType type) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view rawValue(Log::LogType type) noexcept;
 
-class LogWriter {
+class KP_EXPORT LogWriter {
  public:
   virtual ~LogWriter() = default;
   [[nodiscard]] virtual std::shared_ptr<Log::FormatOptions> formatOptions() const = 0;
@@ -149,7 +150,7 @@ class LogWriter {
 };
 
 // Accepted by logError() and ignored.
-struct LogErrorTest {
+struct KP_EXPORT LogErrorTest {
   std::string_view text;
 };
 
@@ -176,7 +177,7 @@ void logError(LogErrorTest /*test*/, LogFormat<Args...> format, const Args&... a
 
 // For callers with a finished message: each logs through Log::default_() with `message` as
 // the format and no arguments.
-class LogBridge {
+class KP_EXPORT LogBridge {
  public:
   LogBridge() = delete;
   static void debug(std::string_view message, LogSource source = tarvix::SourceLocation::current());

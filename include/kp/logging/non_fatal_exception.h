@@ -28,12 +28,13 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
 // Text fixed when the program is built: only a string literal converts to it.
-class StaticText {
+class KP_EXPORT StaticText {
  public:
   template <std::size_t N>
   consteval StaticText(const char (&literal)[N]) noexcept  // NOLINT: implicit, for literals
@@ -44,7 +45,7 @@ class StaticText {
   std::string_view text_;
 };
 
-class NonFatalException {
+class KP_EXPORT NonFatalException {
  public:
   using UserInfo = std::map<std::string, std::string>;
 
@@ -67,13 +68,13 @@ class NonFatalException {
 
 // Implemented by the host (e.g. to forward reports to its crash reporter) and registered in
 // its service container.
-class NonFatalExceptionReporter : public virtual tarvix::Service {
+class KP_EXPORT NonFatalExceptionReporter : public virtual tarvix::Service {
  public:
   virtual void report(const NonFatalException& exception) = 0;
 };
 
-void nonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
-                       std::optional<std::string> recoverySuggestion = std::nullopt,
-                       std::optional<NonFatalException::UserInfo> userInfo = std::nullopt) noexcept;
+KP_EXPORT void nonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
+                                 std::optional<std::string> recoverySuggestion = std::nullopt,
+                                 std::optional<NonFatalException::UserInfo> userInfo = std::nullopt) noexcept;
 
 }  // namespace kp

@@ -29,31 +29,32 @@
 
 #include "kp/logging/tarvix_logger.h"
 #include "kp/platform/date_formatter.h"
+#include "kp/platform/export.h"
 #include "kp/platform/system_log.h"
 
 namespace kp {
 
 // The type under which an entry of `level` reaches the system log.
-[[nodiscard]] OSLogType osLogType(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT OSLogType osLogType(TarvixLogLevel level) noexcept;
 // The console mark of `level`: "⚫️", "🔵", "☢️", "⛔️" or "🔥".
-[[nodiscard]] std::string_view mark(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view mark(TarvixLogLevel level) noexcept;
 
-class TarvixOSLogExecutable {
+class KP_EXPORT TarvixOSLogExecutable {
  public:
   virtual ~TarvixOSLogExecutable() = default;
   virtual void log(const OSLogger& logger, OSLogType level, std::string_view message,
                    const OSLogCodeLocation& where) = 0;
 };
 
-class TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutable {
+class KP_EXPORT TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutable {
  public:
   void log(const OSLogger& logger, OSLogType level, std::string_view message, const OSLogCodeLocation& where) override;
 };
 
-class TarvixOSLogWriter final : public TarvixLogWriter {
+class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
  public:
   // REQUIRES: logExecutable is not null. Entries go to `systemLog` (the system journal unless
-  // another is given, e.g. SystemLog::make({.socketPath = ...}) for a journal namespace).
+  // another is given, e.g. SystemLog::make(socketPath) for a journal namespace).
   TarvixOSLogWriter(std::string subsystem, std::unique_ptr<TarvixOSLogExecutable> logExecutable,
                     std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 
@@ -71,19 +72,19 @@ class TarvixOSLogWriter final : public TarvixLogWriter {
   std::map<std::string, std::unique_ptr<const OSLogger>, std::less<>> loggers_;
 };
 
-class TarvixConsoleLogExecutable {
+class KP_EXPORT TarvixConsoleLogExecutable {
  public:
   virtual ~TarvixConsoleLogExecutable() = default;
   virtual void log(std::string_view message) = 0;
 };
 
 // Prints each message and a line feed to standard output with one write.
-class DefaultTarvixConsoleLogExecutor final : public TarvixConsoleLogExecutable {
+class KP_EXPORT DefaultTarvixConsoleLogExecutor final : public TarvixConsoleLogExecutable {
  public:
   void log(std::string_view message) override;
 };
 
-class TarvixConsoleLogWriter final : public TarvixLogWriter {
+class KP_EXPORT TarvixConsoleLogWriter final : public TarvixLogWriter {
  public:
   explicit TarvixConsoleLogWriter(
       std::shared_ptr<TarvixConsoleLogExecutable> logExecutable = std::make_shared<DefaultTarvixConsoleLogExecutor>());

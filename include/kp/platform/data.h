@@ -18,9 +18,11 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class Data {
+class KP_EXPORT Data {
  public:
   using value_type = std::uint8_t;
   using iterator = std::vector<std::uint8_t>::iterator;
@@ -76,6 +78,6 @@ class Data {
 };
 
 // Lower-case hexadecimal text of the bytes, two digits per byte.
-[[nodiscard]] std::string hexString(std::span<const std::uint8_t> bytes);
+[[nodiscard]] KP_EXPORT std::string hexString(std::span<const std::uint8_t> bytes);
 
 }  // namespace kp

@@ -15,11 +15,13 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 using TimeInterval = double;
 
-class Date {
+class KP_EXPORT Date {
  public:
   // Seconds between 1970-01-01 and the reference date 2001-01-01 (both UTC).
   static constexpr TimeInterval kTimeIntervalBetween1970AndReferenceDate = 978307200.0;

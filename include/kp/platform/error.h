@@ -16,12 +16,14 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 class Error;
 using ErrorPtr = std::shared_ptr<const Error>;
 
-class Error {
+class KP_EXPORT Error {
  public:
   using UserInfo = std::map<std::string, std::string>;
 

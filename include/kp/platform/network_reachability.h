@@ -27,12 +27,13 @@
 #include <optional>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 using ReachabilityFlags = std::uint32_t;
 
-struct ReachabilityFlag {
+struct KP_EXPORT ReachabilityFlag {
   static constexpr ReachabilityFlags transientConnection = 1u << 0;
   static constexpr ReachabilityFlags reachable = 1u << 1;
   static constexpr ReachabilityFlags connectionRequired = 1u << 2;
@@ -45,12 +46,12 @@ struct ReachabilityFlag {
 };
 
 // An IPv4 socket address; the all-zero address stands for the internet in general.
-struct IPv4SocketAddress {
+struct KP_EXPORT IPv4SocketAddress {
   std::uint16_t port = 0;
   std::array<std::uint8_t, 4> address{};
 };
 
-class NetworkReachability {
+class KP_EXPORT NetworkReachability {
  public:
   using Callback = std::function<void(ReachabilityFlags)>;
 

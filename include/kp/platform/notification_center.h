@@ -28,23 +28,24 @@
 #include <vector>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-struct Notification {
+struct KP_EXPORT Notification {
   std::string name;
   // The sender's identity (compared, never dereferenced); null for none.
   const void* sender = nullptr;
   std::map<std::string, std::any> userInfo;
 };
 
-struct ApplicationNotifications {
+struct KP_EXPORT ApplicationNotifications {
   static constexpr std::string_view kDidBecomeActive = "UIApplicationDidBecomeActiveNotification";
   static constexpr std::string_view kWillResignActive = "UIApplicationWillResignActiveNotification";
   static constexpr std::string_view kDidReceiveMemoryWarning = "UIApplicationDidReceiveMemoryWarningNotification";
 };
 
-class NotificationCenter {
+class KP_EXPORT NotificationCenter {
  public:
   using Handler = std::function<void(const Notification&)>;
 

@@ -15,9 +15,11 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-struct StringHash {
+struct KP_EXPORT StringHash {
   using is_transparent = void;
   std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
 };

@@ -13,12 +13,13 @@
 #include <string_view>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
-class DataRequestResult : public TypedRequestResult<DataRequestResult> {
+class KP_EXPORT DataRequestResult : public TypedRequestResult<DataRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPDataRequestResult";
   DataRequestResult() = default;
@@ -31,7 +32,7 @@ class DataRequestResult : public TypedRequestResult<DataRequestResult> {
 
 class DataRequestHandler : public TypedRequestHandler<DataRequestResult> {};
 
-class DataRequest : public TypedHttpRequest<DataRequest, DataRequestHandler, DataRequestResult> {
+class KP_EXPORT DataRequest : public TypedHttpRequest<DataRequest, DataRequestHandler, DataRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

@@ -22,12 +22,13 @@
 #include <memory>
 #include <mutex>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
 
-class DirectExecutionQueue final : public RequestQueueInterface,
-                                   public std::enable_shared_from_this<DirectExecutionQueue> {
+class KP_EXPORT DirectExecutionQueue final : public RequestQueueInterface,
+                                             public std::enable_shared_from_this<DirectExecutionQueue> {
  public:
   // Only the first call does anything: it keeps the request and starts its handler.
   void addRequest(const std::shared_ptr<RequestType>& request) override;
@@ -49,7 +50,7 @@ class DirectExecutionQueue final : public RequestQueueInterface,
   std::shared_ptr<RequestType> request_;  // guarded by mutex_
 };
 
-class SynchronousRequestQueue final : public RequestQueueInterface {
+class KP_EXPORT SynchronousRequestQueue final : public RequestQueueInterface {
  public:
   void addRequest(const std::shared_ptr<RequestType>& request) override;
   void cancelRequest(const std::shared_ptr<RequestType>&) override {}

@@ -25,12 +25,13 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
-class FileRequestResult : public TypedRequestResult<FileRequestResult> {
+class KP_EXPORT FileRequestResult : public TypedRequestResult<FileRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPFileRequestResult";
   // Where the download was moved to; null when it was not.
@@ -39,7 +40,7 @@ class FileRequestResult : public TypedRequestResult<FileRequestResult> {
   }
 };
 
-class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
+class KP_EXPORT FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
  public:
   // The checks of HttpRequestHandler first; then only a FileRequest with a target path.
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
@@ -65,7 +66,8 @@ class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
   bool moved_ = false;
 };
 
-class FileRequest : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
+class KP_EXPORT FileRequest
+    : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 

@@ -20,11 +20,12 @@
 #include <vector>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
 
-class HttpCookie {
+class KP_EXPORT HttpCookie {
  public:
   // What a cookie carries besides its name, value, domain and path.
   struct Attributes {

@@ -19,12 +19,13 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_request_method.h"
 #include "kp/request/http_request_parameter.h"
 
 namespace kp {
 
-class HttpRequestConfig {
+class KP_EXPORT HttpRequestConfig {
  public:
   // Encoded in this order; duplicates are kept.
   std::vector<HttpRequestParameter> queryParameters;

@@ -24,13 +24,14 @@
 
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_cookie.h"
 
 namespace kp {
 
 // What the rest of the library reads from a response.
-class HttpResponseType {
+class KP_EXPORT HttpResponseType {
  public:
   virtual ~HttpResponseType() = default;
   [[nodiscard]] virtual std::optional<int> statusCodeValue() const = 0;
@@ -45,7 +46,7 @@ class HttpResponseType {
   [[nodiscard]] virtual bool isNotModified() const = 0;
 };
 
-class HttpResponse : public HttpResponseType, public Archivable {
+class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
  public:
   static constexpr std::string_view kArchiveClassName = "KPHttpResponse";
   // Keys of the archived form; cookies are not archived.
@@ -83,13 +84,13 @@ class HttpResponse : public HttpResponseType, public Archivable {
 };
 
 // Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").
-[[nodiscard]] std::optional<Date> parseHttpDate(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Date> parseHttpDate(std::string_view text);
 
 enum class ResponseHeader { etag, contentType, lastModified, expires, date };
-[[nodiscard]] std::string_view headerName(ResponseHeader header) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view headerName(ResponseHeader header) noexcept;
 
 // A Content-Type value that requests may set.
-class MimeContentType {
+class KP_EXPORT MimeContentType {
  public:
   [[nodiscard]] static MimeContentType multipartFormData(std::string boundary) {
     return MimeContentType(std::move(boundary));
@@ -196,6 +197,6 @@ enum class HttpStatusCode : int {
 };
 
 // Nothing for values outside the set above.
-[[nodiscard]] std::optional<HttpStatusCode> httpStatusCodeFromRawValue(int raw) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<HttpStatusCode> httpStatusCodeFromRawValue(int raw) noexcept;
 
 }  // namespace kp

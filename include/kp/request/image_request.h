@@ -18,12 +18,13 @@
 #include <string_view>
 
 #include "kp/coding/archivable_image.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
-class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
+class KP_EXPORT ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPImageRequestResult";
   // The decoded image; null when there was none. Held as an ArchivableImage object in `data`.
@@ -33,12 +34,12 @@ class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
-class ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
+class KP_EXPORT ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class ImageRequest : public TypedHttpRequest<ImageRequest, ImageRequestHandler, ImageRequestResult> {
+class KP_EXPORT ImageRequest : public TypedHttpRequest<ImageRequest, ImageRequestHandler, ImageRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

@@ -15,12 +15,13 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
-class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
+class KP_EXPORT JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPJsonRequestResult";
   // The parsed body; null when there was none or it was not JSON.
@@ -31,12 +32,12 @@ class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
-class JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
+class KP_EXPORT JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class JsonRequest : public TypedHttpRequest<JsonRequest, JsonRequestHandler, JsonRequestResult> {
+class KP_EXPORT JsonRequest : public TypedHttpRequest<JsonRequest, JsonRequestHandler, JsonRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

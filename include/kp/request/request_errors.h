@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -30,7 +31,7 @@ enum class RequestErrorCode : std::int64_t {
   invalidResponse = 900,
 };
 
-class RequestErrors {
+class KP_EXPORT RequestErrors {
  public:
   static constexpr std::string_view domain = "KPRequest";
 

@@ -36,6 +36,7 @@
 #include <optional>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_request.h"
 #include "kp/request/request_result.h"
 #include "kp/request/request_types.h"
@@ -45,7 +46,7 @@
 namespace kp {
 
 // Tells result post-processing that the transfer was cancelled. Never goes back to false.
-class CancelledFlag {
+class KP_EXPORT CancelledFlag {
  public:
   [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
   void cancel() noexcept { cancelled_.store(true); }
@@ -54,7 +55,7 @@ class CancelledFlag {
   std::atomic<bool> cancelled_{false};
 };
 
-class RequestHandler : public RequestHandlerInterface {
+class KP_EXPORT RequestHandler : public RequestHandlerInterface {
  public:
   RequestHandlerCompletion completionHandler;
 
@@ -67,7 +68,7 @@ class HttpRequestHandler;
 
 // The delegate of a session that many handlers share: each callback goes to the handler
 // registered under the task's identifier.
-class HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
+class KP_EXPORT HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
  public:
   void add(std::shared_ptr<HttpRequestHandler> handler, std::uint64_t taskIdentifier);
   void removeHandler(std::uint64_t taskIdentifier);
@@ -98,9 +99,9 @@ class HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
   std::map<std::uint64_t, std::shared_ptr<HttpRequestHandler>> handlers_;
 };
 
-class HttpRequestHandler : public RequestHandler,
-                           public UrlSessionDelegate,
-                           public std::enable_shared_from_this<HttpRequestHandler> {
+class KP_EXPORT HttpRequestHandler : public RequestHandler,
+                                     public UrlSessionDelegate,
+                                     public std::enable_shared_from_this<HttpRequestHandler> {
  public:
   HttpRequestHandler() : HttpRequestHandler(std::make_shared<HttpRequestResult>()) {}
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
@@ -178,7 +179,7 @@ class HttpRequestHandler : public RequestHandler,
 
 // The base of the typed handlers: an HttpRequestHandler whose result is a Result.
 template <class Result>
-class TypedRequestHandler : public HttpRequestHandler {
+class KP_EXPORT TypedRequestHandler : public HttpRequestHandler {
  public:
   TypedRequestHandler() : HttpRequestHandler(std::make_shared<Result>()) {}
 };

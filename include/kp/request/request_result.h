@@ -23,11 +23,12 @@
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_response.h"
 
 namespace kp {
 
-class RequestResult : public Archivable {
+class KP_EXPORT RequestResult : public Archivable {
  public:
   static constexpr std::string_view kArchiveClassName = "KPRequestResult";
   // Keys of the archived form. "_data" is written only for archivable payloads;
@@ -92,7 +93,7 @@ class RequestResult : public Archivable {
 using RequestResultType = RequestResult;
 
 // What the host and the service layer see of an HTTP result.
-class HttpRequestResultType : public RequestResult {
+class KP_EXPORT HttpRequestResultType : public RequestResult {
  public:
   using RequestResult::RequestResult;
   [[nodiscard]] virtual std::shared_ptr<HttpResponse> responseObject() const = 0;
@@ -105,7 +106,7 @@ class HttpRequestResultType : public RequestResult {
   HttpRequestResultType& operator=(const HttpRequestResultType&) = default;
 };
 
-class HttpRequestResult : public HttpRequestResultType {
+class KP_EXPORT HttpRequestResult : public HttpRequestResultType {
  public:
   static constexpr std::string_view kArchiveKeyResponse = "_response";
   static constexpr std::string_view kArchiveClassName = "KPHttpRequestResult";
@@ -139,7 +140,7 @@ class HttpRequestResult : public HttpRequestResultType {
 // and reading back what HttpRequestResult writes. `Self` names its archive class in
 // kArchiveClassName and registers Self::decode under it.
 template <class Self>
-class TypedRequestResult : public HttpRequestResult {
+class KP_EXPORT TypedRequestResult : public HttpRequestResult {
  public:
   [[nodiscard]] std::shared_ptr<RequestResult> copyWithoutData() const override {
     auto out = std::make_shared<Self>();

@@ -27,6 +27,7 @@
 #include <mutex>
 
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -34,7 +35,7 @@ class RequestExecutor;
 
 enum class RequestTicketState : int { idle = 0, invalid = 1, failed = 2, cancelled = 3, finished = 4 };
 
-class RequestTicketType {
+class KP_EXPORT RequestTicketType {
  public:
   virtual ~RequestTicketType() = default;
   [[nodiscard]] virtual RequestTicketState state() const = 0;
@@ -48,7 +49,7 @@ class RequestTicketType {
   [[nodiscard]] bool isCancelled() const;
 };
 
-class RequestTicket final : public RequestTicketType {
+class KP_EXPORT RequestTicket final : public RequestTicketType {
  public:
   explicit RequestTicket(std::weak_ptr<RequestExecutor> executor) : executor_(std::move(executor)) {}
 

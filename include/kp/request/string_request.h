@@ -15,12 +15,13 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
-class StringRequestResult : public TypedRequestResult<StringRequestResult> {
+class KP_EXPORT StringRequestResult : public TypedRequestResult<StringRequestResult> {
  public:
   static constexpr std::string_view kArchiveClassName = "KPStringRequestResult";
   // The body as text; null when there was none or it was not UTF-8.
@@ -31,12 +32,12 @@ class StringRequestResult : public TypedRequestResult<StringRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
-class StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
+class KP_EXPORT StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class StringRequest : public TypedHttpRequest<StringRequest, StringRequestHandler, StringRequestResult> {
+class KP_EXPORT StringRequest : public TypedHttpRequest<StringRequest, StringRequestHandler, StringRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

@@ -24,6 +24,7 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -35,7 +36,7 @@ enum class UrlRequestCachePolicy : int {
   returnCacheDataDontLoad = 3,
 };
 
-class UrlRequest {
+class KP_EXPORT UrlRequest {
  public:
   using HeaderField = std::pair<std::string, std::string>;
 

@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request.h"
 #include "kp/request/http_request_parameter.h"
@@ -25,7 +26,7 @@
 
 namespace kp {
 
-class UrlRequestFactory {
+class KP_EXPORT UrlRequestFactory {
  public:
   UrlRequestFactory() = delete;
 
@@ -40,7 +41,7 @@ class UrlRequestFactory {
                                                    std::optional<std::string_view> bodyEncryptionKey = std::nullopt);
 };
 
-class HttpRequestTypeCacheKeyGenerator {
+class KP_EXPORT HttpRequestTypeCacheKeyGenerator {
  public:
   HttpRequestTypeCacheKeyGenerator() = delete;
 

@@ -26,20 +26,21 @@
 #include "kp/coding/json.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_ticket.h"
 #include "kp/request/url_session.h"
 #include "kp/service/tarvix_service_request.h"
 
 namespace kp {
 
-struct ClientBasicInfo {
+struct KP_EXPORT ClientBasicInfo {
   std::optional<std::string> ip;
   std::optional<std::string> userAgent;
 
   friend bool operator==(const ClientBasicInfo&, const ClientBasicInfo&) = default;
 };
 
-class ClientInfoResponseReader {
+class KP_EXPORT ClientInfoResponseReader {
  public:
   ClientInfoResponseReader() = delete;
   // "network"/"ip" and "device"/"userAgent" of the answer's payload; missing or mistyped
@@ -47,7 +48,7 @@ class ClientInfoResponseReader {
   [[nodiscard]] static ClientBasicInfo readClientBasicInfo(const JsonValue& dictionary);
 };
 
-class ClientInfoWebService {
+class KP_EXPORT ClientInfoWebService {
  public:
   // The client info, when the answer carried a payload object; the error of a failed call.
   using Completion = std::function<void(std::optional<ClientBasicInfo> info, ErrorPtr error)>;
