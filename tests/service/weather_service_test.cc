@@ -14,6 +14,7 @@
 #include <set>
 
 #include "kp/foundation/json.h"
+#include "kp/platform/image.h"
 #include "kp/service/encryption.h"
 
 namespace kp {
@@ -118,6 +119,21 @@ TEST(WeatherProtocol, ForecastsAreFixedForTheHourAndPlausible) {
   EXPECT_GT(meanHigh("-33.9"), meanHigh("59.9") + 10);
   EXPECT_GT(meanHigh("0"), meanHigh("-80") + 20);
   EXPECT_GT(meanHigh("0"), meanHigh("80") + 20);
+
+  // Each condition has an icon that decodes; a known tag is answered "not modified".
+  for (const auto& condition : conditions) {
+    const ServiceAnswer icon = protocol.answer({.target = "/icons/" + std::string(condition) + ".png"});
+    ASSERT_EQ(icon.status, 200) << condition;
+    const auto image = Image::decode(Data::fromString(icon.body));
+    ASSERT_TRUE(image) << condition;
+    EXPECT_EQ(image->pixelWidth(), 128u);
+    EXPECT_EQ(
+        protocol.answer({.target = "/v2/icons/" + std::string(condition) + ".png", .ifNoneMatch = icon.header("ETag")})
+            .status,
+        304);
+  }
+  EXPECT_EQ(protocol.answer({.target = "/icons/fog.png"}).status, 404);
+  EXPECT_EQ(protocol.answer({.target = "/icons/clear"}).status, 404);
 }
 
 TEST(WeatherProtocol, HostileRequestsEndInAnswers) {

@@ -18,6 +18,7 @@
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
+#include "weather_icons.h"
 
 namespace kp::weather {
 namespace {
@@ -394,6 +395,8 @@ std::string WeatherProtocol::responseKey(const ServiceCall& call) const {
 }
 
 ServiceAnswer WeatherProtocol::answer(const ServiceCall& call) const {
+  const std::string_view target = call.target;
+  if (auto icon = iconAnswer(target.substr(0, target.find('?')), call.ifNoneMatch)) return std::move(*icon);
   auto addressed = address(call.target, options_);
   const std::string& methodName = addressed.name;
   const std::string_view noKey;

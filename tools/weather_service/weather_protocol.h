@@ -53,6 +53,8 @@
 //     "condition" is one of "clear", "partlyCloudy", "cloudy", "rain", "snow"; the daily
 //     condition is the day's most severe; "humidity", "cloudCover" and
 //     "precipitationProbability" are whole percents, "windDirection" whole degrees.
+//   Icons: "…/icons/<condition>.png" answers a PNG for each condition, outside the envelope
+//     (see weather_icons.h).
 //
 // Thread safety: answer() is const and may run on any number of threads at once, provided
 // the options' clock may.

@@ -1,0 +1,139 @@
+"""Start-up and idle figures of the weather app under Xvfb against the local weather service
+(scripts/app --measure):
+  cold start to a drawn forecast from the network (empty cache) and from the cache, each the
+  median of several runs of a new process, from the spawn to the frame after painting;
+  idle: CPU time and thread wake-ups (context switches) of the process over 10 s once it has
+  settled.
+The baseline, measured in the same run the same way, is a GTK 4 program that draws one label:
+what any GTK application costs to start here."""
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from weather_app_test import App, start_service, start_xvfb  # noqa: E402
+
+
+BASELINE = r"""
+#include <gtk/gtk.h>
+#include <stdio.h>
+#include <time.h>
+static void painted(GdkFrameClock* clock, gpointer data) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  printf("drawn baseline %lld\n", (long long)now.tv_sec * 1000000000LL + now.tv_nsec);
+  fflush(stdout);
+  g_signal_handlers_disconnect_by_func(clock, painted, data);
+}
+static void activate(GtkApplication* app, gpointer data) {
+  GtkWidget* window = gtk_application_window_new(app);
+  gtk_window_set_default_size(GTK_WINDOW(window), 760, 620);
+  gtk_window_set_child(GTK_WINDOW(window), gtk_label_new("33°F"));
+  gtk_window_present(GTK_WINDOW(window));
+  g_signal_connect(gtk_widget_get_frame_clock(window), "after-paint", G_CALLBACK(painted), NULL);
+}
+int main(int argc, char** argv) {
+  GtkApplication* app = gtk_application_new("org.example.Baseline", G_APPLICATION_NON_UNIQUE);
+  g_signal_connect(app, "activate", G_CALLBACK(activate), NULL);
+  char* only[] = {argv[0], NULL};
+  return g_application_run(G_APPLICATION(app), 1, only);
+}
+"""
+
+
+def build_baseline(folder):
+    source = os.path.join(folder, "baseline.c")
+    program = os.path.join(folder, "baseline")
+    with open(source, "w") as out:
+        out.write(BASELINE)
+    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "gtk4"], capture_output=True, text=True,
+                           check=True).stdout.split()
+    subprocess.run(["cc", "-O2", "-o", program, source] + flags, check=True)
+    return program
+
+
+def cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def switches(pid):
+    """Context switches of each thread, by thread id."""
+    counts = {}
+    for tid in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/status" % (pid, tid)) as status:
+                counts[tid] = sum(int(line.split()[1]) for line in status
+                                  if line.startswith(("voluntary_ctxt_switches", "nonvoluntary_ctxt_switches")))
+        except FileNotFoundError:
+            pass
+    return counts
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--app", required=True)
+    parser.add_argument("--kpcore", required=True)
+    parser.add_argument("--runs", type=int, default=7)
+    parser.add_argument("--renderer", default="cairo")
+    args = parser.parse_args()
+
+    xvfb, display = start_xvfb()
+    service, base = start_service(args.kpcore)
+    home = tempfile.mkdtemp(prefix="weather-app-measure-")
+    env = dict(os.environ, DISPLAY=display, GDK_BACKEND="x11", GSK_RENDERER=args.renderer, LANG="en_US.UTF-8",
+               NO_AT_BRIDGE="1", GTK_A11Y="none", XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data")
+    env.pop("WAYLAND_DISPLAY", None)
+    try:
+        baseline_program = build_baseline(home)
+        network, cached, baseline = [], [], []
+        for run in range(args.runs):
+            app = App(baseline_program, base, env)
+            baseline.append(app.wait_drawn("baseline"))
+            app.stop()
+            cache = "%s/cache-%d" % (home, run)
+            app = App(args.app, base, dict(env, XDG_CACHE_HOME=cache))
+            network.append(app.wait_drawn("network"))
+            time.sleep(0.5)  # the forecast and the icons reach the cache
+            app.stop()
+            app = App(args.app, base, dict(env, XDG_CACHE_HOME=cache))
+            cached.append(app.wait_drawn("cache"))
+            app.stop()
+        print("cold start to a drawn forecast, median of %d (min-max), renderer %s:" % (args.runs, args.renderer))
+        for name, times in (("GTK baseline", baseline), ("from the network", network), ("from the cache", cached)):
+            if None in times:
+                print("  %s: not drawn in some runs" % name)
+                continue
+            ratio = statistics.median(times) / statistics.median(baseline) if None not in baseline else float("nan")
+            print("  %-17s %6.1f ms (%.1f-%.1f), %.2f x baseline" %
+                  (name, statistics.median(times), min(times), max(times), ratio))
+
+        app = App(args.app, base, dict(env, XDG_CACHE_HOME=home + "/cache-idle"))
+        app.wait_drawn("network")
+        time.sleep(7)  # the session's transfer thread ends after 5 s without work
+        pid = app.process.pid
+        cpu0, before = cpu_seconds(pid), switches(pid)
+        time.sleep(10)
+        cpu1, after = cpu_seconds(pid), switches(pid)
+        app.stop()
+        woken = {tid: after[tid] - before[tid] for tid in before if tid in after and after[tid] != before[tid]}
+        print("idle over 10 s: %.0f ms CPU; %d wake-ups in %d of %d threads (%d threads ended, %d began)" %
+              ((cpu1 - cpu0) * 1000, sum(woken.values()), len(woken), len(before),
+               len(set(before) - set(after)), len(set(after) - set(before))))
+    finally:
+        for process in (service, xvfb):
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+        shutil.rmtree(home, ignore_errors=True)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
