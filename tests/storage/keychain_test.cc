@@ -217,8 +217,10 @@ TEST_F(KeychainTest, AServiceThatDoesNotAnswerFailsWithinTheTimeout) {
   const auto elapsed = std::chrono::steady_clock::now() - start;
   service_->keyring().signal(SIGCONT);
   EXPECT_LT(elapsed, 4s);
-  // Once it answers again, the write made while it hung has not happened.
-  EXPECT_EQ(kp::Keychain(kBundle, 5s).string("slow", std::nullopt), "before");
+  // A call that timed out may still reach the service once it runs again: the item then holds
+  // one whole value or the other, never a torn one.
+  const auto after = kp::Keychain(kBundle, 5s).string("slow", std::nullopt);
+  EXPECT_TRUE(after == "before" || after == "while stopped") << after.value_or("(none)");
 }
 
 TEST_F(KeychainTest, ALockedKeyringIsNeitherUnlockedNorChanged) {
