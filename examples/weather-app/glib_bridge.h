@@ -55,7 +55,7 @@ class ApplicationLifecycle final : public tarvix::Application {
   void open(std::string_view url, const OpenOptions& options, std::function<void(bool)> completion) override;
 
  private:
-  static void activeChanged(GObject* window, GParamSpec* spec, gpointer self);
+  static void activeChanged(GObject* window, GParamSpec* property, gpointer self);
   static void memoryWarning(GMemoryMonitor* monitor, GMemoryMonitorWarningLevel level, gpointer self);
 
   GtkWindow* window_ = nullptr;  // weak: GTK owns the window

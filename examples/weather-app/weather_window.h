@@ -41,7 +41,7 @@ class WeatherWindow {
   void showStatus(const std::string& text);
 
  private:
-  static void selectedChanged(GObject* dropDown, GParamSpec* spec, gpointer self);
+  static void selectedChanged(GObject* dropDown, GParamSpec* property, gpointer self);
   static void destroyed(GtkWidget* window, gpointer self);
   void rebuildHours(const Forecast& forecast);
   void rebuildDays(const Forecast& forecast);

@@ -302,16 +302,16 @@ TEST(WeatherServiceTransport, UntrustworthyLengthsAndRangesGetPlainRefusals) {
 
 TEST(WeatherServiceTransport, FaultsComeAsTheSeedPlansThemAndAreCounted) {
   std::string error;
-  EXPECT_FALSE(weather::FaultSpec::parse("cut=0.6,reset=0.6", &error));
+  EXPECT_FALSE(weather::FaultRates::parse("cut=0.6,reset=0.6", &error));
   EXPECT_EQ(error, "the rates add up to more than 1");
-  EXPECT_FALSE(weather::FaultSpec::parse("cut=0.1:2s"));
-  EXPECT_FALSE(weather::FaultSpec::parse("stall=0.1"));
+  EXPECT_FALSE(weather::FaultRates::parse("cut=0.1:2s"));
+  EXPECT_FALSE(weather::FaultRates::parse("stall=0.1"));
 
   // What a client sees of each of 24 answers ('.' whole, '5' a 500, 'x' cut or of a wrong
   // length), and the service's own counts.
   const auto observe = [](int seed) {
     weather::WeatherServiceOptions options;
-    options.faults = *weather::FaultSpec::parse("cut=0.3,500=0.3,wrong-length=0.2,seed=" + std::to_string(seed));
+    options.faults = *weather::FaultRates::parse("cut=0.3,500=0.3,wrong-length=0.2,seed=" + std::to_string(seed));
     weather::WeatherService service(options);
     service.start();
     std::string seen;

@@ -48,9 +48,9 @@ int runServe(kpcore::Args& args) {
   for (const auto* key : {&options.queryKey, &options.forecastBodyKey, &options.forecastResponseKey}) {
     if (key->size() > 32) throw kpcore::CommandError("keys are at most 32 bytes", 2);
   }
-  if (auto spec = args.option("faults")) {
+  if (auto rates = args.option("faults")) {
     std::string error;
-    auto faults = kp::weather::FaultSpec::parse(*spec, &error);
+    auto faults = kp::weather::FaultRates::parse(*rates, &error);
     if (!faults) throw kpcore::CommandError("--faults: " + error, 2);
     options.faults = *faults;
   }
@@ -93,11 +93,11 @@ int runServe(kpcore::Args& args) {
 const kpcore::Registration registration{
     "serve", "Run the local weather service (basicInfo, forecast) until interrupted",
     "kpcore serve [--port N] [--host 127.0.0.1] [--cert PEM --key PEM] [--query-key K] [--body-key K]\n"
-    "                    [--response-key K] [--faults SPEC] [--quiet] [--json]\n"
+    "                    [--response-key K] [--faults RATES] [--quiet] [--json]\n"
     "  Prints the base URL as its first line; stops on SIGINT or SIGTERM.\n"
     "  --body-key and --response-key set the forecast's keys (empty for plain).\n"
-    "  --faults SPEC spoils a share of the answers, for testing clients against a service that\n"
-    "  misbehaves. SPEC is KIND=RATE[:PARAM],... and seed=N, RATE the fraction of answers (the\n"
+    "  --faults RATES spoils a share of the answers, for testing clients against a service that\n"
+    "  misbehaves. RATES is KIND=RATE[:PARAM],... and seed=N, RATE the fraction of answers (the\n"
     "  rates add up to at most 1):\n"
     "    delay=R[:2s]        wait up to the time given (s or ms), then answer\n"
     "    dribble=R[:1s]      send the answer a byte per write, spread over the time given\n"

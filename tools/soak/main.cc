@@ -1,7 +1,7 @@
 // kp_soak: runs every load of the soak at once for the time given, checks the invariants
 // after every kill and at the end, and prints the figures as its last lines (soak.h).
 //
-//   kp_soak [--minutes N | --seconds N] [--faults SPEC] [--seed N] [--threads N] [--dir DIR]
+//   kp_soak [--minutes N | --seconds N] [--faults RATES] [--seed N] [--threads N] [--dir DIR]
 //           [--kpcore PATH] [--keep]
 //
 // Exit status 0 when everything held, 1 when anything did not (the breaches and their

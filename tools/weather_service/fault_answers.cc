@@ -44,8 +44,8 @@ bool changesAnswer(FaultKind kind) noexcept {
          kind == FaultKind::wrongKey;
 }
 
-std::chrono::milliseconds delayOf(const Fault& fault, const FaultSpec& spec) noexcept {
-  const auto longest = static_cast<std::uint64_t>(spec.longestDelay.count());
+std::chrono::milliseconds delayOf(const Fault& fault, const FaultRates& rates) noexcept {
+  const auto longest = static_cast<std::uint64_t>(rates.longestDelay.count());
   return std::chrono::milliseconds(longest == 0 ? 0 : fault.bits % (longest + 1));
 }
 
@@ -83,7 +83,7 @@ ServiceAnswer spoiledAnswer(const Fault& fault, ServiceAnswer answer, std::strin
   }
 }
 
-RawAnswer rawAnswer(const Fault& fault, const FaultSpec& spec, http::response<http::string_body>& response) {
+RawAnswer rawAnswer(const Fault& fault, const FaultRates& rates, http::response<http::string_body>& response) {
   RawAnswer out;
   const std::uint64_t variant = fault.bits >> 8;
   switch (fault.kind) {
@@ -92,7 +92,7 @@ RawAnswer rawAnswer(const Fault& fault, const FaultSpec& spec, http::response<ht
       out.pieceSize = 1;
       // Pauses of a millisecond, as many as fit into the time the answer is spread over.
       constexpr auto kPause = std::chrono::milliseconds(1);
-      const auto pauses = static_cast<std::size_t>(std::max<std::int64_t>(1, spec.dribbleTime / kPause));
+      const auto pauses = static_cast<std::size_t>(std::max<std::int64_t>(1, rates.dribbleTime / kPause));
       out.pauseEvery = std::max<std::size_t>(1, out.bytes.size() / pauses);
       out.pause = kPause;
       out.ending = RawAnswer::Ending::asUsual;
@@ -122,10 +122,10 @@ RawAnswer rawAnswer(const Fault& fault, const FaultSpec& spec, http::response<ht
         response.erase(http::field::content_length);
         response.set(http::field::transfer_encoding, "chunked");
       } else {
-        response.content_length(spec.oversizeBytes);
+        response.content_length(rates.oversizeBytes);
       }
       out.bytes = head(response);
-      out.filler = spec.oversizeBytes;
+      out.filler = rates.oversizeBytes;
       return out;
     }
     case FaultKind::wrongLength: {

@@ -43,10 +43,10 @@ struct RawAnswer {
 };
 
 // REQUIRES: `response` is complete (payload prepared).
-[[nodiscard]] RawAnswer rawAnswer(const Fault& fault, const FaultSpec& spec,
+[[nodiscard]] RawAnswer rawAnswer(const Fault& fault, const FaultRates& rates,
                                   boost::beast::http::response<boost::beast::http::string_body>& response);
 
 // How long a delay fault waits.
-[[nodiscard]] std::chrono::milliseconds delayOf(const Fault& fault, const FaultSpec& spec) noexcept;
+[[nodiscard]] std::chrono::milliseconds delayOf(const Fault& fault, const FaultRates& rates) noexcept;
 
 }  // namespace kp::weather::faulty

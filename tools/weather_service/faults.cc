@@ -1,4 +1,4 @@
-// The fault plan: SPEC text read strictly, and a draw per answer that depends only on the seed
+// The fault plan: RATES text read strictly, and a draw per answer that depends only on the seed
 // and the answer's number.
 #include "faults.h"
 
@@ -74,7 +74,7 @@ std::optional<std::uint64_t> byteCount(std::string_view text) {
   return value * scale;
 }
 
-std::optional<FaultSpec> fail(std::string* error, std::string message) {
+std::optional<FaultRates> fail(std::string* error, std::string message) {
   if (error) *error = std::move(message);
   return std::nullopt;
 }
@@ -83,15 +83,15 @@ std::optional<FaultSpec> fail(std::string* error, std::string message) {
 
 std::string_view faultName(FaultKind kind) noexcept { return kNames[static_cast<std::size_t>(kind)]; }
 
-bool FaultSpec::empty() const noexcept {
+bool FaultRates::empty() const noexcept {
   for (double rate : rates) {
     if (rate > 0) return false;
   }
   return true;
 }
 
-std::optional<FaultSpec> FaultSpec::parse(std::string_view text, std::string* error) {
-  FaultSpec spec;
+std::optional<FaultRates> FaultRates::parse(std::string_view text, std::string* error) {
+  FaultRates rates;
   std::array<bool, kFaultKindCount> seen{};
   bool seedSeen = false;
   double total = 0;
@@ -109,7 +109,7 @@ std::optional<FaultSpec> FaultSpec::parse(std::string_view text, std::string* er
       if (seedSeen || ec != std::errc() || end != value.data() + value.size() || value.empty()) {
         return fail(error, "seed takes one whole number: '" + std::string(value) + "'");
       }
-      spec.seed = seed;
+      rates.seed = seed;
       seedSeen = true;
       continue;
     }
@@ -128,7 +128,7 @@ std::optional<FaultSpec> FaultSpec::parse(std::string_view text, std::string* er
       return fail(error,
                   "the rate of '" + std::string(name) + "' is a fraction from 0 to 1: '" + std::string(value) + "'");
     }
-    spec.rates[index] = *rate;
+    rates.rates[index] = *rate;
     total += *rate;
     const auto kind = static_cast<FaultKind>(index);
     if (parameter.empty()) continue;
@@ -137,18 +137,18 @@ std::optional<FaultSpec> FaultSpec::parse(std::string_view text, std::string* er
       if (!time)
         return fail(error,
                     std::string(name) + " takes a duration such as 2s or 250ms: '" + std::string(parameter) + "'");
-      (kind == FaultKind::delay ? spec.longestDelay : spec.dribbleTime) = *time;
+      (kind == FaultKind::delay ? rates.longestDelay : rates.dribbleTime) = *time;
     } else if (kind == FaultKind::oversize) {
       const auto bytes = byteCount(parameter);
       if (!bytes) return fail(error, "oversize takes a size such as 2M: '" + std::string(parameter) + "'");
-      spec.oversizeBytes = *bytes;
+      rates.oversizeBytes = *bytes;
     } else {
       return fail(error, "fault '" + std::string(name) + "' takes no parameter");
     }
   }
   // A little room for rates written with decimals that do not add up exactly.
   if (total > 1 + 1e-9) return fail(error, "the rates add up to more than 1");
-  return spec;
+  return rates;
 }
 
 std::optional<Fault> FaultPlan::next() {

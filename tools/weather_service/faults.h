@@ -1,8 +1,8 @@
-// kp::weather::FaultSpec and FaultPlan: the faults the local weather service injects into its
-// answers when asked to (`kpcore serve --faults SPEC`), so that a host can see its screens
+// kp::weather::FaultRates and FaultPlan: the faults the local weather service injects into its
+// answers when asked to (`kpcore serve --faults RATES`), so that a host can see its screens
 // meet a service that misbehaves, and a soak can load a client with every fault at once.
 //
-// SPEC is a comma-separated list of KIND=RATE[:PARAM] and seed=N, e.g.
+// RATES is a comma-separated list of KIND=RATE[:PARAM] and seed=N, e.g.
 //   delay=0.05:2s,dribble=0.02,cut=0.02,reset=0.02,500=0.03,503=0.03,envelope-error=0.02,
 //   wrong-key=0.02,oversize=0.01:2M,wrong-length=0.02,seed=42
 // RATE is the fraction of answers (0 to 1; the rates add up to at most 1) that get the fault:
@@ -26,7 +26,7 @@
 // Faults touch only answers of the protocol; refusals of the transport (400, 413, 431, ...)
 // go out as they are. The service counts what it injected (FaultPlan::counts()).
 //
-// Thread safety: FaultSpec is a value. FaultPlan::next() and counts() may be called from any
+// Thread safety: FaultRates is a value. FaultPlan::next() and counts() may be called from any
 // thread at once.
 #pragma once
 
@@ -54,18 +54,18 @@ enum class FaultKind : int {
 };
 inline constexpr std::size_t kFaultKindCount = 10;
 
-// The name of a kind in SPEC and in the counts ("delay", "500", "envelope-error", ...).
+// The name of a kind in RATES and in the counts ("delay", "500", "envelope-error", ...).
 [[nodiscard]] std::string_view faultName(FaultKind kind) noexcept;
 
-struct FaultSpec {
+struct FaultRates {
   std::array<double, kFaultKindCount> rates{};
   std::chrono::milliseconds longestDelay{2000};
   std::chrono::milliseconds dribbleTime{1000};
   std::uint64_t oversizeBytes = 300ull << 20;
   std::uint64_t seed = 0;
 
-  // The spec of SPEC text; nothing, with the reason in `error`, when it cannot be read.
-  [[nodiscard]] static std::optional<FaultSpec> parse(std::string_view text, std::string* error = nullptr);
+  // The rates of RATES text; nothing, with the reason in `error`, when it cannot be read.
+  [[nodiscard]] static std::optional<FaultRates> parse(std::string_view text, std::string* error = nullptr);
   [[nodiscard]] bool empty() const noexcept;
 };
 
@@ -77,11 +77,11 @@ struct Fault {
 
 class FaultPlan {
  public:
-  explicit FaultPlan(FaultSpec spec) : spec_(spec) {}
+  explicit FaultPlan(FaultRates rates) : spec_(rates) {}
 
   // The fault of the next answer, if it gets one; counted.
   [[nodiscard]] std::optional<Fault> next();
-  [[nodiscard]] const FaultSpec& spec() const noexcept { return spec_; }
+  [[nodiscard]] const FaultRates& rates() const noexcept { return spec_; }
   // Answers planned so far, and the faults injected of each kind.
   [[nodiscard]] std::uint64_t answers() const noexcept { return answers_.load(); }
   [[nodiscard]] std::array<std::uint64_t, kFaultKindCount> counts() const noexcept;
@@ -91,7 +91,7 @@ class FaultPlan {
   [[nodiscard]] std::string countsText() const;
 
  private:
-  FaultSpec spec_;
+  FaultRates spec_;
   std::atomic<std::uint64_t> answers_{0};
   std::array<std::atomic<std::uint64_t>, kFaultKindCount> counts_{};
 };

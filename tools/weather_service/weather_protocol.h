@@ -96,7 +96,7 @@ struct WeatherServiceOptions {
   // The service's clock; content times and forecasts follow it.
   std::function<Date()> clock = [] { return Date::now(); };
   // Faults that WeatherService injects into its answers (faults.h); none when empty.
-  FaultSpec faults;
+  FaultRates faults;
 };
 
 // One HTTP request as the service sees it.

@@ -292,19 +292,19 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
   // ---- faults (fault_answers.h) ----
 
   void inject(const Fault& fault, ServiceAnswer answer, const ServiceCall& call, bool keepAlive) {
-    const FaultSpec& spec = transport_.faults->spec();
+    const FaultRates& rates = transport_.faults->rates();
     if (fault.kind == FaultKind::delay) {
       phase_ = Phase::answering;
       delayed_ = std::move(answer);
       delayedKeepAlive_ = keepAlive;
-      pause_.expires_after(faulty::delayOf(fault, spec));
+      pause_.expires_after(faulty::delayOf(fault, rates));
       return pause_.async_wait(bound(&Session::onDelayed));
     }
     if (faulty::changesAnswer(fault.kind)) {
       return send(faulty::spoiledAnswer(fault, std::move(answer), transport_.protocol.responseKey(call)), keepAlive);
     }
     prepare(answer, keepAlive);
-    raw_ = faulty::rawAnswer(fault, spec, response_);
+    raw_ = faulty::rawAnswer(fault, rates, response_);
     rawOffset_ = 0;
     sincePause_ = 0;
     writeRaw();
