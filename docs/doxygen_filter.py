@@ -2,13 +2,12 @@
 """Doxygen input filter: reads the public headers' plain `//` comments as documentation.
 
 The headers are written for people reading them: a file opens with its purpose and contract,
-and a comment documents the declarations that follow it, up to the next blank line, comment
-or access specifier. This filter makes Doxygen read them the same way, keeping every line
+and a comment documents the declaration that follows it. This filter makes Doxygen read them the same way, keeping every line
 where it was so that warnings point into the header:
 
 - the opening comment documents the file, and also the class it is about when it opens with
   that class's name ("kp::Foo: ...");
-- a comment inside a namespace, class or enum documents the run of declarations after it;
+- a comment inside a namespace, class or enum documents the declaration after it;
 - "Example:" sections become code blocks;
 - a trailing `// text` after a member documents that member;
 - comments inside function bodies and initialisers stay plain comments.
@@ -19,7 +18,6 @@ import sys
 COMMENT = re.compile(r"^(\s*)//(?![/!])(.*)$")
 TRAILING = re.compile(r"^(\s*[^\s/#][^\"']*?)(\s+)//(?![/!])(.*)$")
 SCOPE = re.compile(r"\b(namespace|class|struct|union|enum)\b|extern\s+\"C")
-ACCESS = re.compile(r"^\s*(public|protected|private)\s*:")
 TAG = re.compile(r"(?<![\w:])<([a-z][\w ]*)>")
 NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (])")
 
@@ -53,13 +51,11 @@ def code_of(line):
 
 
 def scan(lines):
-    """Per line: the brace stack before it (True for a scope) and the depths its
-    declarations end at."""
+    """Per line: the brace stack before it, True for a scope and False for a body."""
     stack, pending = [], ""
-    before, ends = [], []
+    before = []
     for line in lines:
         before.append(list(stack))
-        line_ends = set()
         if not line.lstrip().startswith("#"):
             for c in code_of(line):
                 if c == "{":
@@ -70,15 +66,12 @@ def scan(lines):
                     if stack:
                         stack.pop()
                     pending = ""
-                    line_ends.add(len(stack))
                 elif c == ";":
                     pending = ""
-                    line_ends.add(len(stack))
                 else:
                     pending += c
             pending += " "
-        ends.append(line_ends)
-    return before, ends
+    return before
 
 
 def convert_block(texts, prefix):
@@ -110,7 +103,7 @@ def append_code(line, text):
 
 
 def filter_lines(lines, path):
-    before, _ = scan(lines)
+    before = scan(lines)
     out = list(lines)
     for k, line in enumerate(lines):
         trailing = TRAILING.match(line)
