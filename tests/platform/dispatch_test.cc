@@ -258,13 +258,13 @@ TEST(FdWatch, RunsAgainForDataThatArrivesWhileTheWorkRunsAndWhenTheDescriptorTak
   ASSERT_TRUE(watch);
   ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
   ASSERT_EQ(::write(ends[1], "x", 1), 1);
-  EXPECT_TRUE(waitFor([&] { return runs.load() == 3; }, 2000ms)) << runs.load();
+  EXPECT_TRUE(eventually([&] { return runs.load() == 3; }, 2000ms)) << runs.load();
 
   std::atomic<int> writable{0};
   auto writer = kp::platform::FdWatch::watchReadable(::dup(ends[1]), queue, [&] { writable.fetch_add(1); });
   ASSERT_TRUE(writer);
   writer->runWhenWritable();
-  EXPECT_TRUE(waitFor([&] { return writable.load() == 1; }));
+  EXPECT_TRUE(eventually([&] { return writable.load() == 1; }));
   watch.reset();
   writer.reset();
   ::close(ends[0]);
