@@ -41,19 +41,19 @@ constexpr Entry kExitStatus[] = {
     {"2", "The command line was wrong: an unknown command or option, or a missing or malformed value."},
 };
 
-// Words of `text` in lines of at most `width` columns, each line starting with `indent`.
-std::string wrap(std::string_view text, std::size_t width, std::string_view indent) {
+// Words of `text` in lines of at most `width` columns.
+std::string wrap(std::string_view text, std::size_t width) {
   std::istringstream words{std::string(text)};
   std::string out;
   std::string line;
   for (std::string word; words >> word;) {
-    if (!line.empty() && indent.size() + line.size() + 1 + word.size() > width) {
-      out.append(indent).append(line).append("\n");
+    if (!line.empty() && line.size() + 1 + word.size() > width) {
+      out.append(line).append("\n");
       line.clear();
     }
     line += (line.empty() ? "" : " ") + word;
   }
-  if (!line.empty()) out.append(indent).append(line).append("\n");
+  if (!line.empty()) out.append(line).append("\n");
   return out;
 }
 
@@ -144,7 +144,7 @@ std::string joined(const std::set<std::string>& words) {
 
 std::string helpText() {
   std::string out =
-      std::string(kUsagePrefix) + std::string(kSynopsis) + "\n\n" + wrap(kDescription, 92, "") + "\ncommands:\n";
+      std::string(kUsagePrefix) + std::string(kSynopsis) + "\n\n" + wrap(kDescription, 92) + "\ncommands:\n";
   for (const auto& command : commands()) {
     out += "  " + command.name + std::string(command.name.size() < 14 ? 14 - command.name.size() : 1, ' ') +
            command.summary + "\n";
