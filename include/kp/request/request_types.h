@@ -110,8 +110,11 @@ class RequestQueueInterface {
   virtual void addRequest(const std::shared_ptr<RequestType>& request) = 0;
   // Stops the request if this queue holds it: no result is delivered for it afterwards.
   virtual void cancelRequest(const std::shared_ptr<RequestType>& request) = 0;
+  // Cancels every request the queue holds, running or waiting.
   virtual void cancelAll() = 0;
+  // How many handlers may run at once.
   [[nodiscard]] virtual std::int64_t maxConcurrentRequests() const = 0;
+  // Changes how many handlers may run at once; see maxConcurrentRequests().
   virtual void setMaxConcurrentRequests(std::int64_t count) = 0;
 };
 
