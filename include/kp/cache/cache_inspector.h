@@ -39,9 +39,11 @@ class CacheInspector {
   CacheInspector(const CacheInspector&) = delete;
   CacheInspector& operator=(const CacheInspector&) = delete;
 
+  // Rows in the database.
   [[nodiscard]] std::uint64_t entryCount() { return database_.getItemCount(); }
   // Bytes of the database file with its write-ahead log, and of the file folder.
   [[nodiscard]] std::uint64_t databaseBytes() const { return database_.getSize(); }
+  // Bytes of the file folder, group folders included.
   [[nodiscard]] std::uint64_t fileStorageBytes() const { return files_.getSize(); }
   // Why no files are kept in the file folder (a link or no folder stands there), if so.
   [[nodiscard]] std::optional<std::string> fileStorageProblem() const { return files_.folderProblem(); }
@@ -50,7 +52,9 @@ class CacheInspector {
   // What the folder holds under `key` (never in memory: inMemory is false), with expiry judged
   // at `now`; nothing when no row holds the key.
   [[nodiscard]] std::optional<CacheItemInspection> inspect(std::string_view key, Date now = Date::now());
+  // Where the database file is.
   [[nodiscard]] const std::filesystem::path& databasePath() const noexcept { return database_.path(); }
+  // Where the file folder is.
   [[nodiscard]] const std::filesystem::path& storagePath() const noexcept { return files_.basePath(); }
 
  private:

@@ -37,7 +37,9 @@
 
 namespace kp {
 
+// Runs `work` at once on the main thread, else posts it to the main queue.
 void runOnMainThread(Work work);
+// Posts `work` to the background pool.
 void runInBackground(Work work);
 
 // A once-token held by its user, usually a member or a function-local static. A block that
@@ -52,6 +54,8 @@ class Once {
   Once(const Once&) = delete;
   Once& operator=(const Once&) = delete;
 
+  // Runs `block` unless a run of this token has completed; a block that throws leaves the
+  // token unused, and the exception goes to the caller.
   template <class F>
   void run(F&& block) {
     if (done_.load(std::memory_order_acquire)) return;

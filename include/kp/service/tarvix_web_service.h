@@ -79,6 +79,7 @@ class TarvixWebService : public internal::WebServiceSettings {
   }
 };
 
+// The facade for typed calls: makes requests whose payload decodes into a type of the caller's.
 class DecodableTarvixWebService : public internal::WebServiceSettings {
  public:
   // REQUIRES: `baseUrl` is an absolute URL; a trailing "/" is dropped.
