@@ -37,14 +37,14 @@ struct ApplicationInfo {
   std::string version;  // marketing version, "5.2.0"; empty unless the host sets it
   std::string build;    // build number; empty unless the host sets it
   UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;  // the host's; unspecified otherwise
-  double screenScale = 1.0;  // device pixels per point; the host's, else 1
-  std::string systemName;                       // "Linux"
-  std::string systemVersion;                    // the host's; empty: the operating system's
-  std::string deviceModel;                      // DMI product name or machine type
-  std::string localeIdentifier;                 // "en_US"
-  std::string timeZone;                         // "Europe/Berlin"
-  std::string currencyCode;                     // "EUR"; empty when unknown
-  std::vector<std::string> preferredLanguages;  // "nl-NL", "en": most preferred first
+  double screenScale = 1.0;                                    // device pixels per point; the host's, else 1
+  std::string systemName;                                      // "Linux"
+  std::string systemVersion;                                   // the host's; empty: the operating system's
+  std::string deviceModel;                                     // DMI product name or machine type
+  std::string localeIdentifier;                                // "en_US"
+  std::string timeZone;                                        // "Europe/Berlin"
+  std::string currencyCode;                                    // "EUR"; empty when unknown
+  std::vector<std::string> preferredLanguages;                 // "nl-NL", "en": most preferred first
 
   // The facts in force: the host's, or the defaults read from the system on first use.
   [[nodiscard]] static ApplicationInfo current();
