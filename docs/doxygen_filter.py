@@ -19,7 +19,7 @@ COMMENT = re.compile(r"^(\s*)//(?![/!])(.*)$")
 TRAILING = re.compile(r"^(\s*[^\s/#][^\"']*?)(\s+)//(?![/!])(.*)$")
 SCOPE = re.compile(r"\b(namespace|class|struct|union|enum)\b|extern\s+\"C")
 TAG = re.compile(r"(?<![\w:])<([a-z][\w ]*)>")
-NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (])")
+NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (<])")
 
 
 def code_of(line):
