@@ -58,7 +58,9 @@ class CacheService : public virtual tarvix::Service {
   // The entry under `key`, or null when there is none or it has expired. With `loadData`
   // false, an entry whose payload lives in a file comes without it.
   [[nodiscard]] virtual std::shared_ptr<CacheItem> getCacheItem(std::string_view key, bool loadData) = 0;
+  // Removes every entry: from memory now, from the database and the files in the background.
   virtual void wipeCompleteCache() = 0;
+  // Removes the entries of `group`, as wipeCompleteCache() does.
   virtual void wipeCompleteCache(std::string_view group) = 0;
   virtual void wipeCompleteExpiredCache() = 0;
 

@@ -48,8 +48,12 @@ class RequestCacheConfig {
  public:
   // Without a key the cache is bypassed. An empty key is looked up but never saved.
   std::optional<std::string> key;
+  // The cache group the result is saved under, so that a wipe of the group removes it; none
+  // for no group.
   std::optional<std::string> group;
+  // Seconds a saved result stays valid.
   TimeInterval maximumAge = 86400.0;
+  // How the result is kept: serialized in the database, or as bytes or an image in a file.
   CacheItemType itemType = CacheItemType::serialized;
   // Look up (and save) on the calling thread instead of the background pool.
   bool forceSynchronousLoad = false;
@@ -60,11 +64,17 @@ class RequestType {
  public:
   virtual ~RequestType() = default;
 
+  // Performs the request's transfer.
   [[nodiscard]] virtual const std::shared_ptr<RequestHandlerInterface>& handler() const = 0;
+  // Replaces the handler; before execution.
   virtual void setHandler(std::shared_ptr<RequestHandlerInterface> handler) = 0;
+  // Decides when, and on which thread, the handler runs.
   [[nodiscard]] virtual const std::shared_ptr<RequestQueueInterface>& queue() const = 0;
+  // Replaces the queue; before execution.
   virtual void setQueue(std::shared_ptr<RequestQueueInterface> queue) = 0;
+  // Which waiting requests a queue starts first.
   [[nodiscard]] virtual RequestPriority priority() const = 0;
+  // Changes the priority; before execution.
   virtual void setPriority(RequestPriority priority) = 0;
 
   // Called with the finished result (by the queue, or by the executor on a cache hit): the
@@ -81,6 +91,7 @@ class CacheableRequestType {
   virtual ~CacheableRequestType() = default;
   // May be null: the request then bypasses the cache.
   [[nodiscard]] virtual const std::shared_ptr<RequestCacheConfig>& cacheConfig() const = 0;
+  // Replaces the cache configuration; null bypasses the cache.
   virtual void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) = 0;
   // Sets cacheConfig()->key from the complete URL and the body. The library never calls it.
   virtual void generateCacheKey() = 0;
