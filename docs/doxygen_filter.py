@@ -16,7 +16,6 @@ import re
 import sys
 
 COMMENT = re.compile(r"^(\s*)//(?![/!])(.*)$")
-TRAILING = re.compile(r"^(\s*[^\s/#][^\"']*?)(\s+)//(?![/!])(.*)$")
 SCOPE = re.compile(r"\b(namespace|class|struct|union|enum)\b|extern\s+\"C")
 TAG = re.compile(r"(?<![\w:])<([a-z][\w ]*)>")
 NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (<])")
@@ -24,6 +23,11 @@ NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (<])")
 
 def code_of(line):
     """The line without string and character literals or a trailing comment."""
+    return code_and_comment(line)[0]
+
+
+def code_and_comment(line):
+    """The line without literals or a trailing comment, and where that comment starts."""
     out, i, quote = [], 0, None
     while i < len(line):
         c = line[i]
@@ -47,7 +51,7 @@ def code_of(line):
             break
         out.append(c)
         i += 1
-    return "".join(out)
+    return "".join(out), i
 
 
 def scan(lines):
@@ -94,21 +98,14 @@ def convert_block(texts, prefix):
     return converted
 
 
-def append_code(line, text):
-    """Adds `text` after the code of the line, before any trailing comment."""
-    code = code_of(line)
-    if len(code) < len(line):
-        return code.rstrip() + " " + text + " " + line[len(code):]
-    return line + " " + text
-
-
 def filter_lines(lines, path):
     before = scan(lines)
     out = list(lines)
     for k, line in enumerate(lines):
-        trailing = TRAILING.match(line)
-        if trailing and all(before[k]) and not COMMENT.match(line):
-            out[k] = "%s%s///< %s" % (trailing.group(1), trailing.group(2), trailing.group(3).strip())
+        code, start = code_and_comment(line)
+        rest = line[start:]
+        if code.strip() and not code.lstrip().startswith("#") and all(before[k]) and re.match(r"//(?![/!<])", rest):
+            out[k] = line[:start] + "///< " + rest[2:].strip()
     seen_code = False
     i = 0
     while i < len(lines):
