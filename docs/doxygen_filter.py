@@ -104,7 +104,7 @@ def filter_lines(lines, path):
     for k, line in enumerate(lines):
         code, start = code_and_comment(line)
         rest = line[start:]
-        if code.strip() and not code.lstrip().startswith("#") and all(before[k]) and re.match(r"//(?![/!<])", rest):
+        if code.strip() and not code.lstrip().startswith("#") and all(before[k]) and re.match(r"//(?![/!<])(?!\s*NOLINT)", rest):
             out[k] = line[:start] + "///< " + rest[2:].strip()
     seen_code = False
     i = 0
