@@ -170,8 +170,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     if (!encoded) return;
     if (entry.cacheType == CacheItemType::serialized) {
       writingFiles(key, [&] {
-        removeEarlierFile(key, std::nullopt);
-        database.saveRecord(*encoded, entry, key);
+        const auto earlier = storedFile(key);
+        if (database.saveRecord(*encoded, entry, key)) removeFile(key, earlier, std::nullopt);
       });
       return;
     }
@@ -190,8 +190,10 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     const auto& group = entry.configuration.groupName;
     writingFiles(key, [&] {
       const bool replaced = files.save(*bytes, key, group, [&] {
-        removeEarlierFile(key, files.filePath(key, group));
-        return database.removeCacheItem(key);
+        const auto earlier = storedFile(key);
+        if (!database.removeCacheItem(key)) return false;
+        removeFile(key, earlier, files.filePath(key, group));
+        return true;
       });
       if (replaced && !database.saveRecord(*encoded, entry, key)) files.removeData(key, group);
     });
@@ -206,19 +208,28 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     slot.fetch_add(1, std::memory_order_release);
   }
 
-  // Removes the file of the key's stored entry, unless it is `kept`: an entry saved elsewhere
-  // (in another group, or in its row alone) would otherwise leave it where no row names it,
-  // out of reach of every clean-up and of the trim.
-  void removeEarlierFile(std::string_view key, const std::optional<fs::path>& kept) {
+  // The group of the file that the key's stored entry keeps (inside: none), when its row says
+  // it keeps one.
+  using StoredFile = std::optional<std::optional<std::string>>;
+  StoredFile storedFile(std::string_view key) {
     const auto type = database.getCacheItemType(key);
-    if (type != CacheItemType::rawDataToFile && type != CacheItemType::image) return;
-    const auto group = database.getCacheItemGroup(key);
-    if (!kept || files.filePath(key, group) != *kept) files.removeData(key, group);
+    if (type != CacheItemType::rawDataToFile && type != CacheItemType::image) return std::nullopt;
+    return database.getCacheItemGroup(key);
+  }
+
+  // Removes the file that the key's earlier row named, unless it is `kept`: an entry saved
+  // elsewhere (in another group, or in its row alone) would otherwise leave it where no row
+  // names it, out of reach of every clean-up and of the trim. Called once that row is gone
+  // or replaced, never before: a process killed in between leaves a file without a row
+  // (which the key's next save replaces), never a row without its file.
+  void removeFile(std::string_view key, const StoredFile& earlier, const std::optional<fs::path>& kept) {
+    if (!earlier) return;
+    if (!kept || files.filePath(key, *earlier) != *kept) files.removeData(key, *earlier);
   }
 
   void removeStored(std::string_view key) {
-    removeEarlierFile(key, std::nullopt);
-    (void)database.removeCacheItem(key);
+    const auto earlier = storedFile(key);
+    if (database.removeCacheItem(key)) removeFile(key, earlier, std::nullopt);
   }
 
   void wipeBackStore(const std::optional<std::string>& group) {
@@ -412,8 +423,9 @@ void CacheController::set(std::shared_ptr<Cacheable> item, std::string_view key)
                [key = std::string(key), item, generation = state_->wipeGeneration.load()](State& s) {
                  if (s.wipeGeneration.load() != generation) return;
                  s.writingFiles(key, [&] {
-                   s.removeEarlierFile(key, std::nullopt);
+                   const auto earlier = s.storedFile(key);
                    s.database.encode(*item, key);
+                   if (!s.storedFile(key)) s.removeFile(key, earlier, std::nullopt);
                  });
                });
 }

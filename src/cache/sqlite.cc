@@ -1,7 +1,7 @@
 // The SQLite helper. Calls only: sqlite3_open_v2 (the URI-aware open, so that the file URL is
 // honoured), sqlite3_prepare_v2, the five sqlite3_bind_* functions, sqlite3_step,
-// sqlite3_column_count/_name/_type/_int/_double/_text/_bytes, sqlite3_clear_bindings and
-// sqlite3_finalize. Connections are never closed and statements never reset, by design.
+// sqlite3_column_count/_name/_type/_int/_double/_text/_bytes, sqlite3_reset,
+// sqlite3_clear_bindings and sqlite3_finalize. Connections are never closed, by design.
 #include "kp/cache/sqlite.h"
 
 #include <sqlite3.h>
@@ -209,6 +209,15 @@ std::vector<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::readAllCells(
   std::vector<SQLiteCells> rows;
   while (auto row = stepRow(names)) rows.push_back(std::move(*row));
   return rows;
+}
+
+void DefaultSQLiteDatabase::PreparedStatement::reset() noexcept {
+  if (isFinalized_) return;
+  // The code returned repeats the last step's error, which its caller has seen already.
+  sqlite3_reset(statement_);
+  sqlite3_clear_bindings(statement_);
+  currentBindingPosition_ = 1;
+  exhausted_ = false;
 }
 
 void DefaultSQLiteDatabase::PreparedStatement::finalize() noexcept {

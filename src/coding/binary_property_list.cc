@@ -12,6 +12,7 @@
 // Internal; not installed. Thread safety: each call works on its own state.
 #include "coding/binary_property_list.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -392,8 +393,13 @@ class BinaryReader {
         const std::uint64_t n = countOf(low, pos);
         const std::uint8_t* p = need(pos, n);
         std::string s;
-        s.reserve(n);
-        for (std::uint64_t i = 0; i < n; ++i) appendUtf8(s, p[i]);  // bytes above 0x7F read as Latin-1
+        if (std::all_of(p, p + n, [](std::uint8_t c) { return c < 0x80; })) {
+          // Plain ASCII, as keys and class names are: the same bytes in UTF-8.
+          s.assign(reinterpret_cast<const char*>(p), n);
+        } else {
+          s.reserve(n);
+          for (std::uint64_t i = 0; i < n; ++i) appendUtf8(s, p[i]);  // bytes above 0x7F read as Latin-1
+        }
         spendBytes(s.size());
         return s;
       }

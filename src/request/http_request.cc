@@ -60,9 +60,8 @@ Url BasicHttpRequest::completeUrl() const {
 }
 
 const std::shared_ptr<RequestExecutor>& BasicHttpRequest::executor() {
-  executorOnce_.run([this] {
-    executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this()));
-  });
+  executorOnce_.run(
+      [this] { executor_ = std::make_shared<RequestExecutor>(std::weak_ptr<RequestType>(weak_from_this())); });
   return executor_;
 }
 
@@ -93,7 +92,7 @@ void BasicHttpRequest::handleCompletion(const std::shared_ptr<RequestResult>& re
   if (!result || !deliversResult(*result)) return;
   auto delivered = std::dynamic_pointer_cast<HttpRequestResultType>(result);
   if (!delivered) return;
-  executor()->handleFinished(result);
+  if (!executor()->handleFinished(result)) return;
   RequestCompletionHandler completion = completionHandler_;
   if (!completion) return;
   if (const auto& queue = completionDispatchQueue_) {

@@ -159,18 +159,21 @@ void RequestExecutor::enqueue(const std::shared_ptr<RequestType>& request) {
   if (ticket->cancelRequested()) queue->cancelRequest(request);
 }
 
-void RequestExecutor::handleFinished(const std::shared_ptr<RequestResult>& result) {
+bool RequestExecutor::handleFinished(const std::shared_ptr<RequestResult>& result) {
   auto request = request_.lock();
-  if (!request || !result) return;
+  if (!request || !result) return false;
   const auto& ticket = this->ticket();
-  if (hasEnded(ticket->state())) return;
+  if (hasEnded(ticket->state())) return true;
   if (result->isSuccess()) {
     ticket->setFinished();
+    // A cancel only ever leaves idle, so a ticket cancelled now was cancelled before this
+    // result could settle it: the queue could no longer stop the result, but the cancel stands.
+    if (ticket->state() == RequestTicketState::cancelled) return false;
   } else {
     ticket->setFailedWithError(result->error);
   }
   const RequestCacheConfig* cache = cacheConfigOf(*request);
-  if (loadedFromCache_.load() || result->failed() || !cache || !cache->key || cache->key->empty()) return;
+  if (loadedFromCache_.load() || result->failed() || !cache || !cache->key || cache->key->empty()) return true;
   auto save = [result, config = *cache] {
     if (auto item = cacheItemFor(*result, config)) CacheController::sharedInstance()->set(std::move(item), *config.key);
   };
@@ -179,6 +182,7 @@ void RequestExecutor::handleFinished(const std::shared_ptr<RequestResult>& resul
   } else {
     runInBackground(std::move(save));
   }
+  return true;
 }
 
 void RequestExecutor::cancel() {

@@ -231,7 +231,7 @@ TEST_F(CacheControllerTest, TwoProcessesStartingOnAnEmptyMachineKeepBothTheirSav
   }
 }
 
-TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
+TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWholeAndNoRowWithoutItsFile) {
   const auto sized = [](std::size_t size) {
     auto e = bytesEntry(pattern(size), policy(0));
     e->extraItems["size"] = kp::ArchiveValue(static_cast<std::int64_t>(size));
@@ -267,6 +267,19 @@ TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWhole) {
   const auto& bytes = *read->item->get<kp::Data>();
   EXPECT_TRUE(isPattern(bytes));
   EXPECT_EQ(*read->extraItems.at("size").get<std::int64_t>(), static_cast<std::int64_t>(bytes.size()));
+
+  // A removal, and a save of a key into its row alone, whose row cannot change (as when the
+  // process ends in between) leave the file with its row: the row goes first.
+  cache->set(sized(2000), "removed");
+  cache->waitForBackgroundWork();
+  holder.createPreparedStatement("BEGIN IMMEDIATE;")->execute();
+  cache->removeCacheItem("removed");
+  cache->set(entry(kp::ArchiveValue(pattern(10)), policy(0)), "k");
+  cache->waitForBackgroundWork();
+  holder.createPreparedStatement("ROLLBACK;")->execute();
+  for (const auto& listed : cache->listEntries()) {
+    EXPECT_TRUE(listed.fileSize || listed.row.type == kp::CacheItemType::serialized) << listed.row.key;
+  }
 }
 
 TEST_F(CacheControllerTest, ReadersWritersWipesAndTheTimerAtOnce) {

@@ -290,6 +290,12 @@ kp::Data binaryPlist(const std::vector<std::vector<std::uint8_t>>& objects) {
   return out;
 }
 
+TEST(BinaryPropertyLists, EightBitTextReadsAsLatin1) {
+  EXPECT_EQ(kp::readPropertyList(binaryPlist({{0x56, 'Z', 0xFC, 'r', 'i', 'c', 'h'}}).bytes()),
+            kp::Value(std::string("Z\xC3\xBCrich")));
+  EXPECT_EQ(kp::readPropertyList(binaryPlist({{0x53, 'a', 'b', 'c'}}).bytes()), kp::Value(std::string("abc")));
+}
+
 // An array of `count` references to object `target`.
 std::vector<std::uint8_t> arrayOf(std::size_t count, std::uint16_t target) {
   std::vector<std::uint8_t> a{0xAF, 0x11, std::uint8_t(count >> 8), std::uint8_t(count)};

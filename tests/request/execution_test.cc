@@ -199,6 +199,28 @@ TEST_F(ExecutionTest, CancellingAtEachStageEndsQuietly) {
     EXPECT_EQ(ticket->state(), RequestTicketState::cancelled);
   }
   EXPECT_TRUE(eventually([&] { return released.expired(); }));
+  // A success already on its way, past the point where its queue could stop it, when the
+  // cancel comes: the cancel stands and nothing completes.
+  {
+    struct Holding : RequestQueueInterface {
+      void addRequest(const std::shared_ptr<RequestType>& added) override { held = added; }
+      void cancelRequest(const std::shared_ptr<RequestType>&) override {}
+      void cancelAll() override {}
+      std::int64_t maxConcurrentRequests() const override { return 1; }
+      void setMaxConcurrentRequests(std::int64_t) override {}
+      std::shared_ptr<RequestType> held;
+    };
+    auto queue = std::make_shared<Holding>();
+    auto run = request("/item/late");
+    run->setQueue(queue);
+    run->setCompletionDispatchQueue(nullptr);
+    auto ticket = run->execute([](const std::shared_ptr<HttpRequestResultType>&) { ADD_FAILURE(); });
+    ASSERT_TRUE(queue->held);
+    ticket->cancel();
+    queue->held->handleCompletion(std::make_shared<HttpRequestResult>());
+    EXPECT_EQ(ticket->state(), RequestTicketState::cancelled);
+    queue->held.reset();  // the request holds its queue
+  }
   server.open();
   // After completion: the ticket stays finished.
   auto done = request("/item/done");

@@ -90,6 +90,7 @@ class Recorder : public UrlSessionDelegate {
     onDelegateQueue(s);
     add(error ? "complete " + std::to_string(error->code()) : std::string("complete ok"));
     std::lock_guard lock(mutex_);
+    bodyAtCompletion_ = body_.toString();
     ++completions_;
     changed_.notify_all();
   }
@@ -116,6 +117,11 @@ class Recorder : public UrlSessionDelegate {
   std::string body() {
     std::lock_guard lock(mutex_);
     return body_.toString();
+  }
+  // What the delegate had received when the (last) completion came.
+  std::string bodyAtCompletion() {
+    std::lock_guard lock(mutex_);
+    return bodyAtCompletion_;
   }
   std::size_t largestPiece() {
     std::lock_guard lock(mutex_);
@@ -146,6 +152,7 @@ class Recorder : public UrlSessionDelegate {
   std::condition_variable changed_;
   std::vector<std::string> events_;
   Data body_;
+  std::string bodyAtCompletion_;
   std::size_t largestPiece_ = 0;
   std::vector<std::int64_t> waiting_;
   int completions_ = 0;

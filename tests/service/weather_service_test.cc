@@ -284,5 +284,45 @@ TEST(WeatherServiceTransport, UntrustworthyLengthsAndRangesGetPlainRefusals) {
   }
 }
 
+TEST(WeatherServiceTransport, FaultsComeAsTheSeedPlansThemAndAreCounted) {
+  std::string error;
+  EXPECT_FALSE(weather::FaultSpec::parse("cut=0.6,reset=0.6", &error));
+  EXPECT_EQ(error, "the rates add up to more than 1");
+  EXPECT_FALSE(weather::FaultSpec::parse("cut=0.1:2s"));
+  EXPECT_FALSE(weather::FaultSpec::parse("stall=0.1"));
+
+  // What a client sees of each of 24 answers ('.' whole, '5' a 500, 'x' cut or of a wrong
+  // length), and the service's own counts.
+  const auto observe = [](int seed) {
+    weather::WeatherServiceOptions options;
+    options.faults = *weather::FaultSpec::parse("cut=0.3,500=0.3,wrong-length=0.2,seed=" + std::to_string(seed));
+    weather::WeatherService service(options);
+    service.start();
+    std::string seen;
+    for (int i = 0; i < 24; ++i) {
+      RawClient client(service.port());
+      EXPECT_TRUE(client.send(kPlainForecast + "Connection: close\r\n\r\n"));
+      std::string bytes;
+      for (int reads = 0; reads < 20 && !client.closed(); ++reads) bytes += client.answer(500ms);
+      const auto head = bytes.find("\r\n\r\n");
+      const auto length = bytes.find("Content-Length: ");
+      const bool whole = head != std::string::npos && length < head &&
+                         bytes.find("Content-Length: ", length + 1) > head &&
+                         std::stoul(bytes.substr(length + 16)) == bytes.size() - head - 4;
+      seen += bytes.starts_with("HTTP/1.1 500 ") ? '5' : whole ? '.' : 'x';
+    }
+    RawClient status(service.port());
+    EXPECT_TRUE(status.send("GET /_faults HTTP/1.1\r\nHost: x\r\n\r\n"));
+    return std::pair(seen, status.answer());
+  };
+  const auto [seen, counts] = observe(3);
+  EXPECT_EQ(observe(3).first, seen);
+  EXPECT_NE(observe(4).first, seen);
+  for (char kind : {'.', '5', 'x'}) EXPECT_NE(seen.find(kind), std::string::npos) << seen;
+  const auto fives = std::count(seen.begin(), seen.end(), '5');
+  EXPECT_NE(counts.find(R"({"answers":24,"seed":3,"injected":{)"), std::string::npos) << counts;
+  EXPECT_NE(counts.find(R"("500":)" + std::to_string(fives) + ","), std::string::npos) << counts << " for " << seen;
+}
+
 }  // namespace
 }  // namespace kp

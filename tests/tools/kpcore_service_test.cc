@@ -92,9 +92,25 @@ TEST(KpcoreServe, ServesUntilTerminatedAndReportsABusyPort) {
   const auto nowhere = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --host '' 2>&1");
   EXPECT_EQ(nowhere.status, 2);
   EXPECT_EQ(nowhere.output, "kpcore serve: --host needs a name or an address\n");
+  const auto unreadable = test::runCommand(std::string(KPCORE_PATH) + " serve --quiet --faults cut=0.7,500=0.7 2>&1");
+  EXPECT_EQ(unreadable.status, 2);
+  EXPECT_EQ(unreadable.output, "kpcore serve: --faults: the rates add up to more than 1\n");
 
   serve.signal(SIGTERM);
   EXPECT_EQ(serve.wait(std::chrono::seconds(10)), 0);
+
+  // Every answer spoiled, and the last line says how.
+  test::ChildProcess faulty({KPCORE_PATH, "serve", "--quiet", "--faults", "500=1,seed=5"}, {.captureOutput = true});
+  const auto faultyUrl = faulty.readLine(std::chrono::seconds(20));
+  ASSERT_TRUE(faultyUrl);
+  const auto spoiled =
+      test::runCommand(std::string(KPCORE_PATH) + " get --include " + test::shellQuote(*faultyUrl + target));
+  EXPECT_NE(spoiled.output.find("HTTP 500\n"), std::string::npos) << spoiled.output;
+  faulty.signal(SIGTERM);
+  EXPECT_EQ(faulty.readLine(std::chrono::seconds(10)),
+            "faults injected: answers=1 delay=0 dribble=0 cut=0 reset=0 500=1 503=0 envelope-error=0 wrong-key=0 "
+            "oversize=0 wrong-length=0");
+  EXPECT_EQ(faulty.wait(std::chrono::seconds(10)), 0);
 }
 
 TEST(KpcoreCrypt, DecryptsAPayloadAndRefusesWhatIsNotOneInOneLine) {

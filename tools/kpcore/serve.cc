@@ -1,5 +1,7 @@
 // kpcore serve: runs the local weather service until interrupted. The first line on standard
 // output is the base URL, so that scripts can start it on a free port and read where it is.
+// With --faults it spoils a share of its answers (faults.h) and, when it stops, prints what it
+// injected as its last line.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -46,6 +48,12 @@ int runServe(kpcore::Args& args) {
   for (const auto* key : {&options.queryKey, &options.forecastBodyKey, &options.forecastResponseKey}) {
     if (key->size() > 32) throw kpcore::CommandError("keys are at most 32 bytes", 2);
   }
+  if (auto spec = args.option("faults")) {
+    std::string error;
+    auto faults = kp::weather::FaultSpec::parse(*spec, &error);
+    if (!faults) throw kpcore::CommandError("--faults: " + error, 2);
+    options.faults = *faults;
+  }
   const bool quiet = args.flag("quiet");
   const bool json = args.flag("json");
   args.expectEnd();
@@ -72,15 +80,38 @@ int runServe(kpcore::Args& args) {
   while (!gStopRequested.load()) std::this_thread::sleep_for(std::chrono::milliseconds(50));
   service.stop();
   if (!quiet) std::cerr << "stopped\n";
+  if (const auto* faults = service.faults()) {
+    if (json) {
+      std::cout << "{\"faults\":" << faults->countsJson() << "}" << std::endl;
+    } else {
+      std::cout << "faults injected: " << faults->countsText() << std::endl;
+    }
+  }
   return 0;
 }
 
 const kpcore::Registration registration{
     "serve", "Run the local weather service (basicInfo, forecast) until interrupted",
     "kpcore serve [--port N] [--host 127.0.0.1] [--cert PEM --key PEM] [--query-key K] [--body-key K]\n"
-    "                    [--response-key K] [--quiet] [--json]\n"
+    "                    [--response-key K] [--faults SPEC] [--quiet] [--json]\n"
     "  Prints the base URL as its first line; stops on SIGINT or SIGTERM.\n"
-    "  --body-key and --response-key set the forecast's keys (empty for plain).",
+    "  --body-key and --response-key set the forecast's keys (empty for plain).\n"
+    "  --faults SPEC spoils a share of the answers, for testing clients against a service that\n"
+    "  misbehaves. SPEC is KIND=RATE[:PARAM],... and seed=N, RATE the fraction of answers (the\n"
+    "  rates add up to at most 1):\n"
+    "    delay=R[:2s]        wait up to the time given (s or ms), then answer\n"
+    "    dribble=R[:1s]      send the answer a byte per write, spread over the time given\n"
+    "    cut=R               send the head and part of the body, then close\n"
+    "    reset=R             send part of the answer, then reset the connection\n"
+    "    500=R, 503=R        answer that status, half with the failure envelope, half without\n"
+    "    envelope-error=R    answer 200 with the failure envelope (code 500)\n"
+    "    wrong-key=R         seal the answer with a key the client does not have\n"
+    "    oversize=R[:300M]   answer that many bytes (K, M, G), announced or chunked\n"
+    "    wrong-length=R      send a Content-Length the body does not have\n"
+    "    seed=N              the same N spoils the same answers (by their order) in every run\n"
+    "  e.g. --faults delay=0.05:2s,cut=0.02,reset=0.02,500=0.03,wrong-key=0.02,seed=42\n"
+    "  GET /_faults answers the counts so far; the last line, when the service stops, is\n"
+    "  \"faults injected: answers=N delay=n dribble=n ...\" (JSON with --json).",
     runServe};
 
 }  // namespace

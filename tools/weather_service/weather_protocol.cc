@@ -356,30 +356,53 @@ std::optional<std::string> ServiceAnswer::header(const std::string& name) const 
 
 WeatherProtocol::WeatherProtocol(WeatherServiceOptions options) : options_(std::move(options)) {}
 
-ServiceAnswer WeatherProtocol::answer(const ServiceCall& call) const {
-  const std::string_view target = call.target;
+namespace {
+
+// The method a target names, its name, and its query read in plain.
+struct Addressed {
+  std::string name;
+  std::optional<Method> method;
+  Parameters plainQuery;
+  bool plain = false;
+};
+
+Addressed address(std::string_view target, const WeatherServiceOptions& options) {
   const std::size_t question = target.find('?');
   std::string_view path = target.substr(0, question);
   const std::string_view query = question == std::string_view::npos ? std::string_view() : target.substr(question + 1);
   while (path.ends_with('/')) path.remove_suffix(1);
-  const std::string methodName = percentDecoded(path.substr(path.rfind('/') + 1));
-
-  const std::string_view noKey;
-  if (methodName.empty()) return refusal({404, 404, "Missing method: call /basicInfo or /forecast."}, noKey);
+  Addressed out;
+  out.name = percentDecoded(path.substr(path.rfind('/') + 1));
   const Method methods[] = {
       {"basicInfo", kClientInfoBodyEncryptionKey, kClientInfoResponseDecryptionKey},
-      {"forecast", options_.forecastBodyKey, options_.forecastResponseKey},
+      {"forecast", options.forecastBodyKey, options.forecastResponseKey},
   };
-  const Method* method = nullptr;
   for (const auto& candidate : methods) {
-    if (candidate.name == methodName) method = &candidate;
+    if (candidate.name == out.name) out.method = candidate;
   }
-  if (method == nullptr) return refusal({404, 404, "Unknown method '" + quotable(methodName) + "'."}, noKey);
+  appendParameters(out.plainQuery, query, true);
+  const std::string* skip = find(out.plainQuery, "skipcrypt");
+  out.plain = skip != nullptr && *skip == "1";
+  return out;
+}
 
-  Parameters plainQuery;
-  appendParameters(plainQuery, query, true);
-  const std::string* skip = find(plainQuery, "skipcrypt");
-  const bool plain = skip != nullptr && *skip == "1";
+}  // namespace
+
+std::string WeatherProtocol::responseKey(const ServiceCall& call) const {
+  const auto addressed = address(call.target, options_);
+  if (!addressed.method || addressed.plain) return {};
+  return std::string(addressed.method->responseKey);
+}
+
+ServiceAnswer WeatherProtocol::answer(const ServiceCall& call) const {
+  auto addressed = address(call.target, options_);
+  const std::string& methodName = addressed.name;
+  const std::string_view noKey;
+  if (methodName.empty()) return refusal({404, 404, "Missing method: call /basicInfo or /forecast."}, noKey);
+  if (!addressed.method) return refusal({404, 404, "Unknown method '" + quotable(methodName) + "'."}, noKey);
+  const Method* method = &*addressed.method;
+  Parameters& plainQuery = addressed.plainQuery;
+  const bool plain = addressed.plain;
   const std::string_view responseKey = plain ? noKey : method->responseKey;
   if (call.httpMethod != "GET" && call.httpMethod != "POST") {
     return refusal({405, 405, "Method " + quotable(call.httpMethod) + " is not served; use GET or POST."}, responseKey);

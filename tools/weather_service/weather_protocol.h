@@ -71,6 +71,7 @@
 #include <utility>
 #include <vector>
 
+#include "faults.h"
 #include "kp/platform/date.h"
 #include "kp/service/tarvix_web_service_encryption_details.h"
 
@@ -92,6 +93,8 @@ struct WeatherServiceOptions {
   std::string forecastResponseKey = std::string(kClientInfoResponseDecryptionKey);
   // The service's clock; content times and forecasts follow it.
   std::function<Date()> clock = [] { return Date::now(); };
+  // Faults that WeatherService injects into its answers (faults.h); none when empty.
+  FaultSpec faults;
 };
 
 // One HTTP request as the service sees it.
@@ -120,6 +123,9 @@ class WeatherProtocol {
   explicit WeatherProtocol(WeatherServiceOptions options);
 
   [[nodiscard]] ServiceAnswer answer(const ServiceCall& call) const;
+  // The key that answers to `call` are sealed with; empty when they travel plain (under
+  // skipcrypt, or for a method that does not exist).
+  [[nodiscard]] std::string responseKey(const ServiceCall& call) const;
   [[nodiscard]] const WeatherServiceOptions& options() const noexcept { return options_; }
 
  private:

@@ -4,8 +4,6 @@
 // idle peer holds a socket and a small buffer, never a thread.
 #include "weather_service.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/dispatch.hpp>
@@ -17,6 +15,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
+#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -24,7 +23,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fault_answers.h"
 #include "request/header_text.h"
+#include "service_transport.h"
 
 namespace kp::weather {
 
@@ -38,24 +39,16 @@ namespace {
 
 constexpr std::uint32_t kMaxHead = 8 * 1024;
 constexpr std::uint64_t kMaxBody = 1 << 20;
-// What the bodies being received may hold together, so that many clients announcing large
-// bodies cannot take the memory that the per-request limit alone would allow them.
-constexpr std::uint64_t kBodyBudget = 64 << 20;
 constexpr auto kIdleTime = 5s;
 constexpr auto kWriteTime = 10s;
 // How long a closing connection reads on (and discards) what its peer still sends, so that
 // the refusal already written is not destroyed by a reset.
 constexpr auto kDrainTime = 1s;
-constexpr std::size_t kMaxConnections = 4096;
 constexpr std::size_t kFirstRead = 4096;
-
-// The most connections open at once: the limit, or fewer when the process may open fewer
-// files (some are kept for everything else).
-std::size_t connectionLimit() {
-  rlimit files{};
-  if (::getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur == RLIM_INFINITY) return kMaxConnections;
-  return std::clamp<std::size_t>(files.rlim_cur > 128 ? files.rlim_cur - 64 : files.rlim_cur / 2, 1, kMaxConnections);
-}
+// The pieces in which an oversized answer's filler goes out.
+constexpr std::size_t kFillerPiece = 64 * 1024;
+// Where the fault plan tells what it injected, when there is one.
+constexpr std::string_view kFaultStatusPath = "/_faults";
 
 // A refusal of the transport itself, in the failure envelope that clients read.
 ServiceAnswer refusal(int status) {
@@ -87,163 +80,6 @@ std::optional<int> statusForParseError(const beast::error_code& error) {
 }
 
 }  // namespace
-
-// What a connection needs of the service: the protocol, the log, its limits and the list of
-// open connections, through which stop() and a full house reach them.
-class Connection {
- public:
-  virtual ~Connection() = default;
-  // Closes the connection unless it is answering (then it closes after the answer).
-  // `idleOnly` closes only connections idle after an answer, whose clients know to ask again
-  // on a new one; a new connection may hold a request not yet read.
-  virtual void close(bool idleOnly) = 0;
-};
-
-class ServiceTransport {
- public:
-  ServiceTransport(const WeatherProtocol& served, const WeatherService::AccessLog& accessLog, bool withTls)
-      : protocol(served), log(accessLog), acceptor_(acceptStrand_), retry_(acceptStrand_) {
-    if (!withTls) return;
-    const auto& options = protocol.options();
-    tls.emplace(asio::ssl::context::tls_server);
-    tls->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
-                     asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
-    beast::error_code error;
-    tls->use_certificate_chain_file(options.certificatePath, error);
-    if (!error) tls->use_private_key_file(options.privateKeyPath, asio::ssl::context::pem, error);
-    if (error) {
-      throw std::runtime_error("cannot load the certificate " + options.certificatePath + " and key " +
-                               options.privateKeyPath);
-    }
-  }
-  ~ServiceTransport() { stop(); }
-  ServiceTransport(const ServiceTransport&) = delete;
-  ServiceTransport& operator=(const ServiceTransport&) = delete;
-
-  // Binds the first address of the host that takes the port and starts serving; the port.
-  int start(const std::string& host, int port) {
-    stopping = false;
-    io_.restart();  // after a stop(), whose loop ran out of work
-    beast::error_code error;
-    tcp::resolver resolver(io_);
-    const auto addresses = resolver.resolve(host, std::to_string(port), tcp::resolver::passive, error);
-    for (const auto& address : addresses) {
-      error = {};
-      acceptor_.open(address.endpoint().protocol(), error);
-      // Without SO_REUSEPORT: a port that is in use is refused, never shared.
-      if (!error) acceptor_.set_option(asio::socket_base::reuse_address(true), error);
-      if (!error) acceptor_.bind(address.endpoint(), error);
-      if (!error) acceptor_.listen(asio::socket_base::max_listen_connections, error);
-      if (!error) break;
-      beast::error_code ignored;
-      acceptor_.close(ignored);
-    }
-    if (!acceptor_.is_open()) return -1;
-    const int bound = acceptor_.local_endpoint().port();
-    accept();
-    const unsigned threads = std::clamp(std::thread::hardware_concurrency(), 2u, 4u);
-    for (unsigned i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
-    return bound;
-  }
-
-  void stop() {
-    if (threads_.empty()) return;
-    stopping = true;
-    asio::post(acceptStrand_, [this] {
-      beast::error_code ignored;
-      acceptor_.close(ignored);
-      retry_.cancel();
-    });
-    closeAll(false);
-    for (auto& thread : threads_) thread.join();
-    threads_.clear();
-  }
-
-  void opened(Connection* connection, std::weak_ptr<Connection> handle) {
-    std::lock_guard lock(mutex_);
-    open_.emplace(connection, std::move(handle));
-  }
-  void closed(Connection* connection) {
-    std::lock_guard lock(mutex_);
-    open_.erase(connection);
-  }
-
-  bool reserveBody(std::uint64_t bytes) {
-    std::uint64_t held = bodyBytes_.load();
-    do {
-      if (bytes > kBodyBudget - held) return false;
-    } while (!bodyBytes_.compare_exchange_weak(held, held + bytes));
-    return true;
-  }
-  void releaseBody(std::uint64_t bytes) { bodyBytes_ -= bytes; }
-
-  const WeatherProtocol& protocol;
-  const WeatherService::AccessLog& log;
-  std::optional<asio::ssl::context> tls;
-  std::atomic<bool> stopping{false};
-
- private:
-  void run() {
-    // A handler that throws (memory ran out) ends its connection, not the service.
-    for (;;) {
-      try {
-        io_.run();
-        return;
-      } catch (const std::exception&) {
-      }
-    }
-  }
-
-  void accept() {
-    acceptor_.async_accept(asio::make_strand(io_), [this](const beast::error_code& error, tcp::socket socket) {
-      onAccept(error, std::move(socket));
-    });
-  }
-
-  void onAccept(const beast::error_code& error, tcp::socket socket);
-
-  // After `delay`, accepts again if there is room; until then new connections wait in the
-  // listen queue.
-  void acceptLater(std::chrono::milliseconds delay) {
-    retry_.expires_after(delay);
-    retry_.async_wait([this](const beast::error_code& error) {
-      if (error || !acceptor_.is_open()) return;
-      if (openCount() >= maxConnections_) {
-        closeAll(true);
-        return acceptLater(20ms);
-      }
-      accept();
-    });
-  }
-
-  std::size_t openCount() {
-    std::lock_guard lock(mutex_);
-    return open_.size();
-  }
-
-  void closeAll(bool idleOnly) {
-    // Held outside the lock: dropping the last reference destroys a connection, which
-    // takes the lock to leave the list.
-    std::vector<std::shared_ptr<Connection>> connections;
-    {
-      std::lock_guard lock(mutex_);
-      for (const auto& [raw, handle] : open_) {
-        if (auto connection = handle.lock()) connections.push_back(std::move(connection));
-      }
-    }
-    for (const auto& connection : connections) connection->close(idleOnly);
-  }
-
-  asio::io_context io_;
-  asio::strand<asio::io_context::executor_type> acceptStrand_{asio::make_strand(io_)};
-  tcp::acceptor acceptor_;
-  asio::steady_timer retry_;
-  std::vector<std::thread> threads_;
-  const std::size_t maxConnections_ = connectionLimit();
-  std::atomic<std::uint64_t> bodyBytes_{0};
-  std::mutex mutex_;
-  std::unordered_map<Connection*, std::weak_ptr<Connection>> open_;  // GUARDED_BY(mutex_)
-};
 
 namespace {
 
@@ -390,16 +226,30 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
       call.userAgent = std::string(agent->value());
     }
     ServiceAnswer answer;
+    auto* const faults = transport_.faults.get();
+    if (faults && call.target == kFaultStatusPath) {
+      return send({.status = 200, .contentType = "application/json", .body = faults->countsJson()},
+                  request.keep_alive());
+    }
     try {
       answer = transport_.protocol.answer(call);
     } catch (const std::exception&) {
       answer = refusal(500);
+    }
+    if (faults) {
+      if (const auto fault = faults->next()) return inject(*fault, std::move(answer), call, request.keep_alive());
     }
     send(answer, request.keep_alive());
   }
 
   // Writes the answer to the request being read (its head may be unreadable).
   void send(const ServiceAnswer& answer, bool keepAlive) {
+    prepare(answer, keepAlive);
+    http::async_write(stream_, response_, bound(&Session::onWritten));
+  }
+
+  // Makes response_ the answer to the request being read.
+  void prepare(const ServiceAnswer& answer, bool keepAlive) {
     phase_ = Phase::answering;
     const bool headRead = parser_ && parser_->is_header_done();
     const auto* request = headRead ? &parser_->get() : nullptr;
@@ -421,18 +271,121 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
     }
     if (request && request->method() == http::verb::head) response_.body().clear();  // the length stays
     lowest().expires_after(kWriteTime);
-    http::async_write(stream_, response_, bound(&Session::onWritten));
   }
 
   void onWritten(const beast::error_code& error, std::size_t) {
-    if (transport_.log) transport_.log(method_, target_, static_cast<int>(response_.result_int()));
-    transport_.releaseBody(reserved_);
-    reserved_ = 0;
+    ended();
     if (phase_ == Phase::closed) return;
     if (error) return finish();
     if (!response_.keep_alive()) return closeGracefully();
     answered_ = true;
     awaitRequest();
+  }
+
+  // The answer is out (or given up): logged, and its body's share of the budget returned.
+  void ended() {
+    if (transport_.log) transport_.log(method_, target_, static_cast<int>(response_.result_int()));
+    transport_.releaseBody(reserved_);
+    reserved_ = 0;
+  }
+
+  // ---- faults (fault_answers.h) ----
+
+  void inject(const Fault& fault, ServiceAnswer answer, const ServiceCall& call, bool keepAlive) {
+    const FaultSpec& spec = transport_.faults->spec();
+    if (fault.kind == FaultKind::delay) {
+      phase_ = Phase::answering;
+      delayed_ = std::move(answer);
+      delayedKeepAlive_ = keepAlive;
+      pause_.expires_after(faulty::delayOf(fault, spec));
+      return pause_.async_wait(bound(&Session::onDelayed));
+    }
+    if (faulty::changesAnswer(fault.kind)) {
+      return send(faulty::spoiledAnswer(fault, std::move(answer), transport_.protocol.responseKey(call)), keepAlive);
+    }
+    prepare(answer, keepAlive);
+    raw_ = faulty::rawAnswer(fault, spec, response_);
+    rawOffset_ = 0;
+    sincePause_ = 0;
+    writeRaw();
+  }
+
+  void onDelayed(const beast::error_code&) {
+    if (phase_ == Phase::closed) return;
+    send(delayed_, delayedKeepAlive_);
+  }
+
+  void writeRaw() {
+    if (phase_ == Phase::closed) return;
+    if (transport_.stopping) {
+      ended();
+      return finish();
+    }
+    lowest().expires_after(kWriteTime);
+    if (rawOffset_ < raw_.bytes.size()) {
+      std::size_t size = raw_.bytes.size() - rawOffset_;
+      if (raw_.pieceSize > 0) size = std::min(size, raw_.pieceSize);
+      return asio::async_write(stream_, asio::buffer(raw_.bytes.data() + rawOffset_, size),
+                               bound(&Session::onRawWritten));
+    }
+    if (raw_.filler > 0) {
+      static const std::string filler(kFillerPiece, '.');
+      const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(raw_.filler, kFillerPiece));
+      raw_.filler -= size;
+      if (!raw_.chunked) {
+        return asio::async_write(stream_, asio::buffer(filler.data(), size), bound(&Session::onFillerWritten));
+      }
+      char length[32];
+      std::snprintf(length, sizeof length, "%zx\r\n", size);
+      chunk_ = length + filler.substr(0, size) + "\r\n" + (raw_.filler == 0 ? "0\r\n\r\n" : "");
+      return asio::async_write(stream_, asio::buffer(chunk_), bound(&Session::onFillerWritten));
+    }
+    endRaw();
+  }
+
+  void onRawWritten(const beast::error_code& error, std::size_t size) {
+    if (phase_ == Phase::closed) return;
+    if (error) {
+      ended();
+      return finish();
+    }
+    rawOffset_ += size;
+    sincePause_ += size;
+    if (raw_.pauseEvery > 0 && sincePause_ >= raw_.pauseEvery && rawOffset_ < raw_.bytes.size()) {
+      sincePause_ = 0;
+      pause_.expires_after(raw_.pause);
+      return pause_.async_wait([self = this->shared_from_this()](const beast::error_code&) { self->writeRaw(); });
+    }
+    writeRaw();
+  }
+
+  void onFillerWritten(const beast::error_code& error, std::size_t) {
+    if (phase_ == Phase::closed) return;
+    if (error) {
+      ended();
+      return finish();  // the client gave up on the answer, as it should
+    }
+    writeRaw();
+  }
+
+  void endRaw() {
+    ended();
+    switch (raw_.ending) {
+      case faulty::RawAnswer::Ending::asUsual:
+        if (!response_.keep_alive()) return closeGracefully();
+        answered_ = true;
+        return awaitRequest();
+      case faulty::RawAnswer::Ending::close:
+        return closeGracefully();
+      case faulty::RawAnswer::Ending::reset: {
+        // A zero linger time makes the close a reset.
+        beast::error_code ignored;
+        lowest().socket().set_option(asio::socket_base::linger(true, 0), ignored);
+        phase_ = Phase::closed;
+        lowest().close();
+        return;
+      }
+    }
   }
 
   // Ends the connection after an answer: TLS says so; TCP stops sending and reads on for a
@@ -476,6 +429,14 @@ class Session final : public Connection, public std::enable_shared_from_this<Ses
   std::string method_;
   std::string target_;
   std::uint64_t reserved_ = 0;
+  // A fault's state: the delayed answer, or the bytes being written and where they stand.
+  asio::steady_timer pause_{lowest().get_executor()};
+  ServiceAnswer delayed_;
+  bool delayedKeepAlive_ = false;
+  faulty::RawAnswer raw_;
+  std::size_t rawOffset_ = 0;
+  std::size_t sincePause_ = 0;
+  std::string chunk_;
   Phase phase_ = Phase::starting;
   bool answered_ = false;
   bool closeAfterAnswer_ = false;
@@ -543,6 +504,8 @@ void WeatherService::start() {
 }
 
 void WeatherService::stop() { transport_->stop(); }
+
+const FaultPlan* WeatherService::faults() const noexcept { return transport_->faults.get(); }
 
 std::string WeatherService::baseUrl() const {
   const std::string& host = protocol_.options().host;

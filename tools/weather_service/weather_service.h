@@ -22,6 +22,12 @@
 //   - Range is ignored: every answer is whole (status 200 or the refusal's status).
 // Refusals of the transport carry the service's failure envelope and close the connection.
 //
+// Faults. With options.faults set (faults.h), the service spoils a share of its answers:
+// delays them, dribbles them, cuts or resets their connections, answers 500 or 503, sends
+// the failure envelope, seals them with another key, oversizes them or gets their length
+// wrong. It counts what it injected (faults()), and answers GET /_faults, never spoiled, with
+// those counts: {"answers":N,"seed":S,"injected":{"delay":n,...}}.
+//
 // Thread safety: start() and stop() from one owning thread; the accessors from any thread
 // after start() returned. The access log is called on the serving threads, possibly at once.
 //
@@ -67,6 +73,8 @@ class WeatherService {
   // "http://127.0.0.1:41234" ("https" with TLS; IPv6 hosts in brackets).
   [[nodiscard]] std::string baseUrl() const;
   [[nodiscard]] const WeatherProtocol& protocol() const noexcept { return protocol_; }
+  // The faults planned and injected so far; null without faults.
+  [[nodiscard]] const FaultPlan* faults() const noexcept;
 
  private:
   WeatherProtocol protocol_;

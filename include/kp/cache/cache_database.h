@@ -11,6 +11,10 @@
 // last saves, never the file's integrity, and saves do not wait for the disk each time. The
 // file stays a plain SQLite database that the sqlite3 shell opens.
 //
+// Each statement is prepared once per connection, on its first use, and kept: a run binds it,
+// steps it and then resets it and clears its bindings, so that the next run (of any thread)
+// finds it fresh and no finished read keeps a snapshot of the file open.
+//
 // Thread safety: every operation may be called from any thread; each statement runs under the
 // database's own lock, and vacuuming runs after the calling operation released it.
 //
@@ -28,6 +32,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "kp/cache/cacheable.h"
@@ -156,6 +161,12 @@ class CacheControllerDatabase {
   [[nodiscard]] std::int64_t storedVersion();  // REQUIRES: mutex_ held
   [[nodiscard]] std::vector<CacheRowSummary> summaries(std::string_view sql, const std::vector<SQLiteValue>& bindings);
   void configureConnection();  // REQUIRES: mutex_ held
+  // Opens the connection at `url`; false (and no connection) when it cannot be opened.
+  bool open(const std::string& url);  // REQUIRES: mutex_ held
+  // Drops the connection, which stays open unused, and finalizes its statements.
+  void dropConnection();  // REQUIRES: mutex_ held
+  // The connection's statement for `sql`, prepared on first use; null when it cannot be.
+  [[nodiscard]] SQLitePreparedStatement* statement(std::string_view sql);  // REQUIRES: mutex_ held
   // The rows of one statement (only the first with `firstOnly`); none on any failure.
   template <SQLiteColumn Column = CacheItemColumns>
   [[nodiscard]] std::vector<SQLiteRow<Column>> rows(std::string_view sql, const std::vector<SQLiteValue>& bindings,
@@ -169,6 +180,13 @@ class CacheControllerDatabase {
   std::filesystem::path path_;
   mutable std::mutex mutex_;
   std::unique_ptr<SQLiteDatabase> db_;  // guarded by mutex_
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
+  };
+  // The statements of db_, by their SQL text.
+  std::unordered_map<std::string, std::unique_ptr<SQLitePreparedStatement>, TextHash, std::equal_to<>>
+      statements_;  // guarded by mutex_
 };
 
 }  // namespace kp

@@ -1,7 +1,7 @@
 // A thin, typed layer over SQLite: a database that prepares statements, a prepared statement
-// that binds values by position, executes and reads rows, and a typed row whose cells are
-// tagged values addressed by a column vocabulary. No transactions, busy handling, schema
-// knowledge or pooling: one object holds one connection.
+// that binds values by position, executes and reads rows, and can be reset for another run,
+// and a typed row whose cells are tagged values addressed by a column vocabulary. No
+// transactions, busy handling, schema knowledge or pooling: one object holds one connection.
 //
 // Failures are thrown as SQLiteDatabaseError or SQLiteStatementError; they carry no SQLite
 // code or message. A failed binding leaves the statement usable.
@@ -145,6 +145,9 @@ class SQLitePreparedStatement {
   // ends the result set).
   [[nodiscard]] virtual std::optional<SQLiteCells> readCells() = 0;
   [[nodiscard]] virtual std::vector<SQLiteCells> readAllCells() = 0;
+  // Makes the statement fresh again for another run: its result set ends, its bindings are
+  // cleared and the binding position is 1. Nothing on a finalized statement.
+  virtual void reset() noexcept = 0;
   // Releases the statement; idempotent. Every later bind, execute or read fails.
   virtual void finalize() noexcept = 0;
 
@@ -204,6 +207,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
   PreparedStatement& execute() override;
   [[nodiscard]] std::optional<SQLiteCells> readCells() override;
   [[nodiscard]] std::vector<SQLiteCells> readAllCells() override;
+  void reset() noexcept override;
   void finalize() noexcept override;
 
   [[nodiscard]] std::int32_t currentBindingPosition() const noexcept { return currentBindingPosition_; }

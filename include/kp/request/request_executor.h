@@ -52,8 +52,10 @@ class RequestExecutor final : public std::enable_shared_from_this<RequestExecuto
   [[nodiscard]] std::shared_ptr<RequestTicketType> executeLoadingCacheSynchronously();
 
   // The request's result arrived: settles the ticket and saves a fresh success in the cache.
-  // Does nothing once the ticket is finished or failed, or when the request is gone.
-  void handleFinished(const std::shared_ptr<RequestResult>& result);
+  // Does nothing once the ticket is finished or failed, or when the request is gone. Returns
+  // whether the result goes on to the request's completion: not a success that arrives after
+  // a cancel settled the ticket, since the caller was promised that nothing follows a cancel.
+  [[nodiscard]] bool handleFinished(const std::shared_ptr<RequestResult>& result);
   // Cancels the request on its queue, unless the ticket already finished or failed.
   void cancel();
 

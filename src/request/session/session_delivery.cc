@@ -2,7 +2,8 @@
 // session's serial delegate queue, so the callbacks of one task never overlap; when that
 // queue is idle the driver runs a callback itself, as the queue's item. Answers come back
 // from any thread as commands for the driver. A small transfer that ended within one driver
-// pass reaches the delegate as one job (deliverWhole).
+// pass reaches the delegate as one job (deliverWhole), and so do the body that arrived in the
+// pass that ended its transfer and the completion.
 #include "request/session/session_state.h"
 #include "request/session/url_errors.h"
 
@@ -252,6 +253,7 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
   detach(t);
   releaseTransfer(t);
   t.heldBody = Data();
+  Data lastBody = std::exchange(t.passBody, Data());
   if (t.outcomeTaken.exchange(true)) {
     // Reported on the delegate queue already.
     running.erase(t.id);
@@ -287,7 +289,16 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
       std::filesystem::remove(path, ignored);
     }
   }
-  deliver([task, error](UrlSession& s, UrlSessionDelegate& d) { d.didComplete(s, *task, error); });
+  if (lastBody.empty()) {
+    deliver([task, error](UrlSession& s, UrlSessionDelegate& d) { d.didComplete(s, *task, error); });
+  } else {
+    // The rest of the body and the end as one job: a small body that came after its head
+    // costs no thread hand-off more than one that came with it.
+    deliver([task, error, body = bodyDelivery(task, std::move(lastBody))](UrlSession& s, UrlSessionDelegate& d) {
+      body(s, d);
+      d.didComplete(s, *task, error);
+    });
+  }
   running.erase(t.id);
   forget(t);
   checkInvalidationDone();

@@ -4,8 +4,8 @@
 //
 // Every curl call for the session's transfers happens on this thread; other threads post
 // commands (resume, cancel, the delegate's answers) and wake the poll, which is woken only
-// when it is blocked. Drivers watch briefly for their next event before they sleep (see
-// SpinWait), because a thread wake-up costs as much as a small exchange with a nearby server.
+// when it is blocked. Nothing spins: on a machine whose other CPUs are busy, a spinning
+// driver takes the time that the caller and the server need.
 #include <algorithm>
 
 #include "request/session/session_state.h"
@@ -40,24 +40,27 @@ UrlSession::Impl::~Impl() { releaseTransport(std::move(transport)); }
 
 void UrlSession::Impl::post(std::function<void()> command, bool urgent) {
   bool start = false;
+  bool wakeDriver = false;
   {
     std::lock_guard lock(mutex);
     // An ended session has handed its transport on; nothing done to it can matter now.
     if (transport.multi == nullptr) return;
     commands.push_back(std::move(command));
-    pendingCommands.store(true, std::memory_order_release);
     if (!threadRunning) {
       threadRunning = start = true;
     } else if (urgent && polling) {
       // A busy driver looks at the commands before it polls again.
       polling = false;
-      curl_multi_wakeup(transport.multi);
+      wakeDriver = true;
     }
   }
+  // Outside the lock: the woken driver's first step is to take it.
+  if (wakeDriver) wake();
   if (start) internal::DriverThreads::instance().run([self = shared_from_this()] { self->run(); });
 }
 
 void UrlSession::Impl::wake() {
+  if (wakeup.signal()) return;
   std::lock_guard lock(mutex);
   if (transport.multi) curl_multi_wakeup(transport.multi);
 }
@@ -73,7 +76,6 @@ void UrlSession::Impl::run() {
         return;
       }
       batch.swap(commands);
-      pendingCommands.store(false, std::memory_order_relaxed);
     }
     for (auto& command : batch) command();
     int stillRunning = 0;
@@ -81,13 +83,14 @@ void UrlSession::Impl::run() {
     readMessages();
     askDeferred();
     int waitMs = expireTimeouts();
+    handOnGatheredBodies();
     if (invalidationDone) {
       endInvalidation();
       return;
     }
     if (handedOver > 0) waitMs = std::min(waitMs, kSettleWaitMs);
     if (!running.empty()) idleSince = Clock::now();
-    if (waitMs > 0) waitForWork(waitMs);
+    if (waitMs > 0) waitInPoll(waitMs);
   }
 }
 
@@ -116,30 +119,16 @@ void UrlSession::Impl::releaseTransport(internal::Transport done) {
   if (done.multi && !carriedTls) internal::TransportPool::instance().release(std::move(done));
 }
 
-// Sleeps in the poll until a socket or a command needs the driver, or `waitMs` pass;
-// spins first when such waits have been short (see SpinWait).
-void UrlSession::Impl::waitForWork(int waitMs) {
-  const bool transfers = !running.empty();
-  internal::SpinWait& spin = transfers ? transferSpin : idleSpin;
-  const auto started = Clock::now();
-  const bool woken = spin.spin([&] {
-    if (pendingCommands.load(std::memory_order_acquire)) return true;
-    if (!transfers) return false;
-    int ready = 0;
-    curl_multi_poll(transport.multi, nullptr, 0, 0, &ready);
-    return ready > 0;
-  });
-  if (!woken) waitInPoll(waitMs);
-  spin.record(Clock::now() - started);
-}
-
+// Sleeps in the poll until a socket or a command needs the driver, or `waitMs` pass.
 void UrlSession::Impl::waitInPoll(int waitMs) {
   {
     std::lock_guard lock(mutex);
     if (!commands.empty()) return;
     polling = true;
   }
-  curl_multi_poll(transport.multi, nullptr, 0, waitMs, nullptr);
+  curl_waitfd event{wakeup.descriptor(), CURL_WAIT_POLLIN, 0};
+  curl_multi_poll(transport.multi, wakeup.valid() ? &event : nullptr, wakeup.valid() ? 1 : 0, waitMs, nullptr);
+  if (event.revents != 0) wakeup.clear();
   std::lock_guard lock(mutex);
   polling = false;
 }

@@ -29,7 +29,7 @@
 #include <vector>
 
 #include "kp/request/url_session.h"
-#include "platform/spin_wait.h"
+#include "platform/wakeup_event.h"
 #include "request/header_text.h"
 #include "request/session/task_state.h"
 #include "request/session/transport.h"
@@ -44,6 +44,8 @@ inline constexpr std::size_t kMaximumHeldBody = 1 << 20;
 // Data handed to the delegate queue but not yet consumed; beyond it the transfer pauses.
 inline constexpr std::int64_t kMaximumPendingBytes = 8 << 20;
 inline constexpr std::int64_t kResumePendingBytes = 2 << 20;
+// Body gathered within one driver pass before it goes to the delegate queue regardless.
+inline constexpr std::size_t kMaximumGatheredBody = 256 << 10;
 
 using TrustDecision = std::pair<AuthChallengeDisposition, std::shared_ptr<const UrlCredential>>;
 
@@ -66,15 +68,16 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   const std::shared_ptr<DispatchQueue> delegateQueue;
   std::weak_ptr<UrlSession> owner;
   // The driver thread uses it without the lock; it alone changes it, under the lock, when
-  // the session has ended. Other threads only wake its multi handle, under the lock.
+  // the session has ended.
   internal::Transport transport;
+  // What other threads wake the driver's poll with; without a descriptor, they use the multi
+  // handle's own wake-up, under the lock.
+  platform::WakeupEvent wakeup;
 
   mutable std::mutex mutex;
-  std::shared_ptr<UrlSessionDelegate> delegate;  // guarded by mutex
-  std::shared_ptr<UrlSession> keepAlive;         // guarded by mutex
-  std::deque<std::function<void()>> commands;    // guarded by mutex
-  // !commands.empty(), for a spinning driver to watch without the lock.
-  std::atomic<bool> pendingCommands{false};
+  std::shared_ptr<UrlSessionDelegate> delegate;                                // guarded by mutex
+  std::shared_ptr<UrlSession> keepAlive;                                       // guarded by mutex
+  std::deque<std::function<void()>> commands;                                  // guarded by mutex
   std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks;  // guarded by mutex
   std::uint64_t nextTaskIdentifier = 1;                                        // guarded by mutex
   bool threadRunning = false;                                                  // guarded by mutex
@@ -88,24 +91,24 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   std::unordered_map<std::uint64_t, TaskPtr> running;
   // Heads completed during this pass whose disposition question is still to be asked.
   std::vector<TaskPtr> deferredHeads;
+  // Tasks whose body received during this pass has not gone to the delegate yet.
+  std::vector<TaskPtr> gatheredBodies;
   // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
   std::size_t handedOver = 0;
   // A transfer has used https (its connections must not outlive the session).
   bool carriedTls = false;
   bool invalidating = false;
   bool invalidationDone = false;
-  internal::SpinWait transferSpin{internal::kDriverSpin};
-  internal::SpinWait idleSpin{internal::kDriverSpin};
 
   // MARK: Any thread (session_driver.cc, session_delivery.cc)
 
   // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
   void post(std::function<void()> command, bool urgent = true);
-  // Wakes the driver from its poll, if the session still has a transport.
+  // Wakes the driver from its poll. Called without `mutex` held: the woken driver takes it.
   void wake();
   // Queues a delegate callback; false when there is no delegate any more.
-  // `mayRunHere` false: always on another thread, for body data, whose handling then overlaps
-  // with receiving the next piece.
+  // `mayRunHere` false: always on the delegate queue's own thread, for body data, whose
+  // handling then overlaps with receiving the next piece.
   bool deliver(Delivery call, bool mayRunHere = true);
 
   // MARK: The driver (session_driver.cc)
@@ -113,7 +116,6 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   void run();
   void endInvalidation();
   void releaseTransport(internal::Transport done);
-  void waitForWork(int waitMs);
   void waitInPoll(int waitMs);
   void start(const TaskPtr& task);
   void beginHop(const TaskPtr& task);
@@ -134,6 +136,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   void headComplete(UrlSessionTask::Impl& t);
   static size_t onWrite(char* bytes, size_t size, size_t count, void* user);
   bool consumeBody(const TaskPtr& task, const void* bytes, size_t length);
+  // Hands the body gathered in this pass to the delegate queue's own thread.
+  void handOnBody(const TaskPtr& task);
+  void handOnGatheredBodies();
+  Delivery bodyDelivery(const TaskPtr& task, Data chunk);
   static int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded);
   ErrorPtr errorFor(UrlSessionTask::Impl& t, CURLcode code);
   void releaseTransfer(UrlSessionTask::Impl& t);

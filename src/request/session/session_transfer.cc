@@ -237,20 +237,38 @@ bool UrlSession::Impl::consumeBody(const TaskPtr& task, const void* bytes, size_
     }
     return true;
   }
-  const auto size = static_cast<std::int64_t>(length);
-  t.pendingBytes += size;
-  auto self = shared_from_this();
-  deliver(
-      [self, task, chunk = Data(bytes, length), size](UrlSession& s, UrlSessionDelegate& d) {
-        d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), chunk);
-        auto& ti = task->impl();
-        if (ti.pendingBytes.fetch_sub(size) - size <= internal::kResumePendingBytes &&
-            ti.backpressured.exchange(false)) {
-          self->post([self, task] { self->unpause(task); });
-        }
-      },
-      false);
+  // Gathered until the end of the driver's pass: a body that ends in the same pass reaches the
+  // delegate with the completion, in one job.
+  t.pendingBytes += static_cast<std::int64_t>(length);
+  if (t.passBody.empty()) gatheredBodies.push_back(task);
+  t.passBody.append(bytes, length);
+  if (t.passBody.size() >= internal::kMaximumGatheredBody) handOnBody(task);
   return true;
+}
+
+// The body gathered in this pass goes to the delegate queue's own thread, so that its
+// handling overlaps with receiving the rest.
+void UrlSession::Impl::handOnBody(const TaskPtr& task) {
+  auto& t = task->impl();
+  if (t.passBody.empty()) return;
+  deliver(bodyDelivery(task, std::exchange(t.passBody, Data())), false);
+}
+
+void UrlSession::Impl::handOnGatheredBodies() {
+  std::vector<TaskPtr> tasks;
+  tasks.swap(gatheredBodies);
+  for (auto& task : tasks) handOnBody(task);
+}
+
+UrlSession::Impl::Delivery UrlSession::Impl::bodyDelivery(const TaskPtr& task, Data chunk) {
+  const auto size = static_cast<std::int64_t>(chunk.size());
+  return [self = shared_from_this(), task, chunk = std::move(chunk), size](UrlSession& s, UrlSessionDelegate& d) {
+    d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), chunk);
+    auto& ti = task->impl();
+    if (ti.pendingBytes.fetch_sub(size) - size <= internal::kResumePendingBytes && ti.backpressured.exchange(false)) {
+      self->post([self, task] { self->unpause(task); });
+    }
+  };
 }
 
 int UrlSession::Impl::onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {

@@ -79,6 +79,8 @@ struct UrlSessionTask::Impl {
   std::shared_ptr<const HttpUrlResponse> hopResponse;
   std::optional<UrlRequest> redirectRequest;
   Data heldBody;
+  // Body received during this driver pass, not yet handed to the delegate.
+  Data passBody;
   int redirects = 0;
   bool awaitingDisposition = false;
   // The head is complete and the question goes out at the end of this driver pass.

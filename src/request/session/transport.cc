@@ -7,7 +7,6 @@
 
 #include "platform/no_destructor.h"
 #include "platform/openssl_lifetime.h"
-#include "platform/spin_wait.h"
 
 namespace kp::internal {
 
@@ -117,7 +116,6 @@ DriverThreads& DriverThreads::instance() {
 void DriverThreads::run(std::function<void()> driver) {
   std::unique_lock lock(mutex_);
   drivers_.push_back(std::move(driver));
-  queued_.store(drivers_.size(), std::memory_order_release);
   if (waiting_ >= drivers_.size()) {
     lock.unlock();
     available_.notify_one();
@@ -128,19 +126,10 @@ void DriverThreads::run(std::function<void()> driver) {
 }
 
 void DriverThreads::serve() {
-  // A session made per request starts its driver right after the last one ended.
-  SpinWait spin(kDriverSpin);
   std::unique_lock lock(mutex_);
   for (;;) {
     ++waiting_;
-    const auto started = Clock::now();
-    if (drivers_.empty()) {
-      lock.unlock();
-      spin.spin([this] { return queued_.load(std::memory_order_acquire) > 0; });
-      lock.lock();
-    }
     const bool got = available_.wait_for(lock, kIdleLifetime, [this] { return !drivers_.empty(); });
-    spin.record(Clock::now() - started);
     --waiting_;
     if (!got) {
       lock.unlock();
@@ -150,7 +139,6 @@ void DriverThreads::serve() {
     }
     auto driver = std::move(drivers_.front());
     drivers_.pop_front();
-    queued_.store(drivers_.size(), std::memory_order_relaxed);
     lock.unlock();
     driver();
     driver = nullptr;

@@ -9,7 +9,6 @@
 
 #include <curl/curl.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -22,10 +21,6 @@
 namespace kp::internal {
 
 using Clock = std::chrono::steady_clock;
-
-// How long a driver watches for its next event before it sleeps (see SpinWait): about the
-// time a small exchange with a nearby server takes.
-inline constexpr std::chrono::microseconds kDriverSpin{100};
 
 // One share handle for DNS answers, used by every session's transfers.
 class DnsShare {
@@ -108,9 +103,7 @@ class DriverThreads {
   std::mutex mutex_;
   std::condition_variable available_;
   std::deque<std::function<void()>> drivers_;  // guarded by mutex_
-  // drivers_.size(), for spinning threads to watch without the lock.
-  std::atomic<std::size_t> queued_{0};
-  std::size_t waiting_ = 0;  // guarded by mutex_
+  std::size_t waiting_ = 0;                    // guarded by mutex_
 };
 
 }  // namespace kp::internal
