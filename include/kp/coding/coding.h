@@ -492,119 +492,121 @@ template <>
 struct Coding<Date> {
   static void encode(Encoder& e, Date v) { e.encodeValue(Value(v)); }            // writes `v`
   static Date decode(const Decoder& d) { return coding_detail::decodeDate(d); }  // reads a date
+};
 
-  // URLs travel as their text.
-  template <>
-  struct Coding<Url> {
-    static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }  // writes the text
-    static Url decode(const Decoder& d);  // reads the text; fails when it is no URL
-  };
+// URLs travel as their text.
+template <>
+struct Coding<Url> {
+  static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }  // writes the text
+  static Url decode(const Decoder& d);  // reads the text; fails when it is no URL
+};
 
-  // Trees, as they are.
-  template <>
-  struct Coding<Value> {
-    static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }  // writes `v`
-    static Value decode(const Decoder& d) { return d.value(); }           // a copy of the tree
+// Trees, as they are.
+template <>
+struct Coding<Value> {
+  static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }  // writes `v`
+  static Value decode(const Decoder& d) { return d.value(); }           // a copy of the tree
+};
 
-    template <class T>
-    struct Coding<std::optional<T>> {
-      static void encode(Encoder& e, const std::optional<T>& v) {
-        if (v) {
-          Coding<T>::encode(e, *v);
-        } else {
-          e.encodeNil();
-        }
-      }
-      static std::optional<T> decode(const Decoder& d) {
-        if (d.decodeNil()) return std::nullopt;
-        return Coding<T>::decode(d);
-      }
-    };
-
-    template <class T, class A>
-    struct Coding<std::vector<T, A>> {
-      static void encode(Encoder& e, const std::vector<T, A>& v) {
-        UnkeyedEncoder list = e.unkeyed();
-        list.reserve(v.size());
-        for (const auto& item : v) list.encode(item);
-      }
-      static std::vector<T, A> decode(const Decoder& d) {
-        UnkeyedDecoder list = d.unkeyed();
-        std::vector<T, A> out;
-        out.reserve(list.count());
-        while (!list.isAtEnd()) out.push_back(list.template decode<T>());
-        return out;
-      }
-    };
-
-    namespace coding_detail {
-    template <class M>
-    struct MapCoding {
-      static void encode(Encoder& e, const M& m) {
-        KeyedEncoder keyed = e.keyed();
-        for (const auto& [k, v] : m) {
-          Encoder child = keyed.encoderForNewKey(k);
-          Coding<typename M::mapped_type>::encode(child, v);
-        }
-      }
-      static M decode(const Decoder& d) {
-        KeyedDecoder keyed = d.keyed();
-        M out;
-        keyed.template decodeEach<typename M::mapped_type>(
-            [&](std::string_view k, auto&& v) { out.insert_or_assign(std::string(k), std::forward<decltype(v)>(v)); });
-        return out;
-      }
-    };
-    }  // namespace coding_detail
-
-    template <class T, class C, class A>
-    struct Coding<std::map<std::string, T, C, A>> : coding_detail::MapCoding<std::map<std::string, T, C, A>> {};
-    template <class T, class H, class Q, class A>
-    struct Coding<std::unordered_map<std::string, T, H, Q, A>>
-        : coding_detail::MapCoding<std::unordered_map<std::string, T, H, Q, A>> {};
-
-    // Records that describe their members: each member under its own name, in declaration order.
-    template <class T>
-    struct Coding<T, std::enable_if_t<coding_detail::Described<T>>> {
-      using Members = boost::describe::describe_members<T, boost::describe::mod_any_access>;
-      static void encode(Encoder& e, const T& v) {
-        KeyedEncoder keyed = e.keyed();
-        boost::mp11::mp_for_each<Members>([&](auto m) { keyed.encode(m.name, v.*m.pointer); });
-      }
-      static T decode(const Decoder& d) {
-        KeyedDecoder keyed = d.keyed();
-        T out{};
-        boost::mp11::mp_for_each<Members>([&](auto m) {
-          using M = std::remove_cvref_t<decltype(out.*m.pointer)>;
-          out.*m.pointer = keyed.template decode<M>(m.name);
-        });
-        return out;
-      }
-    };
-
-    // Whether T encodes as a bare scalar (a property list cannot hold one at its top level).
-    template <class T>
-    inline constexpr bool kIsScalarCodable =
-        std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_same_v<T, std::string> || std::is_same_v<T, Data> ||
-        std::is_same_v<T, Date> || std::is_same_v<T, Url>;
-
-    // Runs an encoding of `value` into a tree.
-    template <class T>
-    Value encodeToValue(const T& value, const UserInfo& userInfo = {}) {
-      Value root;
-      const coding_detail::EncodingContext ctx{&userInfo};
-      Encoder e(&root, &ctx);
-      Coding<T>::encode(e, value);
-      return root;
+template <class T>
+struct Coding<std::optional<T>> {
+  static void encode(Encoder& e, const std::optional<T>& v) {
+    if (v) {
+      Coding<T>::encode(e, *v);
+    } else {
+      e.encodeNil();
     }
+  }
+  static std::optional<T> decode(const Decoder& d) {
+    if (d.decodeNil()) return std::nullopt;
+    return Coding<T>::decode(d);
+  }
+};
 
-    // Decodes a T from a tree.
-    template <class T>
-    T decodeFromValue(const Value& root, const UserInfo& userInfo = {},
-                      DateStrategy dates = DateStrategy::secondsSinceReferenceDate) {
-      const coding_detail::DecodingContext ctx{&userInfo, dates};
-      const Decoder d(&root, &ctx);
-      return Coding<T>::decode(d);
+template <class T, class A>
+struct Coding<std::vector<T, A>> {
+  static void encode(Encoder& e, const std::vector<T, A>& v) {
+    UnkeyedEncoder list = e.unkeyed();
+    list.reserve(v.size());
+    for (const auto& item : v) list.encode(item);
+  }
+  static std::vector<T, A> decode(const Decoder& d) {
+    UnkeyedDecoder list = d.unkeyed();
+    std::vector<T, A> out;
+    out.reserve(list.count());
+    while (!list.isAtEnd()) out.push_back(list.template decode<T>());
+    return out;
+  }
+};
+
+namespace coding_detail {
+template <class M>
+struct MapCoding {
+  static void encode(Encoder& e, const M& m) {
+    KeyedEncoder keyed = e.keyed();
+    for (const auto& [k, v] : m) {
+      Encoder child = keyed.encoderForNewKey(k);
+      Coding<typename M::mapped_type>::encode(child, v);
     }
+  }
+  static M decode(const Decoder& d) {
+    KeyedDecoder keyed = d.keyed();
+    M out;
+    keyed.template decodeEach<typename M::mapped_type>(
+        [&](std::string_view k, auto&& v) { out.insert_or_assign(std::string(k), std::forward<decltype(v)>(v)); });
+    return out;
+  }
+};
+}  // namespace coding_detail
 
-  }  // namespace kp
+template <class T, class C, class A>
+struct Coding<std::map<std::string, T, C, A>> : coding_detail::MapCoding<std::map<std::string, T, C, A>> {};
+template <class T, class H, class Q, class A>
+struct Coding<std::unordered_map<std::string, T, H, Q, A>>
+    : coding_detail::MapCoding<std::unordered_map<std::string, T, H, Q, A>> {};
+
+// Records that describe their members: each member under its own name, in declaration order.
+template <class T>
+struct Coding<T, std::enable_if_t<coding_detail::Described<T>>> {
+  using Members = boost::describe::describe_members<T, boost::describe::mod_any_access>;
+  static void encode(Encoder& e, const T& v) {
+    KeyedEncoder keyed = e.keyed();
+    boost::mp11::mp_for_each<Members>([&](auto m) { keyed.encode(m.name, v.*m.pointer); });
+  }
+  static T decode(const Decoder& d) {
+    KeyedDecoder keyed = d.keyed();
+    T out{};
+    boost::mp11::mp_for_each<Members>([&](auto m) {
+      using M = std::remove_cvref_t<decltype(out.*m.pointer)>;
+      out.*m.pointer = keyed.template decode<M>(m.name);
+    });
+    return out;
+  }
+};
+
+// Whether T encodes as a bare scalar (a property list cannot hold one at its top level).
+template <class T>
+inline constexpr bool kIsScalarCodable =
+    std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_same_v<T, std::string> || std::is_same_v<T, Data> ||
+    std::is_same_v<T, Date> || std::is_same_v<T, Url>;
+
+// Runs an encoding of `value` into a tree.
+template <class T>
+Value encodeToValue(const T& value, const UserInfo& userInfo = {}) {
+  Value root;
+  const coding_detail::EncodingContext ctx{&userInfo};
+  Encoder e(&root, &ctx);
+  Coding<T>::encode(e, value);
+  return root;
+}
+
+// Decodes a T from a tree.
+template <class T>
+T decodeFromValue(const Value& root, const UserInfo& userInfo = {},
+                  DateStrategy dates = DateStrategy::secondsSinceReferenceDate) {
+  const coding_detail::DecodingContext ctx{&userInfo, dates};
+  const Decoder d(&root, &ctx);
+  return Coding<T>::decode(d);
+}
+
+}  // namespace kp
