@@ -33,19 +33,22 @@
 
 namespace kp {
 
+// The levels of the system log, lowest first.
 enum class OSLogType : std::uint8_t { debug, info, default_, error, fault };
 
 // "debug", "info", "default", "error" or "fault".
 [[nodiscard]] std::string_view name(OSLogType type) noexcept;
 
+// Where an entry was logged from.
 struct OSLogCodeLocation {
-  std::string_view file;
-  int line = 0;
-  std::string_view function;
+  std::string_view file;      // the source path
+  int line = 0;               // the line
+  std::string_view function;  // the function name
 };
 
 class SystemLog {
  public:
+  // Where a system log writes.
   struct Options {
     // The journal's native socket; empty means the system journal's. A namespaced journal
     // listens on /run/systemd/journal.<namespace>/socket.
@@ -54,32 +57,37 @@ class SystemLog {
     int fallbackDescriptor = 2;
   };
 
+  // One entry.
   struct Entry {
-    std::string_view subsystem;
-    std::string_view category;
-    OSLogType type = OSLogType::default_;
-    std::string_view message;
-    OSLogCodeLocation where;
+    std::string_view subsystem;            // the program's subsystem, "com.example.app"
+    std::string_view category;             // the part of it, "Network"
+    OSLogType type = OSLogType::default_;  // the level
+    std::string_view message;              // the text
+    OSLogCodeLocation where;               // where it was logged from
   };
 
   virtual ~SystemLog() = default;
 
   // The system journal with standard error as fallback; made once, never destroyed.
   [[nodiscard]] static const std::shared_ptr<SystemLog>& shared();
+  // A system log writing as `options` say.
   [[nodiscard]] static std::shared_ptr<SystemLog> make(Options options);
 
   // Writes one entry. True when the journal took it, false when it went to the fallback.
   virtual bool write(const Entry& entry) noexcept = 0;
 };
 
+// Writes entries of one subsystem and category to a system log.
 class OSLogger {
  public:
+  // Entries of `subsystem` and `category`, written to `systemLog`.
   OSLogger(std::string subsystem, std::string category, std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 
-  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }
-  [[nodiscard]] const std::string& category() const noexcept { return category_; }
+  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }  // the subsystem
+  [[nodiscard]] const std::string& category() const noexcept { return category_; }    // the category
   // Every type: the journal filters by its own MaxLevelStore, which a client cannot read.
   [[nodiscard]] bool isEnabled(OSLogType type) const noexcept;
+  // Writes one entry.
   void log(OSLogType type, std::string_view message, const OSLogCodeLocation& where = {}) const noexcept;
 
  private:
