@@ -27,10 +27,12 @@
 
 namespace kp {
 
+// A version number major.minor.patch.
 struct OperatingSystemVersion {
-  int majorVersion = 0;
-  int minorVersion = 0;
-  int patchVersion = 0;
+  int majorVersion = 0;  // 22 in 22.4.0
+  int minorVersion = 0;  // 4 in 22.4.0
+  int patchVersion = 0;  // 0 in 22.4.0
+  // Compared part by part, major first.
   friend auto operator<=>(const OperatingSystemVersion&, const OperatingSystemVersion&) = default;
 
   // Up to three dot-separated decimal numbers at the start of `text`, the missing ones 0:
@@ -39,8 +41,9 @@ struct OperatingSystemVersion {
   [[nodiscard]] static std::optional<OperatingSystemVersion> parse(std::string_view text) noexcept;
 };
 
+// The operating system and kernel the library runs on.
 struct OperatingSystem {
-  static constexpr std::string_view kUnknown = "unknown";
+  static constexpr std::string_view kUnknown = "unknown";  // what a fact nobody gave reads as
 
   std::string name = std::string(kUnknown);             // os-release NAME, "Debian GNU/Linux"
   std::string identifier = std::string(kUnknown);       // ID, "debian"
@@ -55,17 +58,19 @@ struct OperatingSystem {
   [[nodiscard]] static OperatingSystem fromOsRelease(std::string_view osRelease, std::string_view kernelRelease);
 };
 
+// What the library knows of the device.
 struct DeviceFacts {
-  DeviceKind kind = DeviceKind::unknown;
-  std::string chassis;        // the source's word, empty when none said
-  std::string chassisSource;  // "hostnamed", "dmi", or empty
-  OperatingSystem operatingSystem;
+  DeviceKind kind = DeviceKind::unknown;  // from the chassis
+  std::string chassis;                    // the source's word, empty when none said
+  std::string chassisSource;              // "hostnamed", "dmi", or empty
+  OperatingSystem operatingSystem;        // the system and kernel
   // The built-in display's diagonal if the machine has one connected, else the largest
   // connected display's; nothing when no display states its size.
   std::optional<double> screenDiagonalInches;
   std::string screenConnector;  // the display measured, "eDP-1"
 };
 
+// The device facts of this machine.
 class DeviceInformation {
  public:
   // The process-wide instance over the host's sources; made on first use, never destroyed.
@@ -76,7 +81,7 @@ class DeviceInformation {
 
   // The facts, read on the first call and kept.
   [[nodiscard]] std::shared_ptr<const DeviceFacts> facts() const;
-  [[nodiscard]] DeviceKind kind() const;
+  [[nodiscard]] DeviceKind kind() const;  // the facts' kind
   // The host's idiom when it set one in ApplicationInfo, else the kind's.
   [[nodiscard]] UserInterfaceIdiom idiom() const;
   // Whether the operating system's version is `version` or later; false when it is unknown.
@@ -87,6 +92,7 @@ class DeviceInformation {
   void refresh();
 
   struct Impl;
+  // Over the sources `impl` reads; shared() uses the host's.
   explicit DeviceInformation(std::unique_ptr<Impl> impl);
 
  private:
