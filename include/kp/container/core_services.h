@@ -23,11 +23,14 @@
 
 namespace kp {
 
+// The current date from the system clock.
 class DefaultDateService final : public tarvix::DateService {
  public:
+  // The system clock's time now.
   [[nodiscard]] std::chrono::system_clock::time_point now() const override { return std::chrono::system_clock::now(); }
 };
 
+// The Application service over the host's own implementation; every member forwards to it.
 class BridgedApplication final : public tarvix::Application {
  public:
   // `host` must not be null.
