@@ -76,6 +76,7 @@ class DefaultServiceContainer final : public tarvix::ServiceContainer {
   // What the container throws; each names the types involved and what to check.
   class Error : public TarvixError {
    public:
+    // The constructors of TarvixError.
     using TarvixError::TarvixError;  // the constructors of TarvixError
     // `instanceType` is the instance type of the registration being attempted.
     [[nodiscard]] static Error duplicateRegistration(const tarvix::ServiceType& serviceType,

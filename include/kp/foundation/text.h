@@ -44,7 +44,9 @@ namespace kp {
 // either end.
 [[nodiscard]] std::string_view trimmed(std::string_view text) noexcept;
 
+// `text` in upper case by the locale's rules (empty: the environment's).
 [[nodiscard]] std::string uppercased(std::string_view text, std::string_view locale = {});
+// `text` in lower case by the locale's rules (empty: the environment's).
 [[nodiscard]] std::string lowercased(std::string_view text, std::string_view locale = {});
 // The first letter of every word in title case, the rest in lower case.
 [[nodiscard]] std::string capitalized(std::string_view text, std::string_view locale = {});
@@ -53,6 +55,7 @@ namespace kp {
 // code point. In Turkish and Azeri "I" matches "ı" and "İ" matches "i".
 [[nodiscard]] std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
                                                      std::string_view locale = {});
+// Whether `a` and `b` are equal once case is folded by the locale's rules.
 [[nodiscard]] bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
 
 // ---- User-perceived characters --------------------------------------------------------------
@@ -76,6 +79,7 @@ enum class SplitOptions : std::uint8_t { keepEmpty, omitEmpty };
 
 template <std::ranges::input_range R>
 requires std::convertible_to<std::ranges::range_reference_t<R>, std::string_view>
+// The pieces joined with `separator` between them.
 [[nodiscard]] std::string join(R&& pieces, std::string_view separator) {
   std::string out;
   bool first = true;
@@ -143,14 +147,17 @@ class ByteSet {
   [[nodiscard]] static constexpr ByteSet urlUnreserved() noexcept {
     return ByteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~");
   }
+  // Whether `byte` is in the set.
   [[nodiscard]] constexpr bool contains(unsigned char byte) const noexcept {
     return (bits_[byte / 64] >> (byte % 64)) & 1u;
   }
+  // Every byte not in the set.
   [[nodiscard]] constexpr ByteSet operator~() const noexcept {
     ByteSet out;
     for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = ~bits_[i];
     return out;
   }
+  // Every byte in either set.
   [[nodiscard]] constexpr ByteSet operator|(const ByteSet& other) const noexcept {
     ByteSet out;
     for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = bits_[i] | other.bits_[i];
@@ -164,6 +171,7 @@ class ByteSet {
 
 // `text` with every byte outside `allowed` written as "%XX" (upper-case hex digits).
 [[nodiscard]] std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed);
+// Appends `text` to `out` with every byte outside `allowed` as %XX.
 void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed);
 // `text` with its "%XX" escapes decoded; nothing for a "%" not followed by two hex digits or a
 // result that is not UTF-8.

@@ -23,6 +23,7 @@
 
 namespace kp {
 
+// How many points of the compass a direction is named with.
 enum class CompassPoints { eight = 8, sixteen = 16 };
 
 // The point nearest to `degrees`, counted clockwise from north (0) in steps of 360/points.
@@ -31,6 +32,7 @@ enum class CompassPoints { eight = 8, sixteen = 16 };
 // The English name of a point: "NNE" or "north-northeast" (16 points; 8 use every other one).
 [[nodiscard]] std::string_view compassPointName(int point, CompassPoints points, TextWidth width) noexcept;
 
+// Names a direction in degrees as a compass point in a locale.
 class CompassFormatter {
  public:
   // An empty locale is the environment's.
@@ -38,6 +40,7 @@ class CompassFormatter {
                             TextWidth width = TextWidth::short_,
                             std::shared_ptr<const LocalizedStrings> strings = LocalizedStrings::shared());
 
+  // The point nearest `degrees`, clockwise from north.
   [[nodiscard]] std::string string(double degrees) const;
 
  private:

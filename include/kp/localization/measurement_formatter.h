@@ -43,7 +43,9 @@
 
 namespace kp {
 
+// What a measurement is of.
 enum class WeatherQuantity { temperature, wind, pressure, precipitation, snowfall, visibility };
+// Which units texts use: the locale's preferred ones, or a fixed system.
 enum class UnitSystem { locale, metric, us, uk };
 
 // "temperature", "wind", "pressure", "precipitation", "snowfall", "visibility".
@@ -56,9 +58,12 @@ enum class UnitSystem { locale, metric, us, uk };
 // Whether `unit` measures `quantity` (a speed measures wind, a length precipitation ...).
 [[nodiscard]] bool measures(WeatherQuantity quantity, Unit unit) noexcept;
 
+// How a formatter writes measurements.
 struct MeasurementFormatSettings {
   std::string locale;  // empty: the environment's
+  // Which units.
   UnitSystem units = UnitSystem::locale;
+  // How long the unit names are.
   TextWidth width = TextWidth::short_;
   // Digits after the decimal separator for a quantity, whatever unit shows it.
   std::map<WeatherQuantity, int> fractionDigits;
@@ -70,9 +75,13 @@ struct MeasurementFormatSettings {
 
 class MeasurementFormatter {
  public:
+  // A formatter with `settings`.
   explicit MeasurementFormatter(MeasurementFormatSettings settings = {});
 
+  // How it writes.
   [[nodiscard]] const MeasurementFormatSettings& settings() const noexcept;
+  // `measurement` of `quantity` as text in the settings' units; nothing when the unit does
+  // not measure the quantity or the value is not finite.
   [[nodiscard]] std::optional<std::string> string(WeatherQuantity quantity, Measurement measurement) const;
   // Appends the text to `out`; false (and nothing appended) where string() gives none.
   bool append(std::string& out, WeatherQuantity quantity, Measurement measurement) const;

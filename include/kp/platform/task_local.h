@@ -25,8 +25,10 @@ namespace kp {
 // An immutable chain of bindings; the innermost binding of a key wins.
 class TaskLocalBindings {
  public:
+  // Binds `value` to `key` in front of `outer`.
   TaskLocalBindings(const void* key, std::shared_ptr<void> value, std::shared_ptr<const TaskLocalBindings> outer)
       : key_(key), value_(std::move(value)), outer_(std::move(outer)) {}
+  // The innermost value bound to `key`; null when there is none.
   [[nodiscard]] const std::shared_ptr<void>* find(const void* key) const noexcept {
     for (const TaskLocalBindings* b = this; b != nullptr; b = b->outer_.get()) {
       if (b->key_ == key) return &b->value_;
@@ -40,6 +42,7 @@ class TaskLocalBindings {
   std::shared_ptr<const TaskLocalBindings> outer_;
 };
 
+// The bindings of a task at one moment.
 using TaskLocalSnapshot = std::shared_ptr<const TaskLocalBindings>;
 
 // The calling thread's current bindings (null when nothing is bound).
@@ -49,6 +52,7 @@ using TaskLocalSnapshot = std::shared_ptr<const TaskLocalBindings>;
 // previous ones. Executors use it around each work item.
 class ScopedTaskLocalBindings {
  public:
+  // Makes `snapshot` the calling thread's bindings until the end of the scope.
   explicit ScopedTaskLocalBindings(TaskLocalSnapshot snapshot) noexcept;
   ~ScopedTaskLocalBindings();
   ScopedTaskLocalBindings(const ScopedTaskLocalBindings&) = delete;
@@ -58,6 +62,7 @@ class ScopedTaskLocalBindings {
   TaskLocalSnapshot previous_;
 };
 
+// A value bound for a task and the work it posts (see the top of this file).
 template <class T>
 class TaskLocal {
  public:
@@ -80,6 +85,7 @@ class TaskLocal {
     return bindings && bindings->find(this) != nullptr;
   }
 
+  // The value outside every binding.
   [[nodiscard]] std::shared_ptr<T> defaultValue() const {
     std::call_once(defaultOnce_, [this] { default_ = makeDefault_(); });
     return default_;

@@ -26,6 +26,7 @@
 
 namespace kp {
 
+// Runs a request at once on the calling thread (see the top of this file).
 class DirectExecutionQueue final : public RequestQueueInterface,
                                    public std::enable_shared_from_this<DirectExecutionQueue> {
  public:
@@ -38,6 +39,7 @@ class DirectExecutionQueue final : public RequestQueueInterface,
   [[nodiscard]] std::int64_t maxConcurrentRequests() const override { return std::numeric_limits<std::int64_t>::max(); }
   void setMaxConcurrentRequests(std::int64_t) override {}
 
+  // Whether a request was added.
   [[nodiscard]] bool isUsed() const;
 
  private:
@@ -49,6 +51,7 @@ class DirectExecutionQueue final : public RequestQueueInterface,
   std::shared_ptr<RequestType> request_;  // guarded by mutex_
 };
 
+// Runs a request and blocks until its result is there (see the top of this file).
 class SynchronousRequestQueue final : public RequestQueueInterface {
  public:
   void addRequest(const std::shared_ptr<RequestType>& request) override;

@@ -30,8 +30,10 @@
 
 namespace kp {
 
+// The result of a file request.
 class FileRequestResult : public TypedRequestResult<FileRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPFileRequestResult";
   // Where the download was moved to; null when it was not.
   [[nodiscard]] const std::filesystem::path* filePath() const noexcept {
@@ -39,6 +41,7 @@ class FileRequestResult : public TypedRequestResult<FileRequestResult> {
   }
 };
 
+// The handler of file requests.
 class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
  public:
   // The checks of HttpRequestHandler first; then only a FileRequest with a target path.
@@ -65,6 +68,7 @@ class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
   bool moved_ = false;
 };
 
+// A request whose body goes to a file (see the top of this file).
 class FileRequest : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
  public:
   using TypedHttpRequest::TypedHttpRequest;

@@ -47,6 +47,7 @@
 
 namespace kp {
 
+// Which responses' cookies are kept.
 enum class HttpCookieAcceptPolicy : int { always = 0, never = 1, onlyFromMainDocumentDomain = 2 };
 
 class HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage> {
@@ -59,7 +60,9 @@ class HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage>
   HttpCookieStorage(const HttpCookieStorage&) = delete;
   HttpCookieStorage& operator=(const HttpCookieStorage&) = delete;
 
+  // Which cookies are kept.
   [[nodiscard]] HttpCookieAcceptPolicy cookieAcceptPolicy() const;
+  // Changes which cookies are kept.
   void setCookieAcceptPolicy(HttpCookieAcceptPolicy policy);
 
   // Every cookie that has not expired, oldest first.
@@ -76,6 +79,7 @@ class HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage>
                   const std::optional<Url>& mainDocumentURL = std::nullopt);
   // Removes the cookie of the same name, domain and path.
   void deleteCookie(const HttpCookie& cookie);
+  // Removes every cookie.
   void deleteAllCookies();
 
   // Writes pending changes now; false when the file could not be written (the store then

@@ -23,8 +23,10 @@
 
 namespace kp {
 
+// The result of an image request.
 class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPImageRequestResult";
   // The decoded image; null when there was none. Held as an ArchivableImage object in `data`.
   [[nodiscard]] const Image* dataAsImage() const noexcept;
@@ -33,6 +35,7 @@ class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of image requests.
 class ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

@@ -20,8 +20,10 @@
 
 namespace kp {
 
+// The result of a JSON request.
 class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPJsonRequestResult";
   // The parsed body; null when there was none or it was not JSON.
   [[nodiscard]] const JsonValue* dataAsJson() const noexcept { return std::any_cast<JsonValue>(&data); }
@@ -31,6 +33,7 @@ class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of JSON requests.
 class JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

@@ -20,8 +20,10 @@
 
 namespace kp {
 
+// The result of a string request.
 class StringRequestResult : public TypedRequestResult<StringRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPStringRequestResult";
   // The body as text; null when there was none or it was not UTF-8.
   [[nodiscard]] const std::string* dataAsString() const noexcept { return std::any_cast<std::string>(&data); }
@@ -31,6 +33,7 @@ class StringRequestResult : public TypedRequestResult<StringRequestResult> {
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of string requests.
 class StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

@@ -26,8 +26,10 @@ namespace kp {
 
 class DictionaryStorage final : public tarvix::KeyedStorageService {
  public:
+  // The values by key.
   using Content = StringMap<std::any>;
 
+  // A store holding `content`.
   explicit DictionaryStorage(Content content = {});
 
   // A copy of everything stored.

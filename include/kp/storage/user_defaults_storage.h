@@ -22,6 +22,7 @@ class UserDefaultsStorage final : public tarvix::KeyedStorageService, public Flu
   // REQUIRES: `defaults` is not null.
   explicit UserDefaultsStorage(std::shared_ptr<UserDefaults> defaults) : defaults_(std::move(defaults)) {}
 
+  // The suite.
   [[nodiscard]] const std::shared_ptr<UserDefaults>& defaults() const noexcept { return defaults_; }
 
   void setObject(std::optional<std::any> value, std::string_view key) override {
