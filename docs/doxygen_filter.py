@@ -17,7 +17,7 @@ import sys
 
 COMMENT = re.compile(r"^(\s*)//(?![/!])(.*)$")
 SCOPE = re.compile(r"\b(namespace|class|struct|union|enum)\b|extern\s+\"C")
-TAG = re.compile(r"(?<![\w:])<([a-z][\w ]*)>")
+TAG = re.compile(r"(?<![\w:])<([a-z][^<>]*)>")
 NAMED = re.compile(r"^\s*((?:kp|tarvix)::(\w+))(?=[:, (<])")
 
 

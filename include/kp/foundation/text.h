@@ -77,9 +77,9 @@ enum class SplitOptions : std::uint8_t { keepEmpty, omitEmpty };
 [[nodiscard]] std::vector<std::string_view> split(std::string_view text, std::string_view separator,
                                                   SplitOptions options = SplitOptions::keepEmpty);
 
+// The pieces joined with `separator` between them.
 template <std::ranges::input_range R>
 requires std::convertible_to<std::ranges::range_reference_t<R>, std::string_view>
-// The pieces joined with `separator` between them.
 [[nodiscard]] std::string join(R&& pieces, std::string_view separator) {
   std::string out;
   bool first = true;
