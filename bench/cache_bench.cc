@@ -21,10 +21,10 @@
 #include <string>
 #include <unordered_map>
 
+#include "cache/cache_database.h"
+#include "cache/file_storage.h"
+#include "cache/memory_storage.h"
 #include "kp/cache/cache_controller.h"
-#include "kp/cache/cache_database.h"
-#include "kp/cache/file_storage.h"
-#include "kp/cache/memory_storage.h"
 #include "scratch_folder.h"
 
 namespace {

@@ -32,6 +32,7 @@
 #include "kp/logging/log_console_writer.h"
 #include "kp/logging/tarvix_log_writers.h"
 #include "kp/logging/tarvix_logger.h"
+#include "platform/system_log_internal.h"
 
 namespace {
 
@@ -173,8 +174,7 @@ class BenchJournal {
 // Counts the entries the journal did not take (they go to /dev/null instead of stderr).
 class CountingSystemLog final : public kp::SystemLog {
  public:
-  CountingSystemLog()
-      : log_(kp::SystemLog::make({.socketPath = kSystemSocket, .fallbackDescriptor = ::open("/dev/null", O_WRONLY)})) {}
+  CountingSystemLog() : log_(kp::internal::makeSystemLog(kSystemSocket, ::open("/dev/null", O_WRONLY))) {}
   bool write(const Entry& entry) noexcept override {
     const bool taken = log_->write(entry);
     if (!taken) spilled.fetch_add(1, std::memory_order_relaxed);

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/crypto/base64.h"
 #include "kp/foundation/json.h"
-#include "kp/platform/base64.h"
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
 #include "kp/service/encryption.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
 #include "kp/service/encryption.h"
 #include "weather_protocol.h"
 

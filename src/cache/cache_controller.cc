@@ -11,9 +11,9 @@
 #include <typeinfo>
 
 #include "cache/background_work.h"
+#include "cache/file_storage.h"
+#include "cache/memory_storage.h"
 #include "cache/stored_entries.h"
-#include "kp/cache/file_storage.h"
-#include "kp/cache/memory_storage.h"
 #include "kp/coding/archivable_image.h"
 #include "kp/container/core_services.h"
 #include "kp/container/dependency.h"
@@ -21,6 +21,7 @@
 #include "kp/platform/application_info.h"
 #include "kp/platform/synchronized.h"
 #include "platform/files.h"
+#include "platform/no_destructor.h"
 #include "tarvix/application.h"
 
 namespace kp {
@@ -358,8 +359,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 };
 
 const std::shared_ptr<CacheController>& CacheController::sharedInstance() {
-  static const auto* instance =
-      new std::shared_ptr<CacheController>(std::make_shared<CacheController>(kDatabaseFileName, kStorageFileName));
+  static internal::NoDestructor<std::shared_ptr<CacheController>> instance(
+      std::make_shared<CacheController>(kDatabaseFileName, kStorageFileName));
   return *instance;
 }
 

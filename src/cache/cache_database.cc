@@ -1,6 +1,6 @@
 // The cache database. Every statement is prepared once per connection and reused, bound, run
 // and reset under the lock; every failure yields the empty result.
-#include "kp/cache/cache_database.h"
+#include "cache/cache_database.h"
 
 #include <algorithm>
 #include <cctype>
@@ -173,7 +173,7 @@ CacheControllerDatabase::CacheControllerDatabase(std::string dbFileName, const s
     : dbFileName_(std::move(dbFileName)), path_(directory / dbFileName_) {}
 
 bool CacheControllerDatabase::isOpen() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return db_ != nullptr;
 }
 
@@ -265,7 +265,7 @@ void CacheControllerDatabase::prepare() {
   // other's connection, whose saves would then go to a file without a name.
   const std::filesystem::path lockFile = path_.parent_path() / ("." + path_.filename().string() + ".lock");
   const auto turn = platform::FileLock::acquire(lockFile, kPrepareLockTimeout);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::error_code ec;
   if (std::filesystem::exists(path_, ec)) {
     if (!open(fileUrlOf(path_))) return;  // unreadable: no persistent store until the next launch
@@ -284,7 +284,7 @@ void CacheControllerDatabase::prepare() {
 }
 
 std::optional<std::string> CacheControllerDatabase::openForReading() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const std::string name = path_.string();
   std::error_code ec;
   if (!std::filesystem::exists(path_, ec)) return name + " does not exist";
@@ -292,19 +292,19 @@ std::optional<std::string> CacheControllerDatabase::openForReading() {
   if (!open(fileUrlOf(path_) + "?mode=ro")) return "cannot open " + name;
   // The application may be writing: wait for it rather than fail.
   (void)runPragma("PRAGMA busy_timeout=2000;");
-  auto problem = [&](std::string text) {
-    dropConnection();
-    return std::optional<std::string>(std::move(text));
-  };
+  std::optional<std::string> problem;
   // The first statement is where SQLite notices that the file is not one of its own.
   const auto tables = rows<SummaryColumns>(kCountCacheTables, {}, true);
-  if (tables.empty()) return problem(name + " cannot be read as an SQLite database");
-  if (tables.front().int32(SummaryColumns::count) != 2) return problem(name + " has no cache tables");
-  if (const auto version = storedVersion(); version <= 2) {
-    return problem(name + " has schema version " + std::to_string(version) + ", older than " +
-                   std::to_string(kDbVersion) + ", which the application replaces with an empty cache");
+  if (tables.empty()) {
+    problem = name + " cannot be read as an SQLite database";
+  } else if (tables.front().int32(SummaryColumns::count) != 2) {
+    problem = name + " has no cache tables";
+  } else if (const auto version = storedVersion(); version <= 2) {
+    problem = name + " has schema version " + std::to_string(version) + ", older than " + std::to_string(kDbVersion) +
+              ", which the application replaces with an empty cache";
   }
-  return std::nullopt;
+  if (problem) dropConnection();
+  return problem;
 }
 
 std::int64_t CacheControllerDatabase::storedVersion() {
@@ -366,7 +366,7 @@ bool CacheControllerDatabase::saveRecord(const Data& data, const Cacheable& entr
       SQLiteValue(wholeSeconds(entry.creationDate().timeIntervalSince1970(), "creation date")),
       SQLiteValue(wholeSeconds(config.maximumAge, "maximum age")),
   };
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return run(kSave, bindings);
 }
 
@@ -391,14 +391,14 @@ std::vector<SQLiteRow<Column>> CacheControllerDatabase::rows(std::string_view sq
 }
 
 std::optional<Data> CacheControllerDatabase::loadCacheData(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = rows(kLoad, {SQLiteValue(std::string(key))}, true);
   return found.empty() ? std::nullopt : found.front().data(CacheItemColumns::data);
 }
 
 std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::loadCacheDataAndTimestamp(
     std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = rows<SummaryColumns>(kLoadWithTimestamp, {SQLiteValue(std::string(key))}, true);
   if (found.empty()) return std::nullopt;
   auto data = found.front().data(SummaryColumns::data);
@@ -408,7 +408,7 @@ std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::load
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = rows(kSelectType, {SQLiteValue(std::string(key))}, true);
   if (found.empty()) return std::nullopt;
   auto raw = found.front().int32(CacheItemColumns::type);
@@ -416,19 +416,19 @@ std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::stri
 }
 
 std::optional<std::string> CacheControllerDatabase::getCacheItemGroup(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = rows(kSelectGroup, {SQLiteValue(std::string(key))}, true);
   return found.empty() ? std::nullopt : found.front().string(CacheItemColumns::group);
 }
 
 bool CacheControllerDatabase::removeCacheItem(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return run(kDelete, {SQLiteValue(std::string(key))});
 }
 
 void CacheControllerDatabase::removeAllItems(const std::optional<std::string>& group) {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (group) {
       (void)run(kDeleteGroup, {SQLiteValue(*group)});
     } else {
@@ -440,27 +440,27 @@ void CacheControllerDatabase::removeAllItems(const std::optional<std::string>& g
 
 void CacheControllerDatabase::updateTimestamp(std::string_view key, const Cacheable& entry) {
   const auto seconds = wholeSeconds(entry.creationDate().timeIntervalSince1970(), "creation date");
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   (void)run(kUpdateTimestamp, {SQLiteValue(seconds), SQLiteValue(std::string(key))});
 }
 
 std::vector<CacheKeyAndGroup> CacheControllerDatabase::getExpiredCacheKeys(CacheItemType type, Date now) {
   const auto seconds = nowSeconds(now);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return keysAndGroups(rows(kSelectExpired, {SQLiteValue(static_cast<std::int32_t>(type)), SQLiteValue(seconds)}));
 }
 
 void CacheControllerDatabase::removeExpiredItems(Date now) {
   const auto seconds = nowSeconds(now);
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     (void)run(kDeleteExpired, {SQLiteValue(seconds), SQLiteValue(std::int32_t{1})});
   }
   vacuum();
 }
 
 std::vector<CacheKeyAndGroup> CacheControllerDatabase::getFileCacheKeysSortedByCreationDate() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   // The statement selects no group, so every group comes back absent.
   return keysAndGroups(rows(kSelectFileKeys, {}));
 }
@@ -469,7 +469,7 @@ std::vector<CacheRowSummary> CacheControllerDatabase::summaries(std::string_view
                                                                 const std::vector<SQLiteValue>& bindings) {
   std::vector<SQLiteRow<SummaryColumns>> found;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     found = rows<SummaryColumns>(sql, bindings);
   }
   std::vector<CacheRowSummary> result;
@@ -508,7 +508,7 @@ std::optional<CacheRowSummary> CacheControllerDatabase::getRowSummary(std::strin
 }
 
 std::uint64_t CacheControllerDatabase::getItemCount() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = rows<SummaryColumns>(kCount, {}, true);
   if (found.empty()) return 0;
   return static_cast<std::uint64_t>(std::max(0, found.front().int32(SummaryColumns::count).value_or(0)));
@@ -525,7 +525,7 @@ std::uint64_t CacheControllerDatabase::getSize() const {
 }
 
 void CacheControllerDatabase::vacuum() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!run(kVacuum, {})) return;
   // VACUUM writes the whole database into the log; without emptying and cutting the log
   // here, wiping the cache would leave it larger on disk than before.

@@ -1,5 +1,5 @@
 // The file store of the cache.
-#include "kp/cache/file_storage.h"
+#include "cache/file_storage.h"
 
 #include <cerrno>
 #include <chrono>
@@ -7,10 +7,10 @@
 #include <system_error>
 #include <vector>
 
-#include "kp/cache/cache_database.h"
+#include "cache/cache_database.h"
+#include "kp/crypto/hash.h"
 #include "kp/logging/tarvix_logger.h"
 #include "kp/platform/application_info.h"
-#include "kp/service/encryption.h"
 #include "platform/files.h"
 #include "platform/folder.h"
 

@@ -1,10 +1,10 @@
 // The memory store of the cache.
-#include "kp/cache/memory_storage.h"
+#include "cache/memory_storage.h"
 
 namespace kp {
 
 void CacheMemoryStorage::set(std::shared_ptr<Cacheable> entry, std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = items_.find(key);
   if (entry && entry->cacheConfiguration().retainInMemory) {
     if (it != items_.end()) {
@@ -19,19 +19,19 @@ void CacheMemoryStorage::set(std::shared_ptr<Cacheable> entry, std::string_view 
 }
 
 std::shared_ptr<Cacheable> CacheMemoryStorage::get(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = items_.find(key);
   return it == items_.end() ? nullptr : it->second;
 }
 
 void CacheMemoryStorage::remove(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (auto it = items_.find(key); it != items_.end()) items_.erase(it);
   ++removals_;
 }
 
 void CacheMemoryStorage::remove(std::string_view key, const Cacheable& entry) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (auto it = items_.find(key); it != items_.end() && it->second.get() == &entry) {
     items_.erase(it);
     ++removals_;
@@ -39,13 +39,13 @@ void CacheMemoryStorage::remove(std::string_view key, const Cacheable& entry) {
 }
 
 std::uint64_t CacheMemoryStorage::removalGeneration() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return removals_;
 }
 
 std::shared_ptr<Cacheable> CacheMemoryStorage::insertIfUnchanged(std::shared_ptr<Cacheable> entry, std::string_view key,
                                                                  std::uint64_t generation) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (auto it = items_.find(key); it != items_.end()) return it->second;
   if (removals_ != generation || !entry || !entry->cacheConfiguration().retainInMemory) return nullptr;
   items_.emplace(std::string(key), entry);
@@ -53,14 +53,14 @@ std::shared_ptr<Cacheable> CacheMemoryStorage::insertIfUnchanged(std::shared_ptr
 }
 
 void CacheMemoryStorage::removeAll() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   items_.clear();
   ++removals_;
 }
 
 template <class Keep>
 void CacheMemoryStorage::keepOnly(Keep keep) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::erase_if(items_, [&](const auto& item) { return !keep(*item.second); });
   ++removals_;
 }
@@ -81,7 +81,7 @@ void CacheMemoryStorage::removeForGroup(std::string_view group) {
 }
 
 std::size_t CacheMemoryStorage::count() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return items_.size();
 }
 

@@ -2,7 +2,15 @@
 // honoured), sqlite3_prepare_v2, the five sqlite3_bind_* functions, sqlite3_step,
 // sqlite3_column_count/_name/_type/_int/_double/_text/_bytes, sqlite3_reset,
 // sqlite3_clear_bindings and sqlite3_finalize. Connections are never closed, by design.
-#include "kp/cache/sqlite.h"
+//
+// Why a connection stays open until the process ends: statements belong to their callers and
+// may outlive the database object that prepared them, and SQLite cannot close a connection
+// while one of its statements lives; closing later would need calls beyond the fixed set
+// above, whose list is the wrapper's contract. A process opens one connection per cache
+// controller or inspector (the shared controller's lives as long as the process anyway), each
+// holding no more than SQLite's page cache, so what stays open is bounded by what the process
+// made; the connections are kept reachable, not leaked.
+#include "cache/sqlite.h"
 
 #include <sqlite3.h>
 
@@ -20,7 +28,8 @@ namespace {
 // SQLite's "transient" destructor marker: SQLite copies the bytes before the call returns.
 const sqlite3_destructor_type sqliteTransient = SQLITE_TRANSIENT;
 
-// Connections live until the process ends; they are kept here so that they stay reachable.
+// Connections live until the process ends (see the top of this file); they are kept here so
+// that they stay reachable.
 void keepOpen(sqlite3* db) {
   static std::mutex mutex;
   static internal::NoDestructor<std::vector<sqlite3*>> open;

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "cache/cache_database.h"
+#include "cache/file_storage.h"
 #include "kp/cache/cache_controller.h"
-#include "kp/cache/cache_database.h"
-#include "kp/cache/file_storage.h"
 
 namespace kp::internal {
 

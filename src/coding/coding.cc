@@ -1,9 +1,11 @@
+// Coding errors, the encoders' and decoders' shared checks, and the Base64 form that data
+// takes in the coded values.
 #include "kp/coding/coding.h"
 
 #include <cmath>
 #include <vector>
 
-#include "coding/base64.h"
+#include "kp/crypto/base64.h"
 
 namespace kp {
 
@@ -133,7 +135,11 @@ Data decodeData(const Decoder& d) {
   const Value& v = d.value();
   if (const Data* data = v.ifData()) return *data;
   if (const std::string* s = v.ifString()) {
-    if (auto data = base64Decode(*s)) return std::move(*data);
+    // JSON producers often leave out the padding and break long lines.
+    if (auto data =
+            base64Decode(*s, Base64DecodingOptions::ignoreWhitespace | Base64DecodingOptions::allowMissingPadding)) {
+      return std::move(*data);
+    }
     d.fail("text is not Base64");
   }
   d.typeMismatch("data");

@@ -1,3 +1,5 @@
+// The JSON encoder and decoder over Boost.JSON: numbers as people write them, data as Base64
+// (read leniently), dates in the chosen form, and errors that name the coding path.
 #include "kp/coding/json.h"
 
 #include <boost/json.hpp>
@@ -8,7 +10,7 @@
 #include <utility>
 
 #include "coding/json_access.h"
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
 
 namespace kp {
 

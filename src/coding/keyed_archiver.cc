@@ -1,3 +1,5 @@
+// The keyed archiver and unarchiver: object graphs as property-list archives, with the class
+// registry that maps archived class names to decoders.
 #include "kp/coding/keyed_archiver.h"
 
 #include <mutex>

@@ -1,3 +1,4 @@
+// The coded value tree: copying and comparing its boxed nodes.
 #include "kp/coding/value.h"
 
 #include <stdexcept>

@@ -1,10 +1,16 @@
 // Reachability: the flag word, its meaning as a connection kind, and the notifier.
 #include "kp/connectivity/reachability.h"
 
+#include <atomic>
 #include <utility>
+
+#include "platform/mutex.h"
 
 namespace kp {
 namespace {
+
+// Set in the stored word once the flags have been read.
+constexpr std::uint64_t kFlagsPresent = std::uint64_t{1} << 32;
 
 const char* describe(Reachability::ErrorCode code) {
   switch (code) {
@@ -32,43 +38,85 @@ std::shared_ptr<Reachability> Reachability::make(std::shared_ptr<NetworkReachabi
   return std::shared_ptr<Reachability>(new Reachability(std::move(reachabilityRef), queueQoS, std::move(targetQueue)));
 }
 
+struct Reachability::State {
+  State(std::shared_ptr<NetworkReachability> source, DispatchQoS qos, std::shared_ptr<DispatchQueue> targetQueue)
+      : reachabilityRef(std::move(source)),
+        queue(SerialQueue::make(std::string(kQueueLabel), std::move(targetQueue))),
+        queueQoS(qos) {}
+
+  mutable Mutex mutex;
+  Callback whenReachable GUARDED_BY(mutex);
+  Callback whenUnreachable GUARDED_BY(mutex);
+  Mutex startMutex;  // serialises startNotifier()
+  std::atomic<bool> allowsCellularConnection{true};
+  std::atomic<NotificationCenter*> notificationCenter{&NotificationCenter::defaultCenter()};
+  std::atomic<bool> notifierRunning{false};
+  const std::shared_ptr<NetworkReachability> reachabilityRef;
+  const std::shared_ptr<SerialQueue> queue;
+  const DispatchQoS queueQoS;
+  // The word with kFlagsPresent once read; written only on `queue`.
+  std::atomic<std::uint64_t> flags{0};
+};
+
 Reachability::Reachability(std::shared_ptr<NetworkReachability> reachabilityRef, DispatchQoS queueQoS,
                            std::shared_ptr<DispatchQueue> targetQueue)
-    : notificationCenter_(&NotificationCenter::defaultCenter()),
-      reachabilityRef_(std::move(reachabilityRef)),
-      queue_(SerialQueue::make(std::string(kQueueLabel), std::move(targetQueue))),
-      queueQoS_(queueQoS) {}
+    : state_(std::make_unique<State>(std::move(reachabilityRef), queueQoS, std::move(targetQueue))) {}
+
+void Reachability::setAllowsCellularConnection(bool allows) noexcept { state_->allowsCellularConnection.store(allows); }
+
+bool Reachability::allowsCellularConnection() const noexcept { return state_->allowsCellularConnection.load(); }
+
+void Reachability::setNotificationCenter(NotificationCenter& center) noexcept {
+  state_->notificationCenter.store(&center);
+}
+
+NotificationCenter& Reachability::notificationCenter() const noexcept { return *state_->notificationCenter.load(); }
+
+bool Reachability::notifierRunning() const noexcept { return state_->notifierRunning.load(); }
+
+const std::shared_ptr<NetworkReachability>& Reachability::reachabilityRef() const noexcept {
+  return state_->reachabilityRef;
+}
+
+const std::shared_ptr<SerialQueue>& Reachability::reachabilitySerialQueue() const noexcept { return state_->queue; }
+
+DispatchQoS Reachability::queueQoS() const noexcept { return state_->queueQoS; }
 
 Reachability::~Reachability() { detachFromSource(); }
 
 void Reachability::setWhenReachable(Callback callback) {
-  std::lock_guard lock(mutex_);
-  whenReachable_ = std::move(callback);
+  MutexLock lock(state_->mutex);
+  state_->whenReachable = std::move(callback);
 }
 
 void Reachability::setWhenUnreachable(Callback callback) {
-  std::lock_guard lock(mutex_);
-  whenUnreachable_ = std::move(callback);
+  MutexLock lock(state_->mutex);
+  state_->whenUnreachable = std::move(callback);
 }
 
 Reachability::Callback Reachability::whenReachable() const {
-  std::lock_guard lock(mutex_);
-  return whenReachable_;
+  MutexLock lock(state_->mutex);
+  return state_->whenReachable;
 }
 
 Reachability::Callback Reachability::whenUnreachable() const {
-  std::lock_guard lock(mutex_);
-  return whenUnreachable_;
+  MutexLock lock(state_->mutex);
+  return state_->whenUnreachable;
 }
 
 std::optional<ReachabilityFlags> Reachability::flags() const noexcept {
-  const std::uint64_t word = flags_.load(std::memory_order_acquire);
+  const std::uint64_t word = state_->flags.load(std::memory_order_acquire);
   if ((word & kFlagsPresent) == 0) return std::nullopt;
   return static_cast<ReachabilityFlags>(word);
 }
 
-Reachability::Connection Reachability::connectionAfterFirstRead() {
-  queue_->sync([this] {
+Reachability::Connection Reachability::connection() {
+  const std::uint64_t word = state_->flags.load(std::memory_order_acquire);
+  if ((word & kFlagsPresent) != 0) {
+    return connectionFor(static_cast<ReachabilityFlags>(word), allowsCellularConnection());
+  }
+  // No word yet: read one now, on the queue that owns the flags.
+  state_->queue->sync([this] {
     if (flags()) return;  // read meanwhile
     try {
       setReachabilityFlags();
@@ -76,27 +124,27 @@ Reachability::Connection Reachability::connectionAfterFirstRead() {
       // An unreadable word simply means no connection.
     }
   });
-  const auto word = flags();
-  return word ? connectionFor(*word, allowsCellularConnection()) : Connection::none;
+  const auto read = flags();
+  return read ? connectionFor(*read, allowsCellularConnection()) : Connection::none;
 }
 
 void Reachability::startNotifier() {
-  std::lock_guard lock(startMutex_);
+  MutexLock lock(state_->startMutex);
   if (notifierRunning()) return;
   // The source must not keep this object alive, or it would never be destroyed.
-  const bool callbackSet = reachabilityRef_->setCallback([weak = weak_from_this()](ReachabilityFlags flags) {
+  const bool callbackSet = state_->reachabilityRef->setCallback([weak = weak_from_this()](ReachabilityFlags flags) {
     if (auto self = weak.lock()) self->store(flags);
   });
   if (!callbackSet) {
     detachFromSource();
     throw Error(ErrorCode::callbackNotSet);
   }
-  if (!reachabilityRef_->setDispatchQueue(queue_)) {
+  if (!state_->reachabilityRef->setDispatchQueue(state_->queue)) {
     detachFromSource();
     throw Error(ErrorCode::dispatchQueueNotSet);
   }
   std::optional<Error> failure;
-  queue_->sync([&] {
+  state_->queue->sync([&] {
     try {
       setReachabilityFlags();
     } catch (const Error& error) {
@@ -104,11 +152,11 @@ void Reachability::startNotifier() {
     }
   });
   if (failure) throw *failure;
-  notifierRunning_.store(true);
+  state_->notifierRunning.store(true);
 }
 
 void Reachability::setReachabilityFlags() {
-  const auto read = reachabilityRef_->flags();
+  const auto read = state_->reachabilityRef->flags();
   if (!read) {
     detachFromSource();
     throw Error(ErrorCode::flagsNotRead);
@@ -117,7 +165,7 @@ void Reachability::setReachabilityFlags() {
 }
 
 void Reachability::store(ReachabilityFlags flags) {
-  const std::uint64_t previous = flags_.exchange(kFlagsPresent | flags, std::memory_order_acq_rel);
+  const std::uint64_t previous = state_->flags.exchange(kFlagsPresent | flags, std::memory_order_acq_rel);
   if (previous == (kFlagsPresent | flags)) return;
   reachabilityChanged();
 }
@@ -133,9 +181,9 @@ void Reachability::reachabilityChanged() {
 }
 
 void Reachability::detachFromSource() noexcept {
-  (void)reachabilityRef_->setCallback(nullptr);
-  (void)reachabilityRef_->setDispatchQueue(nullptr);
-  notifierRunning_.store(false);
+  (void)state_->reachabilityRef->setCallback(nullptr);
+  (void)state_->reachabilityRef->setDispatchQueue(nullptr);
+  state_->notifierRunning.store(false);
 }
 
 }  // namespace kp

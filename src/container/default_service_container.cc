@@ -1,39 +1,87 @@
 // Registration, resolution, merging and descriptions of the default service container.
 #include "kp/container/default_service_container.h"
 
+#include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <typeinfo>
+#include <unordered_map>
 #include <utility>
 
 namespace kp {
 
 using tarvix::ServiceType;
+using Identifier = DefaultServiceContainer::ServiceIdentifier;
 
-// Marks the calling thread as running a factory of `container` until destruction. Only the
-// thread that holds the container's lock creates one.
-class DefaultServiceContainer::FactoryRun {
+struct DefaultServiceContainer::State {
+  struct Registration {
+    ServiceIdentifier instanceType;
+    // The instance converted to the service type, once resolved: the fast path of safeGet().
+    std::shared_ptr<void> resolved;
+  };
+  using Identifier = ServiceIdentifier;
+  template <class V>
+  using Table = std::unordered_map<Identifier, V, ServiceIdentifierHash>;
+  struct Snapshot {
+    Table<Registration> registeredTypes;
+    Table<Factory> instanceFactories;
+    Table<std::shared_ptr<tarvix::Service>> instanceCache;
+  };
+  // An open-addressing map from type_info addresses to registrations, in front of
+  // registeredTypes_: a pointer hash instead of hashing and comparing mangled names. A type
+  // met under another type_info address (another shared library) gets a slot of its own.
+  struct FastSlot {
+    const std::type_info* type = nullptr;
+    Registration* registration = nullptr;
+  };
+  class FactoryRun;
+
+  [[nodiscard]] bool runsFactoryOnThisThread() const noexcept {
+    return factoryThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
+  }
+  [[nodiscard]] ReentrantUseError reentrantUse(std::string_view action) const;
+  [[nodiscard]] Registration* findRegistration(const ServiceType& serviceType);
+  [[nodiscard]] std::shared_ptr<void> makeInstance(DefaultServiceContainer& container, Registration& registration,
+                                                   const ServiceType& serviceType, std::unique_lock<std::mutex>& lock);
+  [[nodiscard]] Snapshot snapshot() const;
+
+  // Not annotated for the thread-safety analysis: a factory's own thread reads the tables
+  // without taking the lock that its caller holds, which the analysis cannot follow.
+  mutable std::mutex mutex_;
+  Table<Registration> registeredTypes_;                    // keyed by service type
+  Table<Factory> instanceFactories_;                       // keyed by instance type
+  Table<std::shared_ptr<tarvix::Service>> instanceCache_;  // keyed by instance type
+  std::vector<FastSlot> fastIndex_;                        // size: 0 or a power of two
+  std::size_t fastIndexCount_ = 0;
+  std::atomic<std::size_t> registeredCount_{0};
+  // The thread running a factory of this container, and what that factory makes; the two
+  // types are read only by that thread.
+  std::atomic<std::thread::id> factoryThread_{};
+  std::optional<tarvix::ServiceType> factoryInstanceType_;
+  std::optional<tarvix::ServiceType> factoryServiceType_;
+};
+
+// Marks the calling thread as running a factory of `state`'s container until destruction.
+// Only the thread that holds the container's lock creates one.
+class DefaultServiceContainer::State::FactoryRun {
  public:
-  FactoryRun(DefaultServiceContainer& container, const ServiceType& instanceType, const ServiceType& serviceType)
-      : container_(container) {
-    container_.factoryInstanceType_ = instanceType;
-    container_.factoryServiceType_ = serviceType;
-    container_.factoryThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  FactoryRun(State& state, const ServiceType& instanceType, const ServiceType& serviceType) : state_(state) {
+    state_.factoryInstanceType_ = instanceType;
+    state_.factoryServiceType_ = serviceType;
+    state_.factoryThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   }
   ~FactoryRun() {
-    container_.factoryThread_.store(std::thread::id{}, std::memory_order_relaxed);
-    container_.factoryInstanceType_.reset();
-    container_.factoryServiceType_.reset();
+    state_.factoryThread_.store(std::thread::id{}, std::memory_order_relaxed);
+    state_.factoryInstanceType_.reset();
+    state_.factoryServiceType_.reset();
   }
   FactoryRun(const FactoryRun&) = delete;
   FactoryRun& operator=(const FactoryRun&) = delete;
 
  private:
-  DefaultServiceContainer& container_;
-};
-
-struct DefaultServiceContainer::Snapshot {
-  Table<Registration> registeredTypes;
-  Table<Factory> instanceFactories;
-  Table<std::shared_ptr<tarvix::Service>> instanceCache;
+  State& state_;
 };
 
 DefaultServiceContainer::Error DefaultServiceContainer::Error::duplicateRegistration(const ServiceType& serviceType,
@@ -59,10 +107,14 @@ DefaultServiceContainer::Error DefaultServiceContainer::Error::failedCast(const 
                {"Register the correct service for type " + service, "Implement the type on the service"});
 }
 
-DefaultServiceContainer::DefaultServiceContainer() = default;
+DefaultServiceContainer::DefaultServiceContainer() : state_(std::make_unique<State>()) {}
 DefaultServiceContainer::~DefaultServiceContainer() = default;
 
-DefaultServiceContainer::ReentrantUseError DefaultServiceContainer::reentrantUse(std::string_view action) const {
+bool DefaultServiceContainer::hasRegistrations() const noexcept {
+  return state_->registeredCount_.load(std::memory_order_acquire) != 0;
+}
+
+DefaultServiceContainer::ReentrantUseError DefaultServiceContainer::State::reentrantUse(std::string_view action) const {
   // Called only on the thread that runs the factory, so the two types are its own writes.
   const auto instance = factoryInstanceType_ ? factoryInstanceType_->name() : std::string("?");
   const auto service = factoryServiceType_ ? factoryServiceType_->name() : std::string("?");
@@ -80,21 +132,21 @@ DefaultServiceContainer::ReentrantUseError DefaultServiceContainer::reentrantUse
 
 void DefaultServiceContainer::registerFactory(const std::vector<ServiceType>& serviceTypes,
                                               const ServiceType& instanceType, Factory factory) {
-  if (runsFactoryOnThisThread()) {
+  if (state_->runsFactoryOnThisThread()) {
     const std::string names = serviceTypes.empty() ? std::string("no service type") : serviceTypes.front().name();
-    throw reentrantUse("register " + instanceType.name() + " for " + names);
+    throw state_->reentrantUse("register " + instanceType.name() + " for " + names);
   }
-  std::unique_lock lock(mutex_);
+  std::unique_lock lock(state_->mutex_);
   for (const auto& serviceType : serviceTypes) {
-    const auto [entry, inserted] =
-        registeredTypes_.try_emplace(Identifier(serviceType), Registration{Identifier(instanceType), nullptr});
+    const auto [entry, inserted] = state_->registeredTypes_.try_emplace(
+        Identifier(serviceType), State::Registration{Identifier(instanceType), nullptr});
     if (!inserted) {
       lock.unlock();
       throw Error::duplicateRegistration(serviceType, instanceType);
     }
-    registeredCount_.fetch_add(1, std::memory_order_release);
+    state_->registeredCount_.fetch_add(1, std::memory_order_release);
   }
-  instanceFactories_.insert_or_assign(Identifier(instanceType), std::move(factory));
+  state_->instanceFactories_.insert_or_assign(Identifier(instanceType), std::move(factory));
 }
 
 std::shared_ptr<void> DefaultServiceContainer::safeGet(const ServiceType& serviceType) {
@@ -106,20 +158,20 @@ std::shared_ptr<void> DefaultServiceContainer::resolveIfRegistered(const Service
 }
 
 std::shared_ptr<void> DefaultServiceContainer::resolve(const ServiceType& serviceType, bool required) {
-  if (runsFactoryOnThisThread()) {
+  if (state_->runsFactoryOnThisThread()) {
     // This thread holds the lock while its factory runs, so the table may be read directly.
-    if (!required && !registeredTypes_.contains(Identifier(serviceType))) return nullptr;
-    throw reentrantUse("resolve " + serviceType.name());
+    if (!required && !state_->registeredTypes_.contains(Identifier(serviceType))) return nullptr;
+    throw state_->reentrantUse("resolve " + serviceType.name());
   }
-  std::unique_lock lock(mutex_);
-  Registration* registration = findRegistration(serviceType);
+  std::unique_lock lock(state_->mutex_);
+  State::Registration* registration = state_->findRegistration(serviceType);
   if (registration == nullptr) {
     lock.unlock();
     if (!required) return nullptr;
     throw Error::notRegistered(serviceType);
   }
   if (registration->resolved) return registration->resolved;
-  return makeInstance(*registration, serviceType, lock);
+  return state_->makeInstance(*this, *registration, serviceType, lock);
 }
 
 namespace {
@@ -133,7 +185,8 @@ std::size_t slotOf(const std::type_info* type, std::size_t mask) noexcept {
 
 }  // namespace
 
-DefaultServiceContainer::Registration* DefaultServiceContainer::findRegistration(const ServiceType& serviceType) {
+DefaultServiceContainer::State::Registration* DefaultServiceContainer::State::findRegistration(
+    const ServiceType& serviceType) {
   const std::type_info* type = &serviceType.typeInfo();
   if (!fastIndex_.empty()) {
     const std::size_t mask = fastIndex_.size() - 1;
@@ -163,8 +216,10 @@ DefaultServiceContainer::Registration* DefaultServiceContainer::findRegistration
   return &entry->second;
 }
 
-std::shared_ptr<void> DefaultServiceContainer::makeInstance(Registration& registration, const ServiceType& serviceType,
-                                                            std::unique_lock<std::mutex>& lock) {
+std::shared_ptr<void> DefaultServiceContainer::State::makeInstance(DefaultServiceContainer& container,
+                                                                   Registration& registration,
+                                                                   const ServiceType& serviceType,
+                                                                   std::unique_lock<std::mutex>& lock) {
   const ServiceType& instanceType = registration.instanceType.type();
   const Identifier instanceKey(instanceType);
   if (const auto cached = instanceCache_.find(instanceKey); cached != instanceCache_.end()) {
@@ -178,7 +233,7 @@ std::shared_ptr<void> DefaultServiceContainer::makeInstance(Registration& regist
     // Nothing can change the tables while the factory runs: other threads wait for the lock
     // and this thread's attempts fail with ReentrantUseError.
     FactoryRun run(*this, instanceType, serviceType);
-    made = factory->second(*this);
+    made = factory->second(container);
   }
   auto converted = made ? serviceType.cast(made) : nullptr;
   if (!converted) {
@@ -196,7 +251,7 @@ std::shared_ptr<void> DefaultServiceContainer::makeInstance(Registration& regist
   return converted;
 }
 
-DefaultServiceContainer::Snapshot DefaultServiceContainer::snapshot() const {
+DefaultServiceContainer::State::Snapshot DefaultServiceContainer::State::snapshot() const {
   std::unique_lock lock(mutex_, std::defer_lock);
   if (!runsFactoryOnThisThread()) lock.lock();
   return Snapshot{registeredTypes_, instanceFactories_, instanceCache_};
@@ -206,24 +261,24 @@ std::shared_ptr<DefaultServiceContainer> DefaultServiceContainer::merge(const De
   auto merged = std::make_shared<DefaultServiceContainer>();
   // One source at a time, so that merging never holds two locks.
   for (const DefaultServiceContainer* source : {this, &other}) {
-    auto tables = source->snapshot();
+    auto tables = source->state_->snapshot();
     for (auto& [key, value] : tables.registeredTypes) {
       // Conversions are made again against the merged instance table.
-      merged->registeredTypes_.insert_or_assign(key, Registration{value.instanceType, nullptr});
+      merged->state_->registeredTypes_.insert_or_assign(key, State::Registration{value.instanceType, nullptr});
     }
-    for (auto& [key, value] : tables.instanceFactories) merged->instanceFactories_.insert_or_assign(key, value);
-    for (auto& [key, value] : tables.instanceCache) merged->instanceCache_.insert_or_assign(key, value);
+    for (auto& [key, value] : tables.instanceFactories) merged->state_->instanceFactories_.insert_or_assign(key, value);
+    for (auto& [key, value] : tables.instanceCache) merged->state_->instanceCache_.insert_or_assign(key, value);
   }
-  merged->registeredCount_.store(merged->registeredTypes_.size(), std::memory_order_release);
+  merged->state_->registeredCount_.store(merged->state_->registeredTypes_.size(), std::memory_order_release);
   return merged;
 }
 
 std::string DefaultServiceContainer::description() const {
   std::size_t count = 0;
   {
-    std::unique_lock lock(mutex_, std::defer_lock);
-    if (!runsFactoryOnThisThread()) lock.lock();
-    count = registeredTypes_.size();
+    std::unique_lock lock(state_->mutex_, std::defer_lock);
+    if (!state_->runsFactoryOnThisThread()) lock.lock();
+    count = state_->registeredTypes_.size();
   }
   return "Services instance with " + std::to_string(count) + " types registered.";
 }
@@ -232,13 +287,13 @@ std::string DefaultServiceContainer::debugDescription() const {
   std::vector<std::pair<ServiceType, ServiceType>> registered;
   std::vector<ServiceType> made;
   {
-    std::unique_lock lock(mutex_, std::defer_lock);
-    if (!runsFactoryOnThisThread()) lock.lock();
-    registered.reserve(registeredTypes_.size());
-    for (const auto& [service, registration] : registeredTypes_) {
+    std::unique_lock lock(state_->mutex_, std::defer_lock);
+    if (!state_->runsFactoryOnThisThread()) lock.lock();
+    registered.reserve(state_->registeredTypes_.size());
+    for (const auto& [service, registration] : state_->registeredTypes_) {
       registered.emplace_back(service.type(), registration.instanceType.type());
     }
-    for (const auto& [instance, value] : instanceCache_) made.push_back(instance.type());
+    for (const auto& [instance, value] : state_->instanceCache_) made.push_back(instance.type());
   }
   std::string out = "Registered services:\n";
   for (std::size_t i = 0; i < registered.size(); ++i) {

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "platform/no_destructor.h"
+
 namespace kp {
 namespace {
 
@@ -18,8 +20,8 @@ DefaultServiceContainer& defaultLocalContainer() {
 Services::Services(std::shared_ptr<DefaultServiceContainer> container) : container_(std::move(container)) {}
 
 const std::shared_ptr<Services>& Services::default_() {
-  static const auto* services =
-      new std::shared_ptr<Services>(std::make_shared<Services>(std::make_shared<DefaultServiceContainer>()));
+  static internal::NoDestructor<std::shared_ptr<Services>> services(
+      std::make_shared<Services>(std::make_shared<DefaultServiceContainer>()));
   return *services;
 }
 

@@ -1,8 +1,8 @@
-// The byte-level text helpers: splitting, hex, Base64 text and percent-encoding.
+// The byte-level text helpers: UTF-8 validity, splitting, hex and Base64 text.
 #include <array>
 
+#include "kp/crypto/base64.h"
 #include "kp/foundation/text.h"
-#include "kp/platform/base64.h"
 #include "platform/utf8.h"
 
 namespace kp {
@@ -26,6 +26,16 @@ constexpr char kLowerHex[] = "0123456789abcdef";
 constexpr char kUpperHex[] = "0123456789ABCDEF";
 
 }  // namespace
+
+bool isValidUtf8(std::string_view text) noexcept { return internal::isValidUtf8(text); }
+
+std::string validUtf8(std::string_view text) {
+  if (internal::isValidUtf8(text)) return std::string(text);
+  std::string out;
+  out.reserve(text.size() + 8);
+  internal::appendValidUtf8(out, text);
+  return out;
+}
 
 std::vector<std::string_view> split(std::string_view text, std::string_view separator, SplitOptions options) {
   std::vector<std::string_view> pieces;
@@ -77,44 +87,6 @@ std::optional<std::string> base64DecodedString(std::string_view base64) {
   auto bytes = base64Decode(base64);
   if (!bytes || !internal::isValidUtf8(bytes->view())) return std::nullopt;
   return std::string(bytes->view());
-}
-
-void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed) {
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (allowed.contains(byte)) {
-      out.push_back(c);
-    } else {
-      const char escape[3] = {'%', kUpperHex[byte >> 4], kUpperHex[byte & 0x0f]};
-      out.append(escape, 3);
-    }
-  }
-}
-
-std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed) {
-  std::string out;
-  out.reserve(text.size() + text.size() / 4);
-  appendPercentEncoded(out, text, allowed);
-  return out;
-}
-
-std::optional<std::string> removingPercentEncoding(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out.push_back(text[i]);
-      continue;
-    }
-    if (text.size() - i < 3) return std::nullopt;
-    const int hi = hexValue(text[i + 1]);
-    const int lo = hexValue(text[i + 2]);
-    if (hi < 0 || lo < 0) return std::nullopt;
-    out.push_back(static_cast<char>(hi << 4 | lo));
-    i += 2;
-  }
-  if (!internal::isValidUtf8(out)) return std::nullopt;
-  return out;
 }
 
 }  // namespace kp

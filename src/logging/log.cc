@@ -1,3 +1,5 @@
+// The printf-style log: the default (silent) instance, options packed in one atomic word,
+// and lines formatted once and handed to the writer.
 #include "kp/logging/log.h"
 
 #include <utility>

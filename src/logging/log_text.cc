@@ -1,3 +1,5 @@
+// The per-thread buffer that log lines are built in, and the pieces of a line's prefix (the
+// file's last path component, the line number).
 #include "logging/log_text.h"
 
 #include <array>

@@ -1,3 +1,5 @@
+// Non-fatal exceptions: the reporter looked up through the service container, then the
+// assertion hook.
 #include "kp/logging/non_fatal_exception.h"
 
 #include <exception>

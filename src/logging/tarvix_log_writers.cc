@@ -1,3 +1,5 @@
+// The writers of TarvixLogger: to the unified log (one OSLogger per category) and to the
+// console through a pluggable executable.
 #include "kp/logging/tarvix_log_writers.h"
 
 #include <cstdio>

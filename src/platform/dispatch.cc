@@ -289,6 +289,14 @@ bool releaseOwnership(SerialQueue::Impl& q) {
   return true;
 }
 
+// Ends the calling thread's run of the queue's items and lets go of `lock` (the queue's
+// mutex); true when what is left must be scheduled.
+bool endTurn(SerialQueue::Impl& q, std::unique_lock<std::mutex>& lock) {
+  const bool post = releaseOwnership(q);
+  lock.unlock();
+  return post;
+}
+
 void runItem(const DispatchQueue* queue, Item& item) {
   ScopedTaskLocalBindings scope(std::move(item.bindings));
   struct Frame : DispatchQueue {
@@ -313,7 +321,7 @@ void SerialQueue::drain() {
     runItem(this, item);
     lock.lock();
   }
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
 }
 
 void SerialQueue::sync(const std::function<void()>& work) {
@@ -358,7 +366,7 @@ void SerialQueue::sync(const std::function<void()>& work) {
     work();
   }
   lock.lock();
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
 }
 
 bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
@@ -373,14 +381,8 @@ bool SerialQueue::runNowIfIdle(const std::function<void()>& work) {
     work();
   }
   std::unique_lock lock(impl_->mutex);
-  endTurn(lock);
+  if (endTurn(*impl_, lock)) scheduleDrain();
   return true;
-}
-
-void SerialQueue::endTurn(std::unique_lock<std::mutex>& lock) {
-  const bool post = releaseOwnership(*impl_);
-  lock.unlock();
-  if (post) scheduleDrain();
 }
 
 void SerialQueue::scheduleDrain() {

@@ -1,3 +1,4 @@
+// UTF-8 validation and repair, one sequence at a time.
 #include "platform/utf8.h"
 
 #include <cstdint>
@@ -57,7 +58,11 @@ bool isPrintableUtf8(std::string_view bytes) noexcept {
   return true;
 }
 
-void appendPrintableUtf8(std::string& out, std::string_view bytes) {
+namespace {
+
+// Appends `bytes` with U+FFFD for every malformed sequence and, with `controls`, for every
+// control character other than tab and line feed.
+void appendRepaired(std::string& out, std::string_view bytes, bool controls) {
   static constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
   const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes.data());
   const auto* p = begin;
@@ -65,7 +70,7 @@ void appendPrintableUtf8(std::string& out, std::string_view bytes) {
   const auto* run = p;  // start of the bytes not yet copied
   while (p < end) {
     const std::size_t length = sequenceLength(p, end);
-    if (length != 0 && !(length == 1 && isControl(*p))) {
+    if (length != 0 && !(controls && length == 1 && isControl(*p))) {
       p += length;
       continue;
     }
@@ -75,5 +80,11 @@ void appendPrintableUtf8(std::string& out, std::string_view bytes) {
   }
   out.append(bytes.substr(static_cast<std::size_t>(run - begin)));
 }
+
+}  // namespace
+
+void appendPrintableUtf8(std::string& out, std::string_view bytes) { appendRepaired(out, bytes, true); }
+
+void appendValidUtf8(std::string& out, std::string_view bytes) { appendRepaired(out, bytes, false); }
 
 }  // namespace kp::internal

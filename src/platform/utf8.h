@@ -15,5 +15,7 @@ namespace kp::internal {
 // Appends `bytes` with every malformed sequence and every control character other than tab
 // and line feed replaced by U+FFFD.
 void appendPrintableUtf8(std::string& out, std::string_view bytes);
+// Appends `bytes` with every malformed sequence replaced by U+FFFD.
+void appendValidUtf8(std::string& out, std::string_view bytes);
 
 }  // namespace kp::internal

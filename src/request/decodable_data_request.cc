@@ -1,8 +1,8 @@
 // The encrypted wire request and the decrypted body of decodable requests.
 #include "kp/request/decodable_data_request.h"
 
+#include "crypto/service_payload.h"
 #include "kp/request/url_request_factory.h"
-#include "kp/service/encryption.h"
 
 namespace kp::internal {
 
@@ -20,7 +20,7 @@ std::optional<Data> decodableBody(const std::optional<Data>& received,
                                   const std::optional<std::string>& decryptionKey) {
   if (!received) return std::nullopt;
   if (keyOrNone(decryptionKey).empty()) return received;
-  return TarvixServiceEncryptionHelper::decryptRawData(received->bytes(), *decryptionKey);
+  return openedData(received->bytes(), *decryptionKey);
 }
 
 }  // namespace kp::internal

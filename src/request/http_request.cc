@@ -2,11 +2,11 @@
 #include "kp/request/http_request.h"
 
 #include "kp/coding/coding.h"
+#include "kp/crypto/percent_encoding.h"
 #include "kp/request/execution_queues.h"
 #include "kp/request/request_executor.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/url_request_factory.h"
-#include "kp/service/encryption.h"
 #include "platform/no_destructor.h"
 
 namespace kp {

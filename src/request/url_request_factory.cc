@@ -1,7 +1,8 @@
 // Building the wire request and the cache key of a request.
 #include "kp/request/url_request_factory.h"
 
-#include "kp/service/encryption.h"
+#include "crypto/service_payload.h"
+#include "kp/crypto/hash.h"
 
 namespace kp {
 namespace {
@@ -31,7 +32,7 @@ UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
   Url url = append(config.queryParameters, request.url());
   std::optional<UrlRequest::ConnectTarget> connectTo;
   if (isUsableKey(queryEncryptionKey)) {
-    if (auto encrypted = TarvixServiceEncryptionHelper::encrypt(url, *queryEncryptionKey)) {
+    if (auto encrypted = internal::sealedUrl(url, *queryEncryptionKey)) {
       // The sealed URL's authority is "host:PORT"; the connection still goes where the caller
       // meant it to.
       if (url.port() && encrypted->host() != url.host()) connectTo = UrlRequest::ConnectTarget{url.host(), *url.port()};
@@ -47,11 +48,11 @@ UrlRequest UrlRequestFactory::createUrlRequest(const HttpRequestType& request,
   const bool bodyKeyGiven = isUsableKey(bodyEncryptionKey);
   if (!config.bodyParameters.empty()) {
     std::string body = HttpRequestParameter::makeParameterString(config.bodyParameters, true);
-    if (bodyKeyGiven) body = TarvixServiceEncryptionHelper::encryptParameterString(body, *bodyEncryptionKey);
+    if (bodyKeyGiven) body = internal::sealedParameterString(body, *bodyEncryptionKey);
     wire.httpBody = Data::fromString(body);
   } else if (config.bodyData) {
     if (bodyKeyGiven) {
-      wire.httpBody = TarvixServiceEncryptionHelper::encryptData(config.bodyData->bytes(), *bodyEncryptionKey);
+      wire.httpBody = internal::sealedData(config.bodyData->bytes(), *bodyEncryptionKey);
     } else {
       wire.httpBody = config.bodyData;
     }

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <thread>
 
+#include "cache/cache_database.h"
 #include "cache_controller_support.h"
 #include "kp/cache/cache_controller.h"
 #include "kp/coding/archivable_image.h"

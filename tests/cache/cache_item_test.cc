@@ -5,7 +5,7 @@
 
 #include <boost/describe/class.hpp>
 
-#include "kp/cache/cache_database.h"
+#include "cache/cache_database.h"
 #include "kp/coding/property_list.h"
 #include "support/process.h"
 #include "support/temp_dir.h"

@@ -1,5 +1,5 @@
 // The SQLite helper against a real database file.
-#include "kp/cache/sqlite.h"
+#include "cache/sqlite.h"
 
 #include <gtest/gtest.h>
 

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "cache/cache_database.h"
+#include "cache/file_storage.h"
 #include "cache_controller_support.h"
-#include "kp/cache/cache_database.h"
-#include "kp/cache/file_storage.h"
 #include "kp/service/encryption.h"
 #include "support/temp_dir.h"
 

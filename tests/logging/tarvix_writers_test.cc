@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kp/logging/tarvix_log_writers.h"
+#include "platform/system_log_internal.h"
 #include "support/journal_socket.h"
 #include "support/process.h"
 #include "support/temp_dir.h"
@@ -119,7 +120,7 @@ class JournalWriterTest : public ::testing::Test {
   std::filesystem::path socketPath() const { return dir.path() / "socket"; }
   TarvixOSLogWriter writerFor(int fallbackDescriptor) {
     return TarvixOSLogWriter("com.example.test", std::make_unique<TarvixCoreLogicOSLogExecutor>(),
-                             SystemLog::make({socketPath().string(), fallbackDescriptor}));
+                             internal::makeSystemLog(socketPath().string(), fallbackDescriptor));
   }
   test::TempDir dir;
   Pipe fallback;
@@ -267,7 +268,7 @@ TEST(RealJournalTest, EntriesAreFoundBySubsystemAndCategory) {
   const std::string subsystem = "com.example." + ns;
   {
     TarvixOSLogWriter writer(subsystem, std::make_unique<TarvixCoreLogicOSLogExecutor>(),
-                             SystemLog::make({socket.string(), 2}));
+                             SystemLog::make(socket.string()));
     writer.log(entry(TarvixLogLevel::notice, "journal line\nsecond"));
     writer.log(entry(TarvixLogLevel::fault, "other category", "Net"));
   }

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <random>
 
-#include "service/cipher.h"
+#include "crypto/cipher_key.h"
 #include "support/service_payload.h"
 
 namespace kp {
@@ -152,6 +152,13 @@ TEST(Base64, DecodingRules) {
   EXPECT_EQ(base64Decode("QQ=="), Data::fromString("A"));
   EXPECT_EQ(base64Decode("QUI="), Data::fromString("AB"));
   EXPECT_EQ(base64Decode("", ignore), Data());
+  // The lenient reading of Base64 in JSON: white space only, short or missing padding.
+  constexpr auto lenient = Base64DecodingOptions::ignoreWhitespace | Base64DecodingOptions::allowMissingPadding;
+  EXPECT_EQ(base64Decode("Zm9v\r\n Yg", lenient), Data::fromString("foob"));
+  EXPECT_EQ(base64Decode("Zm9vYg=", lenient), Data::fromString("foob"));
+  EXPECT_FALSE(base64Decode("Zm9v!Yg==", lenient));  // not white space
+  EXPECT_FALSE(base64Decode("Zm9vYg===", lenient));  // more padding than the group takes
+  EXPECT_FALSE(base64Decode("Zm9vY", lenient));      // a lone character
 }
 
 TEST(QueryValueEncoding, EncodesExactlyTheReservedSet) {

@@ -10,7 +10,8 @@
 #include <iterator>
 #include <limits>
 
-#include "platform/utf8.h"
+#include "kp/coding/json.h"
+#include "kp/foundation/text.h"
 
 namespace kpcore {
 namespace {
@@ -124,7 +125,7 @@ std::string printable(std::string_view text) {
     const std::string_view sequence = text.substr(i, length);
     // C1 controls (U+0080 to U+009F) are escapes to some terminals, as ESC is.
     const bool control = c == 0xc2 && sequence.size() == 2 && static_cast<unsigned char>(sequence[1]) < 0xa0;
-    if (length == 1 || sequence.size() < length || !kp::internal::isValidUtf8(sequence) || control) {
+    if (length == 1 || sequence.size() < length || !kp::isValidUtf8(sequence) || control) {
       escape(c);
       ++i;
       continue;
@@ -180,39 +181,7 @@ double secondsOption(std::string_view name, std::string_view text) {
 
 std::string jsonQuote(std::string_view raw) {
   // JSON is UTF-8: bytes that are not (keys, paths and arguments may hold any) become U+FFFD.
-  std::string repaired;
-  if (!kp::internal::isValidUtf8(raw)) kp::internal::appendPrintableUtf8(repaired, raw);
-  const std::string_view text = repaired.empty() ? raw : std::string_view(repaired);
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out.push_back(static_cast<char>(c));
-        }
-    }
-  }
-  out.push_back('"');
-  return out;
+  return kp::JsonValue(kp::validUtf8(raw)).serialize();
 }
 
 }  // namespace kpcore

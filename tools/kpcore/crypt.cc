@@ -3,7 +3,6 @@
 
 #include "command.h"
 #include "kp/service/encryption.h"
-#include "service/cipher.h"
 
 namespace {
 
@@ -55,7 +54,8 @@ int runCrypt(kpcore::Args& args) {
   } else if (*action == "decrypt") {
     const auto cipher = kp::base64Decode(input, kp::Base64DecodingOptions::ignoreUnknownCharacters);
     if (!cipher) throw kpcore::CommandError("nothing decrypted: the input is not Base64");
-    if (!kp::detail::prepareKey(key)) throw kpcore::CommandError("nothing decrypted: the key is longer than 32 bytes");
+    // The key is a C string of at most 32 bytes; arguments hold no NUL byte.
+    if (key.size() > 32) throw kpcore::CommandError("nothing decrypted: the key is longer than 32 bytes");
     const auto plain = kp::aes256Decrypt(cipher->bytes(), key);
     if (!plain)
       throw kpcore::CommandError("nothing decrypted: not ciphertext for this key (wrong key, or damaged data)");

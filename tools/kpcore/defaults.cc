@@ -7,9 +7,9 @@
 
 #include "command.h"
 #include "kp/coding/json.h"
+#include "kp/foundation/text.h"
 #include "kp/storage/stored_value.h"
 #include "kp/storage/user_defaults.h"
-#include "platform/utf8.h"
 
 namespace {
 
@@ -173,7 +173,7 @@ int runDefaults(kpcore::Args& args) {
     args.expectEnd();
     kp::Value value = parseValue(type, text);
     // The store refuses these without a word; the user must hear of it.
-    if (!kp::internal::isValidUtf8(*key)) throw CommandError("the key is not UTF-8 text", 2);
+    if (!kp::isValidUtf8(*key)) throw CommandError("the key is not UTF-8 text", 2);
     if (std::string problem; !kp::propertyListValue(std::any(value), &problem)) {
       throw CommandError("cannot store the value: " + problem, 2);
     }

@@ -3,6 +3,8 @@
 // size, optionally preceded by the redirects, the status line and the headers; or, with
 // --output, downloads the body to a file. With --cache the shared cache answers and keeps
 // results. Several URLs run through one request queue and print as they complete.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -22,7 +24,6 @@
 #include "kp/request/request_errors.h"
 #include "kp/request/request_queue.h"
 #include "kp/request/string_request.h"
-#include "platform/env.h"
 #include "session_router.h"
 
 namespace {
@@ -226,8 +227,7 @@ class Job {
     request.setUrlSession(session_);
     request.setPriority(options_.priority);
     if (queue_) request.setQueue(queue_);
-    const bool showProgress =
-        options_.progress || (options_.kind == Kind::file && kp::platform::Env::current().standardErrorIsTerminal());
+    const bool showProgress = options_.progress || (options_.kind == Kind::file && ::isatty(STDERR_FILENO) == 1);
     if (showProgress) {
       // Redrawn when the percentage moves, not at every chunk. The handler is copied for
       // each update, so what was shown lives outside it; updates run on the main thread.

@@ -7,7 +7,7 @@
 #include <iostream>
 
 #include "command.h"
-#include "platform/utf8.h"
+#include "kp/foundation/text.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ int runKeychain(kpcore::Args& args) {
 
   const std::string quotedKey = "'" + kpcore::printable(*key) + "'";
   // Keys and values are handed to the keychain as they are; say so before it refuses them.
-  if (!kp::internal::isValidUtf8(*key)) throw CommandError("the key " + quotedKey + " is not UTF-8 text", 2);
+  if (!kp::isValidUtf8(*key)) throw CommandError("the key " + quotedKey + " is not UTF-8 text", 2);
   const auto failure = [&](std::string_view doing, kp::KeychainStatus status) {
     if (status == kp::KeychainStatus::itemNotFound)
       return CommandError("no item for key " + quotedKey + " in " + where);
@@ -52,7 +52,7 @@ int runKeychain(kpcore::Args& args) {
     }
     // Text as the keychain's string() reads it: the stored form, else plain UTF-8.
     std::optional<std::string> text = kp::decodePropertyListData<std::string>(bytes);
-    if (!text && !bytes.empty() && kp::internal::isValidUtf8(bytes.view())) text = bytes.toString();
+    if (!text && !bytes.empty() && kp::isValidUtf8(bytes.view())) text = bytes.toString();
     if (text) {
       std::cout << (json ? "{\"key\":" + kpcore::jsonQuote(*key) + ",\"value\":" + kpcore::jsonQuote(*text) + "}"
                          : kpcore::printable(*text))
@@ -68,11 +68,10 @@ int runKeychain(kpcore::Args& args) {
     const std::optional<std::string> text = args.positional();
     args.expectEnd();
     if (!text) throw CommandError("set needs a value", 2);
-    if (!kp::internal::isValidUtf8(*text)) throw CommandError("the value is not UTF-8 text", 2);
+    if (!kp::isValidUtf8(*text)) throw CommandError("the value is not UTF-8 text", 2);
     kp::KeychainAccess access = kp::KeychainAccess::afterFirstUnlock;
     if (accessText) access = *kp::keychainAccess(kpcore::integerOption("access", *accessText, 0, 6));
-    if (const auto status = keychain->storeString(*text, *key, access, detail);
-        status != kp::KeychainStatus::success) {
+    if (const auto status = keychain->storeString(*text, *key, access, detail); status != kp::KeychainStatus::success) {
       throw failure("store", status);
     }
     return 0;

@@ -69,8 +69,7 @@ int runLog(kpcore::Args& args) {
     std::cout.flush();
     return 0;
   }
-  auto systemLog = std::make_shared<WatchedSystemLog>(
-      socket ? kp::SystemLog::make({.socketPath = *socket, .fallbackDescriptor = 2}) : kp::SystemLog::shared());
+  auto systemLog = std::make_shared<WatchedSystemLog>(socket ? kp::SystemLog::make(*socket) : kp::SystemLog::shared());
   kp::TarvixOSLogWriter(subsystem, std::make_unique<kp::TarvixCoreLogicOSLogExecutor>(), systemLog).log(data);
   if (json) {
     std::cout << "{\"destination\":" << kpcore::jsonQuote(systemLog->journalTookLast() ? "journal" : "stderr")

@@ -4,8 +4,8 @@
 
 #include "command.h"
 #include "kp/coding/json.h"
+#include "kp/crypto/base64.h"
 #include "kp/foundation/json.h"
-#include "kp/platform/base64.h"
 #include "kp/service/tarvix_web_service.h"
 #include "service_session.h"
 

@@ -5,7 +5,7 @@
 #include <boost/beast/http/write.hpp>
 #include <sstream>
 
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
 #include "kp/service/encryption.h"
 
 namespace kp::weather::faulty {

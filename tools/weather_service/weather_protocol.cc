@@ -13,12 +13,11 @@
 #include <variant>
 
 #include "forecast.h"
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
+#include "kp/foundation/text.h"
 #include "kp/service/encryption.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
-#include "platform/utf8.h"
-#include "request/header_text.h"
 
 namespace kp::weather {
 namespace {
@@ -117,9 +116,9 @@ std::optional<std::string> openSealed(std::string_view base64, std::string_view 
 std::string quotable(std::string_view text) {
   constexpr std::size_t kLimit = 64;
   std::string out;
-  if (internal::isValidUtf8(text)) {
+  if (isValidUtf8(text)) {
     out = text.substr(0, kLimit);
-    while (!internal::isValidUtf8(out)) out.pop_back();  // a character cut at the limit
+    while (!isValidUtf8(out)) out.pop_back();  // a character cut at the limit
   } else {
     for (char c : text.substr(0, kLimit)) out.push_back(static_cast<unsigned char>(c) < 0x80 ? c : '?');
   }
@@ -133,7 +132,7 @@ bool looksLikeText(std::string_view text) {
   for (char c : text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return false;
   }
-  return internal::isValidUtf8(text);
+  return isValidUtf8(text);
 }
 
 std::string numberText(double value) {
@@ -201,7 +200,7 @@ Content basicInfo(const ServiceCall& call, Date now) {
   boost::json::object device;
   if (call.userAgent) {
     // Echoed whole when it is text; a header of other bytes is shown, not trusted.
-    device["userAgent"] = internal::isValidUtf8(*call.userAgent) ? *call.userAgent : quotable(*call.userAgent);
+    device["userAgent"] = isValidUtf8(*call.userAgent) ? *call.userAgent : quotable(*call.userAgent);
   }
   Content content;
   content.data = boost::json::object{{"network", {{"ip", call.remoteAddress}}}, {"device", std::move(device)}};
@@ -306,7 +305,7 @@ ServiceAnswer refusal(const Refusal& failure, std::string_view key) {
 // Does an If-None-Match list name `etag`? Weak tags match too, as for any GET.
 bool matchesEntityTag(std::string_view list, std::string_view etag) {
   const auto bare = [](std::string_view tag) {
-    tag = internal::trimSpaces(tag);
+    tag = trimmed(tag);
     if (tag.starts_with("W/")) tag.remove_prefix(2);
     if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') tag = tag.substr(1, tag.size() - 2);
     return tag;

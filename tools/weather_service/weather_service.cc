@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "fault_answers.h"
-#include "request/header_text.h"
+#include "kp/foundation/text.h"
 #include "service_transport.h"
 
 namespace kp::weather {
@@ -479,7 +479,7 @@ namespace {
 
 // Host names do not depend on case; the URL shows them in lower case.
 WeatherServiceOptions withCanonicalHost(WeatherServiceOptions options) {
-  options.host = internal::asciiLowercased(options.host);
+  options.host = lowercased(options.host);
   return options;
 }
 

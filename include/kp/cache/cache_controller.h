@@ -26,7 +26,7 @@
 //
 // Nothing here reports an error: a database that cannot be opened leaves a memory-only cache,
 // a file that cannot be written is not stored, and damaged stored data reads as absent. (A
-// symbolic link in the place of the file folder is reported: see CacheControllerFileStorage.)
+// symbolic link in the place of the file folder is reported: see fileStorageProblem().)
 //
 // Thread safety: every operation may be called from any thread. Timer and notification
 // handling runs on the main thread. Destruction unregisters the observers, stops the timer
@@ -54,16 +54,17 @@
 #include <string_view>
 #include <vector>
 
-#include "kp/cache/cache_database.h"
+#include "kp/cache/cache_row.h"
 #include "kp/cache/cache_service.h"
 #include "kp/container/services.h"
+#include "kp/platform/export.h"
 #include "kp/platform/notification_center.h"
 #include "tarvix/date_service.h"
 
 namespace kp {
 
 // One back-store entry as a listing shows it.
-struct CacheEntrySummary {
+struct KP_EXPORT CacheEntrySummary {
   CacheRowSummary row;  // the entry's database row
   // Bytes of the entry's file; nothing for a serialized entry and for a file that is missing.
   std::optional<std::uint64_t> fileSize;
@@ -71,7 +72,7 @@ struct CacheEntrySummary {
 
 // What the cache holds under one key, read without the side effects of a lookup (no rolling
 // expiry, no removal).
-struct CacheItemInspection {
+struct KP_EXPORT CacheItemInspection {
   // The entry in memory, else its row decoded; null when the row cannot be decoded.
   std::shared_ptr<CacheItem> entry;
   bool inMemory = false;  // whether `entry` came from memory
@@ -84,14 +85,14 @@ struct CacheItemInspection {
 };
 
 // The background work of a controller: tasks and bytes waiting now, and the most seen.
-struct CacheBackgroundStatistics {
+struct KP_EXPORT CacheBackgroundStatistics {
   std::size_t pendingTasks = 0;  // tasks waiting now
   std::size_t pendingBytes = 0;  // bytes those tasks hold
   std::size_t peakTasks = 0;     // the most tasks that waited at once
   std::size_t peakBytes = 0;     // the most bytes that waited at once
 };
 
-class CacheController final : public CacheService {
+class KP_EXPORT CacheController final : public CacheService {
  public:
   static constexpr std::string_view kDatabaseFileName = "centralcache.db";          // the database's file name
   static constexpr std::string_view kStorageFileName = "KPCentralCacheController";  // the file folder's name
@@ -164,8 +165,8 @@ class CacheController final : public CacheService {
   [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
   // Bytes of the file folder, group folders included.
   [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
-  // Why no files are kept in the file folder (a link or no folder stands there, see
-  // CacheControllerFileStorage), if so: the cache then keeps bytes and images in memory only.
+  // Why no files are kept in the file folder (a link or no folder stands there), if so: the cache then keeps bytes and
+  // images in memory only.
   [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
 
   // The application notifications; the host may also call these directly, from any thread.

@@ -22,12 +22,11 @@
 #include <vector>
 
 #include "kp/cache/cache_controller.h"
-#include "kp/cache/cache_database.h"
-#include "kp/cache/file_storage.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class CacheInspector {
+class KP_EXPORT CacheInspector {
  public:
   // The cache in `directory`; nothing, with `problem` (when given) saying why in one line,
   // when it has no database or its database cannot be read as one of schema version 3 or later.
@@ -39,30 +38,31 @@ class CacheInspector {
   CacheInspector(const CacheInspector&) = delete;
   CacheInspector& operator=(const CacheInspector&) = delete;
 
+  ~CacheInspector();
+
   // Rows in the database.
-  [[nodiscard]] std::uint64_t entryCount() { return database_.getItemCount(); }
+  [[nodiscard]] std::uint64_t entryCount();
   // Bytes of the database file with its write-ahead log, and of the file folder.
-  [[nodiscard]] std::uint64_t databaseBytes() const { return database_.getSize(); }
+  [[nodiscard]] std::uint64_t databaseBytes() const;
   // Bytes of the file folder, group folders included.
-  [[nodiscard]] std::uint64_t fileStorageBytes() const { return files_.getSize(); }
+  [[nodiscard]] std::uint64_t fileStorageBytes() const;
   // Why no files are kept in the file folder (a link or no folder stands there), if so.
-  [[nodiscard]] std::optional<std::string> fileStorageProblem() const { return files_.folderProblem(); }
+  [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
   // Every row, oldest first, with its file's size.
   [[nodiscard]] std::vector<CacheEntrySummary> listEntries();
   // What the folder holds under `key` (never in memory: inMemory is false), with expiry judged
   // at `now`; nothing when no row holds the key.
   [[nodiscard]] std::optional<CacheItemInspection> inspect(std::string_view key, Date now = Date::now());
   // Where the database file is.
-  [[nodiscard]] const std::filesystem::path& databasePath() const noexcept { return database_.path(); }
+  [[nodiscard]] const std::filesystem::path& databasePath() const noexcept;
   // Where the file folder is.
-  [[nodiscard]] const std::filesystem::path& storagePath() const noexcept { return files_.basePath(); }
+  [[nodiscard]] const std::filesystem::path& storagePath() const noexcept;
 
  private:
-  CacheInspector(const std::filesystem::path& directory, std::string_view databaseFileName,
-                 std::string_view storageFileName);
+  struct Stores;
+  explicit CacheInspector(std::unique_ptr<Stores> stores);
 
-  CacheControllerDatabase database_;
-  CacheControllerFileStorage files_;
+  std::unique_ptr<Stores> stores_;
 };
 
 }  // namespace kp

@@ -24,11 +24,12 @@
 #include "kp/cache/cacheable.h"
 #include "kp/coding/coding.h"
 #include "kp/coding/keyed_archiver.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A stored entry whose kind is not one of the three.
-class CacheItemCodingError : public CodingError {
+class KP_EXPORT CacheItemCodingError : public CodingError {
  public:
   // The only failure: a kind that is not 0, 1 or 2.
   enum class Code { invalidCacheItemType };
@@ -41,7 +42,7 @@ class CacheItemCodingError : public CodingError {
 };
 
 // The general entry (see the top of this file).
-class CacheItem final : public Cacheable {
+class KP_EXPORT CacheItem final : public Cacheable {
  public:
   // Keys of the coded form; see encode().
   static constexpr std::string_view kCodingVersionKey = "codingVersion";
@@ -84,7 +85,7 @@ class CacheItem final : public Cacheable {
 
   // Kind, configuration, extra items and payload (objects by their own equality); the
   // creation date takes no part.
-  friend bool operator==(const CacheItem& a, const CacheItem& b);
+  friend KP_EXPORT bool operator==(const CacheItem& a, const CacheItem& b);
 
  private:
   bool complete_ = true;

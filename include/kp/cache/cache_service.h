@@ -18,17 +18,19 @@
 //   auto settings = cache->get<kp::CodableCacheItem<Settings>>("settings");
 #pragma once
 
+#include <exception>
 #include <memory>
 #include <string_view>
 
-#include "kp/cache/cache_database.h"
 #include "kp/cache/cache_item.h"
+#include "kp/coding/property_list.h"
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
 // How the generic get() recognises and reads one type of entry.
-struct CacheableType {
+struct KP_EXPORT CacheableType {
   // True for an entry of the type.
   bool (*accepts)(const Cacheable& entry);
   // The entry decoded from its stored coded form, or null.
@@ -37,13 +39,18 @@ struct CacheableType {
   // REQUIRES: T is a Cacheable with `static T decode(const Decoder&)`.
   template <class T>
   [[nodiscard]] static CacheableType of() {
-    return {
-        [](const Cacheable& entry) { return dynamic_cast<const T*>(&entry) != nullptr; },
-        [](const Data& bytes) -> std::shared_ptr<Cacheable> { return CacheControllerDatabase::decodeEntry<T>(bytes); }};
+    return {[](const Cacheable& entry) { return dynamic_cast<const T*>(&entry) != nullptr; },
+            [](const Data& bytes) -> std::shared_ptr<Cacheable> {
+              try {
+                return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+              } catch (const std::exception&) {
+                return nullptr;  // damaged stored data reads as absent
+              }
+            }};
   }
 };
 
-class CacheService : public virtual tarvix::Service {
+class KP_EXPORT CacheService : public virtual tarvix::Service {
  public:
   // A general entry: ignored for an empty key or an invalid entry (a serialized entry without
   // a payload, a file entry whose payload is not bytes, an image entry without an image).

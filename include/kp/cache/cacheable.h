@@ -24,6 +24,7 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -44,7 +45,7 @@ enum class CacheItemType : std::int32_t {
 }
 
 // How the cache keeps one entry: its lifetime, where it lives and its group.
-struct CacheItemConfiguration {
+struct KP_EXPORT CacheItemConfiguration {
   // Keys of the coded form.
   static constexpr std::string_view kMaximumAgeKey = "maximumAge";
   static constexpr std::string_view kExpireOnMemoryWarningKey = "expireOnMemoryWarning";  // see kMaximumAgeKey
@@ -86,7 +87,7 @@ struct CacheItemConfiguration {
 };
 
 // Anything the cache can hold: it has a configuration, a creation date and a coded form.
-class Cacheable {
+class KP_EXPORT Cacheable {
  public:
   // Created at `creationDate`.
   explicit Cacheable(Date creationDate = Date::now()) noexcept : creationDate_(creationDate) {}

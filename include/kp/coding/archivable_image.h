@@ -17,11 +17,12 @@
 #include <string_view>
 
 #include "kp/coding/keyed_archiver.h"
+#include "kp/platform/export.h"
 #include "kp/platform/image.h"
 
 namespace kp {
 
-class ArchivableImage final : public Archivable {
+class KP_EXPORT ArchivableImage final : public Archivable {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "UIImage";

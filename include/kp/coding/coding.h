@@ -51,6 +51,7 @@
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -67,7 +68,7 @@ enum class DateStrategy {
 };
 
 // A failure of an encoding or decoding run, with the path of the value that failed.
-class CodingError : public std::runtime_error {
+class KP_EXPORT CodingError : public std::runtime_error {
  public:
   // What failed: a value of another type, a null or missing value, damaged input, or a value
   // the format cannot hold.
@@ -96,20 +97,20 @@ struct Coding;
 namespace coding_detail {
 
 // One step of a coding path; frames live on the stack of the containers that made them.
-struct PathFrame {
+struct KP_EXPORT PathFrame {
   const PathFrame* parent = nullptr;
   std::string_view key;
   std::size_t index = 0;
   enum : std::uint8_t { none, byKey, byIndex } kind = none;
 };
-std::string formatPath(const PathFrame* frame);
-[[noreturn]] void fail(CodingError::Kind kind, const PathFrame* frame, std::string reason);
-[[noreturn]] void typeMismatch(const PathFrame* frame, std::string_view expected, const Value& found);
+KP_EXPORT std::string formatPath(const PathFrame* frame);
+[[noreturn]] KP_EXPORT void fail(CodingError::Kind kind, const PathFrame* frame, std::string reason);
+[[noreturn]] KP_EXPORT void typeMismatch(const PathFrame* frame, std::string_view expected, const Value& found);
 
-struct EncodingContext {
+struct KP_EXPORT EncodingContext {
   const UserInfo* userInfo;
 };
-struct DecodingContext {
+struct KP_EXPORT DecodingContext {
   const UserInfo* userInfo;
   DateStrategy dates;
 };
@@ -125,7 +126,7 @@ class KeyedEncoder;
 class UnkeyedEncoder;
 
 // Writes one value of a coding run (see the top of this file).
-class Encoder {
+class KP_EXPORT Encoder {
  public:
   Encoder(const Encoder&) = delete;
   Encoder& operator=(const Encoder&) = delete;
@@ -165,7 +166,7 @@ class Encoder {
 };
 
 // Writes the entries of a dictionary value.
-class KeyedEncoder {
+class KP_EXPORT KeyedEncoder {
  public:
   KeyedEncoder(const KeyedEncoder&) = delete;
   KeyedEncoder& operator=(const KeyedEncoder&) = delete;
@@ -210,7 +211,7 @@ class KeyedEncoder {
 };
 
 // Writes the elements of a list value, in order.
-class UnkeyedEncoder {
+class KP_EXPORT UnkeyedEncoder {
  public:
   UnkeyedEncoder(const UnkeyedEncoder&) = delete;
   UnkeyedEncoder& operator=(const UnkeyedEncoder&) = delete;
@@ -242,7 +243,7 @@ class KeyedDecoder;
 class UnkeyedDecoder;
 
 // Reads one value of a coding run (see the top of this file).
-class Decoder {
+class KP_EXPORT Decoder {
  public:
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
@@ -287,7 +288,7 @@ class Decoder {
 };
 
 // Reads the entries of a dictionary value.
-class KeyedDecoder {
+class KP_EXPORT KeyedDecoder {
  public:
   KeyedDecoder(const KeyedDecoder&) = delete;
   KeyedDecoder& operator=(const KeyedDecoder&) = delete;
@@ -352,7 +353,7 @@ class KeyedDecoder {
 };
 
 // Reads the elements of a list value, in order.
-class UnkeyedDecoder {
+class KP_EXPORT UnkeyedDecoder {
  public:
   UnkeyedDecoder(const UnkeyedDecoder&) = delete;
   UnkeyedDecoder& operator=(const UnkeyedDecoder&) = delete;
@@ -422,12 +423,12 @@ template <class T>
 concept Described = boost::describe::has_describe_members<T>::value && !SelfCoding<T>;
 
 // An integer within [min, max], from an integer or an integral real.
-std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max);
-std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max);
-double decodeReal(const Decoder& d);
-Date decodeDate(const Decoder& d);
-Data decodeData(const Decoder& d);
-const std::string& decodeString(const Decoder& d);
+KP_EXPORT std::int64_t decodeInteger(const Decoder& d, std::int64_t min, std::int64_t max);
+KP_EXPORT std::uint64_t decodeUnsigned(const Decoder& d, std::uint64_t max);
+KP_EXPORT double decodeReal(const Decoder& d);
+KP_EXPORT Date decodeDate(const Decoder& d);
+KP_EXPORT Data decodeData(const Decoder& d);
+KP_EXPORT const std::string& decodeString(const Decoder& d);
 
 }  // namespace coding_detail
 
@@ -439,7 +440,7 @@ struct Coding<T, std::enable_if_t<coding_detail::SelfCoding<T>>> {
 
 // Booleans, as booleans.
 template <>
-struct Coding<bool> {
+struct KP_EXPORT Coding<bool> {
   static void encode(Encoder& e, bool v) { e.encodeValue(Value(v)); }  // writes `v`
   // Reads a boolean; anything else is a type mismatch.
   static bool decode(const Decoder& d) {
@@ -475,35 +476,35 @@ struct Coding<E, std::enable_if_t<std::is_enum_v<E>>> {
 };
 
 template <>
-struct Coding<std::string> {
+struct KP_EXPORT Coding<std::string> {
   static void encode(Encoder& e, const std::string& v) { e.encodeValue(Value(v)); }
   static std::string decode(const Decoder& d) { return coding_detail::decodeString(d); }
 };
 
 // Byte buffers, as bytes (Base64 text in JSON).
 template <>
-struct Coding<Data> {
+struct KP_EXPORT Coding<Data> {
   static void encode(Encoder& e, const Data& v) { e.encodeValue(Value(v)); }     // writes `v`
   static Data decode(const Decoder& d) { return coding_detail::decodeData(d); }  // reads bytes
 };
 
 // Dates, as dates (as the date strategy says in JSON).
 template <>
-struct Coding<Date> {
+struct KP_EXPORT Coding<Date> {
   static void encode(Encoder& e, Date v) { e.encodeValue(Value(v)); }            // writes `v`
   static Date decode(const Decoder& d) { return coding_detail::decodeDate(d); }  // reads a date
 };
 
 // URLs travel as their text.
 template <>
-struct Coding<Url> {
+struct KP_EXPORT Coding<Url> {
   static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }  // writes the text
   static Url decode(const Decoder& d);  // reads the text; fails when it is no URL
 };
 
 // Trees, as they are.
 template <>
-struct Coding<Value> {
+struct KP_EXPORT Coding<Value> {
   static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }  // writes `v`
   static Value decode(const Decoder& d) { return d.value(); }           // a copy of the tree
 };

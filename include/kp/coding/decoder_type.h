@@ -15,10 +15,11 @@
 #include "kp/coding/coding.h"
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class DecoderType {
+class KP_EXPORT DecoderType {
  public:
   virtual ~DecoderType() = default;
 

@@ -35,6 +35,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -42,7 +43,7 @@ namespace internal {
 struct JsonAccess;
 }  // namespace internal
 
-class JsonValue {
+class KP_EXPORT JsonValue {
  public:
   // What a value is.
   enum class Type : std::uint8_t { null, boolean, integer, real, string, array, object };
@@ -113,7 +114,7 @@ class JsonValue {
                                            DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
 
   // Equal content; numbers compare by value (12 equals 12.0).
-  friend bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
+  friend KP_EXPORT bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
 
  private:
   struct Document;
@@ -125,7 +126,7 @@ class JsonValue {
 
 // JSON values inside codable types: coded as the tree they hold.
 template <>
-struct Coding<JsonValue> {
+struct KP_EXPORT Coding<JsonValue> {
   // Writes the value's tree.
   static void encode(Encoder& e, const JsonValue& v) { e.encodeValue(v.toValue()); }
   // Reads a tree back as a value.
@@ -133,12 +134,12 @@ struct Coding<JsonValue> {
 };
 
 // Writes a tree as JSON text with the given date handling.
-[[nodiscard]] std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
+[[nodiscard]] KP_EXPORT std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
 // Reads JSON text as a tree. Throws CodingError (dataCorrupted).
-[[nodiscard]] Value readJson(std::string_view text);
+[[nodiscard]] KP_EXPORT Value readJson(std::string_view text);
 
 // Writes codable values as JSON text.
-class JsonEncoder {
+class KP_EXPORT JsonEncoder {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;  // how dates are written
   bool prettyPrinted = false;                                           // indented text instead of compact
@@ -152,7 +153,7 @@ class JsonEncoder {
 };
 
 // Reads codable values from JSON text.
-class JsonDecoder : public DecoderType {
+class KP_EXPORT JsonDecoder : public DecoderType {
  public:
   DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;  // how dates are read
   UserInfo userInfo;                                                    // handed to every decoder of a run

@@ -50,6 +50,7 @@
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -58,7 +59,7 @@ class ArchiveEncoder;
 class ArchiveDecoder;
 
 // An object the keyed archiver can write, under a registered class name.
-class Archivable {
+class KP_EXPORT Archivable {
  public:
   virtual ~Archivable() = default;
   // The registered name written as $classname.
@@ -72,7 +73,7 @@ class Archivable {
 using ArchivablePtr = std::shared_ptr<const Archivable>;
 
 // Any value the archiver can hold.
-class ArchiveValue {
+class KP_EXPORT ArchiveValue {
  public:
   using Array = std::vector<ArchiveValue>;                              // elements in order
   using Dictionary = std::map<std::string, ArchiveValue, std::less<>>;  // entries by key
@@ -128,14 +129,14 @@ class ArchiveValue {
   [[nodiscard]] const Storage& storage() const noexcept { return storage_; }  // what it holds
 
   // Errors compare by content, archivable objects by isEqual.
-  friend bool operator==(const ArchiveValue& a, const ArchiveValue& b);
+  friend KP_EXPORT bool operator==(const ArchiveValue& a, const ArchiveValue& b);
 
  private:
   Storage storage_;
 };
 
 // Writes one object's fields into the archive; Archivable::encode() receives it.
-class ArchiveEncoder {
+class KP_EXPORT ArchiveEncoder {
  public:
   // A value as an object reference (shared objects and equal strings are written once).
   void encodeObject(std::string_view key, const ArchiveValue& value);
@@ -153,7 +154,7 @@ class ArchiveEncoder {
 };
 
 // Reads one object's fields back; the class's reader receives it.
-class ArchiveDecoder {
+class KP_EXPORT ArchiveDecoder {
  public:
   // True when the object has a field `key`.
   [[nodiscard]] bool containsValue(std::string_view key) const;
@@ -189,7 +190,8 @@ class ArchiveDecoder {
 using ArchiveFactory = std::function<ArchivablePtr(ArchiveDecoder&)>;
 
 // Registers `className` (and optional superclass names written in $classes) with its reader.
-void registerArchivableClass(std::string className, ArchiveFactory factory, std::vector<std::string> superclasses = {});
+KP_EXPORT void registerArchivableClass(std::string className, ArchiveFactory factory,
+                                       std::vector<std::string> superclasses = {});
 
 // Registers T under a name with T::decode(ArchiveDecoder&) as its reader.
 template <class T>
@@ -202,14 +204,14 @@ struct ArchiveRegistration {
 };
 
 // Writes values as keyed archives (binary property lists).
-class KeyedArchiver {
+class KP_EXPORT KeyedArchiver {
  public:
   // The archive of `root`, or nothing (and `error`) when a value cannot be archived.
   [[nodiscard]] static std::optional<Data> archivedData(const ArchiveValue& root, ErrorPtr* error = nullptr);
 };
 
 // Reads keyed archives back, accepting only the classes it is told to.
-class KeyedUnarchiver {
+class KP_EXPORT KeyedUnarchiver {
  public:
   // Archived class name -> registered class name, for names no class is registered under.
   using ClassMapping = std::map<std::string, std::string, std::less<>>;

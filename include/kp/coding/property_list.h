@@ -31,6 +31,7 @@
 #include "kp/coding/value.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -41,12 +42,14 @@ enum class PropertyListFormat { binary, xml };
 inline constexpr std::size_t kMaxPropertyListDepth = 512;
 
 // Writes `value` as a property list. Throws CodingError for text that is not UTF-8.
-[[nodiscard]] Data writePropertyList(const Value& value, PropertyListFormat format = PropertyListFormat::binary);
+[[nodiscard]] KP_EXPORT Data writePropertyList(const Value& value,
+                                               PropertyListFormat format = PropertyListFormat::binary);
 // Reads a binary or XML property list. Throws CodingError (dataCorrupted) for anything else.
-[[nodiscard]] Value readPropertyList(std::span<const std::uint8_t> bytes, PropertyListFormat* format = nullptr);
+[[nodiscard]] KP_EXPORT Value readPropertyList(std::span<const std::uint8_t> bytes,
+                                               PropertyListFormat* format = nullptr);
 
 // Writes codable values as property lists.
-class PropertyListEncoder {
+class KP_EXPORT PropertyListEncoder {
  public:
   PropertyListFormat outputFormat = PropertyListFormat::binary;  // the form written
   UserInfo userInfo;                                             // handed to every encoder of a run
@@ -59,7 +62,7 @@ class PropertyListEncoder {
 };
 
 // Reads codable values from binary or XML property lists.
-class PropertyListDecoder : public DecoderType {
+class KP_EXPORT PropertyListDecoder : public DecoderType {
  public:
   UserInfo userInfo;  // handed to every decoder of a run
 
@@ -98,8 +101,8 @@ struct Unwrapped {
   void encode(Encoder& e) const { e.keyed().encode("v", value); }
   static Unwrapped decode(const Decoder& d) { return {d.keyed().decode<T>("v")}; }
 };
-void reportEncodingFailure(const std::exception& error);
-ErrorPtr toError(const std::exception& error);
+KP_EXPORT void reportEncodingFailure(const std::exception& error);
+KP_EXPORT ErrorPtr toError(const std::exception& error);
 }  // namespace coding_detail
 
 // The shared encode helper: `value` as binary property-list data; a scalar is wrapped as a

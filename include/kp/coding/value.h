@@ -31,18 +31,19 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A property-list object reference, as the keyed archiver writes them.
-struct Uid {
+struct KP_EXPORT Uid {
   std::uint64_t value = 0;                     // the object's index in the archive
   friend bool operator==(Uid, Uid) = default;  // the same index
 };
 
 // The tree every coder writes and reads: null, scalars, text, bytes, dates, object references,
 // arrays and dictionaries (whose entries keep their order).
-class Value {
+class KP_EXPORT Value {
  public:
   // What a value holds.
   enum class Type : std::uint8_t {
@@ -151,7 +152,7 @@ class Value {
   [[nodiscard]] static std::string_view typeName(Type type) noexcept;
 
   // The same type and content, in the same order.
-  friend bool operator==(const Value& a, const Value& b);
+  friend KP_EXPORT bool operator==(const Value& a, const Value& b);
 
  private:
   std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Uid,

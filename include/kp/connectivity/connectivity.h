@@ -19,6 +19,7 @@
 #include <memory>
 
 #include "kp/connectivity/reachability.h"
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
@@ -29,7 +30,7 @@ enum class ConnectionType : int { none = 0, wifi = 1, cellular = 2 };
 enum class ConnectivityState : int { offline = 0, online = 1 };
 
 // Whether the device is online and over which kind of link, as a service a host can replace.
-class ConnectivityService : public virtual tarvix::Service {
+class KP_EXPORT ConnectivityService : public virtual tarvix::Service {
  public:
   // The kind of link the internet is reached over now.
   [[nodiscard]] virtual ConnectionType type() const = 0;
@@ -41,7 +42,7 @@ class ConnectivityService : public virtual tarvix::Service {
   [[nodiscard]] virtual bool isOffline() const = 0;
 };
 
-class Connectivity final : public ConnectivityService {
+class KP_EXPORT Connectivity final : public ConnectivityService {
  public:
   // The process-wide instance.
   [[nodiscard]] static const std::shared_ptr<Connectivity>& default_();

@@ -26,6 +26,7 @@
 #include <memory>
 
 #include "kp/connectivity/connectivity.h"
+#include "kp/platform/export.h"
 #include "kp/platform/notification_center.h"
 #include "kp/platform/weak_hash_table.h"
 #include "tarvix/service.h"
@@ -34,34 +35,34 @@ namespace kp {
 
 // What every delegate of the monitor is; it implements the operations it wants through the
 // interfaces below.
-class ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityMonitorDelegate {
  public:
   virtual ~ConnectivityMonitorDelegate() = default;
 };
 
 // Hears of every change of the connection kind.
-class ConnectivityChangeDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityChangeDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   // The kind changed from `oldType` to `changedTo`.
   virtual void connectivity(ConnectionType changedTo, ConnectionType oldType) = 0;
 };
 
 // Hears when the device goes online.
-class ConnectivityOnlineDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityOnlineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   // The kind changed from none to a usable one.
   virtual void connectivityWentOnline() = 0;
 };
 
 // Hears when the device goes offline.
-class ConnectivityOfflineDelegate : public virtual ConnectivityMonitorDelegate {
+class KP_EXPORT ConnectivityOfflineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
   // The kind changed from a usable one to none.
   virtual void connectivityWentOffline() = 0;
 };
 
 // The monitor as a service a host can replace.
-class ConnectivityMonitorService : public virtual tarvix::Service {
+class KP_EXPORT ConnectivityMonitorService : public virtual tarvix::Service {
  public:
   // Holds `delegate` weakly: it hears of changes until it is removed or destroyed.
   virtual void addDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
@@ -69,7 +70,7 @@ class ConnectivityMonitorService : public virtual tarvix::Service {
   virtual void removeDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
 };
 
-class ConnectivityMonitor final : public ConnectivityMonitorService {
+class KP_EXPORT ConnectivityMonitor final : public ConnectivityMonitorService {
  public:
   // The process-wide instance, over Connectivity::default_().
   [[nodiscard]] static const std::shared_ptr<ConnectivityMonitor>& default_();

@@ -17,16 +17,15 @@
 //   if (reachability->connection() == kp::Reachability::Connection::wifi) { ... }
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 #include "kp/platform/network_reachability.h"
 #include "kp/platform/notification_center.h"
 
@@ -36,7 +35,7 @@ namespace kp {
 // is recorded, not acted on.
 enum class DispatchQoS { unspecified, background, utility, default_, userInitiated, userInteractive };
 
-class Reachability : public std::enable_shared_from_this<Reachability> {
+class KP_EXPORT Reachability : public std::enable_shared_from_this<Reachability> {
  public:
   // The kind of link the internet is reached over; links that are not cellular count as wifi.
   enum class Connection : int { none = 0, wifi = 1, cellular = 2 };
@@ -89,35 +88,29 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   [[nodiscard]] Callback whenUnreachable() const;
 
   // When false, a cellular link counts as no connection. Default true.
-  void setAllowsCellularConnection(bool allows) noexcept { allowsCellularConnection_.store(allows); }
+  void setAllowsCellularConnection(bool allows) noexcept;
   // See setAllowsCellularConnection().
-  [[nodiscard]] bool allowsCellularConnection() const noexcept { return allowsCellularConnection_.load(); }
+  [[nodiscard]] bool allowsCellularConnection() const noexcept;
 
   // Where "reachabilityChanged" is posted; the default centre unless changed.
   // REQUIRES: `center` outlives this object.
-  void setNotificationCenter(NotificationCenter& center) noexcept { notificationCenter_.store(&center); }
+  void setNotificationCenter(NotificationCenter& center) noexcept;
   // See setNotificationCenter().
-  [[nodiscard]] NotificationCenter& notificationCenter() const noexcept { return *notificationCenter_.load(); }
+  [[nodiscard]] NotificationCenter& notificationCenter() const noexcept;
 
   // True between a successful startNotifier() and the end of delivery.
-  [[nodiscard]] bool notifierRunning() const noexcept { return notifierRunning_.load(); }
+  [[nodiscard]] bool notifierRunning() const noexcept;
   // The source the flags come from.
-  [[nodiscard]] const std::shared_ptr<NetworkReachability>& reachabilityRef() const noexcept {
-    return reachabilityRef_;
-  }
+  [[nodiscard]] const std::shared_ptr<NetworkReachability>& reachabilityRef() const noexcept;
   // The queue that reads the flags and runs the change step.
-  [[nodiscard]] const std::shared_ptr<SerialQueue>& reachabilitySerialQueue() const noexcept { return queue_; }
+  [[nodiscard]] const std::shared_ptr<SerialQueue>& reachabilitySerialQueue() const noexcept;
   // The quality of service the queue was asked for.
-  [[nodiscard]] DispatchQoS queueQoS() const noexcept { return queueQoS_; }
+  [[nodiscard]] DispatchQoS queueQoS() const noexcept;
   // The flag word last read; nothing before the first read.
   [[nodiscard]] std::optional<ReachabilityFlags> flags() const noexcept;
 
   // The connection kind now. Reads the flags first when none have been read.
-  [[nodiscard]] Connection connection() {
-    const std::uint64_t word = flags_.load(std::memory_order_acquire);
-    if ((word & kFlagsPresent) == 0) return connectionAfterFirstRead();
-    return connectionFor(static_cast<ReachabilityFlags>(word), allowsCellularConnection());
-  }
+  [[nodiscard]] Connection connection();
 
   // Starts delivery of changes; returns at once when running. Reads the flags, so that the
   // first change step (and its callbacks) follows at once. On failure the object is detached
@@ -141,7 +134,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
  private:
   Reachability(std::shared_ptr<NetworkReachability> reachabilityRef, DispatchQoS queueQoS,
                std::shared_ptr<DispatchQueue> targetQueue);
-  Connection connectionAfterFirstRead();
+  struct State;
   // On the serial queue: reads the flags from the source and stores them. Throws Error.
   void setReachabilityFlags();
   // On the serial queue: a new word from the source.
@@ -150,20 +143,7 @@ class Reachability : public std::enable_shared_from_this<Reachability> {
   void reachabilityChanged();
   void detachFromSource() noexcept;
 
-  static constexpr std::uint64_t kFlagsPresent = std::uint64_t{1} << 32;
-
-  mutable std::mutex mutex_;
-  Callback whenReachable_;    // guarded by mutex_
-  Callback whenUnreachable_;  // guarded by mutex_
-  std::mutex startMutex_;     // serialises startNotifier()
-  std::atomic<bool> allowsCellularConnection_{true};
-  std::atomic<NotificationCenter*> notificationCenter_;
-  std::atomic<bool> notifierRunning_{false};
-  const std::shared_ptr<NetworkReachability> reachabilityRef_;
-  const std::shared_ptr<SerialQueue> queue_;
-  const DispatchQoS queueQoS_;
-  // The word with kFlagsPresent once read; written only on queue_.
-  std::atomic<std::uint64_t> flags_{0};
+  const std::unique_ptr<State> state_;
 };
 
 }  // namespace kp

@@ -18,20 +18,21 @@
 #include <memory>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "tarvix/application.h"
 #include "tarvix/date_service.h"
 
 namespace kp {
 
 // The current date from the system clock.
-class DefaultDateService final : public tarvix::DateService {
+class KP_EXPORT DefaultDateService final : public tarvix::DateService {
  public:
   // The system clock's time now.
   [[nodiscard]] std::chrono::system_clock::time_point now() const override { return std::chrono::system_clock::now(); }
 };
 
 // The Application service over the host's own implementation; every member forwards to it.
-class BridgedApplication final : public tarvix::Application {
+class KP_EXPORT BridgedApplication final : public tarvix::Application {
  public:
   // `host` must not be null.
   explicit BridgedApplication(std::shared_ptr<tarvix::Application> host);

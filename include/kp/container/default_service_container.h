@@ -30,24 +30,19 @@
 //   std::shared_ptr<Clock> clock = container->safeGet<Clock>();
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <typeinfo>
-#include <unordered_map>
 #include <vector>
 
 #include "kp/container/tarvix_error.h"
+#include "kp/platform/export.h"
 #include "tarvix/service_container.h"
 
 namespace kp {
 
-class DefaultServiceContainer final : public tarvix::ServiceContainer {
+class KP_EXPORT DefaultServiceContainer final : public tarvix::ServiceContainer {
  public:
   // The key of the three tables: one type, equal to another exactly when it wraps the same
   // type.
@@ -111,7 +106,7 @@ class DefaultServiceContainer final : public tarvix::ServiceContainer {
   [[nodiscard]] std::shared_ptr<void> resolveIfRegistered(const tarvix::ServiceType& serviceType);
 
   // True once anything has been registered.
-  [[nodiscard]] bool hasRegistrations() const noexcept { return registeredCount_.load(std::memory_order_acquire) != 0; }
+  [[nodiscard]] bool hasRegistrations() const noexcept;
 
   // A new container holding both containers' tables; where both have an entry, `other`'s wins.
   [[nodiscard]] std::shared_ptr<DefaultServiceContainer> merge(const DefaultServiceContainer& other) const;
@@ -122,48 +117,11 @@ class DefaultServiceContainer final : public tarvix::ServiceContainer {
   [[nodiscard]] std::string debugDescription() const;
 
  private:
-  struct Registration {
-    ServiceIdentifier instanceType;
-    // The instance converted to the service type, once resolved: the fast path of safeGet().
-    std::shared_ptr<void> resolved;
-  };
-  using Identifier = ServiceIdentifier;
-  template <class V>
-  using Table = std::unordered_map<Identifier, V, ServiceIdentifierHash>;
-
-  class FactoryRun;
-  struct Snapshot;
-  // An open-addressing map from type_info addresses to registrations, in front of
-  // registeredTypes_: a pointer hash instead of hashing and comparing mangled names. A type
-  // met under another type_info address (another shared library) gets a slot of its own.
-  struct FastSlot {
-    const std::type_info* type = nullptr;
-    Registration* registration = nullptr;
-  };
-
-  [[nodiscard]] Registration* findRegistration(const tarvix::ServiceType& serviceType);
-
   [[nodiscard]] std::shared_ptr<void> resolve(const tarvix::ServiceType& serviceType, bool required);
-  [[nodiscard]] std::shared_ptr<void> makeInstance(Registration& registration, const tarvix::ServiceType& serviceType,
-                                                   std::unique_lock<std::mutex>& lock);
-  [[nodiscard]] bool runsFactoryOnThisThread() const noexcept {
-    return factoryThread_.load(std::memory_order_relaxed) == std::this_thread::get_id();
-  }
-  [[nodiscard]] ReentrantUseError reentrantUse(std::string_view action) const;
-  [[nodiscard]] Snapshot snapshot() const;
 
-  mutable std::mutex mutex_;
-  Table<Registration> registeredTypes_;                    // keyed by service type
-  Table<Factory> instanceFactories_;                       // keyed by instance type
-  Table<std::shared_ptr<tarvix::Service>> instanceCache_;  // keyed by instance type
-  std::vector<FastSlot> fastIndex_;                        // size: 0 or a power of two
-  std::size_t fastIndexCount_ = 0;
-  std::atomic<std::size_t> registeredCount_{0};
-  // The thread running a factory of this container, and what that factory makes; the two
-  // types are read only by that thread.
-  std::atomic<std::thread::id> factoryThread_{};
-  std::optional<tarvix::ServiceType> factoryInstanceType_;
-  std::optional<tarvix::ServiceType> factoryServiceType_;
+  // The three tables, the fast index in front of them, the lock and the factory in progress.
+  struct State;
+  const std::unique_ptr<State> state_;
 };
 
 }  // namespace kp

@@ -23,12 +23,13 @@
 #include <vector>
 
 #include "kp/container/default_service_container.h"
+#include "kp/platform/export.h"
 #include "kp/platform/task_local.h"
 #include "tarvix/service_container.h"
 
 namespace kp {
 
-class Services final : public tarvix::ServiceContainer {
+class KP_EXPORT Services final : public tarvix::ServiceContainer {
  public:
   // Lookups in `container`, after the current task's override.
   explicit Services(std::shared_ptr<DefaultServiceContainer> container);

@@ -23,9 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class TarvixError : public std::exception {
+class KP_EXPORT TarvixError : public std::exception {
  public:
   // An error with its message, what may have caused it and what may fix it.
   TarvixError(std::string message, std::vector<std::string> possibleCauses, std::vector<std::string> suggestedFixes);

@@ -19,10 +19,12 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // A dotted identifier for user-interface tests, checked when compiled.
-class AccessibilityIdentifier {
+class KP_EXPORT AccessibilityIdentifier {
  public:
   // `text`; a literal that is not well formed does not compile.
   consteval AccessibilityIdentifier(const char* text) : text_(text) {  // NOLINT(google-explicit-constructor)

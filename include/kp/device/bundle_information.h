@@ -8,9 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-struct BundleInformation {
+struct KP_EXPORT BundleInformation {
   std::optional<std::string> identifier;   // "org.example.Weather"
   std::optional<std::string> displayName;  // "Weather"
   std::optional<std::string> version;      // "5.2.0"

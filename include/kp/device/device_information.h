@@ -24,11 +24,12 @@
 #include <string_view>
 
 #include "kp/device/device_kind.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A version number major.minor.patch.
-struct OperatingSystemVersion {
+struct KP_EXPORT OperatingSystemVersion {
   int majorVersion = 0;  // 22 in 22.4.0
   int minorVersion = 0;  // 4 in 22.4.0
   int patchVersion = 0;  // 0 in 22.4.0
@@ -42,7 +43,7 @@ struct OperatingSystemVersion {
 };
 
 // The operating system and kernel the library runs on.
-struct OperatingSystem {
+struct KP_EXPORT OperatingSystem {
   static constexpr std::string_view kUnknown = "unknown";  // what a fact nobody gave reads as
 
   std::string name = std::string(kUnknown);             // os-release NAME, "Debian GNU/Linux"
@@ -59,7 +60,7 @@ struct OperatingSystem {
 };
 
 // What the library knows of the device.
-struct DeviceFacts {
+struct KP_EXPORT DeviceFacts {
   DeviceKind kind = DeviceKind::unknown;  // from the chassis
   std::string chassis;                    // the source's word, empty when none said
   std::string chassisSource;              // "hostnamed", "dmi", or empty
@@ -71,7 +72,7 @@ struct DeviceFacts {
 };
 
 // The device facts of this machine.
-class DeviceInformation {
+class KP_EXPORT DeviceInformation {
  public:
   // The process-wide instance over the host's sources; made on first use, never destroyed.
   [[nodiscard]] static DeviceInformation& shared();

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "kp/platform/application_info.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -32,10 +33,10 @@ enum class DeviceKind {
 };
 
 // The kind for a chassis word of hostnamed's; unknown for anything else (empty included).
-[[nodiscard]] DeviceKind deviceKindOfChassis(std::string_view chassis) noexcept;
+[[nodiscard]] KP_EXPORT DeviceKind deviceKindOfChassis(std::string_view chassis) noexcept;
 // The chassis word of a kind ("handset", "vm"); "unknown" for unknown.
-[[nodiscard]] std::string_view chassisName(DeviceKind kind) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view chassisName(DeviceKind kind) noexcept;
 // phone -> phone, tablet -> pad, everything else -> unspecified.
-[[nodiscard]] UserInterfaceIdiom idiomOf(DeviceKind kind) noexcept;
+[[nodiscard]] KP_EXPORT UserInterfaceIdiom idiomOf(DeviceKind kind) noexcept;
 
 }  // namespace kp

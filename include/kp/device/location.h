@@ -35,11 +35,12 @@
 
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // One position as the location service reported it.
-struct Location {
+struct KP_EXPORT Location {
   double latitude = 0;             // degrees, -90...90
   double longitude = 0;            // degrees, -180...180
   double horizontalAccuracy = 0;   // metres
@@ -77,7 +78,7 @@ inline constexpr std::string_view kLocationErrorDomain = "KPLocation";  // the l
 class LocationController;
 
 // Hears of a controller's events on the main queue; each operation does nothing by default.
-class LocationControllerDelegate {
+class KP_EXPORT LocationControllerDelegate {
  public:
   virtual ~LocationControllerDelegate() = default;
   // A new location.
@@ -98,7 +99,7 @@ class LocationControllerDelegate {
   }
 };
 
-class LocationController : public std::enable_shared_from_this<LocationController> {
+class KP_EXPORT LocationController : public std::enable_shared_from_this<LocationController> {
  public:
   // Calls to the service are answered within `timeout`, or the updates end (timedOut).
   [[nodiscard]] static std::shared_ptr<LocationController> make(
@@ -140,6 +141,6 @@ class LocationController : public std::enable_shared_from_this<LocationControlle
 };
 
 // "notDetermined", "denied", "authorizedWhenInUse", ... for logs and tools.
-[[nodiscard]] std::string_view authorizationStatusName(LocationAuthorizationStatus status) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view authorizationStatusName(LocationAuthorizationStatus status) noexcept;
 
 }  // namespace kp

@@ -18,10 +18,12 @@
 
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // A size in points.
-struct PointSize {
+struct KP_EXPORT PointSize {
   double width = 0;   // points
   double height = 0;  // points
 };
@@ -30,7 +32,7 @@ struct PointSize {
 enum class UserInterfaceSizeClass { unspecified = 0, compact = 1, regular = 2 };
 
 // A window's size class in each direction.
-struct SizeClasses {
+struct KP_EXPORT SizeClasses {
   UserInterfaceSizeClass horizontal = UserInterfaceSizeClass::unspecified;   // by width
   UserInterfaceSizeClass vertical = UserInterfaceSizeClass::unspecified;     // by height
   friend bool operator==(const SizeClasses&, const SizeClasses&) = default;  // both classes equal
@@ -43,11 +45,11 @@ inline constexpr double kRegularWidthPoints = 600;   // the narrowest regular wi
 inline constexpr double kRegularHeightPoints = 480;  // the lowest regular height
 
 // The size classes of a window of size `window` (see the top of this file).
-[[nodiscard]] SizeClasses sizeClasses(PointSize window) noexcept;
+[[nodiscard]] KP_EXPORT SizeClasses sizeClasses(PointSize window) noexcept;
 // unknown when either size is not positive and finite, or the window is larger than its screen
 // by more than 5% either way.
-[[nodiscard]] SplitScreenMode splitScreenMode(PointSize window, PointSize screen) noexcept;
+[[nodiscard]] KP_EXPORT SplitScreenMode splitScreenMode(PointSize window, PointSize screen) noexcept;
 // "fullScreen", "oneThird", ... for logs and tools.
-[[nodiscard]] std::string_view splitScreenModeName(SplitScreenMode mode) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view splitScreenModeName(SplitScreenMode mode) noexcept;
 
 }  // namespace kp

@@ -22,10 +22,12 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // A colour with 8-bit components (see the top of this file).
-struct Color {
+struct KP_EXPORT Color {
   std::uint8_t red = 0;      // 0 to 255
   std::uint8_t green = 0;    // 0 to 255
   std::uint8_t blue = 0;     // 0 to 255

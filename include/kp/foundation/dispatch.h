@@ -34,13 +34,14 @@
 #include <utility>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // Runs `work` at once on the main thread, else posts it to the main queue.
-void runOnMainThread(Work work);
+KP_EXPORT void runOnMainThread(Work work);
 // Posts `work` to the background pool.
-void runInBackground(Work work);
+KP_EXPORT void runInBackground(Work work);
 
 // A once-token held by its user, usually a member or a function-local static. A block that
 // runs the same token again from inside itself deadlocks.
@@ -48,7 +49,7 @@ void runInBackground(Work work);
 // Not std::call_once: a block that throws leaves a once_flag unusable with some C libraries
 // and under ThreadSanitizer (the next caller waits for ever), and a failed block must let the
 // next caller try again. Callers that come while the block runs wait on the lock it runs under.
-class Once {
+class KP_EXPORT Once {
  public:
   Once() = default;
   Once(const Once&) = delete;
@@ -72,6 +73,6 @@ class Once {
 
 // Runs `block` the first time `token` is used in this process. Tokens are compared as text;
 // each one used costs a few bytes for the life of the process.
-void runOnce(std::string_view token, const std::function<void()>& block);
+KP_EXPORT void runOnce(std::string_view token, const std::function<void()>& block);
 
 }  // namespace kp

@@ -32,6 +32,7 @@
 #include "kp/coding/json.h"
 #include "kp/platform/data.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -44,17 +45,17 @@ enum class JsonFormat : std::uint8_t {
 
 // The JSON value of `text` (any value at the top, nesting at most 512 deep), or nothing; when
 // given, `error` says why not.
-[[nodiscard]] std::optional<JsonValue> parseJson(std::string_view text, ErrorPtr* error = nullptr) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<JsonValue> parseJson(std::string_view text, ErrorPtr* error = nullptr) noexcept;
 // The JSON document in `data`; nothing (and `error`, when given) when it is not one.
-[[nodiscard]] std::optional<JsonValue> parseJson(const Data& data, ErrorPtr* error = nullptr) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<JsonValue> parseJson(const Data& data, ErrorPtr* error = nullptr) noexcept;
 
 // `value` as JSON text.
-[[nodiscard]] std::string jsonText(const JsonValue& value, JsonFormat format = JsonFormat::compact);
+[[nodiscard]] KP_EXPORT std::string jsonText(const JsonValue& value, JsonFormat format = JsonFormat::compact);
 // `value` as JSON bytes.
-[[nodiscard]] Data jsonData(const JsonValue& value, JsonFormat format = JsonFormat::compact);
+[[nodiscard]] KP_EXPORT Data jsonData(const JsonValue& value, JsonFormat format = JsonFormat::compact);
 
 // "null", "boolean", "integer", "real", "string", "array" or "object".
-[[nodiscard]] std::string_view jsonTypeName(JsonValue::Type type) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view jsonTypeName(JsonValue::Type type) noexcept;
 
 template <class T>
 concept JsonReadable =
@@ -66,13 +67,14 @@ enum class JsonLocation : std::uint8_t { keyPath, pointer };
 // Each stores the value found at `where` in `out` and says whether there was one of the type.
 // Out of line behind an out-parameter: returning an optional from a library function costs a
 // stalled store-to-load round trip on the way back.
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, bool& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, int& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::int64_t& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, double& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::string_view& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::string& out) noexcept;
-bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, JsonValue& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, bool& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, int& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::int64_t& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, double& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how,
+                        std::string_view& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, std::string& out) noexcept;
+KP_EXPORT bool readJson(const JsonValue& root, std::string_view where, JsonLocation how, JsonValue& out) noexcept;
 }  // namespace detail
 
 // The value at `keyPath` below `root` as a T, or nothing.

@@ -34,38 +34,49 @@
 #include <type_traits>
 #include <vector>
 
+#include "kp/crypto/percent_encoding.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 
 namespace kp {
+
+// ---- UTF-8 ---------------------------------------------------------------------------------
+
+// True when `text` is well-formed UTF-8: no stray or missing continuation bytes, no overlong
+// forms, no surrogates, nothing above U+10FFFF.
+[[nodiscard]] KP_EXPORT bool isValidUtf8(std::string_view text) noexcept;
+// `text` with every ill-formed sequence replaced by U+FFFD (one for each byte that starts
+// none), as text bound for JSON or a terminal must be.
+[[nodiscard]] KP_EXPORT std::string validUtf8(std::string_view text);
 
 // ---- Trimming and case ----------------------------------------------------------------------
 
 // `text` without the Unicode white space (spaces, tabs, line breaks, no-break spaces ...) at
 // either end.
-[[nodiscard]] std::string_view trimmed(std::string_view text) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view trimmed(std::string_view text) noexcept;
 
 // `text` in upper case by the locale's rules (empty: the environment's).
-[[nodiscard]] std::string uppercased(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string uppercased(std::string_view text, std::string_view locale = {});
 // `text` in lower case by the locale's rules (empty: the environment's).
-[[nodiscard]] std::string lowercased(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string lowercased(std::string_view text, std::string_view locale = {});
 // The first letter of every word in title case, the rest in lower case.
-[[nodiscard]] std::string capitalized(std::string_view text, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::string capitalized(std::string_view text, std::string_view locale = {});
 
 // Orders the texts by their full case folding (so "ß" matches "ss" and "SS"), code point by
 // code point. In Turkish and Azeri "I" matches "ı" and "İ" matches "i".
-[[nodiscard]] std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
-                                                     std::string_view locale = {});
+[[nodiscard]] KP_EXPORT std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
+                                                               std::string_view locale = {});
 // Whether `a` and `b` are equal once case is folded by the locale's rules.
-[[nodiscard]] bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
+[[nodiscard]] KP_EXPORT bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
 
 // ---- User-perceived characters --------------------------------------------------------------
 
-[[nodiscard]] std::size_t characterCount(std::string_view text);
+[[nodiscard]] KP_EXPORT std::size_t characterCount(std::string_view text);
 // `text` when it has at most `maxCharacters` characters; otherwise its first characters, less
 // the white space before the cut, followed by `ellipsis`, together `maxCharacters` characters
 // at most (the ellipsis alone is dropped when it does not fit).
-[[nodiscard]] std::string truncated(std::string_view text, std::size_t maxCharacters,
-                                    std::string_view ellipsis = "\u2026");
+[[nodiscard]] KP_EXPORT std::string truncated(std::string_view text, std::size_t maxCharacters,
+                                              std::string_view ellipsis = "\u2026");
 
 // ---- Splitting and joining ------------------------------------------------------------------
 
@@ -74,8 +85,8 @@ enum class SplitOptions : std::uint8_t { keepEmpty, omitEmpty };
 // The pieces of `text` between occurrences of `separator`. With keepEmpty an empty text is one
 // empty piece and adjacent separators give empty pieces; an empty separator leaves `text`
 // whole.
-[[nodiscard]] std::vector<std::string_view> split(std::string_view text, std::string_view separator,
-                                                  SplitOptions options = SplitOptions::keepEmpty);
+[[nodiscard]] KP_EXPORT std::vector<std::string_view> split(std::string_view text, std::string_view separator,
+                                                            SplitOptions options = SplitOptions::keepEmpty);
 
 // The pieces joined with `separator` between them.
 template <std::ranges::input_range R>
@@ -126,55 +137,17 @@ requires(std::integral<T> && !std::same_as<T, bool>) ||
 enum class LetterCase : std::uint8_t { lower, upper };
 
 // Two hex digits per byte.
-[[nodiscard]] std::string hexEncoded(std::span<const std::uint8_t> bytes, LetterCase letters = LetterCase::lower);
+[[nodiscard]] KP_EXPORT std::string hexEncoded(std::span<const std::uint8_t> bytes,
+                                               LetterCase letters = LetterCase::lower);
 // The bytes of pairs of hex digits (either case, nothing else); nothing for other text.
-[[nodiscard]] std::optional<Data> hexDecoded(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Data> hexDecoded(std::string_view text);
 
 // The Base64 text (no line breaks) of the bytes of `text`.
-[[nodiscard]] std::string base64EncodedString(std::string_view text);
+[[nodiscard]] KP_EXPORT std::string base64EncodedString(std::string_view text);
 // The UTF-8 text that `base64` encodes; nothing when it is not Base64 or not UTF-8.
-[[nodiscard]] std::optional<std::string> base64DecodedString(std::string_view base64);
+[[nodiscard]] KP_EXPORT std::optional<std::string> base64DecodedString(std::string_view base64);
 
-// A set of bytes, for saying which ones percent-encoding leaves as they are.
-class ByteSet {
- public:
-  constexpr ByteSet() noexcept = default;
-  // The bytes of `members`.
-  constexpr explicit ByteSet(std::string_view members) noexcept {
-    for (const char c : members) add(static_cast<unsigned char>(c));
-  }
-  // The unreserved characters of URLs (RFC 3986): letters, digits and - . _ ~
-  [[nodiscard]] static constexpr ByteSet urlUnreserved() noexcept {
-    return ByteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~");
-  }
-  // Whether `byte` is in the set.
-  [[nodiscard]] constexpr bool contains(unsigned char byte) const noexcept {
-    return (bits_[byte / 64] >> (byte % 64)) & 1u;
-  }
-  // Every byte not in the set.
-  [[nodiscard]] constexpr ByteSet operator~() const noexcept {
-    ByteSet out;
-    for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = ~bits_[i];
-    return out;
-  }
-  // Every byte in either set.
-  [[nodiscard]] constexpr ByteSet operator|(const ByteSet& other) const noexcept {
-    ByteSet out;
-    for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = bits_[i] | other.bits_[i];
-    return out;
-  }
-
- private:
-  constexpr void add(unsigned char byte) noexcept { bits_[byte / 64] |= std::uint64_t{1} << (byte % 64); }
-  std::uint64_t bits_[4] = {};
-};
-
-// `text` with every byte outside `allowed` written as "%XX" (upper-case hex digits).
-[[nodiscard]] std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed);
-// Appends `text` to `out` with every byte outside `allowed` as %XX.
-void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed);
-// `text` with its "%XX" escapes decoded; nothing for a "%" not followed by two hex digits or a
-// result that is not UTF-8.
-[[nodiscard]] std::optional<std::string> removingPercentEncoding(std::string_view text);
+// Percent-encoding (ByteSet, addingPercentEncoding, appendPercentEncoded,
+// removingPercentEncoding) comes with kp/crypto/percent_encoding.h, included above.
 
 }  // namespace kp

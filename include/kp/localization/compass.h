@@ -20,6 +20,7 @@
 
 #include "kp/localization/localization.h"
 #include "kp/localization/localized_strings.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -27,13 +28,13 @@ namespace kp {
 enum class CompassPoints { eight = 8, sixteen = 16 };
 
 // The point nearest to `degrees`, counted clockwise from north (0) in steps of 360/points.
-[[nodiscard]] std::optional<int> compassPoint(double degrees, CompassPoints points) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<int> compassPoint(double degrees, CompassPoints points) noexcept;
 
 // The English name of a point: "NNE" or "north-northeast" (16 points; 8 use every other one).
-[[nodiscard]] std::string_view compassPointName(int point, CompassPoints points, TextWidth width) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view compassPointName(int point, CompassPoints points, TextWidth width) noexcept;
 
 // Names a direction in degrees as a compass point in a locale.
-class CompassFormatter {
+class KP_EXPORT CompassFormatter {
  public:
   // An empty locale is the environment's.
   explicit CompassFormatter(std::string_view locale = {}, CompassPoints points = CompassPoints::sixteen,

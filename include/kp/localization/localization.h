@@ -16,21 +16,23 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // The environment's locale ("de_DE"): LC_ALL, LC_MESSAGES, then LANG; "en_US" when none is
 // set or it is "C".
-[[nodiscard]] std::string currentLocaleIdentifier();
+[[nodiscard]] KP_EXPORT std::string currentLocaleIdentifier();
 
 // The environment's IANA zone name ("Europe/Berlin"), "UTC" when the environment names none.
-[[nodiscard]] std::string currentTimeZoneName();
+[[nodiscard]] KP_EXPORT std::string currentTimeZoneName();
 
 // How long a text may be: "3 hours ago" / "3 hr. ago" / "3h ago", "5 km/h" long: "5 kilometers
 // per hour", compass "ESE" / "east-southeast".
 enum class TextWidth { short_, narrow, long_ };
 
 // The errors of the localization layer.
-struct LocalizationError {
+struct KP_EXPORT LocalizationError {
   // Their domain.
   static constexpr std::string_view kDomain = "KPLocalization";
   // A zone name the zone data does not know.

@@ -33,9 +33,11 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class LocalizedStrings {
+class KP_EXPORT LocalizedStrings {
  public:
   // The texts of gettext domain `domain`, looked up in `folders`.
   explicit LocalizedStrings(std::string domain, std::vector<std::filesystem::path> folders = {"/usr/share/locale"});

@@ -25,6 +25,8 @@
 #include <optional>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // The units of weather measurements.
@@ -56,15 +58,15 @@ enum class Unit {
 enum class Dimension { temperature, pressure, length, speed };
 
 // What `unit` measures.
-[[nodiscard]] Dimension dimensionOf(Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT Dimension dimensionOf(Unit unit) noexcept;
 
 // The command line's symbols: "C", "F", "K", "hPa", "mbar", "kPa", "inHg", "mmHg", "m", "km",
 // "mi", "ft", "nmi", "mm", "cm", "in", "m/s", "km/h", "mph", "kn", "bft".
-[[nodiscard]] std::string_view symbolOf(Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view symbolOf(Unit unit) noexcept;
 // The unit of a command-line symbol; nothing for another text.
-[[nodiscard]] std::optional<Unit> unitForSymbol(std::string_view symbol) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<Unit> unitForSymbol(std::string_view symbol) noexcept;
 
-struct Measurement {
+struct KP_EXPORT Measurement {
   // The amount.
   double value = 0;
   // Its unit.
@@ -75,6 +77,6 @@ struct Measurement {
 };
 
 // The Beaufort force of a speed in metres per second; nothing for negative or non-finite speeds.
-[[nodiscard]] std::optional<int> beaufortForce(double metersPerSecond) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<int> beaufortForce(double metersPerSecond) noexcept;
 
 }  // namespace kp

@@ -40,6 +40,7 @@
 #include "kp/localization/localization.h"
 #include "kp/localization/localized_strings.h"
 #include "kp/localization/measurement.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -49,17 +50,17 @@ enum class WeatherQuantity { temperature, wind, pressure, precipitation, snowfal
 enum class UnitSystem { locale, metric, us, uk };
 
 // "temperature", "wind", "pressure", "precipitation", "snowfall", "visibility".
-[[nodiscard]] std::optional<WeatherQuantity> weatherQuantityNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<WeatherQuantity> weatherQuantityNamed(std::string_view name) noexcept;
 // "locale", "metric", "us", "uk".
-[[nodiscard]] std::optional<UnitSystem> unitSystemNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<UnitSystem> unitSystemNamed(std::string_view name) noexcept;
 // "short", "narrow", "long".
-[[nodiscard]] std::optional<TextWidth> textWidthNamed(std::string_view name) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<TextWidth> textWidthNamed(std::string_view name) noexcept;
 
 // Whether `unit` measures `quantity` (a speed measures wind, a length precipitation ...).
-[[nodiscard]] bool measures(WeatherQuantity quantity, Unit unit) noexcept;
+[[nodiscard]] KP_EXPORT bool measures(WeatherQuantity quantity, Unit unit) noexcept;
 
 // How a formatter writes measurements.
-struct MeasurementFormatSettings {
+struct KP_EXPORT MeasurementFormatSettings {
   std::string locale;  // empty: the environment's
   // Which units.
   UnitSystem units = UnitSystem::locale;
@@ -73,7 +74,7 @@ struct MeasurementFormatSettings {
   std::shared_ptr<const LocalizedStrings> strings = LocalizedStrings::shared();
 };
 
-class MeasurementFormatter {
+class KP_EXPORT MeasurementFormatter {
  public:
   // A formatter with `settings`.
   explicit MeasurementFormatter(MeasurementFormatSettings settings = {});

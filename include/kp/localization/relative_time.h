@@ -29,19 +29,20 @@
 #include "kp/localization/localized_strings.h"
 #include "kp/localization/zoned_calendar.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // The distance the rules above choose: a count of a unit, negative in the past. A zero count
 // of seconds is "now".
-struct RelativeInterval {
+struct KP_EXPORT RelativeInterval {
   // How many units; negative in the past.
   long long count = 0;
   // The unit.
   CalendarUnit unit = CalendarUnit::second;
 };
 
-class RelativeTimeFormatter {
+class KP_EXPORT RelativeTimeFormatter {
  public:
   // An empty locale is the environment's.
   explicit RelativeTimeFormatter(std::string_view locale = {}, TextWidth width = TextWidth::long_,

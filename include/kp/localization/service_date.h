@@ -30,11 +30,12 @@
 
 #include "kp/localization/zoned_calendar.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // Which forms a reader accepts (see the top of this file); all by default.
-struct ServiceDateForms {
+struct KP_EXPORT ServiceDateForms {
   bool rfc3339 = true;            // "2024-03-31T01:30:00Z"
   bool date = true;               // "2024-02-29"
   bool localDateTime = true;      // "2024-03-31 03:30:00"
@@ -44,7 +45,7 @@ struct ServiceDateForms {
 };
 
 // Reads service dates strictly (see the top of this file).
-class ServiceDateReader {
+class KP_EXPORT ServiceDateReader {
  public:
   // A reader in UTC accepting `forms`.
   explicit ServiceDateReader(ServiceDateForms forms = {});
@@ -62,13 +63,13 @@ class ServiceDateReader {
 };
 
 // The rfc3339 form alone, without a calendar: what a parser of service answers calls per value.
-[[nodiscard]] std::optional<Date> readRfc3339(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Date> readRfc3339(std::string_view text);
 
 // "2024-03-31T01:30:00Z", with ".250" milliseconds when the date has a fraction; nothing (an
 // empty string) outside the years 1 to 9999.
-[[nodiscard]] std::string rfc3339String(Date date);
+[[nodiscard]] KP_EXPORT std::string rfc3339String(Date date);
 // The same on the zone's wall clock with its offset: "2024-03-31T03:30:00+02:00" ("Z" where
 // the offset is zero).
-[[nodiscard]] std::string rfc3339String(Date date, const ZonedCalendar& zone);
+[[nodiscard]] KP_EXPORT std::string rfc3339String(Date date, const ZonedCalendar& zone);
 
 }  // namespace kp

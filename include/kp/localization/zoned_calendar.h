@@ -32,6 +32,7 @@
 #include <string_view>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/result.h"
 
 namespace kp {
@@ -47,7 +48,7 @@ enum class CalendarUnit { second, minute, hour, day, week, month, year };
 enum class RoundingRule { nearest, down, up };
 
 // An instant as the zone's wall clock shows it.
-struct DateParts {
+struct KP_EXPORT DateParts {
   int year = 1;         // 1 to 9999
   int month = 1;        // 1 to 12
   int day = 1;          // 1 to 31
@@ -59,7 +60,7 @@ struct DateParts {
   int utcOffset = 0;    // seconds east of UTC, daylight saving included
 };
 
-class ZonedCalendar {
+class KP_EXPORT ZonedCalendar {
  public:
   // The calendar of the IANA zone `zone` ("Europe/Berlin", "UTC", "Etc/GMT-3"); `locale`
   // chooses the first day of the week (empty: the environment's). An unknown or empty zone

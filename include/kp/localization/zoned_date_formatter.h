@@ -21,11 +21,12 @@
 
 #include "kp/localization/zoned_calendar.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/result.h"
 
 namespace kp {
 
-class ZonedDateFormatter {
+class KP_EXPORT ZonedDateFormatter {
  public:
   // An unknown zone gives LocalizationError::kUnknownTimeZone, a skeleton the locale's data
   // cannot use LocalizationError::kInvalidSkeleton. An empty locale is the environment's.

@@ -31,13 +31,14 @@
 
 #include "kp/logging/log_format.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 class LogWriter;
 
 // The log (see the top of this file).
-class Log {
+class KP_EXPORT Log {
  public:
   // In this order; rawValue() of each is also its mark in a console line.
   enum class LogType { debug, info, warning, error };
@@ -155,10 +156,10 @@ inline const Log::Options Log::Options::default_{true, true, true, true, true};
 inline const Log::Options Log::Options::none{false, false, false, false, false};
 
 // The mark of `type`: "⚫️", "🔵", "☢️" or "⛔️".
-[[nodiscard]] std::string_view rawValue(Log::LogType type) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view rawValue(Log::LogType type) noexcept;
 
 // Where a log's entries go: the console, the journal, or a host's own writer.
-class LogWriter {
+class KP_EXPORT LogWriter {
  public:
   virtual ~LogWriter() = default;
   // How the writer lays out its lines.
@@ -170,7 +171,7 @@ class LogWriter {
 };
 
 // Accepted by logError() and ignored.
-struct LogErrorTest {
+struct KP_EXPORT LogErrorTest {
   std::string_view text;  // ignored
 };
 
@@ -202,7 +203,7 @@ void logError(LogErrorTest /*test*/, LogFormat<Args...> format, const Args&... a
 
 // For callers with a finished message: each logs through Log::default_() with `message` as
 // the format and no arguments.
-class LogBridge {
+class KP_EXPORT LogBridge {
  public:
   LogBridge() = delete;
   // A debug entry from the calling place.

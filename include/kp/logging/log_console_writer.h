@@ -21,10 +21,11 @@
 
 #include "kp/logging/log.h"
 #include "kp/platform/date_formatter.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class LogConsoleWriter final : public LogWriter {
+class KP_EXPORT LogConsoleWriter final : public LogWriter {
  public:
   // REQUIRES: formatOptions is not null; `stream` stays open while the writer lives.
   explicit LogConsoleWriter(std::shared_ptr<Log::FormatOptions> formatOptions, std::FILE* stream = stdout);

@@ -39,12 +39,13 @@
 #include <string_view>
 #include <type_traits>
 
+#include "kp/platform/export.h"
 #include "tarvix/source_location.h"
 
 namespace kp {
 
 // A source position given explicitly, or taken from a tarvix::SourceLocation.
-struct LogSource {
+struct KP_EXPORT LogSource {
   // The place `where` names.
   constexpr LogSource(tarvix::SourceLocation where) noexcept  // NOLINT: implicit on purpose
       : filename(where.file_name()), line(where.line()), function(where.function_name()) {}
@@ -58,7 +59,7 @@ struct LogSource {
 };
 
 // One argument of a log entry, its type erased; the log formats it only when the entry passes.
-class LogArg {
+class KP_EXPORT LogArg {
  public:
   // What the argument holds.
   enum class Kind : std::uint8_t { signedInteger, unsignedInteger, floating, text, pointer, object };
@@ -230,7 +231,7 @@ template <class T>
 }
 
 // One directive of a format, as read from its "%".
-struct PrintfDirective {
+struct KP_EXPORT PrintfDirective {
   enum class Length : std::uint8_t { none, hh, h, l, ll, j, z, t, L, q };
   // What the directive consumes; invalid covers unknown conversions, %n and a format that
   // ends inside the directive.
@@ -406,10 +407,10 @@ inline constexpr int kMaxPrintfWidth = 4096;
 }
 
 // Not constexpr: reaching one of these during compile-time checking is the compile error.
-void logFormatArgumentDoesNotFitItsDirective();
-void logFormatHasTooFewArguments();
-void logFormatHasTooManyArguments();
-void logFormatHasAnUnsupportedDirective();
+KP_EXPORT void logFormatArgumentDoesNotFitItsDirective();
+KP_EXPORT void logFormatHasTooFewArguments();
+KP_EXPORT void logFormatHasTooManyArguments();
+KP_EXPORT void logFormatHasAnUnsupportedDirective();
 
 template <class... Args>
 consteval void checkLogFormat(std::string_view format) {
@@ -435,7 +436,7 @@ consteval void checkLogFormat(std::string_view format) {
 }  // namespace internal
 
 // A format text known only at run time; see runtimeLogFormat().
-struct RuntimeLogFormat {
+struct KP_EXPORT RuntimeLogFormat {
   std::string_view text;  // the format
 };
 // Marks `text` as a format checked only when it is used, for formats made at run time.
@@ -481,6 +482,6 @@ template <class... Args>
 using LogFormat = BasicLogFormat<std::type_identity_t<Args>...>;
 
 // Appends `format` with `args` substituted, as described above.
-void appendLogFormatted(std::string& out, std::string_view format, const LogArg* args, std::size_t count);
+KP_EXPORT void appendLogFormatted(std::string& out, std::string_view format, const LogArg* args, std::size_t count);
 
 }  // namespace kp

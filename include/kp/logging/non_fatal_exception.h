@@ -28,12 +28,13 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
 // Text fixed when the program is built: only a string literal converts to it.
-class StaticText {
+class KP_EXPORT StaticText {
  public:
   // The literal, without its terminator.
   template <std::size_t N>
@@ -46,7 +47,7 @@ class StaticText {
 };
 
 // An error the library survives (see the top of this file).
-class NonFatalException {
+class KP_EXPORT NonFatalException {
  public:
   using UserInfo = std::map<std::string, std::string>;  // details, by key
 
@@ -74,15 +75,15 @@ class NonFatalException {
 
 // Implemented by the host (e.g. to forward reports to its crash reporter) and registered in
 // its service container.
-class NonFatalExceptionReporter : public virtual tarvix::Service {
+class KP_EXPORT NonFatalExceptionReporter : public virtual tarvix::Service {
  public:
   // Takes one report, on the reporting thread.
   virtual void report(const NonFatalException& exception) = 0;
 };
 
 // Reports an error the library survives (see the top of this file).
-void nonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
-                       std::optional<std::string> recoverySuggestion = std::nullopt,
-                       std::optional<NonFatalException::UserInfo> userInfo = std::nullopt) noexcept;
+KP_EXPORT void nonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
+                                 std::optional<std::string> recoverySuggestion = std::nullopt,
+                                 std::optional<NonFatalException::UserInfo> userInfo = std::nullopt) noexcept;
 
 }  // namespace kp

@@ -29,17 +29,18 @@
 
 #include "kp/logging/tarvix_logger.h"
 #include "kp/platform/date_formatter.h"
+#include "kp/platform/export.h"
 #include "kp/platform/system_log.h"
 
 namespace kp {
 
 // The type under which an entry of `level` reaches the system log.
-[[nodiscard]] OSLogType osLogType(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT OSLogType osLogType(TarvixLogLevel level) noexcept;
 // The console mark of `level`: "⚫️", "🔵", "☢️", "⛔️" or "🔥".
-[[nodiscard]] std::string_view mark(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view mark(TarvixLogLevel level) noexcept;
 
 // Hands one entry to a system logger; a seam for tests.
-class TarvixOSLogExecutable {
+class KP_EXPORT TarvixOSLogExecutable {
  public:
   virtual ~TarvixOSLogExecutable() = default;
   // Writes `message` at `level` through `logger`.
@@ -48,17 +49,17 @@ class TarvixOSLogExecutable {
 };
 
 // Writes through the logger when it is enabled for the level.
-class TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutable {
+class KP_EXPORT TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutable {
  public:
   // Writes `message` at `level` through `logger` when the logger takes that level.
   void log(const OSLogger& logger, OSLogType level, std::string_view message, const OSLogCodeLocation& where) override;
 };
 
 // Writes a logger's entries to the system log, one system logger per category.
-class TarvixOSLogWriter final : public TarvixLogWriter {
+class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
  public:
   // REQUIRES: logExecutable is not null. Entries go to `systemLog` (the system journal unless
-  // another is given, e.g. SystemLog::make({.socketPath = ...}) for a journal namespace).
+  // another is given, e.g. SystemLog::make(socketPath) for a journal namespace).
   TarvixOSLogWriter(std::string subsystem, std::unique_ptr<TarvixOSLogExecutable> logExecutable,
                     std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 
@@ -77,7 +78,7 @@ class TarvixOSLogWriter final : public TarvixLogWriter {
 };
 
 // Prints one console line; a seam for tests.
-class TarvixConsoleLogExecutable {
+class KP_EXPORT TarvixConsoleLogExecutable {
  public:
   virtual ~TarvixConsoleLogExecutable() = default;
   // Prints `message` as one line.
@@ -85,14 +86,14 @@ class TarvixConsoleLogExecutable {
 };
 
 // Prints each message and a line feed to standard output with one write.
-class DefaultTarvixConsoleLogExecutor final : public TarvixConsoleLogExecutable {
+class KP_EXPORT DefaultTarvixConsoleLogExecutor final : public TarvixConsoleLogExecutable {
  public:
   void log(std::string_view message) override;  // one write of the message and a line feed
 };
 
 // Writes a logger's entries as console lines: time, mark, category, the caller's place and
 // the message.
-class TarvixConsoleLogWriter final : public TarvixLogWriter {
+class KP_EXPORT TarvixConsoleLogWriter final : public TarvixLogWriter {
  public:
   // Lines go to `logExecutable`; standard output by default.
   explicit TarvixConsoleLogWriter(

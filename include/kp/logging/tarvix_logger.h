@@ -15,9 +15,15 @@
 // Thread safety: every member may be called from any thread. The settings are atomic values;
 // observers are called on the thread that wrote the setting.
 //
+// The writer a logger is made with is kept, never written to: the level operations that would
+// feed it are empty by design, so nothing the library reports through CL() reaches any writer,
+// the journal included. It is held so that a logger owns the writer it was configured with
+// for its life (a writer tied to a logger lives exactly as long as the channel).
+//
 // Example:
+//   // Costs one atomic load and writes nothing, by design:
 //   kp::TarvixLoggers::CL()->error("Stored value is not a string");
-//   kp::TarvixLoggers::CL()->notice(kp::TarvixCoreLogicLogCategory::general, "Cache purged");
+//   // Settings and their observers are live:
 //   auto logger = std::make_shared<kp::TarvixLoggers::CoreLogger>(
 //       std::make_unique<kp::TarvixConsoleLogWriter>(), kp::TarvixLogLevel::debug, true);
 //   kp::TarvixLoggers::setCL(logger);
@@ -32,6 +38,7 @@
 #include <utility>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/weak_hash_table.h"
 #include "tarvix/source_location.h"
 
@@ -47,10 +54,10 @@ enum class TarvixLogLevel : int { debug = 0, info = 1, notice = 2, error = 3, fa
 }
 
 // Its name: "debug", "info", "notice", "error" or "fault".
-[[nodiscard]] std::string_view name(TarvixLogLevel level) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view name(TarvixLogLevel level) noexcept;
 
 // One entry as a TarvixLogWriter receives it.
-struct TarvixLogData {
+struct KP_EXPORT TarvixLogData {
   TarvixLogLevel level = TarvixLogLevel::debug;  // the level
   Date date;                                     // when it was logged
   std::string message;                           // the message
@@ -61,7 +68,7 @@ struct TarvixLogData {
 };
 
 // Where a logger's entries go (tarvix_log_writers.h has the library's own).
-class TarvixLogWriter {
+class KP_EXPORT TarvixLogWriter {
  public:
   virtual ~TarvixLogWriter() = default;
   // Writes one entry; called from any thread.
@@ -69,7 +76,7 @@ class TarvixLogWriter {
 };
 
 // Hears of every write of a logger's settings.
-class TarvixLoggerObserver {
+class KP_EXPORT TarvixLoggerObserver {
  public:
   virtual ~TarvixLoggerObserver() = default;
   // The master switch was written (changed or not).
@@ -142,6 +149,7 @@ class TarvixLogger {
              Where /*where*/ = Where::current()) const noexcept {}
 
  private:
+  // Owned, never written to (see the top of this file).
   std::unique_ptr<TarvixLogWriter> logWriter_;
   WeakHashTable<TarvixLoggerObserver> observers_;
   std::atomic<bool> isEnabled_;
@@ -154,11 +162,12 @@ enum class TarvixCoreLogicLogCategory { general };
 [[nodiscard]] constexpr std::string_view rawValue(TarvixCoreLogicLogCategory) noexcept { return "General"; }
 
 // The library's core log channel (see the top of this file).
-class TarvixLoggers {
+class KP_EXPORT TarvixLoggers {
  public:
   using CoreLogger = TarvixLogger<TarvixCoreLogicLogCategory>;  // the channel's logger type
 
-  // The subsystem under which the library's entries reach the system log.
+  // The subsystem of the default channel's writer (which, like every channel's, receives
+  // nothing: see the top of this file).
   static constexpr std::string_view kSubsystem = "com.tarvix.KPFrameworkCoreLogic";
 
   // The core channel. Made on first use with a TarvixOSLogWriter over kSubsystem, enabled,

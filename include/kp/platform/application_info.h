@@ -21,12 +21,14 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // The kind of interface the application shows, as the host states it.
 enum class UserInterfaceIdiom { unspecified = -1, phone = 0, pad = 1, tv = 2, carPlay = 3, mac = 5, vision = 6 };
 
-struct ApplicationInfo {
+struct KP_EXPORT ApplicationInfo {
   // The folder name of an application without an identifier.
   static constexpr std::string_view kDefaultFolderName = "com.kp.app";
 
@@ -64,11 +66,11 @@ struct ApplicationInfo {
 
 // $XDG_CACHE_HOME (else ~/.cache) joined with the application's folder name. Created with its
 // missing parents when it does not exist; the folders made here are private to the user (0700).
-[[nodiscard]] std::filesystem::path cachesDirectory();
+[[nodiscard]] KP_EXPORT std::filesystem::path cachesDirectory();
 // $XDG_CONFIG_HOME (else ~/.config) joined with the application's folder name, created as above.
-[[nodiscard]] std::filesystem::path configurationDirectory();
+[[nodiscard]] KP_EXPORT std::filesystem::path configurationDirectory();
 // $XDG_DATA_HOME (else ~/.local/share) joined with the application identifier, created as
 // above: what the application keeps that is neither a cache nor a setting (its cookies).
-[[nodiscard]] std::filesystem::path dataDirectory();
+[[nodiscard]] KP_EXPORT std::filesystem::path dataDirectory();
 
 }  // namespace kp

@@ -18,10 +18,12 @@
 #include <string_view>
 #include <vector>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // A growable byte buffer: what requests send and receive, what files and the cache hold.
-class Data {
+class KP_EXPORT Data {
  public:
   using value_type = std::uint8_t;                                   // a byte
   using iterator = std::vector<std::uint8_t>::iterator;              // over the bytes
@@ -77,6 +79,6 @@ class Data {
 };
 
 // Lower-case hexadecimal text of the bytes, two digits per byte.
-[[nodiscard]] std::string hexString(std::span<const std::uint8_t> bytes);
+[[nodiscard]] KP_EXPORT std::string hexString(std::span<const std::uint8_t> bytes);
 
 }  // namespace kp

@@ -15,13 +15,15 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // A span of time in seconds.
 using TimeInterval = double;
 
 // A point in time (see the top of this file).
-class Date {
+class KP_EXPORT Date {
  public:
   // Seconds between 1970-01-01 and the reference date 2001-01-01 (both UTC).
   static constexpr TimeInterval kTimeIntervalBetween1970AndReferenceDate = 978307200.0;

@@ -27,10 +27,11 @@
 #include <vector>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class DateFormatter {
+class KP_EXPORT DateFormatter {
  public:
   // The zone dates are written in.
   enum class Zone { local, utc };

@@ -19,11 +19,12 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
+
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -33,7 +34,7 @@ using Work = std::function<void()>;
 using Duration = std::chrono::steady_clock::duration;
 
 // Where work runs: the main queue, a serial queue or the background pool.
-class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
+class KP_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   virtual ~DispatchQueue() = default;
 
@@ -88,7 +89,7 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
 // The main queue: runs work only when the host drains it, on the thread that drains it
 // (which the library then treats as the main thread). A host with its own event loop sets a
 // wake-up handler and calls runPending() from its loop when woken.
-class MainQueue final : public DispatchQueue {
+class KP_EXPORT MainQueue final : public DispatchQueue {
  public:
   // The process-wide main queue.
   [[nodiscard]] static const std::shared_ptr<MainQueue>& shared();
@@ -119,7 +120,7 @@ class MainQueue final : public DispatchQueue {
 
 // A queue that runs one item at a time, in the order posted, on the background pool (or on
 // the queue it targets).
-class SerialQueue final : public DispatchQueue {
+class KP_EXPORT SerialQueue final : public DispatchQueue {
  public:
   // A new queue named `label`, running its items on `target`, or on the background pool when
   // `target` is null.
@@ -138,21 +139,18 @@ class SerialQueue final : public DispatchQueue {
   SerialQueue(std::string label, std::shared_ptr<DispatchQueue> target);
   void drain();
   void scheduleDrain();
-  // Ends the calling thread's run of this queue's items and schedules what is left.
-  // REQUIRES: `lock` holds the queue's mutex; it is released.
-  void endTurn(std::unique_lock<std::mutex>& lock);
   std::unique_ptr<Impl> impl_;
 };
 
 // The process-wide background pool: items run concurrently, in no fixed order.
-[[nodiscard]] const std::shared_ptr<DispatchQueue>& globalQueue();
+[[nodiscard]] KP_EXPORT const std::shared_ptr<DispatchQueue>& globalQueue();
 
 // True on the thread that drains the main queue (before any drain: the process's first
 // thread).
-[[nodiscard]] bool isMainThread() noexcept;
+[[nodiscard]] KP_EXPORT bool isMainThread() noexcept;
 
 // A timer that runs `work` on `queue` every `interval` until invalidated or destroyed.
-class RepeatingTimer {
+class KP_EXPORT RepeatingTimer {
  public:
   // A running timer whose first firing comes `interval` from now; it stops when the returned
   // timer is destroyed.

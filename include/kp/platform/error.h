@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 class Error;
@@ -23,7 +25,7 @@ class Error;
 using ErrorPtr = std::shared_ptr<const Error>;
 
 // A failure (see the top of this file).
-class Error {
+class KP_EXPORT Error {
  public:
   // Texts about the error by key.
   using UserInfo = std::map<std::string, std::string>;
@@ -31,8 +33,7 @@ class Error {
   // User-info keys with the platform's spellings.
   static constexpr std::string_view kLocalizedDescriptionKey = "NSLocalizedDescription";
   static constexpr std::string_view kLocalizedFailureReasonKey = "NSLocalizedFailureReason";  // why it failed
-  static constexpr std::string_view kLocalizedRecoverySuggestionKey =
-      "NSLocalizedRecoverySuggestion";                                                    // what to do about it
+  static constexpr std::string_view kLocalizedRecoverySuggestionKey = "NSLocalizedRecoverySuggestion";
   static constexpr std::string_view kFailingURLStringKey = "NSErrorFailingURLStringKey";  // the URL that failed
   // Domain of transfer failures (the URL loading service's codes, such as -1001).
   static constexpr std::string_view kURLErrorDomain = "NSURLErrorDomain";

@@ -30,18 +30,19 @@
 #include <vector>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // A size in points.
-struct ImageSize {
+struct KP_EXPORT ImageSize {
   double width = 0;                                                      // points
   double height = 0;                                                     // points
   friend bool operator==(const ImageSize&, const ImageSize&) = default;  // equal sides
 };
 
 // A decoded image (see the top of this file).
-class Image {
+class KP_EXPORT Image {
  public:
   static constexpr std::uint32_t kMaxDimension = 16384;       // the widest and highest image taken
   static constexpr std::uint64_t kMaxPixelCount = 32u << 20;  // 128 MiB of pixels
@@ -75,7 +76,7 @@ class Image {
   [[nodiscard]] Image withScale(double scale) const;
 
   // Same dimensions, scale and pixels.
-  friend bool operator==(const Image& a, const Image& b);
+  friend KP_EXPORT bool operator==(const Image& a, const Image& b);
 
  private:
   Image(std::uint32_t width, std::uint32_t height, std::shared_ptr<const std::vector<std::uint8_t>> pixels,

@@ -27,6 +27,7 @@
 #include <optional>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -34,7 +35,7 @@ namespace kp {
 using ReachabilityFlags = std::uint32_t;
 
 // The bits of a flag word (see the top of this file for those the Linux source sets).
-struct ReachabilityFlag {
+struct KP_EXPORT ReachabilityFlag {
   static constexpr ReachabilityFlags transientConnection = 1u << 0;   // a link made for the moment
   static constexpr ReachabilityFlags reachable = 1u << 1;             // traffic can leave the device
   static constexpr ReachabilityFlags connectionRequired = 1u << 2;    // the link must connect first
@@ -47,13 +48,13 @@ struct ReachabilityFlag {
 };
 
 // An IPv4 socket address; the all-zero address stands for the internet in general.
-struct IPv4SocketAddress {
+struct KP_EXPORT IPv4SocketAddress {
   std::uint16_t port = 0;                 // the port; any for the all-zero address
   std::array<std::uint8_t, 4> address{};  // the bytes as written: 127, 0, 0, 1
 };
 
 // The seam itself (see the top of this file).
-class NetworkReachability {
+class KP_EXPORT NetworkReachability {
  public:
   // Receives each new flag word.
   using Callback = std::function<void(ReachabilityFlags)>;

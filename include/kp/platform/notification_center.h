@@ -28,11 +28,12 @@
 #include <vector>
 
 #include "kp/platform/dispatch.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // One notification.
-struct Notification {
+struct KP_EXPORT Notification {
   std::string name;  // what happened
   // The sender's identity (compared, never dereferenced); null for none.
   const void* sender = nullptr;
@@ -40,7 +41,7 @@ struct Notification {
 };
 
 // The application notifications the host posts (the library observes them).
-struct ApplicationNotifications {
+struct KP_EXPORT ApplicationNotifications {
   // The application came to the foreground.
   static constexpr std::string_view kDidBecomeActive = "UIApplicationDidBecomeActiveNotification";
   // The application is about to leave the foreground.
@@ -50,7 +51,7 @@ struct ApplicationNotifications {
 };
 
 // Delivers named notifications to their observers.
-class NotificationCenter {
+class KP_EXPORT NotificationCenter {
  public:
   using Handler = std::function<void(const Notification&)>;  // receives a notification
 

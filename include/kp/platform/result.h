@@ -15,6 +15,7 @@
 #include <variant>
 
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -43,7 +44,7 @@ class Result {
 };
 
 // An error that is only a message: domain kDomain, code 0, the message as its description.
-class CustomError {
+class KP_EXPORT CustomError {
  public:
   // Its domain.
   static constexpr std::string_view kDomain = "KPFrameworkCoreLogic.CustomError";

@@ -15,10 +15,12 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // Hashes keys of any string type alike, so that lookups take string views.
-struct StringHash {
+struct KP_EXPORT StringHash {
   // Lookups with other key types.
   using is_transparent = void;
   // The key's hash.

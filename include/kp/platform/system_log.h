@@ -13,8 +13,8 @@
 // than tab and line feed become U+FFFD, so journalctl shows text rather than "[blob data]".
 //
 // A SystemLog is the connection to one journal socket. An entry that the journal does not take
-// (no journal runs, its socket is gone, or it stays full for 100 ms) goes to the fallback
-// descriptor instead, as one line written with one write:
+// (no journal runs, its socket is gone, or it stays full for 100 ms) goes to standard error
+// instead, as one line written with one write:
 //   "<subsystem>[<category>] <type>: <message>\n"
 // After such a timeout, entries do not wait again until the journal takes one.
 //
@@ -31,32 +31,25 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // The levels of the system log, lowest first.
 enum class OSLogType : std::uint8_t { debug, info, default_, error, fault };
 
 // "debug", "info", "default", "error" or "fault".
-[[nodiscard]] std::string_view name(OSLogType type) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view name(OSLogType type) noexcept;
 
 // Where an entry was logged from.
-struct OSLogCodeLocation {
+struct KP_EXPORT OSLogCodeLocation {
   std::string_view file;      // the source path
   int line = 0;               // the line
   std::string_view function;  // the function name
 };
 
-class SystemLog {
+class KP_EXPORT SystemLog {
  public:
-  // Where a system log writes.
-  struct Options {
-    // The journal's native socket; empty means the system journal's. A namespaced journal
-    // listens on /run/systemd/journal.<namespace>/socket.
-    std::string socketPath;
-    // Where entries go that the journal does not take; standard error by default.
-    int fallbackDescriptor = 2;
-  };
-
   // One entry.
   struct Entry {
     std::string_view subsystem;            // the program's subsystem, "com.example.app"
@@ -70,15 +63,17 @@ class SystemLog {
 
   // The system journal with standard error as fallback; made once, never destroyed.
   [[nodiscard]] static const std::shared_ptr<SystemLog>& shared();
-  // A system log writing as `options` say.
-  [[nodiscard]] static std::shared_ptr<SystemLog> make(Options options);
+  // The journal listening on `socketPath` (its native socket; empty means the system
+  // journal's), with standard error as fallback. A namespaced journal listens on
+  // /run/systemd/journal.<namespace>/socket.
+  [[nodiscard]] static std::shared_ptr<SystemLog> make(std::string socketPath);
 
   // Writes one entry. True when the journal took it, false when it went to the fallback.
   virtual bool write(const Entry& entry) noexcept = 0;
 };
 
 // Writes entries of one subsystem and category to a system log.
-class OSLogger {
+class KP_EXPORT OSLogger {
  public:
   // Entries of `subsystem` and `category`, written to `systemLog`.
   OSLogger(std::string subsystem, std::string category, std::shared_ptr<SystemLog> systemLog = SystemLog::shared());

@@ -20,10 +20,12 @@
 #include <type_traits>
 #include <utility>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // An immutable chain of bindings; the innermost binding of a key wins.
-class TaskLocalBindings {
+class KP_EXPORT TaskLocalBindings {
  public:
   // Binds `value` to `key` in front of `outer`.
   TaskLocalBindings(const void* key, std::shared_ptr<void> value, std::shared_ptr<const TaskLocalBindings> outer)
@@ -46,11 +48,11 @@ class TaskLocalBindings {
 using TaskLocalSnapshot = std::shared_ptr<const TaskLocalBindings>;
 
 // The calling thread's current bindings (null when nothing is bound).
-[[nodiscard]] const TaskLocalSnapshot& currentTaskLocalBindings() noexcept;
+[[nodiscard]] KP_EXPORT const TaskLocalSnapshot& currentTaskLocalBindings() noexcept;
 
 // Installs `snapshot` as the calling thread's bindings until destruction, then restores the
 // previous ones. Executors use it around each work item.
-class ScopedTaskLocalBindings {
+class KP_EXPORT ScopedTaskLocalBindings {
  public:
   // Makes `snapshot` the calling thread's bindings until the end of the scope.
   explicit ScopedTaskLocalBindings(TaskLocalSnapshot snapshot) noexcept;

@@ -18,9 +18,11 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class Url {
+class KP_EXPORT Url {
  public:
   // Nothing when `text` is not a URI reference.
   [[nodiscard]] static std::optional<Url> parse(std::string_view text);

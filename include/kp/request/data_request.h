@@ -13,13 +13,14 @@
 #include <string_view>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
 // The result of a data request: the body as bytes.
-class DataRequestResult : public TypedRequestResult<DataRequestResult> {
+class KP_EXPORT DataRequestResult : public TypedRequestResult<DataRequestResult> {
  public:
   // The class name its archived form (in the cache) carries.
   static constexpr std::string_view kArchiveClassName = "KPDataRequestResult";
@@ -35,7 +36,7 @@ class DataRequestResult : public TypedRequestResult<DataRequestResult> {
 
 class DataRequestHandler : public TypedRequestHandler<DataRequestResult> {};
 
-class DataRequest : public TypedHttpRequest<DataRequest, DataRequestHandler, DataRequestResult> {
+class KP_EXPORT DataRequest : public TypedHttpRequest<DataRequest, DataRequestHandler, DataRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

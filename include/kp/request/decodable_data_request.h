@@ -27,6 +27,7 @@
 
 #include "kp/coding/decoder_type.h"
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/platform/result.h"
 #include "kp/request/request_errors.h"
 #include "kp/request/request_handler.h"
@@ -35,7 +36,7 @@
 namespace kp {
 
 // Handed to the decoder in its user info under kUserInfoKey.
-struct DecodableDataRequestContext {
+struct KP_EXPORT DecodableDataRequestContext {
   // The key of the context in the decoder's user info.
   static constexpr std::string_view kUserInfoKey = "DecodableDataRequestContext";
   std::shared_ptr<const DecoderType> decoder;  // the decoder running
@@ -64,12 +65,13 @@ class DecodableDataRequestResult : public TypedRequestResult<DecodableDataReques
 namespace internal {
 // The URL request with the query and body encrypted under the keys that are given and not
 // empty; stored in `handler.urlRequest`.
-void prepareEncryptedUrlRequest(HttpRequestHandler& handler, const HttpRequestType& request,
-                                const std::optional<std::string>& queryKey, const std::optional<std::string>& bodyKey);
+KP_EXPORT void prepareEncryptedUrlRequest(HttpRequestHandler& handler, const HttpRequestType& request,
+                                          const std::optional<std::string>& queryKey,
+                                          const std::optional<std::string>& bodyKey);
 // The body to decode: as received without a key; decrypted from Base64 text with one, and
 // nothing when that fails.
-[[nodiscard]] std::optional<Data> decodableBody(const std::optional<Data>& received,
-                                                const std::optional<std::string>& decryptionKey);
+[[nodiscard]] KP_EXPORT std::optional<Data> decodableBody(const std::optional<Data>& received,
+                                                          const std::optional<std::string>& decryptionKey);
 }  // namespace internal
 
 template <class T>

@@ -12,9 +12,11 @@
 #include <optional>
 #include <string>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
-class EncryptionRequestType {
+class KP_EXPORT EncryptionRequestType {
  public:
   virtual ~EncryptionRequestType() = default;
 

@@ -22,13 +22,14 @@
 #include <memory>
 #include <mutex>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
 
 // Runs a request at once on the calling thread (see the top of this file).
-class DirectExecutionQueue final : public RequestQueueInterface,
-                                   public std::enable_shared_from_this<DirectExecutionQueue> {
+class KP_EXPORT DirectExecutionQueue final : public RequestQueueInterface,
+                                             public std::enable_shared_from_this<DirectExecutionQueue> {
  public:
   // Only the first call does anything: it keeps the request and starts its handler.
   void addRequest(const std::shared_ptr<RequestType>& request) override;
@@ -52,7 +53,7 @@ class DirectExecutionQueue final : public RequestQueueInterface,
 };
 
 // Runs a request and blocks until its result is there (see the top of this file).
-class SynchronousRequestQueue final : public RequestQueueInterface {
+class KP_EXPORT SynchronousRequestQueue final : public RequestQueueInterface {
  public:
   void addRequest(const std::shared_ptr<RequestType>& request) override;
   void cancelRequest(const std::shared_ptr<RequestType>&) override {}

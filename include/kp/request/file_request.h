@@ -25,13 +25,14 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
 // The result of a file request.
-class FileRequestResult : public TypedRequestResult<FileRequestResult> {
+class KP_EXPORT FileRequestResult : public TypedRequestResult<FileRequestResult> {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPFileRequestResult";
@@ -42,7 +43,7 @@ class FileRequestResult : public TypedRequestResult<FileRequestResult> {
 };
 
 // The handler of file requests.
-class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
+class KP_EXPORT FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
  public:
   // The checks of HttpRequestHandler first; then only a FileRequest with a target path.
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
@@ -68,8 +69,9 @@ class FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
   bool moved_ = false;
 };
 
-// A request whose body goes to a file (see the top of this file).
-class FileRequest : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
+class KP_EXPORT FileRequest
+    // A request whose body goes to a file (see the top of this file).
+    : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 

@@ -20,12 +20,13 @@
 #include <vector>
 
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
 
 // One cookie as a response set it and the cookie store keeps it.
-class HttpCookie {
+class KP_EXPORT HttpCookie {
  public:
   // What a cookie carries besides its name, value, domain and path.
   struct Attributes {

@@ -42,6 +42,7 @@
 #include <optional>
 #include <vector>
 
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_cookie.h"
 
@@ -50,7 +51,7 @@ namespace kp {
 // Which responses' cookies are kept.
 enum class HttpCookieAcceptPolicy : int { always = 0, never = 1, onlyFromMainDocumentDomain = 2 };
 
-class HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage> {
+class KP_EXPORT HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage> {
  public:
   // The process's store, kept in dataDirectory()/Cookies.
   [[nodiscard]] static std::shared_ptr<HttpCookieStorage> shared();

@@ -31,6 +31,7 @@
 
 #include "kp/foundation/dispatch.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request_config.h"
 #include "kp/request/request_ticket.h"
@@ -49,7 +50,7 @@ using ProcessReceivedDataHandler = std::function<std::any(
 using RequestCompletionHandler = std::function<void(const std::shared_ptr<HttpRequestResultType>&)>;
 
 // Every HTTP request, as the handlers and the executor see it.
-class HttpRequestType : public RequestType {
+class KP_EXPORT HttpRequestType : public RequestType {
  public:
   // Called as the transfer progresses; none by default.
   [[nodiscard]] virtual const ProgressUpdateHandler& progressUpdateHandler() const = 0;
@@ -92,7 +93,7 @@ class HttpRequestType : public RequestType {
 // Every field and operation of a request except the cache policy. Subclasses reach their
 // shared_ptr through this base's weak_from_this(); a second enable_shared_from_this base
 // would leave both unset, and the executor without its request.
-class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_this<BasicHttpRequest> {
+class KP_EXPORT BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_this<BasicHttpRequest> {
  public:
   // A new HttpRequestHandler, a new DirectExecutionQueue, fresh configuration, normal
   // priority, completion on the main queue.
@@ -174,7 +175,7 @@ class BasicHttpRequest : public HttpRequestType, public std::enable_shared_from_
 };
 
 // The plain HTTP request: a BasicHttpRequest with a cache policy.
-class HttpRequest : public BasicHttpRequest, public CacheableRequestType {
+class KP_EXPORT HttpRequest : public BasicHttpRequest, public CacheableRequestType {
  public:
   // The defaults of BasicHttpRequest, and a cache configuration without a key.
   explicit HttpRequest(Url url);

@@ -19,13 +19,14 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_request_method.h"
 #include "kp/request/http_request_parameter.h"
 
 namespace kp {
 
 // What goes on the wire for a request: parameters, body, headers, method and timeout.
-class HttpRequestConfig {
+class KP_EXPORT HttpRequestConfig {
  public:
   // Encoded in this order; duplicates are kept.
   std::vector<HttpRequestParameter> queryParameters;

@@ -19,12 +19,14 @@
 #include <string_view>
 #include <utility>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 class Encoder;
 class Decoder;
 
-class HttpRequestParameter {
+class KP_EXPORT HttpRequestParameter {
  public:
   // Keys of the coded form.
   static constexpr std::string_view kNameKey = "name";

@@ -24,13 +24,14 @@
 
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_cookie.h"
 
 namespace kp {
 
 // What the rest of the library reads from a response.
-class HttpResponseType {
+class KP_EXPORT HttpResponseType {
  public:
   virtual ~HttpResponseType() = default;
   // The status code; nothing when none was received.
@@ -56,7 +57,7 @@ class HttpResponseType {
 };
 
 // A received response, as the library keeps it and archives it with cached results.
-class HttpResponse : public HttpResponseType, public Archivable {
+class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPHttpResponse";
@@ -99,15 +100,15 @@ class HttpResponse : public HttpResponseType, public Archivable {
 };
 
 // Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").
-[[nodiscard]] std::optional<Date> parseHttpDate(std::string_view text);
+[[nodiscard]] KP_EXPORT std::optional<Date> parseHttpDate(std::string_view text);
 
 // The header fields HttpResponseType reads.
 enum class ResponseHeader { etag, contentType, lastModified, expires, date };
 // The field's name as the response's headers spell it ("ETag", "Content-Type", ...).
-[[nodiscard]] std::string_view headerName(ResponseHeader header) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view headerName(ResponseHeader header) noexcept;
 
 // A Content-Type value that requests may set.
-class MimeContentType {
+class KP_EXPORT MimeContentType {
  public:
   // Multipart form data whose parts are separated by `boundary`.
   [[nodiscard]] static MimeContentType multipartFormData(std::string boundary) {
@@ -219,6 +220,6 @@ enum class HttpStatusCode : int {
 };
 
 // Nothing for values outside the set above.
-[[nodiscard]] std::optional<HttpStatusCode> httpStatusCodeFromRawValue(int raw) noexcept;
+[[nodiscard]] KP_EXPORT std::optional<HttpStatusCode> httpStatusCodeFromRawValue(int raw) noexcept;
 
 }  // namespace kp

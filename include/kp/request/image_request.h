@@ -18,13 +18,14 @@
 #include <string_view>
 
 #include "kp/coding/archivable_image.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
 // The result of an image request.
-class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
+class KP_EXPORT ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPImageRequestResult";
@@ -36,12 +37,12 @@ class ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
 };
 
 // The handler of image requests.
-class ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
+class KP_EXPORT ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class ImageRequest : public TypedHttpRequest<ImageRequest, ImageRequestHandler, ImageRequestResult> {
+class KP_EXPORT ImageRequest : public TypedHttpRequest<ImageRequest, ImageRequestHandler, ImageRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

@@ -15,13 +15,14 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
 // The result of a JSON request.
-class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
+class KP_EXPORT JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPJsonRequestResult";
@@ -34,12 +35,12 @@ class JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
 };
 
 // The handler of JSON requests.
-class JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
+class KP_EXPORT JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class JsonRequest : public TypedHttpRequest<JsonRequest, JsonRequestHandler, JsonRequestResult> {
+class KP_EXPORT JsonRequest : public TypedHttpRequest<JsonRequest, JsonRequestHandler, JsonRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

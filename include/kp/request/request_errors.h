@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -32,7 +33,7 @@ enum class RequestErrorCode : std::int64_t {
 };
 
 // The errors of the request layer; each fixed one is the same object every time.
-class RequestErrors {
+class KP_EXPORT RequestErrors {
  public:
   static constexpr std::string_view domain = "KPRequest";  // the errors' domain
 

@@ -29,13 +29,14 @@
 
 #include "kp/cache/cache_item.h"
 #include "kp/foundation/dispatch.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_result.h"
 #include "kp/request/request_ticket.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
 
-class RequestExecutor final : public std::enable_shared_from_this<RequestExecutor> {
+class KP_EXPORT RequestExecutor final : public std::enable_shared_from_this<RequestExecutor> {
  public:
   // Name of the entry in a cache item's extra items that holds the result without payload.
   static constexpr std::string_view kResultExtraItemKey = "result";

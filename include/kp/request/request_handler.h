@@ -36,6 +36,7 @@
 #include <optional>
 
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_request.h"
 #include "kp/request/request_result.h"
 #include "kp/request/request_types.h"
@@ -45,7 +46,7 @@
 namespace kp {
 
 // Tells result post-processing that the transfer was cancelled. Never goes back to false.
-class CancelledFlag {
+class KP_EXPORT CancelledFlag {
  public:
   // True once cancel() has run.
   [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
@@ -57,7 +58,7 @@ class CancelledFlag {
 };
 
 // The abstract base of handlers: handles nothing until a subclass says how.
-class RequestHandler : public RequestHandlerInterface {
+class KP_EXPORT RequestHandler : public RequestHandlerInterface {
  public:
   // Receives the result of the transfer; the handler lets go of it once called.
   RequestHandlerCompletion completionHandler;
@@ -71,7 +72,7 @@ class HttpRequestHandler;
 
 // The delegate of a session that many handlers share: each callback goes to the handler
 // registered under the task's identifier.
-class HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
+class KP_EXPORT HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
  public:
   // Routes the callbacks of the task `taskIdentifier` to `handler`.
   void add(std::shared_ptr<HttpRequestHandler> handler, std::uint64_t taskIdentifier);
@@ -106,9 +107,9 @@ class HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
 };
 
 // The HTTP handler, and the base of the typed handlers (see the top of this file).
-class HttpRequestHandler : public RequestHandler,
-                           public UrlSessionDelegate,
-                           public std::enable_shared_from_this<HttpRequestHandler> {
+class KP_EXPORT HttpRequestHandler : public RequestHandler,
+                                     public UrlSessionDelegate,
+                                     public std::enable_shared_from_this<HttpRequestHandler> {
  public:
   HttpRequestHandler() : HttpRequestHandler(std::make_shared<HttpRequestResult>()) {}
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>& request) override;
@@ -199,7 +200,7 @@ class HttpRequestHandler : public RequestHandler,
 
 // The base of the typed handlers: an HttpRequestHandler whose result is a Result.
 template <class Result>
-class TypedRequestHandler : public HttpRequestHandler {
+class KP_EXPORT TypedRequestHandler : public HttpRequestHandler {
  public:
   TypedRequestHandler() : HttpRequestHandler(std::make_shared<Result>()) {}
 };

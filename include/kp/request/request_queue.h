@@ -31,15 +31,12 @@
 //   queue->numberOfRequestsInQueue();   // running or waiting
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <utility>
 #include <vector>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_types.h"
 
 namespace kp {
@@ -47,7 +44,7 @@ namespace kp {
 class RequestQueueOperation;
 
 // Learns of an operation's changes; the queue that made the operation.
-class RequestQueueOperationDelegate {
+class KP_EXPORT RequestQueueOperationDelegate {
  public:
   // The flag of an operation that changes.
   enum class Key { isExecuting, isFinished };
@@ -64,7 +61,7 @@ class RequestQueueOperationDelegate {
 };
 
 // One request on its way through a RequestQueue (see the top of this file).
-class RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
+class KP_EXPORT RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
  public:
   // Operation priorities of the platform: low.
   static constexpr int kQueuePriorityLow = -4;
@@ -79,18 +76,22 @@ class RequestQueueOperation final : public std::enable_shared_from_this<RequestQ
   // p × 4 − 4 for a raw priority p below 3 (low −4, normal 0, high 4); 0 for anything else.
   [[nodiscard]] static int queuePriorityFor(RequestPriority priority) noexcept;
 
+  ~RequestQueueOperation();
+  RequestQueueOperation(const RequestQueueOperation&) = delete;
+  RequestQueueOperation& operator=(const RequestQueueOperation&) = delete;
+
   // queuePriorityFor() of the request's priority when the operation was made.
-  [[nodiscard]] int queuePriority() const noexcept { return queuePriority_; }
+  [[nodiscard]] int queuePriority() const noexcept;
   // Always true: the operation finishes when its handler answers, not when start() returns.
   [[nodiscard]] bool isAsynchronous() const noexcept { return true; }
   // True from start() until the handler has answered or the operation was cancelled.
-  [[nodiscard]] bool isExecuting() const noexcept { return executing_.load(); }
+  [[nodiscard]] bool isExecuting() const noexcept;
   // True once finished, and for an operation cancelled before it finished.
-  [[nodiscard]] bool isFinished() const noexcept { return finished_.load() || cancelled_.load(); }
+  [[nodiscard]] bool isFinished() const noexcept;
   // True once the operation was cancelled before it finished.
-  [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
+  [[nodiscard]] bool isCancelled() const noexcept;
   // The request the operation runs.
-  [[nodiscard]] const std::shared_ptr<RequestType>& request() const noexcept { return request_; }
+  [[nodiscard]] const std::shared_ptr<RequestType>& request() const noexcept;
 
   // Unless cancelled: becomes executing and starts the request's handler.
   void start();
@@ -101,23 +102,16 @@ class RequestQueueOperation final : public std::enable_shared_from_this<RequestQ
  private:
   // The handler answered, or let go of its completion without answering (`result` null).
   void handlerEnded(const std::shared_ptr<RequestResult>& result);
-  // REQUIRES: lock_ held and the operation executing.
+  // REQUIRES: the operation's lock held and the operation executing.
   void moveToFinished();
   void announce(bool didChange, RequestQueueOperationDelegate::Key key);
 
-  std::shared_ptr<RequestType> request_;
-  std::weak_ptr<RequestQueueOperationDelegate> delegate_;
-  int queuePriority_;
-  std::mutex lock_;
-  // Written under lock_, read without it.
-  std::atomic<bool> executing_{false};
-  std::atomic<bool> finished_{false};
-  std::atomic<bool> cancelled_{false};
+  // The request, the delegate, the lock and the three flags.
+  struct State;
+  const std::unique_ptr<State> state_;
 };
 
-class RequestQueue final : public RequestQueueInterface,
-                           public RequestQueueOperationDelegate,
-                           public std::enable_shared_from_this<RequestQueue> {
+class KP_EXPORT RequestQueue final : public RequestQueueInterface, public std::enable_shared_from_this<RequestQueue> {
  public:
   // How many handlers a new queue runs at once.
   static constexpr std::int64_t kDefaultMaxConcurrentRequests = 2;
@@ -126,6 +120,11 @@ class RequestQueue final : public RequestQueueInterface,
 
   // A new, empty queue.
   [[nodiscard]] static std::shared_ptr<RequestQueue> make() { return std::make_shared<RequestQueue>(); }
+
+  RequestQueue();
+  ~RequestQueue() override;
+  RequestQueue(const RequestQueue&) = delete;
+  RequestQueue& operator=(const RequestQueue&) = delete;
 
   void addRequest(const std::shared_ptr<RequestType>& request) override;
   // Cancels the first operation, in order of arrival, that runs `request`.
@@ -137,43 +136,16 @@ class RequestQueue final : public RequestQueueInterface,
   // Changes the limit; see maxConcurrentRequests().
   void setMaxConcurrentRequests(std::int64_t count) override;
   // Kept for hosts that read it back; the pool has a single class of service.
-  [[nodiscard]] int qualityOfService() const noexcept { return qualityOfService_.load(); }
+  [[nodiscard]] int qualityOfService() const noexcept;
   // Stores a value for qualityOfService(); it changes nothing else.
-  void setQualityOfService(int value) noexcept { qualityOfService_.store(value); }
+  void setQualityOfService(int value) noexcept;
   // Operations running or waiting.
   [[nodiscard]] std::size_t numberOfRequestsInQueue() const;
 
-  void operationWillChange(RequestQueueOperation& operation, Key key) override;
-  void operationDidChange(RequestQueueOperation& operation, Key key) override;
-  void operationDidEnd(RequestQueueOperation& operation) override;
-
  private:
-  using Sequence = std::uint64_t;
-  // Waiting operations in start order: higher priority first, then earlier arrival.
-  using WaitingKey = std::pair<int, Sequence>;
-
-  // Forgets an operation that reads as finished and claims the places it frees.
-  void operationEnded(const RequestQueueOperation& operation);
-  // Moves waiting operations to running, and into ready_, while the limit allows.
-  // REQUIRES: mutex_ held.
-  void claimWaiting();
-  // Starts the ready operations: on this thread unless it is the main thread or already
-  // starting one, otherwise on the pool.
-  void startReady();
-  void start(RequestQueueOperation& operation);
-  // Drops cancelled operations that never started.
-  void forgetIfFinished(const std::shared_ptr<RequestQueueOperation>& operation);
-
-  mutable std::mutex mutex_;
-  Sequence nextSequence_ = 0;                                              // guarded by mutex_
-  std::map<Sequence, std::shared_ptr<RequestQueueOperation>> operations_;  // guarded by mutex_, by arrival
-  std::set<WaitingKey> waiting_;                                           // guarded by mutex_
-  std::map<const RequestQueueOperation*, Sequence> sequences_;             // guarded by mutex_
-  std::set<Sequence> running_;                                             // guarded by mutex_
-  // Claimed places whose operations are not started yet; guarded by mutex_.
-  std::vector<std::shared_ptr<RequestQueueOperation>> ready_;
-  std::int64_t maxConcurrent_ = kDefaultMaxConcurrentRequests;  // guarded by mutex_
-  std::atomic<int> qualityOfService_{kQualityOfServiceUtility};
+  // The operations, their order and the places they hold; the delegate of every operation.
+  class State;
+  const std::shared_ptr<State> state_;
 };
 
 }  // namespace kp

@@ -23,13 +23,14 @@
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_response.h"
 
 namespace kp {
 
 // What every finished request hands back: the payload, the error and, for a cached result,
 // its expiry.
-class RequestResult : public Archivable {
+class KP_EXPORT RequestResult : public Archivable {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPRequestResult";
@@ -105,7 +106,7 @@ class RequestResult : public Archivable {
 using RequestResultType = RequestResult;
 
 // What the host and the service layer see of an HTTP result.
-class HttpRequestResultType : public RequestResult {
+class KP_EXPORT HttpRequestResultType : public RequestResult {
  public:
   // The constructors of RequestResult.
   using RequestResult::RequestResult;
@@ -123,7 +124,7 @@ class HttpRequestResultType : public RequestResult {
 };
 
 // The result of an HTTP request: what RequestResult holds, and the response.
-class HttpRequestResult : public HttpRequestResultType {
+class KP_EXPORT HttpRequestResult : public HttpRequestResultType {
  public:
   static constexpr std::string_view kArchiveKeyResponse = "_response";          // the response's archive key
   static constexpr std::string_view kArchiveClassName = "KPHttpRequestResult";  // the archived class name
@@ -163,7 +164,7 @@ class HttpRequestResult : public HttpRequestResultType {
 // and reading back what HttpRequestResult writes. `Self` names its archive class in
 // kArchiveClassName and registers Self::decode under it.
 template <class Self>
-class TypedRequestResult : public HttpRequestResult {
+class KP_EXPORT TypedRequestResult : public HttpRequestResult {
  public:
   // A `Self` without the payload, with a copy of the response.
   [[nodiscard]] std::shared_ptr<RequestResult> copyWithoutData() const override {

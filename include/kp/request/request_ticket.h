@@ -27,6 +27,7 @@
 #include <mutex>
 
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -36,7 +37,7 @@ class RequestExecutor;
 enum class RequestTicketState : int { idle = 0, invalid = 1, failed = 2, cancelled = 3, finished = 4 };
 
 // The caller's handle on one execution, as an interface a host may implement.
-class RequestTicketType {
+class KP_EXPORT RequestTicketType {
  public:
   virtual ~RequestTicketType() = default;
   // How the execution stands now.
@@ -56,7 +57,7 @@ class RequestTicketType {
   [[nodiscard]] bool isCancelled() const;
 };
 
-class RequestTicket final : public RequestTicketType {
+class KP_EXPORT RequestTicket final : public RequestTicketType {
  public:
   // An idle ticket whose cancel() goes through `executor`.
   explicit RequestTicket(std::weak_ptr<RequestExecutor> executor) : executor_(std::move(executor)) {}

@@ -29,6 +29,7 @@
 #include "kp/cache/cacheable.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -44,7 +45,7 @@ class RequestQueueInterface;
 enum class RequestPriority : int { low = 0, normal = 1, high = 2 };
 
 // What the executor needs to read from and store into the cache for one request.
-class RequestCacheConfig {
+class KP_EXPORT RequestCacheConfig {
  public:
   // Without a key the cache is bypassed. An empty key is looked up but never saved.
   std::optional<std::string> key;
@@ -60,7 +61,7 @@ class RequestCacheConfig {
 };
 
 // Every kind of request; handlers find out what else a request is by its interfaces.
-class RequestType {
+class KP_EXPORT RequestType {
  public:
   virtual ~RequestType() = default;
 
@@ -86,7 +87,7 @@ class RequestType {
 };
 
 // A request whose results the cache may answer and keep.
-class CacheableRequestType {
+class KP_EXPORT CacheableRequestType {
  public:
   virtual ~CacheableRequestType() = default;
   // May be null: the request then bypasses the cache.
@@ -102,7 +103,7 @@ class CacheableRequestType {
 using RequestHandlerCompletion = std::function<void(const std::shared_ptr<RequestResult>&)>;
 
 // Performs the transfer of a request.
-class RequestHandlerInterface {
+class KP_EXPORT RequestHandlerInterface {
  public:
   virtual ~RequestHandlerInterface() = default;
   // An error when this handler cannot run `request`; nothing otherwise.
@@ -114,7 +115,7 @@ class RequestHandlerInterface {
 };
 
 // Decides when and on which thread a request's handler runs.
-class RequestQueueInterface {
+class KP_EXPORT RequestQueueInterface {
  public:
   virtual ~RequestQueueInterface() = default;
   // Runs the request's handler now or later; the result goes to request->handleCompletion().

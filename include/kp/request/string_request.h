@@ -15,13 +15,14 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/request/request_handler.h"
 #include "kp/request/typed_http_request.h"
 
 namespace kp {
 
 // The result of a string request.
-class StringRequestResult : public TypedRequestResult<StringRequestResult> {
+class KP_EXPORT StringRequestResult : public TypedRequestResult<StringRequestResult> {
  public:
   // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPStringRequestResult";
@@ -34,12 +35,12 @@ class StringRequestResult : public TypedRequestResult<StringRequestResult> {
 };
 
 // The handler of string requests.
-class StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
+class KP_EXPORT StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;
 };
 
-class StringRequest : public TypedHttpRequest<StringRequest, StringRequestHandler, StringRequestResult> {
+class KP_EXPORT StringRequest : public TypedHttpRequest<StringRequest, StringRequestHandler, StringRequestResult> {
  public:
   using TypedHttpRequest::TypedHttpRequest;
 };

@@ -23,6 +23,7 @@
 #include <functional>
 #include <memory>
 
+#include "kp/platform/export.h"
 #include "kp/request/http_request.h"
 #include "kp/request/request_result.h"
 
@@ -31,7 +32,7 @@ namespace kp {
 // REQUIRES: Handler derives from RequestHandlerInterface, Result from HttpRequestResultType,
 // and Base is BasicHttpRequest or a class derived from it with the same constructors.
 template <class Self, class Handler, class Result, class Base = HttpRequest>
-class TypedHttpRequest : public Base {
+class KP_EXPORT TypedHttpRequest : public Base {
  public:
   using HandlerType = Handler;  // the kind's handler
   using ResultType = Result;    // the kind's result

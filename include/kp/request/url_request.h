@@ -24,6 +24,7 @@
 
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
@@ -38,7 +39,7 @@ enum class UrlRequestCachePolicy : int {
 };
 
 // What a session sends: URL, method, header fields, body and timeout.
-class UrlRequest {
+class KP_EXPORT UrlRequest {
  public:
   using HeaderField = std::pair<std::string, std::string>;  // a field's name and value
 

@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_request.h"
 #include "kp/request/http_request_parameter.h"
@@ -25,7 +26,7 @@
 
 namespace kp {
 
-class UrlRequestFactory {
+class KP_EXPORT UrlRequestFactory {
  public:
   UrlRequestFactory() = delete;
 
@@ -42,7 +43,7 @@ class UrlRequestFactory {
 };
 
 // Makes the cache keys of requests.
-class HttpRequestTypeCacheKeyGenerator {
+class KP_EXPORT HttpRequestTypeCacheKeyGenerator {
  public:
   HttpRequestTypeCacheKeyGenerator() = delete;
 

@@ -41,6 +41,7 @@
 #include "kp/platform/date.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_cookie_storage.h"
 #include "kp/request/url_request.h"
@@ -78,11 +79,11 @@ enum class UrlError : std::int64_t {
 
 // The error of `code` in the URL-loading domain, with the platform's description and the
 // failing URL in its user info.
-[[nodiscard]] ErrorPtr makeUrlError(UrlError code, const std::optional<Url>& failingUrl = std::nullopt,
-                                    ErrorPtr underlying = nullptr);
+[[nodiscard]] KP_EXPORT ErrorPtr makeUrlError(UrlError code, const std::optional<Url>& failingUrl = std::nullopt,
+                                              ErrorPtr underlying = nullptr);
 
 // Session settings. No response cache exists.
-struct UrlSessionConfiguration {
+struct KP_EXPORT UrlSessionConfiguration {
   // The settings below as they are initialised.
   [[nodiscard]] static UrlSessionConfiguration defaultConfiguration() { return {}; }
 
@@ -106,7 +107,7 @@ struct UrlSessionConfiguration {
 // well-known names ("ETag", "WWW-Authenticate") and otherwise each hyphen-separated word
 // capitalised ("content-type" -> "Content-Type", "x-request-id" -> "X-Request-Id"), so that
 // exact lookups in allHeaderFields() find what the server sent.
-class HttpUrlResponse {
+class KP_EXPORT HttpUrlResponse {
  public:
   using HeaderField = std::pair<std::string, std::string>;  // a field's name and value
 
@@ -151,7 +152,7 @@ enum class AuthChallengeDisposition : int {
 
 // The certificate chain a server presented on one TLS connection, with the outcome of the
 // default verification (trust store, validity, host name).
-class ServerTrust {
+class KP_EXPORT ServerTrust {
  public:
   // The chain of `host`:`port`, and whether it verified (with the reason when not).
   ServerTrust(std::string host, int port, std::vector<Data> certificates, bool trusted, std::string failureReason)
@@ -180,7 +181,7 @@ class ServerTrust {
 };
 
 // What a delegate answers a server-trust challenge with to accept the server.
-class UrlCredential {
+class KP_EXPORT UrlCredential {
  public:
   // Accepts exactly the trust it was made from.
   [[nodiscard]] static std::shared_ptr<const UrlCredential> make(std::shared_ptr<const ServerTrust> trust) {
@@ -196,7 +197,7 @@ class UrlCredential {
 };
 
 // What a challenge is about: the server and the kind of authentication.
-struct UrlProtectionSpace {
+struct KP_EXPORT UrlProtectionSpace {
   // The authentication method of server-trust challenges.
   static constexpr std::string_view kAuthenticationMethodServerTrust = "NSURLAuthenticationMethodServerTrust";
 
@@ -209,7 +210,7 @@ struct UrlProtectionSpace {
 };
 
 // A question to the delegate during a transfer.
-struct UrlAuthenticationChallenge {
+struct KP_EXPORT UrlAuthenticationChallenge {
   UrlProtectionSpace protectionSpace;  // what the challenge is about
   int previousFailureCount = 0;        // how often this challenge failed before
 };
@@ -223,7 +224,7 @@ using ChallengeHandler = std::function<void(AuthChallengeDisposition, std::share
 
 // Receives a session's events. Every callback has a default that lets the transfer go on as
 // the platform would without a delegate.
-class UrlSessionDelegate {
+class KP_EXPORT UrlSessionDelegate {
  public:
   virtual ~UrlSessionDelegate() = default;
 
@@ -259,7 +260,7 @@ class UrlSessionDelegate {
 enum class UrlSessionTaskState : int { running = 0, suspended = 1, canceling = 2, completed = 3 };
 
 // One transfer of a session; made suspended.
-class UrlSessionTask : public std::enable_shared_from_this<UrlSessionTask> {
+class KP_EXPORT UrlSessionTask : public std::enable_shared_from_this<UrlSessionTask> {
  public:
   virtual ~UrlSessionTask();
   UrlSessionTask(const UrlSessionTask&) = delete;
@@ -300,20 +301,20 @@ class UrlSessionTask : public std::enable_shared_from_this<UrlSessionTask> {
 };
 
 // A transfer whose body goes to the delegate piece by piece.
-class UrlSessionDataTask final : public UrlSessionTask {
+class KP_EXPORT UrlSessionDataTask final : public UrlSessionTask {
  public:
   // Made by the session (UrlSession::dataTask()).
   explicit UrlSessionDataTask(std::unique_ptr<Impl> impl);
 };
 
 // A transfer whose body goes to a temporary file.
-class UrlSessionDownloadTask final : public UrlSessionTask {
+class KP_EXPORT UrlSessionDownloadTask final : public UrlSessionTask {
  public:
   // Made by the session (UrlSession::downloadTask()).
   explicit UrlSessionDownloadTask(std::unique_ptr<Impl> impl);
 };
 
-class UrlSession : public std::enable_shared_from_this<UrlSession> {
+class KP_EXPORT UrlSession : public std::enable_shared_from_this<UrlSession> {
  public:
   // Without a delegate queue the session makes a private serial queue.
   [[nodiscard]] static std::shared_ptr<UrlSession> make(UrlSessionConfiguration configuration,

@@ -26,6 +26,7 @@
 #include "kp/coding/json.h"
 #include "kp/platform/date.h"
 #include "kp/platform/error.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_ticket.h"
 #include "kp/request/url_session.h"
 #include "kp/service/tarvix_service_request.h"
@@ -33,7 +34,7 @@
 namespace kp {
 
 // How the service sees this client.
-struct ClientBasicInfo {
+struct KP_EXPORT ClientBasicInfo {
   std::optional<std::string> ip;         // the address the service saw the call come from
   std::optional<std::string> userAgent;  // the user agent the call carried
 
@@ -42,7 +43,7 @@ struct ClientBasicInfo {
 };
 
 // Reads the client info out of the service's answer.
-class ClientInfoResponseReader {
+class KP_EXPORT ClientInfoResponseReader {
  public:
   ClientInfoResponseReader() = delete;
   // "network"/"ip" and "device"/"userAgent" of the answer's payload; missing or mistyped
@@ -50,7 +51,7 @@ class ClientInfoResponseReader {
   [[nodiscard]] static ClientBasicInfo readClientBasicInfo(const JsonValue& dictionary);
 };
 
-class ClientInfoWebService {
+class KP_EXPORT ClientInfoWebService {
  public:
   // The client info, when the answer carried a payload object; the error of a failed call.
   using Completion = std::function<void(std::optional<ClientBasicInfo> info, ErrorPtr error)>;

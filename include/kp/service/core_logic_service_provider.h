@@ -18,11 +18,12 @@
 //   auto online = kp::Services::default_()->safeGet<kp::ConnectivityService>()->isOnline();
 #pragma once
 
+#include "kp/platform/export.h"
 #include "tarvix/service_container.h"
 
 namespace kp {
 
-class CoreLogicServiceProvider final : public tarvix::ServiceProvider {
+class KP_EXPORT CoreLogicServiceProvider final : public tarvix::ServiceProvider {
  public:
   void register_(tarvix::ServiceContainer& services) override;
 };

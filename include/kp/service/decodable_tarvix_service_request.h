@@ -37,6 +37,7 @@
 #include <utility>
 
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/platform/result.h"
 #include "kp/request/encryption_request_type.h"
 #include "kp/request/http_request.h"
@@ -51,7 +52,7 @@ namespace kp {
 
 // Reaches the decoding of a service result through the decoder's user info, so that the
 // result, and any type inside it, can see the HTTP response.
-struct DecodableTarvixServiceContext {
+struct KP_EXPORT DecodableTarvixServiceContext {
   // The key of the context in the decoder's user info.
   static constexpr std::string_view kUserInfoKey = "DecodableTarvixServiceContext";
 
@@ -65,20 +66,20 @@ struct DecodableTarvixServiceContext {
 namespace internal {
 
 // What "meta" of a decodable envelope says: a failure, or the content info.
-struct DecodableEnvelopeMeta {
+struct KP_EXPORT DecodableEnvelopeMeta {
   ErrorPtr error;
   TarvixServiceContentInfo contentInfo;
 };
 // Throws CodingError when "meta" is there but not an object, or its content info is unreadable.
-[[nodiscard]] DecodableEnvelopeMeta decodeEnvelopeMeta(const KeyedDecoder& envelope);
+[[nodiscard]] KP_EXPORT DecodableEnvelopeMeta decodeEnvelopeMeta(const KeyedDecoder& envelope);
 // The received body, opened with the request's response key when it has one; nothing when
 // there is no body or it does not open.
-[[nodiscard]] std::optional<Data> openSealedBody(const HttpRequestHandler& handler);
+[[nodiscard]] KP_EXPORT std::optional<Data> openSealedBody(const HttpRequestHandler& handler);
 // Sets `decoder` up for service answers: dates as seconds since 1970, and a context naming
 // `decoder` and `response` in its user info.
-void prepareServiceDecoder(JsonDecoder& decoder, const std::shared_ptr<HttpResponse>& response);
+KP_EXPORT void prepareServiceDecoder(JsonDecoder& decoder, const std::shared_ptr<HttpResponse>& response);
 // The error of a decoding that threw.
-[[nodiscard]] ErrorPtr decodingError(const std::exception& thrown);
+[[nodiscard]] KP_EXPORT ErrorPtr decodingError(const std::exception& thrown);
 
 }  // namespace internal
 

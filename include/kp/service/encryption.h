@@ -1,15 +1,7 @@
-// The payload cipher of the service protocol and the text encodings around it.
-//
-// The cipher is AES-256-CBC with a zero IV and PKCS#7 padding. The key is the key string's
-// UTF-8 bytes, cut at the first NUL byte and right-padded with zero bytes to 32; a key of more
-// than 32 bytes is refused (nothing comes back), never truncated. This construction is the
-// wire contract with the servers and must not change.
-//
-// Decrypting bytes that are not ciphertext for the key (not a whole number of blocks, or
-// padding that does not check out, as with a wrong key or a plain body) gives nothing, so
-// any bytes from outside may be handed to the decrypting functions. Every other cipher
-// failure (an encryption that fails, a key the cipher refuses) can only be a fault in this
-// program and stops it (std::abort, with the status on standard error).
+// The payload cipher of the service protocol and the text encodings around it: the byte
+// and string cipher, SHA-1 and the query-value encoding (declared with the byte primitives in
+// kp/crypto/, included here), and kp::TarvixServiceEncryptionHelper, which applies the cipher
+// to the four places of the protocol.
 //
 // Thread safety: every function here is a pure function of its arguments.
 //
@@ -26,46 +18,18 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
-#include "kp/platform/base64.h"
+#include "kp/crypto/base64.h"
+#include "kp/crypto/cipher.h"
+#include "kp/crypto/hash.h"
+#include "kp/crypto/percent_encoding.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 
 namespace kp {
 
-// ---- Byte-buffer cipher -------------------------------------------------------------------
-
-// Ciphertext of `bytes` (always a whole number of 16-byte blocks, at least one), or nothing
-// when the key is longer than 32 bytes.
-[[nodiscard]] std::optional<Data> aes256Encrypt(std::span<const std::uint8_t> bytes, std::string_view key);
-// Plaintext of `bytes`, or nothing when the key is longer than 32 bytes or `bytes` is not
-// ciphertext for the key.
-[[nodiscard]] std::optional<Data> aes256Decrypt(std::span<const std::uint8_t> bytes, std::string_view key);
-
-// ---- String helpers -----------------------------------------------------------------------
-
-// Base64 (no line breaks) of the ciphertext of the UTF-8 text; nothing when the key is refused.
-[[nodiscard]] std::optional<std::string> aes256EncryptString(std::string_view text, std::string_view key);
-
-// The query-value encoding: percent-encodes (upper-case %XX) exactly the characters
-//   { } ! * ' " ( ) ; : @ & = + $ , / ? % # [ ] < > and space
-// and leaves every other byte as it is, non-ASCII and control characters included.
-[[nodiscard]] std::string urlEncodeQueryParameter(std::string_view text);
-// Appends the encoding of `text` to `out`.
-void appendUrlEncodedQueryParameter(std::string& out, std::string_view text);
-
-// ---- Hashes -------------------------------------------------------------------------------
-
-// SHA-1 of the bytes as 40 lower-case hex digits.
-[[nodiscard]] std::string hashSha1(std::span<const std::uint8_t> bytes);
-// SHA-1 of the text's UTF-8 bytes as 40 lower-case hex digits.
-[[nodiscard]] std::string hashSha1(std::string_view text);
-// Two lower-case hex digits per byte; empty for no bytes.
-[[nodiscard]] inline std::string hexadecimalString(std::span<const std::uint8_t> bytes) { return hexString(bytes); }
-
-// ---- Service payloads ---------------------------------------------------------------------
-
 // Applies the cipher to the four places of the service protocol. All operations are static.
-class TarvixServiceEncryptionHelper {
+class KP_EXPORT TarvixServiceEncryptionHelper {
  public:
   TarvixServiceEncryptionHelper() = delete;
 

@@ -34,6 +34,7 @@
 #include "kp/coding/coding.h"
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_response.h"
 
 namespace kp {
@@ -45,7 +46,7 @@ inline constexpr std::string_view kTarvixContentMaxAgeHeader =
 inline constexpr std::string_view kTarvixContentCreatedHeader =
     "Tarvix-Content-Created";  // see kTarvixContentFormatHeader
 
-class TarvixServiceContentInfo final : public Archivable {
+class KP_EXPORT TarvixServiceContentInfo final : public Archivable {
  public:
   static constexpr std::string_view kArchiveClassName = "KPTarvixServiceContentInfo";  // the archived class
   static constexpr std::int64_t kArchiveVersion = 1;  // the "version" the archived form carries

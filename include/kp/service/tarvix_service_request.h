@@ -38,6 +38,7 @@
 #include <optional>
 
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/request/encryption_request_type.h"
 #include "kp/request/http_request.h"
 #include "kp/request/request_handler.h"
@@ -55,7 +56,7 @@ using TarvixServiceProcessReceivedDataHandler = std::function<std::optional<Json
     const std::shared_ptr<TarvixServiceContentInfo>& contentInfo, const std::shared_ptr<CancelledFlag>& cancelled)>;
 
 // The handler of service requests: seals the wire request and opens the answer's envelope.
-class TarvixServiceRequestHandler : public TypedRequestHandler<TarvixServiceRequestResult> {
+class KP_EXPORT TarvixServiceRequestHandler : public TypedRequestHandler<TarvixServiceRequestResult> {
  public:
   // Turns useSharedURLSession on.
   TarvixServiceRequestHandler();
@@ -70,7 +71,7 @@ class TarvixServiceRequestHandler : public TypedRequestHandler<TarvixServiceRequ
       std::static_pointer_cast<TarvixServiceRequestResult>(result);
 };
 
-class TarvixServiceRequest
+class KP_EXPORT TarvixServiceRequest
     : public TypedHttpRequest<TarvixServiceRequest, TarvixServiceRequestHandler, TarvixServiceRequestResult>,
       public EncryptionRequestType {
  public:
@@ -88,8 +89,8 @@ class TarvixServiceRequest
 namespace internal {
 // canHandle of the service handlers: `candidate` must be an HTTP request that carries keys;
 // `handler.urlRequest` becomes its sealed wire request.
-[[nodiscard]] ErrorPtr prepareSealedUrlRequest(HttpRequestHandler& handler,
-                                               const std::shared_ptr<RequestType>& candidate);
+[[nodiscard]] KP_EXPORT ErrorPtr prepareSealedUrlRequest(HttpRequestHandler& handler,
+                                                         const std::shared_ptr<RequestType>& candidate);
 }  // namespace internal
 
 }  // namespace kp

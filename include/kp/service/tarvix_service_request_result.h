@@ -23,12 +23,13 @@
 #include <string_view>
 
 #include "kp/coding/json.h"
+#include "kp/platform/export.h"
 #include "kp/request/request_result.h"
 #include "kp/service/tarvix_service_content_info.h"
 
 namespace kp {
 
-class TarvixServiceRequestResult : public TypedRequestResult<TarvixServiceRequestResult> {
+class KP_EXPORT TarvixServiceRequestResult : public TypedRequestResult<TarvixServiceRequestResult> {
  public:
   // The class name its archived form (in the cache) carries.
   static constexpr std::string_view kArchiveClassName = "KPTarvixServiceRequestResult";

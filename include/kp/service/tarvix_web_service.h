@@ -32,6 +32,7 @@
 
 #include "kp/coding/json.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_ticket.h"
@@ -50,7 +51,7 @@ template <class T>
 inline constexpr bool isOptional<std::optional<T>> = true;
 
 // What both facades share: base URL, version, common parameters, keys and session.
-struct WebServiceSettings {
+struct KP_EXPORT WebServiceSettings {
   std::string baseUrl;
   std::optional<std::string> version;
   TarvixWebServiceEncryptionDetails encryptionDetails;
@@ -65,7 +66,7 @@ struct WebServiceSettings {
 };
 }  // namespace internal
 
-class TarvixWebService : public internal::WebServiceSettings {
+class KP_EXPORT TarvixWebService : public internal::WebServiceSettings {
  public:
   // REQUIRES: `baseUrl` is an absolute URL; a trailing "/" is dropped.
   explicit TarvixWebService(std::string baseUrl);
@@ -80,7 +81,7 @@ class TarvixWebService : public internal::WebServiceSettings {
 };
 
 // The facade for typed calls: makes requests whose payload decodes into a type of the caller's.
-class DecodableTarvixWebService : public internal::WebServiceSettings {
+class KP_EXPORT DecodableTarvixWebService : public internal::WebServiceSettings {
  public:
   // REQUIRES: `baseUrl` is an absolute URL; a trailing "/" is dropped.
   explicit DecodableTarvixWebService(std::string baseUrl);

@@ -17,6 +17,8 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
+
 namespace kp {
 
 // Encrypts the query of every web service unless a facade sets another key.
@@ -27,7 +29,7 @@ inline constexpr std::string_view kClientInfoBodyEncryptionKey = "Hn4Xk9PzR2wLq7
 inline constexpr std::string_view kClientInfoResponseDecryptionKey = "Zt3Lm8QxW5rN2kPv9BcH7jDs4YfG1uEa";
 
 // The keys a service's calls travel under.
-struct TarvixWebServiceEncryptionDetails {
+struct KP_EXPORT TarvixWebServiceEncryptionDetails {
   // Copied into requests as requestQueryEncryptionKey.
   std::optional<std::string> queryStringEncryptionKey = std::string(kDefaultQueryStringEncryptionKey);
   // Copied as requestBodyEncryptionKey.

@@ -29,12 +29,13 @@
 
 #include "kp/device/device_kind.h"
 #include "kp/platform/application_info.h"
+#include "kp/platform/export.h"
 #include "kp/request/http_request_parameter.h"
 
 namespace kp {
 
 // The common query parameters of every service call: what the application and device are.
-struct TarvixWebServiceParameters {
+struct KP_EXPORT TarvixWebServiceParameters {
   // From ApplicationInfo::current() and, for what it leaves unset, DeviceInformation::shared().
   TarvixWebServiceParameters();
   // From `info` and, for what it leaves unset, DeviceInformation::shared().
@@ -64,13 +65,13 @@ struct TarvixWebServiceParameters {
 
 // The device kind servers know for an idiom: "iphone", "ipad", "tv", "carplay", "mac",
 // "vision", and "desktop" for a machine that has not named its idiom.
-[[nodiscard]] std::string_view deviceKindName(UserInterfaceIdiom idiom) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view deviceKindName(UserInterfaceIdiom idiom) noexcept;
 // The device kind servers know for a kind of machine: a phone's and a tablet's idiom names,
 // "desktop" for an unknown machine, else the chassis word ("laptop", "server", "vm" ...).
-[[nodiscard]] std::string_view deviceKindName(DeviceKind kind) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view deviceKindName(DeviceKind kind) noexcept;
 
 // The shortest decimal text that reads back as `value`, with ".0" on whole numbers ("2.0",
 // "1.5", "1e+20").
-[[nodiscard]] std::string shortestDecimalText(double value);
+[[nodiscard]] KP_EXPORT std::string shortestDecimalText(double value);
 
 }  // namespace kp

@@ -37,12 +37,13 @@
 
 #include "kp/coding/coding.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "tarvix/service.h"
 
 namespace kp {
 
 // A value of any codable type together with its type.
-class AnyCodable {
+class KP_EXPORT AnyCodable {
  public:
   // Holds a copy of `value`.
   template <class T, class = std::enable_if_t<!std::is_same_v<std::decay_t<T>, AnyCodable>>>
@@ -66,7 +67,7 @@ class AnyCodable {
 };
 
 // The tag written for a type: its unqualified name unless given another.
-class TypedEncoderProtocol {
+class KP_EXPORT TypedEncoderProtocol {
  public:
   virtual ~TypedEncoderProtocol() = default;
   [[nodiscard]] virtual const std::string& typeName() const noexcept = 0;  // the tag
@@ -96,7 +97,7 @@ class TypedEncoder final : public TypedEncoderProtocol {
 };
 
 // Reads the elements of some tags.
-class TypedDecoderProtocol {
+class KP_EXPORT TypedDecoderProtocol {
  public:
   virtual ~TypedDecoderProtocol() = default;
   [[nodiscard]] virtual const std::vector<std::string>& typeNames() const noexcept = 0;  // the tags it reads
@@ -126,7 +127,7 @@ class TypedDecoder final : public TypedDecoderProtocol {
 
 // A list of values of several codable types, each written with the tag of its type (see the
 // top of this file).
-class CodableTypedCollection {
+class KP_EXPORT CodableTypedCollection {
  public:
   using Encoders = std::vector<std::shared_ptr<const TypedEncoderProtocol>>;  // the tags for writing
   using Decoders = std::vector<std::shared_ptr<const TypedDecoderProtocol>>;  // the readers of tags

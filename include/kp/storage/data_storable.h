@@ -14,10 +14,11 @@
 #include <string_view>
 
 #include "kp/coding/keyed_archiver.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
-class DataStorable {
+class KP_EXPORT DataStorable {
  public:
   virtual ~DataStorable() = default;
   // The object archived under `key`; nothing when absent, not an archive, or unreadable.

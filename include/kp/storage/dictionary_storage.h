@@ -18,13 +18,14 @@
 #include <string>
 #include <string_view>
 
+#include "kp/platform/export.h"
 #include "kp/platform/string_map.h"
 #include "kp/platform/synchronized.h"
 #include "tarvix/keyed_storage_service.h"
 
 namespace kp {
 
-class DictionaryStorage final : public tarvix::KeyedStorageService {
+class KP_EXPORT DictionaryStorage final : public tarvix::KeyedStorageService {
  public:
   // The values by key.
   using Content = StringMap<std::any>;

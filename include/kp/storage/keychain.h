@@ -45,6 +45,7 @@
 #include "kp/coding/property_list.h"
 #include "kp/platform/data.h"
 #include "kp/platform/date.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
@@ -71,7 +72,7 @@ enum class KeychainAccess : std::int64_t {
 }
 
 // The accessibility constant stored on the item ("kSecAttrAccessibleWhenUnlocked", ...).
-[[nodiscard]] std::string_view value(KeychainAccess access) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view value(KeychainAccess access) noexcept;
 
 // How a keychain call ended, with the platform's numbers.
 enum class KeychainStatus : std::int32_t {
@@ -84,10 +85,10 @@ enum class KeychainStatus : std::int32_t {
 };
 
 // What the status means, for a user: "the keychain is locked", ...
-[[nodiscard]] std::string_view describe(KeychainStatus status) noexcept;
+[[nodiscard]] KP_EXPORT std::string_view describe(KeychainStatus status) noexcept;
 
 // A shared service and access group, for items that other applications of the group read.
-struct KeychainAccessGroupDetail {
+struct KP_EXPORT KeychainAccessGroupDetail {
   // Items in `serviceName`, shared in `group`.
   KeychainAccessGroupDetail(std::string serviceName, std::string group)
       : service(std::move(serviceName)), accessGroup(std::move(group)) {}
@@ -100,7 +101,7 @@ using KeychainGroup = std::optional<KeychainAccessGroupDetail>;
 
 // The keychain's operations: one item per key in the place `detail` names (see the top of
 // this file for how values are stored and how failures show).
-class KeychainStorable {
+class KP_EXPORT KeychainStorable {
  public:
   virtual ~KeychainStorable() = default;
 
@@ -174,7 +175,7 @@ class KeychainStorable {
 };
 
 // The system's keychain (the Secret Service on Linux).
-class Keychain final : public KeychainStorable {
+class KP_EXPORT Keychain final : public KeychainStorable {
  public:
   // The service of items without a group detail when the application has no identifier.
   static constexpr std::string_view kUnknownApplication = "TarvixWorks-Keychain-Unknown-App";

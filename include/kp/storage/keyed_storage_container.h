@@ -34,6 +34,7 @@
 #include "kp/coding/keyed_archiver.h"
 #include "kp/coding/property_list.h"
 #include "kp/logging/tarvix_logger.h"
+#include "kp/platform/export.h"
 #include "kp/storage/storage_key.h"
 #include "kp/storage/stored_value.h"
 #include "tarvix/keyed_storage_service.h"
@@ -42,7 +43,7 @@
 namespace kp {
 
 // A store whose changes may wait before they are written.
-class FlushableStorage {
+class KP_EXPORT FlushableStorage {
  public:
   virtual ~FlushableStorage() = default;
   // Writes pending changes now; false when they could not be written.
@@ -52,9 +53,10 @@ class FlushableStorage {
 namespace storage_detail {
 
 // The texts of the reports.
-[[nodiscard]] std::string wrongTypeMessage(const std::type_info& expected);
-[[nodiscard]] std::string encodeFailureMessage(std::string_view valueDescription, std::string_view keyDescription);
-[[nodiscard]] std::string decodeFailureMessage(std::string_view keyDescription, const std::type_info& type);
+[[nodiscard]] KP_EXPORT std::string wrongTypeMessage(const std::type_info& expected);
+[[nodiscard]] KP_EXPORT std::string encodeFailureMessage(std::string_view valueDescription,
+                                                         std::string_view keyDescription);
+[[nodiscard]] KP_EXPORT std::string decodeFailureMessage(std::string_view keyDescription, const std::type_info& type);
 
 // A value's description for reports: its textual description when it has one, else the name
 // of its type.

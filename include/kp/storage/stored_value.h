@@ -31,18 +31,19 @@
 #include "kp/coding/coding.h"
 #include "kp/coding/property_list.h"
 #include "kp/coding/value.h"
+#include "kp/platform/export.h"
 
 namespace kp {
 
 // The property-list tree of `value`, or nothing; `problem` (when given) then says why.
-[[nodiscard]] std::optional<Value> propertyListValue(const std::any& value, std::string* problem = nullptr);
+[[nodiscard]] KP_EXPORT std::optional<Value> propertyListValue(const std::any& value, std::string* problem = nullptr);
 
 // Whether a tree can be written to a property list as it is: no null or object reference
 // inside, all text and keys UTF-8, nesting within kMaxPropertyListDepth.
-[[nodiscard]] bool isStorablePropertyListValue(const Value& value, std::string* problem = nullptr);
+[[nodiscard]] KP_EXPORT bool isStorablePropertyListValue(const Value& value, std::string* problem = nullptr);
 
 // REQUIRES: `value` is not null (property lists have no null).
-[[nodiscard]] std::any anyFromPropertyListValue(const Value& value);
+[[nodiscard]] KP_EXPORT std::any anyFromPropertyListValue(const Value& value);
 
 namespace storage_detail {
 template <class T>

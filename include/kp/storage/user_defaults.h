@@ -57,6 +57,7 @@
 #include "kp/coding/value.h"
 #include "kp/logging/tarvix_logger.h"
 #include "kp/platform/data.h"
+#include "kp/platform/export.h"
 #include "kp/platform/url.h"
 #include "kp/storage/data_storable.h"
 #include "kp/storage/keyed_storage_container.h"
@@ -70,7 +71,7 @@ class SuiteStore;
 }  // namespace storage_detail
 
 // What went wrong with a suite's file lately.
-struct SuiteFileStatus {
+struct KP_EXPORT SuiteFileStatus {
   // Why the file could not be read the last time it was tried ("cannot open PATH: Permission
   // denied"); it is read again later and before every write. Nothing once it was read.
   std::optional<std::string> readError;
@@ -86,10 +87,10 @@ template <class K>
 concept TextConvertibleKey = DescribableKey<K> && !std::convertible_to<const K&, std::string_view>;
 
 // A user-defaults suite (see the top of this file).
-class UserDefaults final : public tarvix::KeyedStorageService,
-                           public DataStorable,
-                           public FlushableStorage,
-                           public std::enable_shared_from_this<UserDefaults> {
+class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
+                                     public DataStorable,
+                                     public FlushableStorage,
+                                     public std::enable_shared_from_this<UserDefaults> {
  public:
   template <StorageKey Key>
   class Container;

@@ -12,11 +12,12 @@
 
 #include <memory>
 
+#include "kp/platform/export.h"
 #include "kp/storage/user_defaults.h"
 
 namespace kp {
 
-class UserDefaultsStorage final : public tarvix::KeyedStorageService, public FlushableStorage {
+class KP_EXPORT UserDefaultsStorage final : public tarvix::KeyedStorageService, public FlushableStorage {
  public:
   UserDefaultsStorage() : UserDefaultsStorage(UserDefaults::standard()) {}
   // REQUIRES: `defaults` is not null.

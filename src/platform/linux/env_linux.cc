@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/env.h"
+#include "platform/no_destructor.h"
 
 namespace kp::platform {
 namespace {
@@ -138,8 +139,8 @@ class LinuxEnv final : public Env {
 }  // namespace
 
 Env& Env::current() {
-  static LinuxEnv env;
-  return env;
+  static internal::NoDestructor<LinuxEnv> env;
+  return *env;
 }
 
 }  // namespace kp::platform

@@ -27,6 +27,7 @@
 
 #include "kp/platform/system_log.h"
 #include "platform/no_destructor.h"
+#include "platform/system_log_internal.h"
 #include "platform/utf8.h"
 
 namespace kp {
@@ -108,9 +109,8 @@ void writeAll(int fd, std::string_view bytes) {
 
 class Journal final : public SystemLog {
  public:
-  explicit Journal(Options options)
-      : path_(options.socketPath.empty() ? kSystemJournalSocket : std::move(options.socketPath)),
-        fallback_(options.fallbackDescriptor) {}
+  Journal(std::string socketPath, int fallbackDescriptor)
+      : path_(socketPath.empty() ? kSystemJournalSocket : std::move(socketPath)), fallback_(fallbackDescriptor) {}
   ~Journal() override {
     if (fd_ >= 0) ::close(fd_);
   }
@@ -275,10 +275,17 @@ class Journal final : public SystemLog {
 }  // namespace
 
 const std::shared_ptr<SystemLog>& SystemLog::shared() {
-  static internal::NoDestructor<std::shared_ptr<SystemLog>> instance(std::make_shared<Journal>(Options{}));
+  static internal::NoDestructor<std::shared_ptr<SystemLog>> instance(
+      std::make_shared<Journal>(std::string(), STDERR_FILENO));
   return *instance;
 }
 
-std::shared_ptr<SystemLog> SystemLog::make(Options options) { return std::make_shared<Journal>(std::move(options)); }
+std::shared_ptr<SystemLog> SystemLog::make(std::string socketPath) {
+  return std::make_shared<Journal>(std::move(socketPath), STDERR_FILENO);
+}
+
+std::shared_ptr<SystemLog> internal::makeSystemLog(std::string socketPath, int fallbackDescriptor) {
+  return std::make_shared<Journal>(std::move(socketPath), fallbackDescriptor);
+}
 
 }  // namespace kp

@@ -1,6 +1,8 @@
 // Internal: the payload cipher with the key already prepared as 32 raw bytes. The public
 // functions prepare the key from a string; tests use this to run published vectors whose keys
 // contain NUL bytes.
+//
+// Thread safety: pure functions.
 #pragma once
 
 #include <array>

@@ -20,6 +20,7 @@
 
 #include "kp/cache/cacheable.h"
 #include "kp/platform/string_map.h"
+#include "platform/mutex.h"
 
 namespace kp {
 
@@ -52,11 +53,11 @@ class CacheMemoryStorage {
 
  private:
   template <class Keep>
-  void keepOnly(Keep keep);
+  void keepOnly(Keep keep) EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::uint64_t removals_ = 0;                   // guarded by mutex_
-  StringMap<std::shared_ptr<Cacheable>> items_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::uint64_t removals_ GUARDED_BY(mutex_) = 0;
+  StringMap<std::shared_ptr<Cacheable>> items_ GUARDED_BY(mutex_);
 };
 
 }  // namespace kp

@@ -1,7 +1,9 @@
 // A thin, typed layer over SQLite: a database that prepares statements, a prepared statement
 // that binds values by position, executes and reads rows, and can be reset for another run,
 // and a typed row whose cells are tagged values addressed by a column vocabulary. No
-// transactions, busy handling, schema knowledge or pooling: one object holds one connection.
+// transactions, busy handling, schema knowledge or pooling: one object holds one connection,
+// which stays open until the process ends even when the object is destroyed (sqlite.cc says
+// why).
 //
 // Failures are thrown as SQLiteDatabaseError or SQLiteStatementError; they carry no SQLite
 // code or message. A failed binding leaves the statement usable.

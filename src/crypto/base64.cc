@@ -1,6 +1,7 @@
-// Base64 written by hand for the exact options required; encoding writes straight into the
-// output buffer and decoding takes four characters at a time where it can.
-#include "kp/platform/base64.h"
+// Base64 written by hand for the options the library needs: encoding writes straight into
+// the output buffer, and the one decoder takes four characters at a time where it can,
+// leaving the per-character path for what its options skip or forgive.
+#include "kp/crypto/base64.h"
 
 #include <algorithm>
 #include <array>
@@ -10,6 +11,7 @@ namespace {
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::uint8_t kPad = 64;
+constexpr std::uint8_t kWhitespace = 65;
 constexpr std::uint8_t kUnknown = 255;
 
 constexpr std::array<std::uint8_t, 256> makeDecodeTable() {
@@ -17,6 +19,7 @@ constexpr std::array<std::uint8_t, 256> makeDecodeTable() {
   for (auto& v : table) v = kUnknown;
   for (std::uint8_t i = 0; i < 64; ++i) table[static_cast<unsigned char>(kAlphabet[i])] = i;
   table['='] = kPad;
+  for (const char c : {' ', '\t', '\r', '\n'}) table[static_cast<unsigned char>(c)] = kWhitespace;
   return table;
 }
 constexpr auto kDecodeTable = makeDecodeTable();
@@ -63,6 +66,9 @@ void encodeInto(std::span<const std::uint8_t> in, char* out, bool lines) {
 bool hasOption(Base64EncodingOptions options, Base64EncodingOptions option) {
   return (static_cast<unsigned>(options) & static_cast<unsigned>(option)) != 0;
 }
+bool hasOption(Base64DecodingOptions options, Base64DecodingOptions option) {
+  return (static_cast<unsigned>(options) & static_cast<unsigned>(option)) != 0;
+}
 
 }  // namespace
 
@@ -81,15 +87,15 @@ Data base64EncodedData(std::span<const std::uint8_t> bytes, Base64EncodingOption
 }
 
 std::optional<Data> base64Decode(std::string_view text, Base64DecodingOptions options) {
-  const bool ignoreUnknown =
-      (static_cast<unsigned>(options) & static_cast<unsigned>(Base64DecodingOptions::ignoreUnknownCharacters)) != 0;
+  const bool ignoreUnknown = hasOption(options, Base64DecodingOptions::ignoreUnknownCharacters);
+  const bool ignoreWhitespace = ignoreUnknown || hasOption(options, Base64DecodingOptions::ignoreWhitespace);
+  const bool paddingMayBeShort = hasOption(options, Base64DecodingOptions::allowMissingPadding);
   Data out = Data::zeros(text.size() / 4 * 3 + 3);
   std::uint8_t* o = out.data();
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* const end = p + text.size();
   std::uint32_t acc = 0;
   unsigned pending = 0;  // alphabet characters in `acc`
-  std::size_t valid = 0;
   std::size_t padding = 0;
   while (p < end) {
     // Fast path: four alphabet characters at a quantum boundary.
@@ -104,7 +110,6 @@ std::optional<Data> base64Decode(std::string_view text, Base64DecodingOptions op
         o[2] = static_cast<std::uint8_t>(v);
         o += 3;
         p += 4;
-        valid += 4;
       }
       if (p == end) break;
     }
@@ -112,7 +117,6 @@ std::optional<Data> base64Decode(std::string_view text, Base64DecodingOptions op
     if (v < 64) {
       if (padding > 0) return std::nullopt;  // data after padding
       acc = (acc << 6) | v;
-      ++valid;
       if (++pending == 4) {
         o[0] = static_cast<std::uint8_t>(acc >> 16);
         o[1] = static_cast<std::uint8_t>(acc >> 8);
@@ -123,14 +127,14 @@ std::optional<Data> base64Decode(std::string_view text, Base64DecodingOptions op
       }
     } else if (v == kPad) {
       ++padding;
-    } else if (!ignoreUnknown) {
+    } else if (!(v == kWhitespace ? ignoreWhitespace : ignoreUnknown)) {
       return std::nullopt;
     }
   }
-  if ((valid + padding) % 4 != 0) return std::nullopt;
   // The padding completes the last group: two characters (one byte) take two, three
   // characters (two bytes) take one; a lone character carries no whole byte.
-  if (padding != (pending == 0 ? 0u : 4u - pending) || pending == 1) return std::nullopt;
+  const std::size_t needed = pending == 0 ? 0 : 4 - pending;
+  if (pending == 1 || padding > needed || (padding < needed && !paddingMayBeShort)) return std::nullopt;
   if (pending == 2) {
     *o++ = static_cast<std::uint8_t>(acc >> 4);
   } else if (pending == 3) {

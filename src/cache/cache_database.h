@@ -35,9 +35,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cache/sqlite.h"
+#include "kp/cache/cache_row.h"
 #include "kp/cache/cacheable.h"
-#include "kp/cache/sqlite.h"
 #include "kp/coding/property_list.h"
+#include "platform/mutex.h"
 
 namespace kp {
 
@@ -45,26 +47,6 @@ struct CacheKeyAndGroup {
   std::string key;
   std::optional<std::string> group;
   friend bool operator==(const CacheKeyAndGroup&, const CacheKeyAndGroup&) = default;
-};
-
-// One row as a listing shows it.
-struct CacheRowSummary {
-  // How the row names its entry. Only a UTF-8 text id can match a key: a row named otherwise
-  // was written by something else, and no read ever reaches it, but it is listed all the same.
-  enum class KeyForm { text, bytes, null };
-  // The id: as text, or the bytes of a blob or of text in another encoding; empty for NULL.
-  std::string key;
-  KeyForm keyForm = KeyForm::text;
-  std::optional<std::string> group;
-  // Nothing for a kind this library does not know.
-  std::optional<CacheItemType> type;
-  // The entry's creation date, whole seconds.
-  Date timestamp;
-  std::int32_t maximumAge = 0;
-  bool rollingExpiration = false;
-  bool autoExpiration = false;
-  // Bytes of the encoded entry in the row.
-  std::uint64_t dataSize = 0;
 };
 
 enum class CacheItemColumns { id, type, group, data };
@@ -157,36 +139,36 @@ class CacheControllerDatabase {
   void vacuum();
 
  private:
-  void createDatabase();                       // REQUIRES: mutex_ held
-  [[nodiscard]] std::int64_t storedVersion();  // REQUIRES: mutex_ held
+  void createDatabase() REQUIRES(mutex_);
+  [[nodiscard]] std::int64_t storedVersion() REQUIRES(mutex_);
   [[nodiscard]] std::vector<CacheRowSummary> summaries(std::string_view sql, const std::vector<SQLiteValue>& bindings);
-  void configureConnection();  // REQUIRES: mutex_ held
+  void configureConnection() REQUIRES(mutex_);
   // Opens the connection at `url`; false (and no connection) when it cannot be opened.
-  bool open(const std::string& url);  // REQUIRES: mutex_ held
+  bool open(const std::string& url) REQUIRES(mutex_);
   // Drops the connection, which stays open unused, and finalizes its statements.
-  void dropConnection();  // REQUIRES: mutex_ held
+  void dropConnection() REQUIRES(mutex_);
   // The connection's statement for `sql`, prepared on first use; null when it cannot be.
-  [[nodiscard]] SQLitePreparedStatement* statement(std::string_view sql);  // REQUIRES: mutex_ held
+  [[nodiscard]] SQLitePreparedStatement* statement(std::string_view sql) REQUIRES(mutex_);
   // The rows of one statement (only the first with `firstOnly`); none on any failure.
   template <SQLiteColumn Column = CacheItemColumns>
   [[nodiscard]] std::vector<SQLiteRow<Column>> rows(std::string_view sql, const std::vector<SQLiteValue>& bindings,
-                                                    bool firstOnly = false);  // REQUIRES: mutex_ held
+                                                    bool firstOnly = false) REQUIRES(mutex_);
   // Runs one statement with its bindings to completion; false on any failure.
-  bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings);  // REQUIRES: mutex_ held
+  bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings) REQUIRES(mutex_);
   // Runs a pragma that answers with a row, ignoring the row; false on any failure.
-  bool runPragma(std::string_view sql);  // REQUIRES: mutex_ held
+  bool runPragma(std::string_view sql) REQUIRES(mutex_);
 
   std::string dbFileName_;
   std::filesystem::path path_;
-  mutable std::mutex mutex_;
-  std::unique_ptr<SQLiteDatabase> db_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::unique_ptr<SQLiteDatabase> db_ GUARDED_BY(mutex_);
   struct TextHash {
     using is_transparent = void;
     std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
   };
   // The statements of db_, by their SQL text.
-  std::unordered_map<std::string, std::unique_ptr<SQLitePreparedStatement>, TextHash, std::equal_to<>>
-      statements_;  // guarded by mutex_
+  std::unordered_map<std::string, std::unique_ptr<SQLitePreparedStatement>, TextHash, std::equal_to<>> statements_
+      GUARDED_BY(mutex_);
 };
 
 }  // namespace kp
