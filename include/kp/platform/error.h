@@ -33,6 +33,7 @@ class KP_EXPORT Error {
   // User-info keys with the platform's spellings.
   static constexpr std::string_view kLocalizedDescriptionKey = "NSLocalizedDescription";
   static constexpr std::string_view kLocalizedFailureReasonKey = "NSLocalizedFailureReason";  // why it failed
+  // What to do about it.
   static constexpr std::string_view kLocalizedRecoverySuggestionKey = "NSLocalizedRecoverySuggestion";
   static constexpr std::string_view kFailingURLStringKey = "NSErrorFailingURLStringKey";  // the URL that failed
   // Domain of transfer failures (the URL loading service's codes, such as -1001).
