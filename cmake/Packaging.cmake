@@ -53,8 +53,8 @@ if(TARGET kpcore)
 endif()
 
 # Debian packages. The runtime package's dependencies are what dpkg-shlibdeps finds the
-# binaries linked against; the dev package's are the -dev packages that the CMake package
-# (find_dependency) and the pkg-config file (Requires.private) look for.
+# binaries linked against; a host building against the dev package needs only what the public
+# headers use (Boost's header-only libraries) and, for the .pc route, pkg-config.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${KP_RUNTIME_PACKAGE})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -79,8 +79,8 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "core client library of the weather appl
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${KP_DEV_PACKAGE})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
-  "${KP_RUNTIME_PACKAGE} (= ${PROJECT_VERSION}), pkg-config | pkgconf, libboost1.81-dev, libboost-url1.81-dev, libboost-json1.81-dev, libboost-locale1.81-dev, libcurl4-openssl-dev | libcurl-dev, libssl-dev, libsqlite3-dev, libfmt-dev, libicu-dev, libplist-dev, libsecret-1-dev, libsystemd-dev, libpsl-dev, libidn2-dev, libwebp-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${KP_RUNTIME_PACKAGE} (= ${PROJECT_VERSION}), libboost1.81-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_RECOMMENDS "pkg-config | pkgconf, cmake")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "core client library of the weather application (development files)
  Public headers, the CMake package (find_package(KPFrameworkCoreLogic)), the
  pkg-config files and example programs for hosts built against the library.")
