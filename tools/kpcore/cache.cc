@@ -23,7 +23,11 @@ using kpcore::CommandError;
 using kpcore::printable;
 
 constexpr const char* kUsage =
-    "kpcore cache stats|list|get KEY [--raw]|wipe [--group G]|expired|curb --max BYTES [--dir DIR] [--json]";
+    "kpcore cache stats|list|expired [--dir DIR] [--json]\n"
+    "       kpcore cache get KEY [--raw] [--dir DIR] [--json]\n"
+    "       kpcore cache wipe [--group G] [--dir DIR] [--json]\n"
+    "       kpcore cache curb --max BYTES [--dir DIR] [--json]\n"
+    "  Without --dir it works on the application's caches folder.";
 
 std::string humanSize(std::uint64_t bytes) {
   static constexpr const char* kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
@@ -330,7 +334,7 @@ int runCache(kpcore::Args& args) {
   const auto max = args.option("max");
   const bool raw = args.flag("raw");
   const auto action = args.positional();
-  if (!action) throw CommandError(std::string("missing subcommand; usage: ") + kUsage, 2);
+  if (!action) throw CommandError("missing subcommand (stats, list, get, wipe, expired or curb)", 2);
   std::optional<std::string> key;
   if (*action == "get") {
     key = args.positional();

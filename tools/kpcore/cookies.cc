@@ -70,6 +70,8 @@ int runCookies(kpcore::Args& args) {
 }
 
 const kpcore::Registration registration{"cookies", "List or clear the cookies that requests keep",
-                                        "kpcore cookies list [URL]|clear [--json]", runCookies};
+                                        "kpcore cookies list [URL] [--json]\n"
+                                        "       kpcore cookies clear [--json]",
+                                        runCookies};
 
 }  // namespace

@@ -4,26 +4,23 @@
 #include <iostream>
 
 #include "command.h"
+#include "help.h"
 #include "kp/version.h"
-
-namespace {
-
-void printHelp(std::ostream& out) {
-  out << "usage: kpcore [--version] [--help] <command> [args] [--json]\n\ncommands:\n";
-  for (const auto& command : kpcore::commands()) {
-    out << "  " << command.name << std::string(command.name.size() < 12 ? 12 - command.name.size() : 1, ' ')
-        << command.summary << "\n";
-  }
-  out << "\n`kpcore <command> --help` shows a command's usage.\n";
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   std::vector<std::string> rest(argv + 1, argv + argc);
   if (rest.empty() || rest.front() == "--help" || rest.front() == "-h" || rest.front() == "help") {
-    printHelp(std::cout);
+    std::cout << kpcore::helpText();
     return rest.empty() ? 2 : 0;
+  }
+  // The build writes kpcore(1) and the completion script with these.
+  if (rest.size() == 1 && rest.front() == "--man") {
+    std::cout << kpcore::manPage();
+    return 0;
+  }
+  if (rest.size() == 1 && rest.front() == "--bash-completion") {
+    std::cout << kpcore::bashCompletion();
+    return 0;
   }
   if (rest.front() == "--version") {
     std::cout << "kpcore " << KP_VERSION_STRING << "\n";
@@ -34,7 +31,7 @@ int main(int argc, char** argv) {
   for (const auto& command : kpcore::commands()) {
     if (command.name != name) continue;
     if (!rest.empty() && (rest.front() == "--help" || rest.front() == "-h")) {
-      std::cout << "usage: " << command.usage << "\n";
+      std::cout << kpcore::commandHelp(command);
       return 0;
     }
     kpcore::Args args(std::move(rest));

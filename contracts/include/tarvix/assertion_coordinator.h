@@ -19,11 +19,14 @@ namespace tarvix {
 
 class AssertionCoordinator {
  public:
+  // Receives a failed assertion's message and place.
   using Handler = std::function<void(std::string_view message, std::string_view file, int line)>;
 
+  // Hands a failed assertion to the installed handler.
   static void assertionFailure(std::string_view message, std::string_view file, int line);
   // Installs `handler` ({} restores the default) and returns the one it replaces.
   static Handler setHandler(Handler handler);
+  // What runs without a handler of the host's: stops a debug build, ignored in a release build.
   static void defaultHandler(std::string_view message, std::string_view file, int line);
 };
 

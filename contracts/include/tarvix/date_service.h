@@ -14,8 +14,10 @@
 
 namespace tarvix {
 
+// Where the current date comes from, so that tests can fix it.
 class DateService : public virtual Service {
  public:
+  // The current time.
   [[nodiscard]] virtual std::chrono::system_clock::time_point now() const = 0;
 };
 

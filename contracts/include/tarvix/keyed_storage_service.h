@@ -22,21 +22,28 @@
 
 namespace tarvix {
 
+// The store (see the top of this file).
 class KeyedStorageService : public virtual Service {
  public:
   // Stores `value` under `key`; an absent value removes the key.
   virtual void setObject(std::optional<std::any> value, std::string_view key) = 0;
-  virtual void setInteger(std::int64_t value, std::string_view key) = 0;
-  virtual void setFloat(float value, std::string_view key) = 0;
-  virtual void setDouble(double value, std::string_view key) = 0;
-  virtual void setBool(bool value, std::string_view key) = 0;
-  virtual void removeObject(std::string_view key) = 0;
+  virtual void setInteger(std::int64_t value, std::string_view key) = 0;  // stores an integer
+  virtual void setFloat(float value, std::string_view key) = 0;           // stores a real number
+  virtual void setDouble(double value, std::string_view key) = 0;         // stores a real number
+  virtual void setBool(bool value, std::string_view key) = 0;             // stores a boolean
+  virtual void removeObject(std::string_view key) = 0;                    // removes the key
 
+  // The value under `key`; nothing when the key is missing.
   [[nodiscard]] virtual std::optional<std::any> object(std::string_view key) const = 0;
+  // The value under `key` as text; nothing when missing or not text.
   [[nodiscard]] virtual std::optional<std::string> string(std::string_view key) const = 0;
+  // The value under `key` as an integer; 0 when missing or not a number.
   [[nodiscard]] virtual std::int64_t integer(std::string_view key) const = 0;
+  // The value under `key` as a real number; 0 when missing or not a number.
   [[nodiscard]] virtual float float_(std::string_view key) const = 0;
+  // The value under `key` as a real number; 0 when missing or not a number.
   [[nodiscard]] virtual double double_(std::string_view key) const = 0;
+  // The value under `key` as a boolean; false when missing or not one.
   [[nodiscard]] virtual bool bool_(std::string_view key) const = 0;
 };
 

@@ -23,27 +23,32 @@ class Service {
   virtual ~Service() = default;
 };
 
+// A service's type: what registrations and lookups are keyed by.
 class ServiceType {
  public:
   // Converts an instance to this type: a pointer to the instance's part of this type that
   // shares its ownership, or null when the instance does not implement the type.
   using Cast = std::shared_ptr<void> (*)(const std::shared_ptr<Service>&);
 
+  // The type of service S.
   template <class S>
   [[nodiscard]] static ServiceType of() {
     static_assert(std::is_polymorphic_v<S>, "a service type is an interface (a polymorphic class)");
     return ServiceType(typeid(S), &castTo<S>);
   }
 
+  // The wrapped type, for hashing and ordering.
   [[nodiscard]] std::type_index index() const noexcept { return index_; }
   // The type_info this identity was made from. Equal types may have distinct type_info
   // objects across shared libraries: compare with ==, or index(), for identity.
   [[nodiscard]] const std::type_info& typeInfo() const noexcept { return *typeInfo_; }
+  // `instance` as this type, type-erased; null when it is not one.
   [[nodiscard]] std::shared_ptr<void> cast(const std::shared_ptr<Service>& instance) const { return cast_(instance); }
   // The unqualified name, also inside template arguments: "Cache<Item>" for
   // app::Cache<app::model::Item>.
   [[nodiscard]] std::string name() const;
 
+  // The same type.
   friend bool operator==(const ServiceType& a, const ServiceType& b) noexcept { return a.index_ == b.index_; }
 
  private:

@@ -34,6 +34,7 @@ namespace tarvix {
 
 class ServiceContainer;
 
+// Registers a module's services in a container.
 class ServiceProvider {
  public:
   virtual ~ServiceProvider() = default;
@@ -77,6 +78,7 @@ class ServiceContainer {
     register_<S>([instance = std::move(instance)](ServiceContainer&) { return instance; });
   }
 
+  // The service S; throws when it cannot be resolved.
   template <class S>
   [[nodiscard]] std::shared_ptr<S> safeGet() {
     return std::static_pointer_cast<S>(safeGet(ServiceType::of<S>()));

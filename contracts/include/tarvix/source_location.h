@@ -13,12 +13,15 @@ namespace tarvix {
 
 class SourceLocation {
  public:
+  // The calling place (as the default arguments take it).
   [[nodiscard]] static constexpr SourceLocation current(const char* file = __builtin_FILE(),
                                                         int line = __builtin_LINE(),
                                                         const char* function = __builtin_FUNCTION()) noexcept {
     return SourceLocation(file, line, function);
   }
+  // The source path.
   [[nodiscard]] constexpr const char* file_name() const noexcept { return file_; }
+  // The line.
   [[nodiscard]] constexpr int line() const noexcept { return line_; }
   // The bare name of the calling function ("" outside any function).
   [[nodiscard]] constexpr const char* function_name() const noexcept { return function_; }

@@ -65,7 +65,7 @@ namespace kp {
 
 // One back-store entry as a listing shows it.
 struct KP_EXPORT CacheEntrySummary {
-  CacheRowSummary row;
+  CacheRowSummary row;  // the entry's database row
   // Bytes of the entry's file; nothing for a serialized entry and for a file that is missing.
   std::optional<std::uint64_t> fileSize;
 };
@@ -75,7 +75,7 @@ struct KP_EXPORT CacheEntrySummary {
 struct KP_EXPORT CacheItemInspection {
   // The entry in memory, else its row decoded; null when the row cannot be decoded.
   std::shared_ptr<CacheItem> entry;
-  bool inMemory = false;
+  bool inMemory = false;  // whether `entry` came from memory
   // The row, when there is one.
   std::optional<CacheEntrySummary> stored;
   // For bytes and images: the file's bytes, when it can be read.
@@ -86,23 +86,24 @@ struct KP_EXPORT CacheItemInspection {
 
 // The background work of a controller: tasks and bytes waiting now, and the most seen.
 struct KP_EXPORT CacheBackgroundStatistics {
-  std::size_t pendingTasks = 0;
-  std::size_t pendingBytes = 0;
-  std::size_t peakTasks = 0;
-  std::size_t peakBytes = 0;
+  std::size_t pendingTasks = 0;  // tasks waiting now
+  std::size_t pendingBytes = 0;  // bytes those tasks hold
+  std::size_t peakTasks = 0;     // the most tasks that waited at once
+  std::size_t peakBytes = 0;     // the most bytes that waited at once
 };
 
 class KP_EXPORT CacheController final : public CacheService {
  public:
-  static constexpr std::string_view kDatabaseFileName = "centralcache.db";
-  static constexpr std::string_view kStorageFileName = "KPCentralCacheController";
-  static constexpr std::uint64_t kDefaultMaximumCacheSizeInBytes = 367001600;  // 350 MiB
-  static constexpr double kDefaultCleanUpInterval = 900;                       // 15 minutes
-  static constexpr std::size_t kDefaultBackgroundBudgetBytes = 64u << 20;
+  static constexpr std::string_view kDatabaseFileName = "centralcache.db";          // the database's file name
+  static constexpr std::string_view kStorageFileName = "KPCentralCacheController";  // the file folder's name
+  static constexpr std::uint64_t kDefaultMaximumCacheSizeInBytes = 367001600;       // 350 MiB
+  static constexpr double kDefaultCleanUpInterval = 900;                            // 15 minutes
+  static constexpr std::size_t kDefaultBackgroundBudgetBytes = 64u << 20;           // see Options
 
+  // Where a controller keeps its entries, and what it works with.
   struct Options {
-    std::string databaseFileName{kDatabaseFileName};
-    std::string storageFileName{kStorageFileName};
+    std::string databaseFileName{kDatabaseFileName};  // in `directory`
+    std::string storageFileName{kStorageFileName};    // the file folder, in `directory`
     // The folder of the database and the file folder; the application's caches directory
     // when empty. Created (with its parents) when missing.
     std::filesystem::path directory;
@@ -118,7 +119,9 @@ class KP_EXPORT CacheController final : public CacheService {
   // first use and never destroyed.
   [[nodiscard]] static const std::shared_ptr<CacheController>& sharedInstance();
 
+  // A controller over these names in the application's caches directory.
   CacheController(std::string_view databaseFileName, std::string_view storageFileName);
+  // A controller as `options` say.
   explicit CacheController(Options options);
   ~CacheController() override;
   CacheController(const CacheController&) = delete;
@@ -143,10 +146,12 @@ class KP_EXPORT CacheController final : public CacheService {
 
   // The limit of the file store for curbUsedDiskSpace().
   [[nodiscard]] std::uint64_t maximumCacheSizeInBytes() const;
+  // Changes the limit; the next curbUsedDiskSpace() trims to it.
   void setMaximumCacheSizeInBytes(std::uint64_t bytes);
   // Seconds between clean-ups while the application is active; a change takes effect when
   // the timer next starts. A value that is not positive starts no timer.
   [[nodiscard]] double cleanUpInterval() const noexcept;
+  // Changes the interval; see cleanUpInterval().
   void setCleanUpInterval(double seconds) noexcept;
 
   // In the background, trims the file store below maximumCacheSizeInBytes(), oldest entries
@@ -154,29 +159,42 @@ class KP_EXPORT CacheController final : public CacheService {
   void curbUsedDiskSpace();
   // The background part of wipeCompleteCache(): memory is left as it is.
   void removeAllItemsFromBackStore();
+  // Bytes of the database and the file folder together.
   [[nodiscard]] std::uint64_t getBackStoreTotalSize() const;
+  // Bytes of the database file and its write-ahead log.
   [[nodiscard]] std::uint64_t getDatabaseTotalSize() const;
+  // Bytes of the file folder, group folders included.
   [[nodiscard]] std::uint64_t getFileStorageTotalSize() const;
   // Why no files are kept in the file folder (a link or no folder stands there), if so: the cache then keeps bytes and
   // images in memory only.
   [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
 
   // The application notifications; the host may also call these directly, from any thread.
+  // Becoming active removes what has expired and starts the clean-up timer.
   void didBecomeActive(const Notification& notification);
+  // Stops the clean-up timer.
   void willResignActive(const Notification& notification);
+  // Drops the entries in memory whose configuration lets a memory warning drop them.
   void receivedMemoryWarning(const Notification& notification);
+  // What the clean-up timer does: removes expired entries from memory now, and from the
+  // database and the files in the background.
   void cleanUpTimerFired();
 
   // Inspection, for tools and diagnostics.
   [[nodiscard]] bool hasCleanUpTimer() const;
+  // Entries in memory.
   [[nodiscard]] std::size_t memoryItemCount() const;
+  // Rows in the database.
   [[nodiscard]] std::uint64_t databaseItemCount();
   // Every row, oldest first, with its file's size.
   [[nodiscard]] std::vector<CacheEntrySummary> listEntries();
   // Nothing when neither memory nor the database knows the key.
   [[nodiscard]] std::optional<CacheItemInspection> inspect(std::string_view key);
+  // Where the database file is.
   [[nodiscard]] std::filesystem::path databasePath() const;
+  // Where the file folder is.
   [[nodiscard]] std::filesystem::path storagePath() const;
+  // The background work now, and the most seen.
   [[nodiscard]] CacheBackgroundStatistics backgroundStatistics() const;
   // Returns once the background work started before the call has run.
   void waitForBackgroundWork();

@@ -40,9 +40,11 @@ class KP_EXPORT CacheInspector {
 
   ~CacheInspector();
 
+  // Rows in the database.
   [[nodiscard]] std::uint64_t entryCount();
   // Bytes of the database file with its write-ahead log, and of the file folder.
   [[nodiscard]] std::uint64_t databaseBytes() const;
+  // Bytes of the file folder, group folders included.
   [[nodiscard]] std::uint64_t fileStorageBytes() const;
   // Why no files are kept in the file folder (a link or no folder stands there), if so.
   [[nodiscard]] std::optional<std::string> fileStorageProblem() const;
@@ -51,7 +53,9 @@ class KP_EXPORT CacheInspector {
   // What the folder holds under `key` (never in memory: inMemory is false), with expiry judged
   // at `now`; nothing when no row holds the key.
   [[nodiscard]] std::optional<CacheItemInspection> inspect(std::string_view key, Date now = Date::now());
+  // Where the database file is.
   [[nodiscard]] const std::filesystem::path& databasePath() const noexcept;
+  // Where the file folder is.
   [[nodiscard]] const std::filesystem::path& storagePath() const noexcept;
 
  private:

@@ -31,39 +31,45 @@ namespace kp {
 // A stored entry whose kind is not one of the three.
 class KP_EXPORT CacheItemCodingError : public CodingError {
  public:
+  // The only failure: a kind that is not 0, 1 or 2.
   enum class Code { invalidCacheItemType };
+  // The failure `code` at `codingPath`.
   CacheItemCodingError(Code code, std::string codingPath);
-  [[nodiscard]] Code code() const noexcept { return code_; }
+  [[nodiscard]] Code code() const noexcept { return code_; }  // what failed
 
  private:
   Code code_;
 };
 
+// The general entry (see the top of this file).
 class KP_EXPORT CacheItem final : public Cacheable {
  public:
+  // Keys of the coded form; see encode().
   static constexpr std::string_view kCodingVersionKey = "codingVersion";
-  static constexpr std::string_view kCacheTypeKey = "cacheType";
-  static constexpr std::string_view kCacheConfigurationKey = "cacheConfiguration";
-  static constexpr std::string_view kCreationDateKey = "creationDate";
-  static constexpr std::string_view kExtraItemsKey = "extraItems";
-  static constexpr std::string_view kItemKey = "item";
-  static constexpr std::int64_t kCodingVersion = 1;
+  static constexpr std::string_view kCacheTypeKey = "cacheType";                    // see kCodingVersionKey
+  static constexpr std::string_view kCacheConfigurationKey = "cacheConfiguration";  // see kCodingVersionKey
+  static constexpr std::string_view kCreationDateKey = "creationDate";              // see kCodingVersionKey
+  static constexpr std::string_view kExtraItemsKey = "extraItems";                  // see kCodingVersionKey
+  static constexpr std::string_view kItemKey = "item";                              // see kCodingVersionKey
+  static constexpr std::int64_t kCodingVersion = 1;  // what the coded form writes under "codingVersion"
 
   CacheItem() = default;
+  // An entry of `type` holding `payload`, kept as `policy` says, created now.
   explicit CacheItem(std::optional<ArchiveValue> payload, CacheItemConfiguration policy = {},
                      CacheItemType type = CacheItemType::serialized)
       : cacheType(type), configuration(std::move(policy)), item(std::move(payload)) {}
-  CacheItem(const CacheItem&) = default;
-  CacheItem& operator=(const CacheItem&) = default;
+  CacheItem(const CacheItem&) = default;             // a copy, creation date included
+  CacheItem& operator=(const CacheItem&) = default;  // takes every field, creation date included
 
-  CacheItemType cacheType = CacheItemType::serialized;
-  CacheItemConfiguration configuration;
-  std::optional<ArchiveValue> item;
-  ArchiveValue::Dictionary extraItems;
+  CacheItemType cacheType = CacheItemType::serialized;  // where the payload is kept
+  CacheItemConfiguration configuration;                 // how the cache keeps the entry
+  std::optional<ArchiveValue> item;                     // the payload; none for an empty entry
+  ArchiveValue::Dictionary extraItems;                  // further values kept with the entry
 
+  // `configuration`.
   [[nodiscard]] const CacheItemConfiguration& cacheConfiguration() const noexcept override { return configuration; }
-  [[nodiscard]] CacheItemType storedCacheType() const noexcept override { return cacheType; }
-  void resetCreationDate() noexcept { setCreationDate(Date::now()); }
+  [[nodiscard]] CacheItemType storedCacheType() const noexcept override { return cacheType; }  // `cacheType`
+  void resetCreationDate() noexcept { setCreationDate(Date::now()); }  // the lifetime starts again now
 
   // Keys in order: "codingVersion" (1), "cacheType", "cacheConfiguration", "creationDate",
   // "extraItems" (archived), and "item" (archived) for a serialized entry with a payload.
@@ -85,20 +91,24 @@ class KP_EXPORT CacheItem final : public Cacheable {
   bool complete_ = true;
 };
 
+// An entry for a value with a coded form of its own.
 template <class Item>
 class CodableCacheItem final : public Cacheable {
  public:
+  // Keys of the coded form.
   static constexpr std::string_view kCacheConfigurationKey = "cacheConfiguration";
-  static constexpr std::string_view kItemKey = "item";
-  static constexpr std::string_view kCreationDateKey = "creationDate";
+  static constexpr std::string_view kItemKey = "item";                  // see kCacheConfigurationKey
+  static constexpr std::string_view kCreationDateKey = "creationDate";  // see kCacheConfigurationKey
 
+  // An entry holding `value`, kept as `policy` says, created now.
   CodableCacheItem(Item value, CacheItemConfiguration policy)
       : configuration(std::move(policy)), item(std::move(value)) {}
-  CodableCacheItem(const CodableCacheItem&) = default;
+  CodableCacheItem(const CodableCacheItem&) = default;  // a copy, creation date included
 
-  CacheItemConfiguration configuration;
-  Item item;
+  CacheItemConfiguration configuration;  // how the cache keeps the entry
+  Item item;                             // the value
 
+  // `configuration`.
   [[nodiscard]] const CacheItemConfiguration& cacheConfiguration() const noexcept override { return configuration; }
 
   void encode(Encoder& encoder) const override {
@@ -107,6 +117,7 @@ class CodableCacheItem final : public Cacheable {
     keyed.encode(kItemKey, item);
     keyed.encode(kCreationDateKey, creationDate());
   }
+  // Reads back what encode() wrote. Throws kp::CodingError.
   [[nodiscard]] static CodableCacheItem decode(const Decoder& decoder) {
     auto keyed = decoder.keyed();
     CodableCacheItem entry(keyed.template decode<Item>(kItemKey),

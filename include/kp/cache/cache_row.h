@@ -21,15 +21,15 @@ struct KP_EXPORT CacheRowSummary {
   enum class KeyForm { text, bytes, null };
   // The id: as text, or the bytes of a blob or of text in another encoding; empty for NULL.
   std::string key;
-  KeyForm keyForm = KeyForm::text;
-  std::optional<std::string> group;
+  KeyForm keyForm = KeyForm::text;   // how the row names its entry
+  std::optional<std::string> group;  // the entry's group; none without one
   // Nothing for a kind this library does not know.
   std::optional<CacheItemType> type;
   // The entry's creation date, whole seconds.
   Date timestamp;
-  std::int32_t maximumAge = 0;
-  bool rollingExpiration = false;
-  bool autoExpiration = false;
+  std::int32_t maximumAge = 0;     // the entry's lifetime in seconds; 0 or less never expires
+  bool rollingExpiration = false;  // every read restarts the lifetime
+  bool autoExpiration = false;     // the clean-up may delete it once expired
   // Bytes of the encoded entry in the row.
   std::uint64_t dataSize = 0;
 };

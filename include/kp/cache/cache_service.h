@@ -57,6 +57,7 @@ class KP_EXPORT CacheService : public virtual tarvix::Service {
   virtual void set(std::shared_ptr<CacheItem> item, std::string_view key) = 0;
   // Any entry with a coded form; its back-store copy is its database row.
   virtual void set(std::shared_ptr<Cacheable> item, std::string_view key) = 0;
+  // Removes the entry under `key` from memory, its file and its row.
   virtual void removeCacheItem(std::string_view key) = 0;
   // The entry of `type` under `key`, or null; see get<T>().
   [[nodiscard]] virtual std::shared_ptr<Cacheable> get(const CacheableType& type, std::string_view key) = 0;
@@ -65,8 +66,11 @@ class KP_EXPORT CacheService : public virtual tarvix::Service {
   // The entry under `key`, or null when there is none or it has expired. With `loadData`
   // false, an entry whose payload lives in a file comes without it.
   [[nodiscard]] virtual std::shared_ptr<CacheItem> getCacheItem(std::string_view key, bool loadData) = 0;
+  // Removes every entry: from memory now, from the database and the files in the background.
   virtual void wipeCompleteCache() = 0;
+  // Removes the entries of `group`, as wipeCompleteCache() does.
   virtual void wipeCompleteCache(std::string_view group) = 0;
+  // Removes the entries that have expired.
   virtual void wipeCompleteExpiredCache() = 0;
 
   // The entry of type T under `key`, from memory or from its database row, or null.

@@ -24,12 +24,17 @@ namespace kp {
 
 class KP_EXPORT ArchivableImage final : public Archivable {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "UIImage";
+  // The archive key of the PNG bytes.
   static constexpr std::string_view kArchiveKeyPng = "UIImagePNGData";
+  // The archive key of the scale.
   static constexpr std::string_view kArchiveKeyScale = "UIImageScale";
 
+  // Archives `image`.
   explicit ArchivableImage(Image image) : image_(std::move(image)) {}
 
+  // The image.
   [[nodiscard]] const Image& image() const noexcept { return image_; }
 
   [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }

@@ -67,17 +67,21 @@ enum class DateStrategy {
   iso8601,  // text as kp::Date::iso8601 writes it
 };
 
+// A failure of an encoding or decoding run, with the path of the value that failed.
 class KP_EXPORT CodingError : public std::runtime_error {
  public:
+  // What failed: a value of another type, a null or missing value, damaged input, or a value
+  // the format cannot hold.
   enum class Kind { typeMismatch, valueNotFound, keyNotFound, dataCorrupted, invalidValue };
-  static constexpr std::string_view kDomain = "KPCoding";
+  static constexpr std::string_view kDomain = "KPCoding";  // the domain of toError()
 
+  // The failure `kind` at `codingPath`, with `reason`.
   CodingError(Kind kind, std::string codingPath, std::string reason);
 
-  [[nodiscard]] Kind kind() const noexcept { return kind_; }
+  [[nodiscard]] Kind kind() const noexcept { return kind_; }  // what failed
   // Dotted path to the failing value, such as "items[3].name"; empty for the top level.
   [[nodiscard]] const std::string& codingPath() const noexcept { return path_; }
-  [[nodiscard]] const std::string& reason() const noexcept { return reason_; }
+  [[nodiscard]] const std::string& reason() const noexcept { return reason_; }  // why, in words
   // The same failure as a platform error (domain kDomain, code = the kind's number).
   [[nodiscard]] ErrorPtr toError() const;
 
@@ -121,6 +125,7 @@ struct IsOptional<std::optional<T>> : std::true_type {};
 class KeyedEncoder;
 class UnkeyedEncoder;
 
+// Writes one value of a coding run (see the top of this file).
 class KP_EXPORT Encoder {
  public:
   Encoder(const Encoder&) = delete;
@@ -128,18 +133,21 @@ class KP_EXPORT Encoder {
 
   // The value as a dictionary of keys (continuing one that this encoder already started).
   [[nodiscard]] KeyedEncoder keyed();
+  // The value as a list (continuing one that this encoder already started).
   [[nodiscard]] UnkeyedEncoder unkeyed();
   // The value as a single value.
   template <class T>
   void encode(const T& value) {
     Coding<T>::encode(*this, value);
   }
-  void encodeNil() { *slot_ = Value(); }
+  void encodeNil() { *slot_ = Value(); }  // the value as null
   // Writes a finished tree as this value.
   void encodeValue(Value value) { *slot_ = std::move(value); }
 
-  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }
+  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }  // the run's user info
+  // Where this value is, such as "items[3].name".
   [[nodiscard]] std::string codingPath() const { return coding_detail::formatPath(&frame_); }
+  // Throws CodingError (invalidValue) for this value.
   [[noreturn]] void fail(std::string reason) const {
     coding_detail::fail(CodingError::Kind::invalidValue, &frame_, std::move(reason));
   }
@@ -157,6 +165,7 @@ class KP_EXPORT Encoder {
   const coding_detail::EncodingContext* ctx_;
 };
 
+// Writes the entries of a dictionary value.
 class KP_EXPORT KeyedEncoder {
  public:
   KeyedEncoder(const KeyedEncoder&) = delete;
@@ -173,13 +182,14 @@ class KP_EXPORT KeyedEncoder {
       Coding<T>::encode(child, value);
     }
   }
+  // Writes `value` under `key` when there is one; nothing otherwise.
   template <class T>
   void encodeIfPresent(std::string_view key, const std::optional<T>& value) {
     if (value) encode(key, *value);
   }
-  void encodeNil(std::string_view key) { slot(key) = Value(); }
-  [[nodiscard]] KeyedEncoder nestedKeyed(std::string_view key);
-  [[nodiscard]] UnkeyedEncoder nestedUnkeyed(std::string_view key);
+  void encodeNil(std::string_view key) { slot(key) = Value(); }      // null under `key`
+  [[nodiscard]] KeyedEncoder nestedKeyed(std::string_view key);      // a dictionary under `key`
+  [[nodiscard]] UnkeyedEncoder nestedUnkeyed(std::string_view key);  // a list under `key`
   // An encoder for the value under `key`, for types that write themselves. Finish writing
   // through it before the next key is written.
   [[nodiscard]] Encoder encoderForKey(std::string_view key);
@@ -187,7 +197,7 @@ class KP_EXPORT KeyedEncoder {
   // REQUIRES: `key` was not written yet.
   [[nodiscard]] Encoder encoderForNewKey(std::string_view key);
 
-  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }
+  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }  // the run's user info
 
  private:
   friend class Encoder;
@@ -200,22 +210,24 @@ class KP_EXPORT KeyedEncoder {
   const coding_detail::EncodingContext* ctx_;
 };
 
+// Writes the elements of a list value, in order.
 class KP_EXPORT UnkeyedEncoder {
  public:
   UnkeyedEncoder(const UnkeyedEncoder&) = delete;
   UnkeyedEncoder& operator=(const UnkeyedEncoder&) = delete;
 
+  // Appends `value`.
   template <class T>
   void encode(const T& value) {
     Encoder child = nextEncoder();
     Coding<T>::encode(child, value);
   }
-  void encodeNil() { array_->emplace_back(); }
-  [[nodiscard]] KeyedEncoder nestedKeyed();
-  [[nodiscard]] UnkeyedEncoder nestedUnkeyed();
-  [[nodiscard]] Encoder nextEncoder();
-  [[nodiscard]] std::size_t count() const noexcept { return array_->size(); }
-  void reserve(std::size_t n) { array_->reserve(n); }
+  void encodeNil() { array_->emplace_back(); }                                 // appends null
+  [[nodiscard]] KeyedEncoder nestedKeyed();                                    // appends a dictionary
+  [[nodiscard]] UnkeyedEncoder nestedUnkeyed();                                // appends a list
+  [[nodiscard]] Encoder nextEncoder();                                         // appends a value to write
+  [[nodiscard]] std::size_t count() const noexcept { return array_->size(); }  // elements so far
+  void reserve(std::size_t n) { array_->reserve(n); }                          // room for `n` elements
 
  private:
   friend class Encoder;
@@ -230,28 +242,34 @@ class KP_EXPORT UnkeyedEncoder {
 class KeyedDecoder;
 class UnkeyedDecoder;
 
+// Reads one value of a coding run (see the top of this file).
 class KP_EXPORT Decoder {
  public:
   Decoder(const Decoder&) = delete;
   Decoder& operator=(const Decoder&) = delete;
 
+  // The value as a dictionary. Throws CodingError when it is something else.
   [[nodiscard]] KeyedDecoder keyed() const;
+  // The value as a list. Throws CodingError when it is something else.
   [[nodiscard]] UnkeyedDecoder unkeyed() const;
   // The value as a single value of type T.
   template <class T>
   [[nodiscard]] T decode() const {
     return Coding<T>::decode(*this);
   }
-  [[nodiscard]] bool decodeNil() const noexcept { return node_->isNil(); }
+  [[nodiscard]] bool decodeNil() const noexcept { return node_->isNil(); }  // true for null
   // The raw tree of this value.
   [[nodiscard]] const Value& value() const noexcept { return *node_; }
 
-  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }
-  [[nodiscard]] DateStrategy dateStrategy() const noexcept { return ctx_->dates; }
+  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }  // the run's user info
+  [[nodiscard]] DateStrategy dateStrategy() const noexcept { return ctx_->dates; }     // how dates are read
+  // Where this value is, such as "items[3].name".
   [[nodiscard]] std::string codingPath() const { return coding_detail::formatPath(&frame_); }
+  // Throws CodingError (dataCorrupted) for this value.
   [[noreturn]] void fail(std::string reason) const {
     coding_detail::fail(CodingError::Kind::dataCorrupted, &frame_, std::move(reason));
   }
+  // Throws CodingError (typeMismatch): `expected` was wanted, something else is there.
   [[noreturn]] void typeMismatch(std::string_view expected) const {
     coding_detail::typeMismatch(&frame_, expected, *node_);
   }
@@ -269,13 +287,15 @@ class KP_EXPORT Decoder {
   const coding_detail::DecodingContext* ctx_;
 };
 
+// Reads the entries of a dictionary value.
 class KP_EXPORT KeyedDecoder {
  public:
   KeyedDecoder(const KeyedDecoder&) = delete;
   KeyedDecoder& operator=(const KeyedDecoder&) = delete;
 
+  // True when `key` is there, null or not.
   [[nodiscard]] bool contains(std::string_view key) const noexcept { return find(key) != nullptr; }
-  [[nodiscard]] std::vector<std::string_view> allKeys() const;
+  [[nodiscard]] std::vector<std::string_view> allKeys() const;  // the keys, in order
   // The value under `key`. Fails with keyNotFound when it is missing, unless T is a
   // std::optional: then a missing key or a null value gives nothing.
   template <class T>
@@ -289,6 +309,7 @@ class KP_EXPORT KeyedDecoder {
       return Coding<T>::decode(child);
     }
   }
+  // The value under `key`; nothing when the key is missing or holds null.
   template <class T>
   [[nodiscard]] std::optional<T> decodeIfPresent(std::string_view key) const {
     const Value* v = find(key);
@@ -309,12 +330,12 @@ class KP_EXPORT KeyedDecoder {
       sink(std::string_view(k), Coding<T>::decode(child));
     }
   }
-  [[nodiscard]] KeyedDecoder nestedKeyed(std::string_view key) const;
-  [[nodiscard]] UnkeyedDecoder nestedUnkeyed(std::string_view key) const;
+  [[nodiscard]] KeyedDecoder nestedKeyed(std::string_view key) const;      // the dictionary under `key`
+  [[nodiscard]] UnkeyedDecoder nestedUnkeyed(std::string_view key) const;  // the list under `key`
   // A decoder for the value under `key` (fails when the key is missing).
   [[nodiscard]] Decoder decoderForKey(std::string_view key) const;
 
-  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }
+  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }  // the run's user info
 
  private:
   friend class Decoder;
@@ -331,14 +352,15 @@ class KP_EXPORT KeyedDecoder {
   const coding_detail::DecodingContext* ctx_;
 };
 
+// Reads the elements of a list value, in order.
 class KP_EXPORT UnkeyedDecoder {
  public:
   UnkeyedDecoder(const UnkeyedDecoder&) = delete;
   UnkeyedDecoder& operator=(const UnkeyedDecoder&) = delete;
 
-  [[nodiscard]] std::size_t count() const noexcept { return array_->size(); }
-  [[nodiscard]] bool isAtEnd() const noexcept { return index_ >= array_->size(); }
-  [[nodiscard]] std::size_t currentIndex() const noexcept { return index_; }
+  [[nodiscard]] std::size_t count() const noexcept { return array_->size(); }       // all elements
+  [[nodiscard]] bool isAtEnd() const noexcept { return index_ >= array_->size(); }  // none left
+  [[nodiscard]] std::size_t currentIndex() const noexcept { return index_; }        // the next one's index
   // Decodes the next element and moves past it.
   template <class T>
   [[nodiscard]] T decode() {
@@ -360,8 +382,8 @@ class KP_EXPORT UnkeyedDecoder {
     ++index_;
     return true;
   }
-  [[nodiscard]] KeyedDecoder nestedKeyed();
-  [[nodiscard]] UnkeyedDecoder nestedUnkeyed();
+  [[nodiscard]] KeyedDecoder nestedKeyed();      // the next element, a dictionary; moves past it
+  [[nodiscard]] UnkeyedDecoder nestedUnkeyed();  // the next element, a list; moves past it
   // Calls `body(const Decoder&)` for the next element and moves past it.
   template <class F>
   auto withNext(F&& body) {
@@ -370,7 +392,7 @@ class KP_EXPORT UnkeyedDecoder {
     return body(static_cast<const Decoder&>(child));
   }
 
-  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }
+  [[nodiscard]] const UserInfo& userInfo() const noexcept { return *ctx_->userInfo; }  // the run's user info
 
  private:
   friend class Decoder;
@@ -416,9 +438,11 @@ struct Coding<T, std::enable_if_t<coding_detail::SelfCoding<T>>> {
   static T decode(const Decoder& d) { return T::decode(d); }
 };
 
+// Booleans, as booleans.
 template <>
 struct KP_EXPORT Coding<bool> {
-  static void encode(Encoder& e, bool v) { e.encodeValue(Value(v)); }
+  static void encode(Encoder& e, bool v) { e.encodeValue(Value(v)); }  // writes `v`
+  // Reads a boolean; anything else is a type mismatch.
   static bool decode(const Decoder& d) {
     if (const bool* b = d.value().ifBoolean()) return *b;
     d.typeMismatch("boolean");
@@ -457,29 +481,32 @@ struct KP_EXPORT Coding<std::string> {
   static std::string decode(const Decoder& d) { return coding_detail::decodeString(d); }
 };
 
+// Byte buffers, as bytes (Base64 text in JSON).
 template <>
 struct KP_EXPORT Coding<Data> {
-  static void encode(Encoder& e, const Data& v) { e.encodeValue(Value(v)); }
-  static Data decode(const Decoder& d) { return coding_detail::decodeData(d); }
+  static void encode(Encoder& e, const Data& v) { e.encodeValue(Value(v)); }     // writes `v`
+  static Data decode(const Decoder& d) { return coding_detail::decodeData(d); }  // reads bytes
 };
 
+// Dates, as dates (as the date strategy says in JSON).
 template <>
 struct KP_EXPORT Coding<Date> {
-  static void encode(Encoder& e, Date v) { e.encodeValue(Value(v)); }
-  static Date decode(const Decoder& d) { return coding_detail::decodeDate(d); }
+  static void encode(Encoder& e, Date v) { e.encodeValue(Value(v)); }            // writes `v`
+  static Date decode(const Decoder& d) { return coding_detail::decodeDate(d); }  // reads a date
 };
 
 // URLs travel as their text.
 template <>
 struct KP_EXPORT Coding<Url> {
-  static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }
-  static Url decode(const Decoder& d);
+  static void encode(Encoder& e, const Url& v) { e.encodeValue(Value(v.absoluteString())); }  // writes the text
+  static Url decode(const Decoder& d);  // reads the text; fails when it is no URL
 };
 
+// Trees, as they are.
 template <>
 struct KP_EXPORT Coding<Value> {
-  static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }
-  static Value decode(const Decoder& d) { return d.value(); }
+  static void encode(Encoder& e, const Value& v) { e.encodeValue(v); }  // writes `v`
+  static Value decode(const Decoder& d) { return d.value(); }           // a copy of the tree
 };
 
 template <class T>

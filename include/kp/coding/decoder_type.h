@@ -34,12 +34,16 @@ class KP_EXPORT DecoderType {
 
  protected:
   DecoderType() = default;
+  // A copy with the same settings.
   DecoderType(const DecoderType&) = default;
+  // Takes `other`'s settings.
   DecoderType& operator=(const DecoderType&) = default;
 
   // The tree of `data` in this decoder's format. Throws CodingError.
   [[nodiscard]] virtual Value readTree(const Data& data) const = 0;
+  // The user info handed to every decoder of a run.
   [[nodiscard]] virtual const UserInfo& decodingUserInfo() const = 0;
+  // How dates are read.
   [[nodiscard]] virtual DateStrategy decodingDateStrategy() const = 0;
 };
 

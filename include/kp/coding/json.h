@@ -45,25 +45,36 @@ struct JsonAccess;
 
 class KP_EXPORT JsonValue {
  public:
+  // What a value is.
   enum class Type : std::uint8_t { null, boolean, integer, real, string, array, object };
 
-  JsonValue() noexcept = default;                                // null
-  JsonValue(std::nullptr_t) noexcept {}                          // NOLINT
-  JsonValue(bool b);                                             // NOLINT
-  JsonValue(std::int64_t i);                                     // NOLINT
+  JsonValue() noexcept = default;  // null
+  // The value given; implicit, so that values are written as they are.
+  JsonValue(std::nullptr_t) noexcept {}  // NOLINT
+  // A boolean.
+  JsonValue(bool b);  // NOLINT
+  // An integer.
+  JsonValue(std::int64_t i);  // NOLINT
+  // An integer.
   JsonValue(int i) : JsonValue(static_cast<std::int64_t>(i)) {}  // NOLINT
-  JsonValue(double d);                                           // NOLINT
-  JsonValue(std::string_view s);                                 // NOLINT
-  JsonValue(const char* s) : JsonValue(std::string_view(s)) {}   // NOLINT
+  // A number; a non-finite one cannot be written as JSON.
+  JsonValue(double d);  // NOLINT
+  // A string (a copy).
+  JsonValue(std::string_view s);  // NOLINT
+  // A string (a copy).
+  JsonValue(const char* s) : JsonValue(std::string_view(s)) {}  // NOLINT
+  // An array of `items`, in order.
   [[nodiscard]] static JsonValue array(const std::vector<JsonValue>& items);
+  // An object of `members`, in order.
   [[nodiscard]] static JsonValue object(const std::vector<std::pair<std::string, JsonValue>>& members);
 
   // Parses one JSON text; nothing (and `error`, when given) for anything else.
   [[nodiscard]] static std::optional<JsonValue> parse(std::string_view text, ErrorPtr* error = nullptr);
 
-  [[nodiscard]] Type type() const noexcept;
-  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
+  [[nodiscard]] Type type() const noexcept;                                    // what the value is
+  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }  // null, or missing
 
+  // The boolean; nothing for any other type.
   [[nodiscard]] std::optional<bool> boolValue() const noexcept;
   // Integers, and reals with an integral value that fits.
   [[nodiscard]] std::optional<std::int64_t> intValue() const noexcept;
@@ -74,14 +85,21 @@ class KP_EXPORT JsonValue {
 
   // Members of an object or elements of an array; 0 for anything else.
   [[nodiscard]] std::size_t size() const noexcept;
+  // True for an object with a member `key`.
   [[nodiscard]] bool contains(std::string_view key) const noexcept;
+  // The member `key` of an object; null when there is none or this is not an object.
   [[nodiscard]] JsonValue operator[](std::string_view key) const noexcept;
+  // The member `key`, as above.
   [[nodiscard]] JsonValue operator[](const char* key) const noexcept { return (*this)[std::string_view(key)]; }
+  // The element at `index` of an array; null out of range or when this is not an array.
   [[nodiscard]] JsonValue operator[](std::size_t index) const noexcept;
+  // The element at `index`, as above; null for a negative index.
   [[nodiscard]] JsonValue operator[](int index) const noexcept {
     return index < 0 ? JsonValue() : (*this)[static_cast<std::size_t>(index)];
   }
+  // The elements of an array, in order; empty for anything else.
   [[nodiscard]] std::vector<JsonValue> elements() const;
+  // The members of an object, in order; empty for anything else.
   [[nodiscard]] std::vector<std::pair<std::string_view, JsonValue>> members() const;
 
   // Compact JSON text.
@@ -95,6 +113,7 @@ class KP_EXPORT JsonValue {
   [[nodiscard]] static JsonValue fromValue(const Value& value,
                                            DateStrategy dates = DateStrategy::secondsSinceReferenceDate);
 
+  // Equal content; numbers compare by value (12 equals 12.0).
   friend KP_EXPORT bool operator==(const JsonValue& a, const JsonValue& b) noexcept;
 
  private:
@@ -105,9 +124,12 @@ class KP_EXPORT JsonValue {
   const void* node_ = nullptr;           // a boost::json::value inside doc_
 };
 
+// JSON values inside codable types: coded as the tree they hold.
 template <>
 struct KP_EXPORT Coding<JsonValue> {
+  // Writes the value's tree.
   static void encode(Encoder& e, const JsonValue& v) { e.encodeValue(v.toValue()); }
+  // Reads a tree back as a value.
   static JsonValue decode(const Decoder& d) { return JsonValue::fromValue(d.value(), d.dateStrategy()); }
 };
 
@@ -116,22 +138,25 @@ struct KP_EXPORT Coding<JsonValue> {
 // Reads JSON text as a tree. Throws CodingError (dataCorrupted).
 [[nodiscard]] KP_EXPORT Value readJson(std::string_view text);
 
+// Writes codable values as JSON text.
 class KP_EXPORT JsonEncoder {
  public:
-  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
-  bool prettyPrinted = false;
-  UserInfo userInfo;
+  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;  // how dates are written
+  bool prettyPrinted = false;                                           // indented text instead of compact
+  UserInfo userInfo;                                                    // handed to every encoder of a run
 
+  // `value` as JSON text. Throws CodingError.
   template <class T>
   [[nodiscard]] Data encode(const T& value) const {
     return Data::fromString(writeJson(encodeToValue(value, userInfo), dateStrategy, prettyPrinted));
   }
 };
 
+// Reads codable values from JSON text.
 class KP_EXPORT JsonDecoder : public DecoderType {
  public:
-  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;
-  UserInfo userInfo;
+  DateStrategy dateStrategy = DateStrategy::secondsSinceReferenceDate;  // how dates are read
+  UserInfo userInfo;                                                    // handed to every decoder of a run
 
   using DecoderType::decode;
 
@@ -141,6 +166,7 @@ class KP_EXPORT JsonDecoder : public DecoderType {
     const Value root = readJson(text);
     return decodeFromValue<T>(root, userInfo, dateStrategy);
   }
+  // The same, from bytes.
   template <class T>
   [[nodiscard]] T decode(const Data& data) const {
     return decode<T>(data.view());
@@ -148,8 +174,8 @@ class KP_EXPORT JsonDecoder : public DecoderType {
 
  protected:
   [[nodiscard]] Value readTree(const Data& data) const override { return readJson(data.view()); }
-  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }
-  [[nodiscard]] DateStrategy decodingDateStrategy() const override { return dateStrategy; }
+  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }       // `userInfo`
+  [[nodiscard]] DateStrategy decodingDateStrategy() const override { return dateStrategy; }  // `dateStrategy`
 };
 
 }  // namespace kp

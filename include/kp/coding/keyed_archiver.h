@@ -58,44 +58,64 @@ namespace kp {
 class ArchiveEncoder;
 class ArchiveDecoder;
 
+// An object the keyed archiver can write, under a registered class name.
 class KP_EXPORT Archivable {
  public:
   virtual ~Archivable() = default;
   // The registered name written as $classname.
   [[nodiscard]] virtual std::string archiveClassName() const = 0;
+  // Writes the object's fields.
   virtual void encode(ArchiveEncoder& coder) const = 0;
   // Equality of content; identity unless a class says otherwise.
   [[nodiscard]] virtual bool isEqual(const Archivable& other) const { return this == &other; }
 };
+// How archivable objects travel; shared objects are archived once.
 using ArchivablePtr = std::shared_ptr<const Archivable>;
 
 // Any value the archiver can hold.
 class KP_EXPORT ArchiveValue {
  public:
-  using Array = std::vector<ArchiveValue>;
-  using Dictionary = std::map<std::string, ArchiveValue, std::less<>>;
+  using Array = std::vector<ArchiveValue>;                              // elements in order
+  using Dictionary = std::map<std::string, ArchiveValue, std::less<>>;  // entries by key
+  // What a value may hold.
   using Storage = std::variant<std::monostate, bool, std::int64_t, double, std::string, Data, Date, Url, Array,
                                Dictionary, ErrorPtr, ArchivablePtr>;
 
   ArchiveValue() = default;
-  ArchiveValue(std::nullptr_t) {}                            // NOLINT
-  ArchiveValue(bool b) : storage_(b) {}                      // NOLINT
-  ArchiveValue(int i) : storage_(std::int64_t{i}) {}         // NOLINT
-  ArchiveValue(std::int64_t i) : storage_(i) {}              // NOLINT
-  ArchiveValue(double d) : storage_(d) {}                    // NOLINT
-  ArchiveValue(std::string s) : storage_(std::move(s)) {}    // NOLINT
+  // The values below are implicit, so that archives are written as they read.
+  ArchiveValue(std::nullptr_t) {}  // NOLINT
+  // A boolean.
+  ArchiveValue(bool b) : storage_(b) {}  // NOLINT
+  // An integer.
+  ArchiveValue(int i) : storage_(std::int64_t{i}) {}  // NOLINT
+  // An integer.
+  ArchiveValue(std::int64_t i) : storage_(i) {}  // NOLINT
+  // A real number.
+  ArchiveValue(double d) : storage_(d) {}  // NOLINT
+  // A string.
+  ArchiveValue(std::string s) : storage_(std::move(s)) {}  // NOLINT
+  // A string (a copy).
   ArchiveValue(const char* s) : storage_(std::string(s)) {}  // NOLINT
-  ArchiveValue(Data d) : storage_(std::move(d)) {}           // NOLINT
-  ArchiveValue(Date d) : storage_(d) {}                      // NOLINT
-  ArchiveValue(Url u) : storage_(std::move(u)) {}            // NOLINT
-  ArchiveValue(Array a) : storage_(std::move(a)) {}          // NOLINT
-  ArchiveValue(Dictionary d) : storage_(std::move(d)) {}     // NOLINT
-  ArchiveValue(ErrorPtr e) : storage_(std::move(e)) {}       // NOLINT
+  // Bytes.
+  ArchiveValue(Data d) : storage_(std::move(d)) {}  // NOLINT
+  // A date.
+  ArchiveValue(Date d) : storage_(d) {}  // NOLINT
+  // A URL.
+  ArchiveValue(Url u) : storage_(std::move(u)) {}  // NOLINT
+  // An array.
+  ArchiveValue(Array a) : storage_(std::move(a)) {}  // NOLINT
+  // A dictionary.
+  ArchiveValue(Dictionary d) : storage_(std::move(d)) {}  // NOLINT
+  // An error.
+  ArchiveValue(ErrorPtr e) : storage_(std::move(e)) {}  // NOLINT
+  // An archivable object.
   ArchiveValue(ArchivablePtr o) : storage_(std::move(o)) {}  // NOLINT
+  // An archivable object of a derived class.
   template <class T, std::enable_if_t<std::is_base_of_v<Archivable, T>, int> = 0>
   ArchiveValue(std::shared_ptr<T> o) : storage_(ArchivablePtr(std::move(o))) {}  // NOLINT
 
-  [[nodiscard]] bool isNull() const noexcept { return storage_.index() == 0; }
+  [[nodiscard]] bool isNull() const noexcept { return storage_.index() == 0; }  // holds nothing
+  // The value as T when it holds a T; null otherwise (no conversions).
   template <class T>
   [[nodiscard]] const T* get() const noexcept {
     return std::get_if<T>(&storage_);
@@ -106,7 +126,7 @@ class KP_EXPORT ArchiveValue {
     const ArchivablePtr* p = get<ArchivablePtr>();
     return p ? std::dynamic_pointer_cast<const T>(*p) : nullptr;
   }
-  [[nodiscard]] const Storage& storage() const noexcept { return storage_; }
+  [[nodiscard]] const Storage& storage() const noexcept { return storage_; }  // what it holds
 
   // Errors compare by content, archivable objects by isEqual.
   friend KP_EXPORT bool operator==(const ArchiveValue& a, const ArchiveValue& b);
@@ -115,14 +135,15 @@ class KP_EXPORT ArchiveValue {
   Storage storage_;
 };
 
+// Writes one object's fields into the archive; Archivable::encode() receives it.
 class KP_EXPORT ArchiveEncoder {
  public:
   // A value as an object reference (shared objects and equal strings are written once).
   void encodeObject(std::string_view key, const ArchiveValue& value);
   // Values stored inline in the object's dictionary.
   void encodeInt64(std::string_view key, std::int64_t value);
-  void encodeDouble(std::string_view key, double value);
-  void encodeBool(std::string_view key, bool value);
+  void encodeDouble(std::string_view key, double value);  // inline, as encodeInt64()
+  void encodeBool(std::string_view key, bool value);      // inline, as encodeInt64()
 
  private:
   friend class KeyedArchiver;
@@ -132,13 +153,17 @@ class KP_EXPORT ArchiveEncoder {
   void* entries_;  // the object's dictionary being written
 };
 
+// Reads one object's fields back; the class's reader receives it.
 class KP_EXPORT ArchiveDecoder {
  public:
+  // True when the object has a field `key`.
   [[nodiscard]] bool containsValue(std::string_view key) const;
   // The object under `key`; nothing when absent or null. A malformed or refused object ends
   // the whole unarchiving.
   [[nodiscard]] std::optional<ArchiveValue> decodeObject(std::string_view key);
+  // The string under `key`; nothing when absent. A value of another kind fails the unarchiving.
   [[nodiscard]] std::optional<std::string> decodeString(std::string_view key);
+  // The object under `key` when it is of class T; null otherwise.
   template <class T>
   [[nodiscard]] std::shared_ptr<const T> decodeObjectOfClass(std::string_view key) {
     auto v = decodeObject(key);
@@ -146,8 +171,8 @@ class KP_EXPORT ArchiveDecoder {
   }
   // Inline values; 0 or false when absent. A value of another kind fails the unarchiving.
   [[nodiscard]] std::int64_t decodeInt64(std::string_view key);
-  [[nodiscard]] double decodeDouble(std::string_view key);
-  [[nodiscard]] bool decodeBool(std::string_view key);
+  [[nodiscard]] double decodeDouble(std::string_view key);  // inline, as decodeInt64()
+  [[nodiscard]] bool decodeBool(std::string_view key);      // inline, as decodeInt64()
   // Ends the unarchiving with nothing (for values a class cannot accept).
   [[noreturn]] void fail(std::string_view reason) const;
 
@@ -161,6 +186,7 @@ class KP_EXPORT ArchiveDecoder {
   std::size_t depth_;
 };
 
+// Reads an object of a registered class back from its fields.
 using ArchiveFactory = std::function<ArchivablePtr(ArchiveDecoder&)>;
 
 // Registers `className` (and optional superclass names written in $classes) with its reader.
@@ -170,18 +196,21 @@ KP_EXPORT void registerArchivableClass(std::string className, ArchiveFactory fac
 // Registers T under a name with T::decode(ArchiveDecoder&) as its reader.
 template <class T>
 struct ArchiveRegistration {
+  // Registers T under `className`, with `superclasses` written in $classes.
   explicit ArchiveRegistration(std::string className, std::vector<std::string> superclasses = {}) {
     registerArchivableClass(
         std::move(className), [](ArchiveDecoder& c) -> ArchivablePtr { return T::decode(c); }, std::move(superclasses));
   }
 };
 
+// Writes values as keyed archives (binary property lists).
 class KP_EXPORT KeyedArchiver {
  public:
   // The archive of `root`, or nothing (and `error`) when a value cannot be archived.
   [[nodiscard]] static std::optional<Data> archivedData(const ArchiveValue& root, ErrorPtr* error = nullptr);
 };
 
+// Reads keyed archives back, accepting only the classes it is told to.
 class KP_EXPORT KeyedUnarchiver {
  public:
   // Archived class name -> registered class name, for names no class is registered under.
@@ -197,6 +226,8 @@ class KP_EXPORT KeyedUnarchiver {
   [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(const Data& data,
                                                                         const ClassMapping& mapping = {});
 
+  // The root value, accepting only the classes in `allowed`; nothing when the archive is
+  // malformed or holds another class.
   [[nodiscard]] static std::optional<ArchiveValue> unarchivedObject(const Data& data,
                                                                     const std::set<std::string, std::less<>>& allowed,
                                                                     const ClassMapping& mapping = {});

@@ -35,8 +35,10 @@
 
 namespace kp {
 
+// The two property-list forms.
 enum class PropertyListFormat { binary, xml };
 
+// Deeper nesting is refused as damaged input.
 inline constexpr std::size_t kMaxPropertyListDepth = 512;
 
 // Writes `value` as a property list. Throws CodingError for text that is not UTF-8.
@@ -46,20 +48,23 @@ inline constexpr std::size_t kMaxPropertyListDepth = 512;
 [[nodiscard]] KP_EXPORT Value readPropertyList(std::span<const std::uint8_t> bytes,
                                                PropertyListFormat* format = nullptr);
 
+// Writes codable values as property lists.
 class KP_EXPORT PropertyListEncoder {
  public:
-  PropertyListFormat outputFormat = PropertyListFormat::binary;
-  UserInfo userInfo;
+  PropertyListFormat outputFormat = PropertyListFormat::binary;  // the form written
+  UserInfo userInfo;                                             // handed to every encoder of a run
 
+  // `value` as a property list. Throws CodingError.
   template <class T>
   [[nodiscard]] Data encode(const T& value) const {
     return writePropertyList(encodeToValue(value, userInfo), outputFormat);
   }
 };
 
+// Reads codable values from binary or XML property lists.
 class KP_EXPORT PropertyListDecoder : public DecoderType {
  public:
-  UserInfo userInfo;
+  UserInfo userInfo;  // handed to every decoder of a run
 
   using DecoderType::decode;
 
@@ -69,6 +74,7 @@ class KP_EXPORT PropertyListDecoder : public DecoderType {
     const Value root = readPropertyList(bytes);
     return decodeFromValue<T>(root, userInfo, DateStrategy::secondsSinceReferenceDate);
   }
+  // The same, from a buffer.
   template <class T>
   [[nodiscard]] T decode(const Data& data) const {
     return decode<T>(data.bytes());
@@ -76,7 +82,8 @@ class KP_EXPORT PropertyListDecoder : public DecoderType {
 
  protected:
   [[nodiscard]] Value readTree(const Data& data) const override { return readPropertyList(data.bytes()); }
-  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }
+  [[nodiscard]] const UserInfo& decodingUserInfo() const override { return userInfo; }  // `userInfo`
+  // Property lists hold dates natively; the strategy only reaches numbers read as dates.
   [[nodiscard]] DateStrategy decodingDateStrategy() const override { return DateStrategy::secondsSinceReferenceDate; }
 };
 
@@ -131,6 +138,7 @@ template <class T>
     return std::nullopt;
   }
 }
+// The same, from a buffer.
 template <class T>
 [[nodiscard]] std::optional<T> decodePropertyListData(const Data& data, ErrorPtr* error = nullptr) {
   return decodePropertyListData<T>(data.bytes(), error);

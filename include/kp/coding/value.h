@@ -37,12 +37,15 @@ namespace kp {
 
 // A property-list object reference, as the keyed archiver writes them.
 struct KP_EXPORT Uid {
-  std::uint64_t value = 0;
-  friend bool operator==(Uid, Uid) = default;
+  std::uint64_t value = 0;                     // the object's index in the archive
+  friend bool operator==(Uid, Uid) = default;  // the same index
 };
 
+// The tree every coder writes and reads: null, scalars, text, bytes, dates, object references,
+// arrays and dictionaries (whose entries keep their order).
 class KP_EXPORT Value {
  public:
+  // What a value holds.
   enum class Type : std::uint8_t {
     null,
     boolean,
@@ -56,12 +59,15 @@ class KP_EXPORT Value {
     array,
     dictionary
   };
-  using Array = std::vector<Value>;
-  using Dictionary = std::vector<std::pair<std::string, Value>>;
+  using Array = std::vector<Value>;                               // elements in order
+  using Dictionary = std::vector<std::pair<std::string, Value>>;  // entries in order
 
   Value() noexcept = default;
+  // The values below are implicit, so that trees are written as they read.
   Value(std::nullptr_t) noexcept {}  // NOLINT: implicit by design
+  // A boolean.
   Value(bool b) noexcept : v_(b) {}  // NOLINT
+  // An integer; an unsigned one above INT64_MAX stays unsigned.
   template <class I, std::enable_if_t<std::is_integral_v<I> && !std::is_same_v<I, bool>, int> = 0>
   Value(I i) noexcept {  // NOLINT
     if constexpr (std::is_unsigned_v<I> && sizeof(I) >= sizeof(std::int64_t)) {
@@ -72,40 +78,61 @@ class KP_EXPORT Value {
     }
     v_ = static_cast<std::int64_t>(i);
   }
-  Value(double d) noexcept : v_(d) {}                                      // NOLINT
-  Value(std::string s) noexcept : v_(std::move(s)) {}                      // NOLINT
-  Value(std::string_view s) : v_(std::string(s)) {}                        // NOLINT
-  Value(const char* s) : v_(std::string(s)) {}                             // NOLINT
-  Value(Data d) noexcept : v_(std::move(d)) {}                             // NOLINT
-  Value(Date d) noexcept : v_(d) {}                                        // NOLINT
-  Value(Uid u) noexcept : v_(u) {}                                         // NOLINT
-  Value(Array a) : v_(std::make_unique<Array>(std::move(a))) {}            // NOLINT
+  // A real number.
+  Value(double d) noexcept : v_(d) {}  // NOLINT
+  // A string.
+  Value(std::string s) noexcept : v_(std::move(s)) {}  // NOLINT
+  // A string (a copy).
+  Value(std::string_view s) : v_(std::string(s)) {}  // NOLINT
+  // A string (a copy).
+  Value(const char* s) : v_(std::string(s)) {}  // NOLINT
+  // Bytes.
+  Value(Data d) noexcept : v_(std::move(d)) {}  // NOLINT
+  // A date.
+  Value(Date d) noexcept : v_(d) {}  // NOLINT
+  // An object reference.
+  Value(Uid u) noexcept : v_(u) {}  // NOLINT
+  // An array.
+  Value(Array a) : v_(std::make_unique<Array>(std::move(a))) {}  // NOLINT
+  // A dictionary.
   Value(Dictionary d) : v_(std::make_unique<Dictionary>(std::move(d))) {}  // NOLINT
 
-  Value(const Value& other);
-  Value& operator=(const Value& other);
-  Value(Value&&) noexcept = default;
-  Value& operator=(Value&&) noexcept = default;
+  Value(const Value& other);                     // a deep copy
+  Value& operator=(const Value& other);          // a deep copy
+  Value(Value&&) noexcept = default;             // takes the tree
+  Value& operator=(Value&&) noexcept = default;  // takes the tree
   ~Value() = default;
 
-  [[nodiscard]] Type type() const noexcept { return static_cast<Type>(v_.index()); }
-  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
+  [[nodiscard]] Type type() const noexcept { return static_cast<Type>(v_.index()); }  // what it holds
+  [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }         // null
 
   // Each returns nothing when the value holds another type (no conversions).
   [[nodiscard]] const bool* ifBoolean() const noexcept { return std::get_if<bool>(&v_); }
+  // The integer, when it is one (see ifBoolean()).
   [[nodiscard]] const std::int64_t* ifInteger() const noexcept { return std::get_if<std::int64_t>(&v_); }
   // An integer above INT64_MAX.
   [[nodiscard]] const std::uint64_t* ifUnsignedInteger() const noexcept { return std::get_if<std::uint64_t>(&v_); }
+  // The real number, when it is one.
   [[nodiscard]] const double* ifReal() const noexcept { return std::get_if<double>(&v_); }
+  // The string, when it is one.
   [[nodiscard]] const std::string* ifString() const noexcept { return std::get_if<std::string>(&v_); }
+  // The bytes, when it is bytes.
   [[nodiscard]] const Data* ifData() const noexcept { return std::get_if<Data>(&v_); }
+  // The date, when it is one.
   [[nodiscard]] const Date* ifDate() const noexcept { return std::get_if<Date>(&v_); }
+  // The object reference, when it is one.
   [[nodiscard]] const Uid* ifUid() const noexcept { return std::get_if<Uid>(&v_); }
+  // The array, when it is one.
   [[nodiscard]] const Array* ifArray() const noexcept;
+  // The dictionary, when it is one.
   [[nodiscard]] const Dictionary* ifDictionary() const noexcept;
+  // The array, when it is one, to change.
   [[nodiscard]] Array* ifArray() noexcept;
+  // The dictionary, when it is one, to change.
   [[nodiscard]] Dictionary* ifDictionary() noexcept;
+  // The string, when it is one, to change.
   [[nodiscard]] std::string* ifString() noexcept { return std::get_if<std::string>(&v_); }
+  // The bytes, when it is bytes, to change.
   [[nodiscard]] Data* ifData() noexcept { return std::get_if<Data>(&v_); }
 
   // The first entry under `key` of a dictionary; nothing for a missing key or a non-dictionary.
@@ -124,6 +151,7 @@ class KP_EXPORT Value {
   // Name of the type for messages: "integer", "dictionary", ...
   [[nodiscard]] static std::string_view typeName(Type type) noexcept;
 
+  // The same type and content, in the same order.
   friend KP_EXPORT bool operator==(const Value& a, const Value& b);
 
  private:

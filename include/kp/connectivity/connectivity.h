@@ -24,14 +24,21 @@
 
 namespace kp {
 
+// The kind of link the internet is reached over; wired links count as wifi.
 enum class ConnectionType : int { none = 0, wifi = 1, cellular = 2 };
+// Online is any kind of link but none.
 enum class ConnectivityState : int { offline = 0, online = 1 };
 
+// Whether the device is online and over which kind of link, as a service a host can replace.
 class KP_EXPORT ConnectivityService : public virtual tarvix::Service {
  public:
+  // The kind of link the internet is reached over now.
   [[nodiscard]] virtual ConnectionType type() const = 0;
+  // Online while type() is not none.
   [[nodiscard]] virtual ConnectivityState state() const = 0;
+  // True while type() is not none.
   [[nodiscard]] virtual bool isOnline() const = 0;
+  // True while type() is none.
   [[nodiscard]] virtual bool isOffline() const = 0;
 };
 
@@ -45,6 +52,7 @@ class KP_EXPORT Connectivity final : public ConnectivityService {
   // Over `reachability` (may be null), whose notifier it starts.
   explicit Connectivity(std::shared_ptr<Reachability> reachability);
 
+  // The reachability object the answers come from; null when the host has no source.
   [[nodiscard]] const std::shared_ptr<Reachability>& reachability() const noexcept { return reachability_; }
 
   [[nodiscard]] ConnectionType type() const override {
@@ -56,10 +64,13 @@ class KP_EXPORT Connectivity final : public ConnectivityService {
   [[nodiscard]] bool isOnline() const override { return type() != ConnectionType::none; }
   [[nodiscard]] bool isOffline() const override { return !isOnline(); }
 
-  // The same answers from the shared instance.
+  // type() of the shared instance.
   [[nodiscard]] static ConnectionType currentType() { return default_()->type(); }
+  // state() of the shared instance.
   [[nodiscard]] static ConnectivityState currentState() { return default_()->state(); }
+  // isOnline() of the shared instance.
   [[nodiscard]] static bool isCurrentlyOnline() { return default_()->isOnline(); }
+  // isOffline() of the shared instance.
   [[nodiscard]] static bool isCurrentlyOffline() { return default_()->isOffline(); }
 
  private:

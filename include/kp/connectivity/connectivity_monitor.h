@@ -33,29 +33,40 @@
 
 namespace kp {
 
+// What every delegate of the monitor is; it implements the operations it wants through the
+// interfaces below.
 class KP_EXPORT ConnectivityMonitorDelegate {
  public:
   virtual ~ConnectivityMonitorDelegate() = default;
 };
 
+// Hears of every change of the connection kind.
 class KP_EXPORT ConnectivityChangeDelegate : public virtual ConnectivityMonitorDelegate {
  public:
+  // The kind changed from `oldType` to `changedTo`.
   virtual void connectivity(ConnectionType changedTo, ConnectionType oldType) = 0;
 };
 
+// Hears when the device goes online.
 class KP_EXPORT ConnectivityOnlineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
+  // The kind changed from none to a usable one.
   virtual void connectivityWentOnline() = 0;
 };
 
+// Hears when the device goes offline.
 class KP_EXPORT ConnectivityOfflineDelegate : public virtual ConnectivityMonitorDelegate {
  public:
+  // The kind changed from a usable one to none.
   virtual void connectivityWentOffline() = 0;
 };
 
+// The monitor as a service a host can replace.
 class KP_EXPORT ConnectivityMonitorService : public virtual tarvix::Service {
  public:
+  // Holds `delegate` weakly: it hears of changes until it is removed or destroyed.
   virtual void addDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
+  // Stops telling `delegate`; nothing happens for one that was never added.
   virtual void removeDelegate(const std::shared_ptr<ConnectivityMonitorDelegate>& delegate) = 0;
 };
 

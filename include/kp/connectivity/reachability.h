@@ -37,25 +37,33 @@ enum class DispatchQoS { unspecified, background, utility, default_, userInitiat
 
 class KP_EXPORT Reachability : public std::enable_shared_from_this<Reachability> {
  public:
+  // The kind of link the internet is reached over; links that are not cellular count as wifi.
   enum class Connection : int { none = 0, wifi = 1, cellular = 2 };
 
+  // Why startNotifier() failed.
   enum class ErrorCode {
     callbackNotSet,       // the source refused the callback
     dispatchQueueNotSet,  // the source refused the queue
     flagsNotRead,         // the flags could not be read
   };
+  // What startNotifier() throws.
   class Error : public std::runtime_error {
    public:
+    // An error whose message names `code`.
     explicit Error(ErrorCode code);
+    // Why it failed.
     [[nodiscard]] ErrorCode code() const noexcept { return code_; }
 
    private:
     ErrorCode code_;
   };
 
+  // Told of a change, with the object that changed.
   using Callback = std::function<void(Reachability&)>;
 
+  // Posted, with the object as sender, on the main queue after each change.
   static constexpr std::string_view kReachabilityChangedNotification = "reachabilityChanged";
+  // The label of the object's serial queue.
   static constexpr std::string_view kQueueLabel = "com.kp.reachability";
 
   // Watches the all-zero IPv4 address through the host's source; null when there is none.
@@ -72,22 +80,31 @@ class KP_EXPORT Reachability : public std::enable_shared_from_this<Reachability>
   // Run on the main queue after a change to a connection that is not none (reachable) or is
   // none (unreachable).
   void setWhenReachable(Callback callback);
+  // See setWhenReachable().
   void setWhenUnreachable(Callback callback);
+  // The callback set with setWhenReachable(); none by default.
   [[nodiscard]] Callback whenReachable() const;
+  // The callback set with setWhenUnreachable(); none by default.
   [[nodiscard]] Callback whenUnreachable() const;
 
   // When false, a cellular link counts as no connection. Default true.
   void setAllowsCellularConnection(bool allows) noexcept;
+  // See setAllowsCellularConnection().
   [[nodiscard]] bool allowsCellularConnection() const noexcept;
 
   // Where "reachabilityChanged" is posted; the default centre unless changed.
   // REQUIRES: `center` outlives this object.
   void setNotificationCenter(NotificationCenter& center) noexcept;
+  // See setNotificationCenter().
   [[nodiscard]] NotificationCenter& notificationCenter() const noexcept;
 
+  // True between a successful startNotifier() and the end of delivery.
   [[nodiscard]] bool notifierRunning() const noexcept;
+  // The source the flags come from.
   [[nodiscard]] const std::shared_ptr<NetworkReachability>& reachabilityRef() const noexcept;
+  // The queue that reads the flags and runs the change step.
   [[nodiscard]] const std::shared_ptr<SerialQueue>& reachabilitySerialQueue() const noexcept;
+  // The quality of service the queue was asked for.
   [[nodiscard]] DispatchQoS queueQoS() const noexcept;
   // The flag word last read; nothing before the first read.
   [[nodiscard]] std::optional<ReachabilityFlags> flags() const noexcept;

@@ -24,11 +24,14 @@
 
 namespace kp {
 
+// The current date from the system clock.
 class KP_EXPORT DefaultDateService final : public tarvix::DateService {
  public:
+  // The system clock's time now.
   [[nodiscard]] std::chrono::system_clock::time_point now() const override { return std::chrono::system_clock::now(); }
 };
 
+// The Application service over the host's own implementation; every member forwards to it.
 class KP_EXPORT BridgedApplication final : public tarvix::Application {
  public:
   // `host` must not be null.

@@ -48,10 +48,11 @@ class KP_EXPORT DefaultServiceContainer final : public tarvix::ServiceContainer 
   // type.
   class ServiceIdentifier {
    public:
-    explicit ServiceIdentifier(const tarvix::ServiceType& type) noexcept : type_(type) {}
-    [[nodiscard]] const tarvix::ServiceType& type() const noexcept { return type_; }
+    explicit ServiceIdentifier(const tarvix::ServiceType& type) noexcept : type_(type) {}  // for `type`
+    [[nodiscard]] const tarvix::ServiceType& type() const noexcept { return type_; }       // the type
     // The unqualified name of the wrapped type.
     [[nodiscard]] std::string description() const { return type_.name(); }
+    // The same type.
     friend bool operator==(const ServiceIdentifier& a, const ServiceIdentifier& b) noexcept {
       return a.type_ == b.type_;
     }
@@ -59,19 +60,25 @@ class KP_EXPORT DefaultServiceContainer final : public tarvix::ServiceContainer 
    private:
     tarvix::ServiceType type_;
   };
+  // Hashes identifiers by their type, for the tables.
   struct ServiceIdentifierHash {
+    // The type's hash.
     std::size_t operator()(const ServiceIdentifier& id) const noexcept {
       return std::hash<tarvix::ServiceType>{}(id.type());
     }
   };
 
+  // What the container throws; each names the types involved and what to check.
   class Error : public TarvixError {
    public:
-    using TarvixError::TarvixError;
+    // The constructors of TarvixError.
+    using TarvixError::TarvixError;  // the constructors of TarvixError
     // `instanceType` is the instance type of the registration being attempted.
     [[nodiscard]] static Error duplicateRegistration(const tarvix::ServiceType& serviceType,
                                                      const tarvix::ServiceType& instanceType);
+    // No registration for `serviceType`.
     [[nodiscard]] static Error notRegistered(const tarvix::ServiceType& serviceType);
+    // The instance made for `serviceType` is not one.
     [[nodiscard]] static Error failedCast(const tarvix::ServiceType& instanceType,
                                           const tarvix::ServiceType& serviceType);
   };

@@ -49,16 +49,18 @@
 
 namespace kp {
 
+// The service T, resolved when the wrapper is made (see the top of this file).
 template <class T>
 class Dependency {
  public:
+  // Resolves T in `services`; a failure is reported at `location` and leaves it null.
   explicit Dependency(const std::shared_ptr<Services>& services = Services::default_(),
                       tarvix::SourceLocation location = tarvix::SourceLocation::current())
       : value_(services->template get<T>(location)) {}
 
-  [[nodiscard]] const std::shared_ptr<T>& wrappedValue() const noexcept { return value_; }
-  T* operator->() const noexcept { return value_.get(); }
-  T& operator*() const noexcept { return *value_; }
+  [[nodiscard]] const std::shared_ptr<T>& wrappedValue() const noexcept { return value_; }  // null when unresolved
+  T* operator->() const noexcept { return value_.get(); }                                   // the service
+  T& operator*() const noexcept { return *value_; }                                         // REQUIRES: resolved
 
  private:
   std::shared_ptr<T> value_;
@@ -67,9 +69,11 @@ class Dependency {
 // Whether a lazy dependency's service must be registered.
 enum class Presence { required, optional };
 
+// The service T, resolved on first read (see the top of this file).
 template <class T, Presence kPresence = Presence::required>
 class LazyDependency {
  public:
+  // Resolves T in `services` when first read; failures are reported at `location`.
   explicit LazyDependency(std::shared_ptr<Services> services = Services::default_(),
                           tarvix::SourceLocation location = tarvix::SourceLocation::current())
       : services_(std::move(services)), location_(location) {}
@@ -95,12 +99,14 @@ class LazyDependency {
   }
   // The pointer stays valid as long as the wrapper: a resolved value is never replaced.
   T* operator->() const { return wrappedValue().get(); }
-  T& operator*() const { return *wrappedValue(); }
+  T& operator*() const { return *wrappedValue(); }  // REQUIRES: the service resolves
 
+  // Where the service is looked up.
   [[nodiscard]] std::shared_ptr<Services> services() const {
     std::lock_guard lock(mutex_);
     return services_;
   }
+  // Looks the service up in `services` from now on; a value already resolved stays.
   void setServices(std::shared_ptr<Services> services) {
     std::lock_guard lock(mutex_);
     services_ = std::move(services);
@@ -113,9 +119,12 @@ class LazyDependency {
   tarvix::SourceLocation location_;
 };
 
+// A lazy dependency whose service may be missing: it then reads as null, unreported.
 template <class T>
 using OptionalLazyDependency = LazyDependency<T, Presence::optional>;
 
+// Runs `operation` with the services `update` registers in a new container overriding the
+// current ones, for this thread and the work it posts; returns what `operation` returns.
 template <class Update, class Operation>
 decltype(auto) withDependencies(Update&& update, Operation&& operation) {
   auto overrides = std::make_shared<DefaultServiceContainer>();
@@ -127,12 +136,15 @@ decltype(auto) withDependencies(Update&& update, Operation&& operation) {
 template <class R>
 class AsyncOutcome {
  public:
-  using Value = std::conditional_t<std::is_void_v<R>, std::monostate, R>;
+  using Value = std::conditional_t<std::is_void_v<R>, std::monostate, R>;  // R, or nothing for void
 
+  // A success with `value`.
   [[nodiscard]] static AsyncOutcome success(Value value = Value()) { return AsyncOutcome(std::move(value)); }
+  // A failure with `error`.
   [[nodiscard]] static AsyncOutcome failure(std::exception_ptr error) { return AsyncOutcome(std::move(error)); }
 
-  [[nodiscard]] bool hasValue() const noexcept { return state_.index() == 0; }
+  [[nodiscard]] bool hasValue() const noexcept { return state_.index() == 0; }  // a success
+  // The error of a failure; null for a success.
   [[nodiscard]] std::exception_ptr error() const noexcept {
     return hasValue() ? nullptr : std::get<std::exception_ptr>(state_);
   }

@@ -31,6 +31,7 @@ namespace kp {
 
 class KP_EXPORT Services final : public tarvix::ServiceContainer {
  public:
+  // Lookups in `container`, after the current task's override.
   explicit Services(std::shared_ptr<DefaultServiceContainer> container);
 
   // The process-wide instance, around a new empty container.
@@ -48,6 +49,7 @@ class KP_EXPORT Services final : public tarvix::ServiceContainer {
   // Like safeGet(), but null when `serviceType` is registered neither in the override nor in
   // the base container; other failures still throw.
   [[nodiscard]] std::shared_ptr<void> resolveIfRegistered(const tarvix::ServiceType& serviceType);
+  // resolveIfRegistered() for the service S.
   template <class S>
   [[nodiscard]] std::shared_ptr<S> resolveIfRegistered() {
     return std::static_pointer_cast<S>(resolveIfRegistered(tarvix::ServiceType::of<S>()));
@@ -70,6 +72,7 @@ class KP_EXPORT Services final : public tarvix::ServiceContainer {
 
   // Those of the base container merged with the current override (the override's entries win).
   [[nodiscard]] std::string description() const;
+  // description() with each registration's instance type.
   [[nodiscard]] std::string debugDescription() const;
 
  private:

@@ -29,15 +29,21 @@ namespace kp {
 
 class KP_EXPORT TarvixError : public std::exception {
  public:
+  // An error with its message, what may have caused it and what may fix it.
   TarvixError(std::string message, std::vector<std::string> possibleCauses, std::vector<std::string> suggestedFixes);
 
+  // What went wrong.
   [[nodiscard]] const std::string& message() const noexcept { return texts_->message; }
+  // What may have caused it.
   [[nodiscard]] const std::vector<std::string>& possibleCauses() const noexcept { return texts_->possibleCauses; }
+  // What may fix it.
   [[nodiscard]] const std::vector<std::string>& suggestedFixes() const noexcept { return texts_->suggestedFixes; }
   // The fixed layout above.
   [[nodiscard]] const std::string& description() const noexcept { return texts_->description; }
+  // description().
   [[nodiscard]] const char* what() const noexcept override { return texts_->description.c_str(); }
 
+  // The fixed layout of description() for these texts.
   [[nodiscard]] static std::string describe(const std::string& message, const std::vector<std::string>& possibleCauses,
                                             const std::vector<std::string>& suggestedFixes);
 

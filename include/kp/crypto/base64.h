@@ -30,21 +30,25 @@
 
 namespace kp {
 
+// How base64Encode() lays out its text.
 enum class Base64EncodingOptions : unsigned {
   none = 0,
   // Lines of 64 characters joined by CR LF, no line break after the last line.
   lineLength64Characters = 1,
 };
+// What base64Decode() lets pass; combine them with |.
 enum class Base64DecodingOptions : unsigned {
   none = 0,
   ignoreUnknownCharacters = 1,
   ignoreWhitespace = 2,
   allowMissingPadding = 4,
 };
+// Both options.
 [[nodiscard]] constexpr Base64DecodingOptions operator|(Base64DecodingOptions a, Base64DecodingOptions b) noexcept {
   return static_cast<Base64DecodingOptions>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
 }
 
+// `bytes` as Base64 text.
 [[nodiscard]] KP_EXPORT std::string base64Encode(std::span<const std::uint8_t> bytes,
                                                  Base64EncodingOptions options = Base64EncodingOptions::none);
 // The same text as bytes.

@@ -30,14 +30,17 @@ class KP_EXPORT ByteSet {
   [[nodiscard]] static constexpr ByteSet urlUnreserved() noexcept {
     return ByteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~");
   }
+  // Whether `byte` is in the set.
   [[nodiscard]] constexpr bool contains(unsigned char byte) const noexcept {
     return (bits_[byte / 64] >> (byte % 64)) & 1u;
   }
+  // Every byte not in the set.
   [[nodiscard]] constexpr ByteSet operator~() const noexcept {
     ByteSet out;
     for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = ~bits_[i];
     return out;
   }
+  // Every byte in either set.
   [[nodiscard]] constexpr ByteSet operator|(const ByteSet& other) const noexcept {
     ByteSet out;
     for (std::size_t i = 0; i < 4; ++i) out.bits_[i] = bits_[i] | other.bits_[i];
@@ -51,6 +54,7 @@ class KP_EXPORT ByteSet {
 
 // `text` with every byte outside `allowed` written as "%XX" (upper-case hex digits).
 [[nodiscard]] KP_EXPORT std::string addingPercentEncoding(std::string_view text, const ByteSet& allowed);
+// Appends `text` to `out` with every byte outside `allowed` as %XX.
 KP_EXPORT void appendPercentEncoded(std::string& out, std::string_view text, const ByteSet& allowed);
 // `text` with its "%XX" escapes decoded; nothing for a "%" not followed by two hex digits or a
 // result that is not UTF-8.

@@ -18,6 +18,7 @@ struct KP_EXPORT BundleInformation {
   std::optional<std::string> version;      // "5.2.0"
   std::optional<std::string> build;        // "5200"
 
+  // The running application's information.
   [[nodiscard]] static BundleInformation current();
 };
 

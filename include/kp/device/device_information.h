@@ -28,10 +28,12 @@
 
 namespace kp {
 
+// A version number major.minor.patch.
 struct KP_EXPORT OperatingSystemVersion {
-  int majorVersion = 0;
-  int minorVersion = 0;
-  int patchVersion = 0;
+  int majorVersion = 0;  // 22 in 22.4.0
+  int minorVersion = 0;  // 4 in 22.4.0
+  int patchVersion = 0;  // 0 in 22.4.0
+  // Compared part by part, major first.
   friend auto operator<=>(const OperatingSystemVersion&, const OperatingSystemVersion&) = default;
 
   // Up to three dot-separated decimal numbers at the start of `text`, the missing ones 0:
@@ -40,8 +42,9 @@ struct KP_EXPORT OperatingSystemVersion {
   [[nodiscard]] static std::optional<OperatingSystemVersion> parse(std::string_view text) noexcept;
 };
 
+// The operating system and kernel the library runs on.
 struct KP_EXPORT OperatingSystem {
-  static constexpr std::string_view kUnknown = "unknown";
+  static constexpr std::string_view kUnknown = "unknown";  // what a fact nobody gave reads as
 
   std::string name = std::string(kUnknown);             // os-release NAME, "Debian GNU/Linux"
   std::string identifier = std::string(kUnknown);       // ID, "debian"
@@ -56,17 +59,19 @@ struct KP_EXPORT OperatingSystem {
   [[nodiscard]] static OperatingSystem fromOsRelease(std::string_view osRelease, std::string_view kernelRelease);
 };
 
+// What the library knows of the device.
 struct KP_EXPORT DeviceFacts {
-  DeviceKind kind = DeviceKind::unknown;
-  std::string chassis;        // the source's word, empty when none said
-  std::string chassisSource;  // "hostnamed", "dmi", or empty
-  OperatingSystem operatingSystem;
+  DeviceKind kind = DeviceKind::unknown;  // from the chassis
+  std::string chassis;                    // the source's word, empty when none said
+  std::string chassisSource;              // "hostnamed", "dmi", or empty
+  OperatingSystem operatingSystem;        // the system and kernel
   // The built-in display's diagonal if the machine has one connected, else the largest
   // connected display's; nothing when no display states its size.
   std::optional<double> screenDiagonalInches;
   std::string screenConnector;  // the display measured, "eDP-1"
 };
 
+// The device facts of this machine.
 class KP_EXPORT DeviceInformation {
  public:
   // The process-wide instance over the host's sources; made on first use, never destroyed.
@@ -77,7 +82,7 @@ class KP_EXPORT DeviceInformation {
 
   // The facts, read on the first call and kept.
   [[nodiscard]] std::shared_ptr<const DeviceFacts> facts() const;
-  [[nodiscard]] DeviceKind kind() const;
+  [[nodiscard]] DeviceKind kind() const;  // the facts' kind
   // The host's idiom when it set one in ApplicationInfo, else the kind's.
   [[nodiscard]] UserInterfaceIdiom idiom() const;
   // Whether the operating system's version is `version` or later; false when it is unknown.
@@ -88,6 +93,7 @@ class KP_EXPORT DeviceInformation {
   void refresh();
 
   struct Impl;
+  // Over the sources `impl` reads; shared() uses the host's.
   explicit DeviceInformation(std::unique_ptr<Impl> impl);
 
  private:

@@ -17,6 +17,7 @@
 
 namespace kp {
 
+// What kind of device the library runs on.
 enum class DeviceKind {
   unknown,
   phone,           // hostnamed "handset"

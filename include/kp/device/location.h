@@ -39,6 +39,7 @@
 
 namespace kp {
 
+// One position as the location service reported it.
 struct KP_EXPORT Location {
   double latitude = 0;             // degrees, -90...90
   double longitude = 0;            // degrees, -180...180
@@ -59,6 +60,7 @@ enum class LocationAuthorizationStatus {
   authorizedWhenInUse = 4,
 };
 
+// How exact a position the application asks for, coarsest first.
 enum class LocationAccuracy { country, city, neighborhood, street, exact };
 
 // Codes of the errors in kLocationErrorDomain; 0 and 1 keep the platform's meanings.
@@ -71,21 +73,25 @@ enum class LocationErrorCode : std::int64_t {
   timedOut = 103,
   noApplicationIdentity = 104,
 };
-inline constexpr std::string_view kLocationErrorDomain = "KPLocation";
+inline constexpr std::string_view kLocationErrorDomain = "KPLocation";  // the location errors' domain
 
 class LocationController;
 
+// Hears of a controller's events on the main queue; each operation does nothing by default.
 class KP_EXPORT LocationControllerDelegate {
  public:
   virtual ~LocationControllerDelegate() = default;
+  // A new location.
   virtual void locationControllerDidUpdateLocation(LocationController& controller, const Location& location) {
     (void)controller;
     (void)location;
   }
+  // The updates ended with `error` (in kLocationErrorDomain); the controller is stopped.
   virtual void locationControllerDidFail(LocationController& controller, const ErrorPtr& error) {
     (void)controller;
     (void)error;
   }
+  // The service changed its answer about the application's permission.
   virtual void locationControllerDidChangeAuthorization(LocationController& controller,
                                                         LocationAuthorizationStatus status) {
     (void)controller;
@@ -102,27 +108,32 @@ class KP_EXPORT LocationController : public std::enable_shared_from_this<Locatio
   LocationController(const LocationController&) = delete;
   LocationController& operator=(const LocationController&) = delete;
 
+  // Holds `delegate` weakly until it is removed or released.
   void addDelegate(const std::shared_ptr<LocationControllerDelegate>& delegate);
+  // Stops telling `delegate`.
   void removeDelegate(const std::shared_ptr<LocationControllerDelegate>& delegate);
 
   // The identity the service knows the application by; by default the application identifier
   // (kp::BundleInformation). Starting without one fails with noApplicationIdentity.
   void setApplicationId(std::string desktopId);
-  [[nodiscard]] std::optional<std::string> applicationId() const;
+  [[nodiscard]] std::optional<std::string> applicationId() const;  // see setApplicationId()
   // Takes effect at the next start; city by default.
   void setDesiredAccuracy(LocationAccuracy accuracy);
-  [[nodiscard]] LocationAccuracy desiredAccuracy() const;
+  [[nodiscard]] LocationAccuracy desiredAccuracy() const;  // see setDesiredAccuracy()
 
   // Starts updates (restarting them when they run); the answer comes to the delegates.
   void startUpdatingLocation();
+  // Ends the updates; events of the session not yet delivered are dropped.
   void stopUpdatingLocation();
-  [[nodiscard]] bool isUpdating() const;
+  [[nodiscard]] bool isUpdating() const;  // between a start and its stop or failure
 
+  // The permission as the service reported it last (see the top of this file).
   [[nodiscard]] LocationAuthorizationStatus authorizationStatus() const;
   // The last valid location of any session; nothing before the first.
   [[nodiscard]] std::optional<Location> location() const;
 
   struct Impl;
+  // Made by make().
   explicit LocationController(std::unique_ptr<Impl> impl);
 
  private:

@@ -22,25 +22,29 @@
 
 namespace kp {
 
+// A size in points.
 struct KP_EXPORT PointSize {
-  double width = 0;
-  double height = 0;
+  double width = 0;   // points
+  double height = 0;  // points
 };
 
 // The platform's values.
 enum class UserInterfaceSizeClass { unspecified = 0, compact = 1, regular = 2 };
 
+// A window's size class in each direction.
 struct KP_EXPORT SizeClasses {
-  UserInterfaceSizeClass horizontal = UserInterfaceSizeClass::unspecified;
-  UserInterfaceSizeClass vertical = UserInterfaceSizeClass::unspecified;
-  friend bool operator==(const SizeClasses&, const SizeClasses&) = default;
+  UserInterfaceSizeClass horizontal = UserInterfaceSizeClass::unspecified;   // by width
+  UserInterfaceSizeClass vertical = UserInterfaceSizeClass::unspecified;     // by height
+  friend bool operator==(const SizeClasses&, const SizeClasses&) = default;  // both classes equal
 };
 
+// How a window shares its screen (see the top of this file).
 enum class SplitScreenMode { unknown, fullScreen, oneThird, half, twoThirds, floatingNarrow, freeform };
 
-inline constexpr double kRegularWidthPoints = 600;
-inline constexpr double kRegularHeightPoints = 480;
+inline constexpr double kRegularWidthPoints = 600;   // the narrowest regular width
+inline constexpr double kRegularHeightPoints = 480;  // the lowest regular height
 
+// The size classes of a window of size `window` (see the top of this file).
 [[nodiscard]] KP_EXPORT SizeClasses sizeClasses(PointSize window) noexcept;
 // unknown when either size is not positive and finite, or the window is larger than its screen
 // by more than 5% either way.

@@ -26,12 +26,14 @@
 
 namespace kp {
 
+// A colour with 8-bit components (see the top of this file).
 struct KP_EXPORT Color {
-  std::uint8_t red = 0;
-  std::uint8_t green = 0;
-  std::uint8_t blue = 0;
-  std::uint8_t alpha = 255;
+  std::uint8_t red = 0;      // 0 to 255
+  std::uint8_t green = 0;    // 0 to 255
+  std::uint8_t blue = 0;     // 0 to 255
+  std::uint8_t alpha = 255;  // 0 transparent to 255 opaque
 
+  // Whether hexString() writes the alpha.
   enum class HexAlpha : std::uint8_t {
     // "#rrggbb" for an opaque colour, "#rrggbbaa" otherwise.
     whenTranslucent,
@@ -40,17 +42,18 @@ struct KP_EXPORT Color {
     never,
   };
 
+  // The colour `text` names (see the top of this file); nothing for other text.
   [[nodiscard]] static std::optional<Color> parse(std::string_view text) noexcept;
   // Lower-case hex digits after "#".
   [[nodiscard]] std::string hexString(HexAlpha alpha = HexAlpha::whenTranslucent) const;
 
   // The components as fractions from 0 to 1, as graphics APIs take them.
   [[nodiscard]] constexpr double redComponent() const noexcept { return red / 255.0; }
-  [[nodiscard]] constexpr double greenComponent() const noexcept { return green / 255.0; }
-  [[nodiscard]] constexpr double blueComponent() const noexcept { return blue / 255.0; }
-  [[nodiscard]] constexpr double alphaComponent() const noexcept { return alpha / 255.0; }
+  [[nodiscard]] constexpr double greenComponent() const noexcept { return green / 255.0; }  // see redComponent()
+  [[nodiscard]] constexpr double blueComponent() const noexcept { return blue / 255.0; }    // see redComponent()
+  [[nodiscard]] constexpr double alphaComponent() const noexcept { return alpha / 255.0; }  // see redComponent()
 
-  friend constexpr bool operator==(const Color&, const Color&) noexcept = default;
+  friend constexpr bool operator==(const Color&, const Color&) noexcept = default;  // equal components
 };
 
 // The conventional name of the colour category's reader.

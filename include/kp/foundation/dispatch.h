@@ -38,7 +38,9 @@
 
 namespace kp {
 
+// Runs `work` at once on the main thread, else posts it to the main queue.
 KP_EXPORT void runOnMainThread(Work work);
+// Posts `work` to the background pool.
 KP_EXPORT void runInBackground(Work work);
 
 // A once-token held by its user, usually a member or a function-local static. A block that
@@ -53,6 +55,8 @@ class KP_EXPORT Once {
   Once(const Once&) = delete;
   Once& operator=(const Once&) = delete;
 
+  // Runs `block` unless a run of this token has completed; a block that throws leaves the
+  // token unused, and the exception goes to the caller.
   template <class F>
   void run(F&& block) {
     if (done_.load(std::memory_order_acquire)) return;

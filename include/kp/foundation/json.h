@@ -36,6 +36,7 @@
 
 namespace kp {
 
+// How JSON text is laid out.
 enum class JsonFormat : std::uint8_t {
   compact,
   // One member or element a line, indented by two spaces a level.
@@ -45,9 +46,12 @@ enum class JsonFormat : std::uint8_t {
 // The JSON value of `text` (any value at the top, nesting at most 512 deep), or nothing; when
 // given, `error` says why not.
 [[nodiscard]] KP_EXPORT std::optional<JsonValue> parseJson(std::string_view text, ErrorPtr* error = nullptr) noexcept;
+// The JSON document in `data`; nothing (and `error`, when given) when it is not one.
 [[nodiscard]] KP_EXPORT std::optional<JsonValue> parseJson(const Data& data, ErrorPtr* error = nullptr) noexcept;
 
+// `value` as JSON text.
 [[nodiscard]] KP_EXPORT std::string jsonText(const JsonValue& value, JsonFormat format = JsonFormat::compact);
+// `value` as JSON bytes.
 [[nodiscard]] KP_EXPORT Data jsonData(const JsonValue& value, JsonFormat format = JsonFormat::compact);
 
 // "null", "boolean", "integer", "real", "string", "array" or "object".
@@ -95,13 +99,16 @@ template <JsonReadable T>
 [[nodiscard]] inline std::optional<JsonValue> objectFromJSONData(const Data& data, ErrorPtr* error = nullptr) noexcept {
   return parseJson(data, error);
 }
+// parseJson() of text, under the platform's name.
 [[nodiscard]] inline std::optional<JsonValue> objectFromJSONString(std::string_view text,
                                                                    ErrorPtr* error = nullptr) noexcept {
   return parseJson(text, error);
 }
+// jsonData(), under the platform's name.
 [[nodiscard]] inline Data jsonDataFromObject(const JsonValue& value, JsonFormat format = JsonFormat::compact) {
   return jsonData(value, format);
 }
+// jsonText(), under the platform's name.
 [[nodiscard]] inline std::string jsonStringFromObject(const JsonValue& value, JsonFormat format = JsonFormat::compact) {
   return jsonText(value, format);
 }

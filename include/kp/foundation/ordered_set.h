@@ -46,17 +46,18 @@ class OrderedSet {
   using Sequence = typename Container::template index<InOrder>::type;
 
  public:
-  using value_type = T;
-  using size_type = std::size_t;
-  using difference_type = std::ptrdiff_t;
-  using reference = const T&;
-  using const_reference = const T&;
-  using const_iterator = typename Sequence::const_iterator;
-  using iterator = const_iterator;
+  using value_type = T;                                      // an element
+  using size_type = std::size_t;                             // a count or an index
+  using difference_type = std::ptrdiff_t;                    // a distance between positions
+  using reference = const T&;                                // elements are read-only
+  using const_reference = const T&;                          // elements are read-only
+  using const_iterator = typename Sequence::const_iterator;  // in order
+  using iterator = const_iterator;                           // elements are read-only
 
   OrderedSet() = default;
   // Later duplicates are dropped.
   OrderedSet(std::initializer_list<T> values) { insert(values.begin(), values.end()); }
+  // The elements from `first` to `last`; later duplicates are dropped.
   template <std::input_iterator It, std::sentinel_for<It> S>
   OrderedSet(It first, S last) {
     insert(std::move(first), std::move(last));
@@ -64,6 +65,7 @@ class OrderedSet {
 
   // Appends `value` unless it is already present; true when it was added.
   bool insert(T value) { return sequence().push_back(std::move(value)).second; }
+  // Appends each element from `first` to `last` that is not present yet.
   template <std::input_iterator It, std::sentinel_for<It> S>
   void insert(It first, S last) {
     for (; first != last; ++first) insert(T(*first));
@@ -89,9 +91,10 @@ class OrderedSet {
     sequence().erase(sequence().begin() + static_cast<difference_type>(index));
     return true;
   }
-  void clear() noexcept { elements_.clear(); }
-  void reserve(size_type count) { sequence().reserve(count); }
+  void clear() noexcept { elements_.clear(); }                  // removes every element
+  void reserve(size_type count) { sequence().reserve(count); }  // room for `count` elements
 
+  // True when `value` is present.
   [[nodiscard]] bool contains(const T& value) const { return byValue().find(value) != byValue().end(); }
   // The position of `value`, or nothing.
   [[nodiscard]] std::optional<size_type> indexOf(const T& value) const {
@@ -106,13 +109,15 @@ class OrderedSet {
   }
   // The element at `index`, which must be below size().
   [[nodiscard]] const T& operator[](size_type index) const noexcept { return sequence()[index]; }
+  // The first element; null when empty.
   [[nodiscard]] const T* first() const noexcept { return empty() ? nullptr : &sequence().front(); }
+  // The last element; null when empty.
   [[nodiscard]] const T* last() const noexcept { return empty() ? nullptr : &sequence().back(); }
 
-  [[nodiscard]] size_type size() const noexcept { return elements_.size(); }
-  [[nodiscard]] bool empty() const noexcept { return elements_.empty(); }
-  [[nodiscard]] const_iterator begin() const noexcept { return sequence().begin(); }
-  [[nodiscard]] const_iterator end() const noexcept { return sequence().end(); }
+  [[nodiscard]] size_type size() const noexcept { return elements_.size(); }          // the number of elements
+  [[nodiscard]] bool empty() const noexcept { return elements_.empty(); }             // no elements
+  [[nodiscard]] const_iterator begin() const noexcept { return sequence().begin(); }  // the first element
+  [[nodiscard]] const_iterator end() const noexcept { return sequence().end(); }      // past the last element
 
   // Equal when they hold the same elements in the same order.
   friend bool operator==(const OrderedSet& a, const OrderedSet& b) {

@@ -55,7 +55,9 @@ namespace kp {
 // either end.
 [[nodiscard]] KP_EXPORT std::string_view trimmed(std::string_view text) noexcept;
 
+// `text` in upper case by the locale's rules (empty: the environment's).
 [[nodiscard]] KP_EXPORT std::string uppercased(std::string_view text, std::string_view locale = {});
+// `text` in lower case by the locale's rules (empty: the environment's).
 [[nodiscard]] KP_EXPORT std::string lowercased(std::string_view text, std::string_view locale = {});
 // The first letter of every word in title case, the rest in lower case.
 [[nodiscard]] KP_EXPORT std::string capitalized(std::string_view text, std::string_view locale = {});
@@ -64,6 +66,7 @@ namespace kp {
 // code point. In Turkish and Azeri "I" matches "ı" and "İ" matches "i".
 [[nodiscard]] KP_EXPORT std::weak_ordering compareIgnoringCase(std::string_view a, std::string_view b,
                                                                std::string_view locale = {});
+// Whether `a` and `b` are equal once case is folded by the locale's rules.
 [[nodiscard]] KP_EXPORT bool equalsIgnoringCase(std::string_view a, std::string_view b, std::string_view locale = {});
 
 // ---- User-perceived characters --------------------------------------------------------------
@@ -85,6 +88,7 @@ enum class SplitOptions : std::uint8_t { keepEmpty, omitEmpty };
 [[nodiscard]] KP_EXPORT std::vector<std::string_view> split(std::string_view text, std::string_view separator,
                                                             SplitOptions options = SplitOptions::keepEmpty);
 
+// The pieces joined with `separator` between them.
 template <std::ranges::input_range R>
 requires std::convertible_to<std::ranges::range_reference_t<R>, std::string_view>
 [[nodiscard]] std::string join(R&& pieces, std::string_view separator) {

@@ -24,6 +24,7 @@
 
 namespace kp {
 
+// How many points of the compass a direction is named with.
 enum class CompassPoints { eight = 8, sixteen = 16 };
 
 // The point nearest to `degrees`, counted clockwise from north (0) in steps of 360/points.
@@ -32,6 +33,7 @@ enum class CompassPoints { eight = 8, sixteen = 16 };
 // The English name of a point: "NNE" or "north-northeast" (16 points; 8 use every other one).
 [[nodiscard]] KP_EXPORT std::string_view compassPointName(int point, CompassPoints points, TextWidth width) noexcept;
 
+// Names a direction in degrees as a compass point in a locale.
 class KP_EXPORT CompassFormatter {
  public:
   // An empty locale is the environment's.
@@ -39,6 +41,7 @@ class KP_EXPORT CompassFormatter {
                             TextWidth width = TextWidth::short_,
                             std::shared_ptr<const LocalizedStrings> strings = LocalizedStrings::shared());
 
+  // The point nearest `degrees`, clockwise from north.
   [[nodiscard]] std::string string(double degrees) const;
 
  private:

@@ -31,7 +31,9 @@ namespace kp {
 // per hour", compass "ESE" / "east-southeast".
 enum class TextWidth { short_, narrow, long_ };
 
+// The errors of the localization layer.
 struct KP_EXPORT LocalizationError {
+  // Their domain.
   static constexpr std::string_view kDomain = "KPLocalization";
   // A zone name the zone data does not know.
   static constexpr int kUnknownTimeZone = 1;

@@ -39,8 +39,10 @@ namespace kp {
 
 class KP_EXPORT LocalizedStrings {
  public:
+  // The texts of gettext domain `domain`, looked up in `folders`.
   explicit LocalizedStrings(std::string domain, std::vector<std::filesystem::path> folders = {"/usr/share/locale"});
 
+  // The gettext domain.
   [[nodiscard]] const std::string& domain() const noexcept;
 
   // The translation of `id` (in `context`, when not empty) for `locale`; nothing when no
@@ -53,6 +55,7 @@ class KP_EXPORT LocalizedStrings {
 
   // The strings the formatters use unless given others; none until the host sets them.
   [[nodiscard]] static std::shared_ptr<const LocalizedStrings> shared();
+  // Replaces the strings shared() returns.
   static void setShared(std::shared_ptr<const LocalizedStrings> strings);
 
  private:

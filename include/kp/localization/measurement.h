@@ -29,6 +29,7 @@
 
 namespace kp {
 
+// The units of weather measurements.
 enum class Unit {
   celsius,
   fahrenheit,
@@ -53,19 +54,25 @@ enum class Unit {
   beaufort,
 };
 
+// What a unit measures.
 enum class Dimension { temperature, pressure, length, speed };
 
+// What `unit` measures.
 [[nodiscard]] KP_EXPORT Dimension dimensionOf(Unit unit) noexcept;
 
 // The command line's symbols: "C", "F", "K", "hPa", "mbar", "kPa", "inHg", "mmHg", "m", "km",
 // "mi", "ft", "nmi", "mm", "cm", "in", "m/s", "km/h", "mph", "kn", "bft".
 [[nodiscard]] KP_EXPORT std::string_view symbolOf(Unit unit) noexcept;
+// The unit of a command-line symbol; nothing for another text.
 [[nodiscard]] KP_EXPORT std::optional<Unit> unitForSymbol(std::string_view symbol) noexcept;
 
 struct KP_EXPORT Measurement {
+  // The amount.
   double value = 0;
+  // Its unit.
   Unit unit = Unit::celsius;
 
+  // The same measurement in `to`; nothing when `to` measures something else.
   [[nodiscard]] std::optional<Measurement> converted(Unit to) const noexcept;
 };
 

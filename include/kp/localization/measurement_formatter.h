@@ -44,7 +44,9 @@
 
 namespace kp {
 
+// What a measurement is of.
 enum class WeatherQuantity { temperature, wind, pressure, precipitation, snowfall, visibility };
+// Which units texts use: the locale's preferred ones, or a fixed system.
 enum class UnitSystem { locale, metric, us, uk };
 
 // "temperature", "wind", "pressure", "precipitation", "snowfall", "visibility".
@@ -57,9 +59,12 @@ enum class UnitSystem { locale, metric, us, uk };
 // Whether `unit` measures `quantity` (a speed measures wind, a length precipitation ...).
 [[nodiscard]] KP_EXPORT bool measures(WeatherQuantity quantity, Unit unit) noexcept;
 
+// How a formatter writes measurements.
 struct KP_EXPORT MeasurementFormatSettings {
   std::string locale;  // empty: the environment's
+  // Which units.
   UnitSystem units = UnitSystem::locale;
+  // How long the unit names are.
   TextWidth width = TextWidth::short_;
   // Digits after the decimal separator for a quantity, whatever unit shows it.
   std::map<WeatherQuantity, int> fractionDigits;
@@ -71,9 +76,13 @@ struct KP_EXPORT MeasurementFormatSettings {
 
 class KP_EXPORT MeasurementFormatter {
  public:
+  // A formatter with `settings`.
   explicit MeasurementFormatter(MeasurementFormatSettings settings = {});
 
+  // How it writes.
   [[nodiscard]] const MeasurementFormatSettings& settings() const noexcept;
+  // `measurement` of `quantity` as text in the settings' units; nothing when the unit does
+  // not measure the quantity or the value is not finite.
   [[nodiscard]] std::optional<std::string> string(WeatherQuantity quantity, Measurement measurement) const;
   // Appends the text to `out`; false (and nothing appended) where string() gives none.
   bool append(std::string& out, WeatherQuantity quantity, Measurement measurement) const;

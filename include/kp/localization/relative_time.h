@@ -36,7 +36,9 @@ namespace kp {
 // The distance the rules above choose: a count of a unit, negative in the past. A zero count
 // of seconds is "now".
 struct KP_EXPORT RelativeInterval {
+  // How many units; negative in the past.
   long long count = 0;
+  // The unit.
   CalendarUnit unit = CalendarUnit::second;
 };
 
@@ -46,8 +48,10 @@ class KP_EXPORT RelativeTimeFormatter {
   explicit RelativeTimeFormatter(std::string_view locale = {}, TextWidth width = TextWidth::long_,
                                  std::shared_ptr<const LocalizedStrings> strings = LocalizedStrings::shared());
 
+  // How far `date` is from `now`, as text (see the top of this file).
   [[nodiscard]] std::string string(Date date, Date now = Date::now()) const;
 
+  // The distance the text names; nothing when it is not a finite number of seconds.
   [[nodiscard]] static std::optional<RelativeInterval> interval(Date date, Date now);
 
  private:

@@ -34,21 +34,27 @@
 
 namespace kp {
 
+// Which forms a reader accepts (see the top of this file); all by default.
 struct KP_EXPORT ServiceDateForms {
-  bool rfc3339 = true;
-  bool date = true;
-  bool localDateTime = true;
-  bool epochSeconds = true;
-  bool epochMilliseconds = true;
-  bool httpDate = true;
+  bool rfc3339 = true;            // "2024-03-31T01:30:00Z"
+  bool date = true;               // "2024-02-29"
+  bool localDateTime = true;      // "2024-03-31 03:30:00"
+  bool epochSeconds = true;       // "1711848600"
+  bool epochMilliseconds = true;  // "1711848600000"
+  bool httpDate = true;           // "Sun, 31 Mar 2024 01:30:00 GMT"
 };
 
+// Reads service dates strictly (see the top of this file).
 class KP_EXPORT ServiceDateReader {
  public:
+  // A reader in UTC accepting `forms`.
   explicit ServiceDateReader(ServiceDateForms forms = {});
+  // A reader in `zone` accepting `forms`.
   explicit ServiceDateReader(ZonedCalendar zone, ServiceDateForms forms = {});
 
+  // The date `text` stands for; nothing for any other text.
   [[nodiscard]] std::optional<Date> read(std::string_view text) const;
+  // The zone of dates and wall-clock times without an offset.
   [[nodiscard]] const ZonedCalendar& zone() const noexcept { return zone_; }
 
  private:

@@ -41,21 +41,23 @@ namespace internal {
 struct ZonedCalendarAccess;
 }
 
+// The units of calendar arithmetic.
 enum class CalendarUnit { second, minute, hour, day, week, month, year };
 
+// Which way rounded() goes.
 enum class RoundingRule { nearest, down, up };
 
 // An instant as the zone's wall clock shows it.
 struct KP_EXPORT DateParts {
-  int year = 1;
-  int month = 1;   // 1 to 12
-  int day = 1;     // 1 to 31
-  int hour = 0;    // 0 to 23
-  int minute = 0;  // 0 to 59
-  int second = 0;  // 0 to 59
-  int millisecond = 0;
-  int weekday = 1;    // 1 Sunday, 2 Monday ... 7 Saturday
-  int utcOffset = 0;  // seconds east of UTC, daylight saving included
+  int year = 1;         // 1 to 9999
+  int month = 1;        // 1 to 12
+  int day = 1;          // 1 to 31
+  int hour = 0;         // 0 to 23
+  int minute = 0;       // 0 to 59
+  int second = 0;       // 0 to 59
+  int millisecond = 0;  // 0 to 999
+  int weekday = 1;      // 1 Sunday, 2 Monday ... 7 Saturday
+  int utcOffset = 0;    // seconds east of UTC, daylight saving included
 };
 
 class KP_EXPORT ZonedCalendar {
@@ -66,6 +68,7 @@ class KP_EXPORT ZonedCalendar {
   [[nodiscard]] static Result<ZonedCalendar> make(std::string_view zone, std::string_view locale = {});
   // The environment's zone and locale; an error when the environment names an unknown zone.
   [[nodiscard]] static Result<ZonedCalendar> current();
+  // UTC, with `locale` choosing the first day of the week.
   [[nodiscard]] static ZonedCalendar utc(std::string_view locale = {});
 
   // The zone's name as given.
@@ -73,6 +76,7 @@ class KP_EXPORT ZonedCalendar {
   // 1 Sunday, 2 Monday ... 7 Saturday.
   [[nodiscard]] int firstWeekday() const noexcept;
 
+  // `date` on the zone's wall clock; nothing outside the years 1 to 9999.
   [[nodiscard]] std::optional<DateParts> parts(Date date) const;
   // The instant the wall clock shows these fields at; nothing for fields out of range (such
   // as 30 February or hour 24) and for a time the zone skips.
@@ -84,6 +88,8 @@ class KP_EXPORT ZonedCalendar {
   // The start of the minute, hour, day, week, month or year holding `date` (a `second` unit
   // cuts the fraction). A day that starts with a skipped midnight starts when the clocks do.
   [[nodiscard]] std::optional<Date> startOf(CalendarUnit unit, Date date) const;
+  // `date` moved by `count` units: seconds, minutes and hours as spans of time, days, weeks,
+  // months and years on the wall clock; nothing when the result leaves the years 1 to 9999.
   [[nodiscard]] std::optional<Date> adding(Date date, long long count, CalendarUnit unit) const;
   // Whole units from `from` to `to`, truncated toward zero (negative when `to` is earlier).
   [[nodiscard]] std::optional<long long> difference(Date from, Date to, CalendarUnit unit) const;
@@ -93,10 +99,10 @@ class KP_EXPORT ZonedCalendar {
   // the two (a tie rounds up). Nothing for a step that does not divide a day.
   [[nodiscard]] std::optional<Date> rounded(Date date, int stepMinutes, RoundingRule rule) const;
 
-  [[nodiscard]] bool isSameDay(Date a, Date b) const;
-  [[nodiscard]] bool isToday(Date date, Date now = Date::now()) const;
-  [[nodiscard]] bool isTomorrow(Date date, Date now = Date::now()) const;
-  [[nodiscard]] bool isYesterday(Date date, Date now = Date::now()) const;
+  [[nodiscard]] bool isSameDay(Date a, Date b) const;                       // on one wall-clock day
+  [[nodiscard]] bool isToday(Date date, Date now = Date::now()) const;      // on the day of `now`
+  [[nodiscard]] bool isTomorrow(Date date, Date now = Date::now()) const;   // on the day after `now`'s
+  [[nodiscard]] bool isYesterday(Date date, Date now = Date::now()) const;  // on the day before `now`'s
   // 1 Sunday ... 7 Saturday.
   [[nodiscard]] std::optional<int> weekday(Date date) const;
 

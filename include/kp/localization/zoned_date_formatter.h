@@ -32,11 +32,13 @@ class KP_EXPORT ZonedDateFormatter {
   // cannot use LocalizationError::kInvalidSkeleton. An empty locale is the environment's.
   [[nodiscard]] static Result<ZonedDateFormatter> make(std::string_view skeleton, std::string_view zone,
                                                        std::string_view locale = {});
+  // A formatter for `skeleton` in `calendar`'s zone and `locale`; an error for a skeleton it cannot use.
   [[nodiscard]] static Result<ZonedDateFormatter> make(std::string_view skeleton, const ZonedCalendar& calendar,
                                                        std::string_view locale = {});
 
   // The pattern the locale's data made of the skeleton ("EEE HH:mm").
   [[nodiscard]] const std::string& pattern() const noexcept;
+  // `date` as text.
   [[nodiscard]] std::string string(Date date) const;
   // Appends the text to `out`; appends nothing where string() gives no text.
   void append(std::string& out, Date date) const;

@@ -37,37 +37,47 @@ namespace kp {
 
 class LogWriter;
 
+// The log (see the top of this file).
 class KP_EXPORT Log {
  public:
   // In this order; rawValue() of each is also its mark in a console line.
   enum class LogType { debug, info, warning, error };
 
+  // Which entries pass: a level's switch and isEnabled must both be on.
   struct Options {
-    bool isEnabled = false;
-    bool logDebug = false;
-    bool logInfo = false;
-    bool logWarnings = false;
-    bool logErrors = false;
+    bool isEnabled = false;    // the main switch
+    bool logDebug = false;     // debug entries
+    bool logInfo = false;      // info entries
+    bool logWarnings = false;  // warnings
+    bool logErrors = false;    // errors
 
     static const Options default_;  // all on
     static const Options none;      // all off
+    // Equal switches.
     friend constexpr bool operator==(const Options&, const Options&) = default;
   };
 
   // Shared by the writers that use it; the two switches are read at every line.
   class FormatOptions {
    public:
+    // Lines start with the date in `dateFormat` when `prefixDate`, and name the caller's file,
+    // function and line when `prefixFileFunctionAndLine`.
     FormatOptions(bool prefixDate, bool prefixFileFunctionAndLine, std::string dateFormat);
+    // Whether lines start with the date.
     [[nodiscard]] bool prefixDate() const noexcept { return prefixDate_.load(std::memory_order_relaxed); }
+    // Turns the date at the start of lines on or off.
     void setPrefixDate(bool on) noexcept { prefixDate_.store(on, std::memory_order_relaxed); }
+    // Whether lines name the caller's file, function and line.
     [[nodiscard]] bool prefixFileFunctionAndLine() const noexcept {
       return prefixFileFunctionAndLine_.load(std::memory_order_relaxed);
     }
+    // Turns the caller's file, function and line in lines on or off.
     void setPrefixFileFunctionAndLine(bool on) noexcept {
       prefixFileFunctionAndLine_.store(on, std::memory_order_relaxed);
     }
     // A pattern as kp::DateFormatter reads it (e.g. "yyyy-MM-dd HH:mm:ss.SSS").
     [[nodiscard]] std::string dateFormat() const;
+    // Replaces the date pattern; lines written afterwards use it.
     void setDateFormat(std::string pattern);
 
    private:
@@ -77,15 +87,17 @@ class KP_EXPORT Log {
     std::string dateFormat_;  // guarded by mutex_
   };
 
+  // One entry as the writer receives it (see the top of this file for how long it is valid).
   struct LogData {
-    LogType type = LogType::debug;
-    Date date;
-    std::string_view message;
-    std::string_view filename;  // the caller's source path
-    int line = 0;
-    std::string_view function;  // the caller's function name or signature
+    LogType type = LogType::debug;  // the level
+    Date date;                      // when it was logged
+    std::string_view message;       // the formatted message
+    std::string_view filename;      // the caller's source path
+    int line = 0;                   // the caller's line
+    std::string_view function;      // the caller's function name or signature
   };
 
+  // A log that writes to `logWriter` what `logOptions` let pass.
   Log(std::shared_ptr<LogWriter> logWriter, Options logOptions);
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
@@ -95,27 +107,32 @@ class KP_EXPORT Log {
   // The level whose mark is `rawValue`; nothing for any other text.
   [[nodiscard]] static std::optional<LogType> logType(std::string_view rawValue) noexcept;
 
-  [[nodiscard]] Options logOptions() const noexcept;
-  void setLogOptions(Options options) noexcept;
-  [[nodiscard]] std::shared_ptr<LogWriter> logWriter() const;
-  void setLogWriter(std::shared_ptr<LogWriter> writer);
+  [[nodiscard]] Options logOptions() const noexcept;           // which entries pass
+  void setLogOptions(Options options) noexcept;                // changes which entries pass
+  [[nodiscard]] std::shared_ptr<LogWriter> logWriter() const;  // null when none is set
+  void setLogWriter(std::shared_ptr<LogWriter> writer);        // null silences the log
 
+  // A debug entry: `format` with `args`.
   template <class... Args>
   void debug(LogFormat<Args...> format, const Args&... args) {
     log(LogType::debug, format, args...);
   }
+  // An info entry: `format` with `args`.
   template <class... Args>
   void info(LogFormat<Args...> format, const Args&... args) {
     log(LogType::info, format, args...);
   }
+  // A warning: `format` with `args`.
   template <class... Args>
   void warning(LogFormat<Args...> format, const Args&... args) {
     log(LogType::warning, format, args...);
   }
+  // An error: `format` with `args`.
   template <class... Args>
   void error(LogFormat<Args...> format, const Args&... args) {
     log(LogType::error, format, args...);
   }
+  // An entry at `type`: `format` with `args`, formatted only when the entry passes.
   template <class... Args>
   void log(LogType type, LogFormat<Args...> format, const Args&... args) {
     if (!levelIsOn(type)) return;
@@ -141,35 +158,44 @@ inline const Log::Options Log::Options::none{false, false, false, false, false};
 // The mark of `type`: "⚫️", "🔵", "☢️" or "⛔️".
 [[nodiscard]] KP_EXPORT std::string_view rawValue(Log::LogType type) noexcept;
 
+// Where a log's entries go: the console, the journal, or a host's own writer.
 class KP_EXPORT LogWriter {
  public:
   virtual ~LogWriter() = default;
+  // How the writer lays out its lines.
   [[nodiscard]] virtual std::shared_ptr<Log::FormatOptions> formatOptions() const = 0;
+  // Replaces the layout options.
   virtual void setFormatOptions(std::shared_ptr<Log::FormatOptions> options) = 0;
+  // Writes one entry; called from any thread.
   virtual void log(const Log::LogData& data) = 0;
 };
 
 // Accepted by logError() and ignored.
 struct KP_EXPORT LogErrorTest {
-  std::string_view text;
+  std::string_view text;  // ignored
 };
 
+// Log::default_().debug().
 template <class... Args>
 void logDebug(LogFormat<Args...> format, const Args&... args) {
   Log::default_().debug(format, args...);
 }
+// Log::default_().info().
 template <class... Args>
 void logInfo(LogFormat<Args...> format, const Args&... args) {
   Log::default_().info(format, args...);
 }
+// Log::default_().warning().
 template <class... Args>
 void logWarning(LogFormat<Args...> format, const Args&... args) {
   Log::default_().warning(format, args...);
 }
+// Log::default_().error().
 template <class... Args>
 void logError(LogFormat<Args...> format, const Args&... args) {
   Log::default_().error(format, args...);
 }
+// Log::default_().error(); the first argument is ignored.
 template <class... Args>
 void logError(LogErrorTest /*test*/, LogFormat<Args...> format, const Args&... args) {
   Log::default_().error(format, args...);
@@ -180,13 +206,21 @@ void logError(LogErrorTest /*test*/, LogFormat<Args...> format, const Args&... a
 class KP_EXPORT LogBridge {
  public:
   LogBridge() = delete;
+  // A debug entry from the calling place.
   static void debug(std::string_view message, LogSource source = tarvix::SourceLocation::current());
+  // An info entry from the calling place.
   static void info(std::string_view message, LogSource source = tarvix::SourceLocation::current());
+  // A warning from the calling place.
   static void warning(std::string_view message, LogSource source = tarvix::SourceLocation::current());
+  // An error from the calling place.
   static void error(std::string_view message, LogSource source = tarvix::SourceLocation::current());
+  // A debug entry from the place the caller names.
   static void debug(std::string_view message, std::string_view filename, int line, std::string_view function);
+  // An info entry from the place the caller names.
   static void info(std::string_view message, std::string_view filename, int line, std::string_view function);
+  // A warning from the place the caller names.
   static void warning(std::string_view message, std::string_view filename, int line, std::string_view function);
+  // An error from the place the caller names.
   static void error(std::string_view message, std::string_view filename, int line, std::string_view function);
 };
 

@@ -46,31 +46,39 @@ namespace kp {
 
 // A source position given explicitly, or taken from a tarvix::SourceLocation.
 struct KP_EXPORT LogSource {
+  // The place `where` names.
   constexpr LogSource(tarvix::SourceLocation where) noexcept  // NOLINT: implicit on purpose
       : filename(where.file_name()), line(where.line()), function(where.function_name()) {}
+  // The place the caller names.
   constexpr LogSource(std::string_view file, int lineNumber, std::string_view functionSignature) noexcept
       : filename(file), line(lineNumber), function(functionSignature) {}
 
-  std::string_view filename;
-  int line;
-  std::string_view function;
+  std::string_view filename;  // the source path
+  int line;                   // the line
+  std::string_view function;  // the function name or signature
 };
 
+// One argument of a log entry, its type erased; the log formats it only when the entry passes.
 class KP_EXPORT LogArg {
  public:
+  // What the argument holds.
   enum class Kind : std::uint8_t { signedInteger, unsignedInteger, floating, text, pointer, object };
+  // Appends an object's description to `out`, as %@ writes it.
   using Describe = void (*)(const void* value, std::string& out);
 
+  // A signed integer of a type `bytes` wide.
   [[nodiscard]] static constexpr LogArg signedInteger(long long value, std::uint8_t bytes) noexcept {
     LogArg arg(Kind::signedInteger, bytes);
     arg.value_.i = value;
     return arg;
   }
+  // An unsigned integer of a type `bytes` wide.
   [[nodiscard]] static constexpr LogArg unsignedInteger(unsigned long long value, std::uint8_t bytes) noexcept {
     LogArg arg(Kind::unsignedInteger, bytes);
     arg.value_.u = value;
     return arg;
   }
+  // A floating-point number.
   [[nodiscard]] static constexpr LogArg floating(double value) noexcept {
     LogArg arg(Kind::floating, 8);
     arg.value_.d = value;
@@ -82,27 +90,33 @@ class KP_EXPORT LogArg {
     arg.value_.text = {data, size};
     return arg;
   }
+  // A pointer, written as an address.
   [[nodiscard]] static constexpr LogArg pointer(const void* value) noexcept {
     LogArg arg(Kind::pointer, sizeof(void*));
     arg.value_.p = value;
     return arg;
   }
+  // An object that `describe` writes.
   [[nodiscard]] static constexpr LogArg object(const void* value, Describe describe) noexcept {
     LogArg arg(Kind::object, 0);
     arg.value_.object = {value, describe};
     return arg;
   }
 
-  [[nodiscard]] constexpr Kind kind() const noexcept { return kind_; }
+  [[nodiscard]] constexpr Kind kind() const noexcept { return kind_; }  // what it holds
   // The width in bytes of the caller's integer type.
   [[nodiscard]] constexpr std::uint8_t bytes() const noexcept { return bytes_; }
+  // The value. REQUIRES: kind() is signedInteger.
   [[nodiscard]] constexpr long long signedValue() const noexcept { return value_.i; }
+  // The value. REQUIRES: kind() is unsignedInteger.
   [[nodiscard]] constexpr unsigned long long unsignedValue() const noexcept { return value_.u; }
+  // The value. REQUIRES: kind() is floating.
   [[nodiscard]] constexpr double floatingValue() const noexcept { return value_.d; }
+  // The value. REQUIRES: kind() is pointer.
   [[nodiscard]] constexpr const void* pointerValue() const noexcept { return value_.p; }
   // REQUIRES: kind() is text. Null for a null C string.
   [[nodiscard]] constexpr const char* textData() const noexcept { return value_.text.data; }
-  [[nodiscard]] constexpr std::size_t textSize() const noexcept { return value_.text.size; }
+  [[nodiscard]] constexpr std::size_t textSize() const noexcept { return value_.text.size; }  // REQUIRES: text
   // Appends the argument as %@ writes it.
   void describe(std::string& out) const;
 
@@ -423,13 +437,17 @@ consteval void checkLogFormat(std::string_view format) {
 
 // A format text known only at run time; see runtimeLogFormat().
 struct KP_EXPORT RuntimeLogFormat {
-  std::string_view text;
+  std::string_view text;  // the format
 };
+// Marks `text` as a format checked only when it is used, for formats made at run time.
 [[nodiscard]] constexpr RuntimeLogFormat runtimeLogFormat(std::string_view text) noexcept { return {text}; }
 
+// A format text for arguments of types Args, with the place it was written. A literal is
+// checked against the arguments when compiled (see the top of this file).
 template <class... Args>
 class BasicLogFormat {
  public:
+  // A literal format, from the calling place; checked when compiled.
   template <class S>
   requires std::convertible_to<const S&, std::string_view>
   consteval BasicLogFormat(const S& text,  // NOLINT: implicit, so that a literal is a format
@@ -437,18 +455,21 @@ class BasicLogFormat {
       : text_(text), source_(where) {
     internal::checkLogFormat<Args...>(text_);
   }
+  // A literal format, from the place the caller names; checked when compiled.
   template <class S>
   requires std::convertible_to<const S&, std::string_view>
   consteval BasicLogFormat(const S& text, LogSource source) : text_(text), source_(source) {
     internal::checkLogFormat<Args...>(text_);
   }
+  // A run-time format, from the calling place.
   BasicLogFormat(RuntimeLogFormat text,  // NOLINT: implicit
                  tarvix::SourceLocation where = tarvix::SourceLocation::current()) noexcept
       : text_(text.text), source_(where) {}
+  // A run-time format, from the place the caller names.
   BasicLogFormat(RuntimeLogFormat text, LogSource source) noexcept : text_(text.text), source_(source) {}
 
-  [[nodiscard]] constexpr std::string_view text() const noexcept { return text_; }
-  [[nodiscard]] constexpr const LogSource& source() const noexcept { return source_; }
+  [[nodiscard]] constexpr std::string_view text() const noexcept { return text_; }      // the format
+  [[nodiscard]] constexpr const LogSource& source() const noexcept { return source_; }  // where it was written
 
  private:
   std::string_view text_;

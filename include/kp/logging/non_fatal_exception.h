@@ -36,27 +36,34 @@ namespace kp {
 // Text fixed when the program is built: only a string literal converts to it.
 class KP_EXPORT StaticText {
  public:
+  // The literal, without its terminator.
   template <std::size_t N>
   consteval StaticText(const char (&literal)[N]) noexcept  // NOLINT: implicit, for literals
       : text_(literal, N - 1) {}
-  [[nodiscard]] constexpr std::string_view view() const noexcept { return text_; }
+  [[nodiscard]] constexpr std::string_view view() const noexcept { return text_; }  // the text
 
  private:
   std::string_view text_;
 };
 
+// An error the library survives (see the top of this file).
 class KP_EXPORT NonFatalException {
  public:
-  using UserInfo = std::map<std::string, std::string>;
+  using UserInfo = std::map<std::string, std::string>;  // details, by key
 
+  // An exception with these parts.
   explicit NonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
                              std::optional<std::string> recoverySuggestion = std::nullopt,
                              std::optional<UserInfo> userInfo = std::nullopt);
 
-  [[nodiscard]] std::string_view description() const noexcept { return description_.view(); }
+  [[nodiscard]] std::string_view description() const noexcept { return description_.view(); }  // what happened
+  // Why it happened, when known.
   [[nodiscard]] const std::optional<std::string>& failureReason() const noexcept { return failureReason_; }
+  // What to do about it, when known.
   [[nodiscard]] const std::optional<std::string>& recoverySuggestion() const noexcept { return recoverySuggestion_; }
+  // Further details, when given.
   [[nodiscard]] const std::optional<UserInfo>& userInfo() const noexcept { return userInfo_; }
+  // The parts as the message the assertion hook gets (see the top of this file).
   [[nodiscard]] std::string assertionFailureMessage() const;
 
  private:
@@ -70,9 +77,11 @@ class KP_EXPORT NonFatalException {
 // its service container.
 class KP_EXPORT NonFatalExceptionReporter : public virtual tarvix::Service {
  public:
+  // Takes one report, on the reporting thread.
   virtual void report(const NonFatalException& exception) = 0;
 };
 
+// Reports an error the library survives (see the top of this file).
 KP_EXPORT void nonFatalException(StaticText description, std::optional<std::string> failureReason = std::nullopt,
                                  std::optional<std::string> recoverySuggestion = std::nullopt,
                                  std::optional<NonFatalException::UserInfo> userInfo = std::nullopt) noexcept;

@@ -39,18 +39,23 @@ namespace kp {
 // The console mark of `level`: "⚫️", "🔵", "☢️", "⛔️" or "🔥".
 [[nodiscard]] KP_EXPORT std::string_view mark(TarvixLogLevel level) noexcept;
 
+// Hands one entry to a system logger; a seam for tests.
 class KP_EXPORT TarvixOSLogExecutable {
  public:
   virtual ~TarvixOSLogExecutable() = default;
+  // Writes `message` at `level` through `logger`.
   virtual void log(const OSLogger& logger, OSLogType level, std::string_view message,
                    const OSLogCodeLocation& where) = 0;
 };
 
+// Writes through the logger when it is enabled for the level.
 class KP_EXPORT TarvixCoreLogicOSLogExecutor final : public TarvixOSLogExecutable {
  public:
+  // Writes `message` at `level` through `logger` when the logger takes that level.
   void log(const OSLogger& logger, OSLogType level, std::string_view message, const OSLogCodeLocation& where) override;
 };
 
+// Writes a logger's entries to the system log, one system logger per category.
 class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
  public:
   // REQUIRES: logExecutable is not null. Entries go to `systemLog` (the system journal unless
@@ -58,7 +63,7 @@ class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
   TarvixOSLogWriter(std::string subsystem, std::unique_ptr<TarvixOSLogExecutable> logExecutable,
                     std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 
-  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }
+  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }  // the entries' subsystem
   void log(const TarvixLogData& data) override;
 
  private:
@@ -72,20 +77,25 @@ class KP_EXPORT TarvixOSLogWriter final : public TarvixLogWriter {
   std::map<std::string, std::unique_ptr<const OSLogger>, std::less<>> loggers_;
 };
 
+// Prints one console line; a seam for tests.
 class KP_EXPORT TarvixConsoleLogExecutable {
  public:
   virtual ~TarvixConsoleLogExecutable() = default;
+  // Prints `message` as one line.
   virtual void log(std::string_view message) = 0;
 };
 
 // Prints each message and a line feed to standard output with one write.
 class KP_EXPORT DefaultTarvixConsoleLogExecutor final : public TarvixConsoleLogExecutable {
  public:
-  void log(std::string_view message) override;
+  void log(std::string_view message) override;  // one write of the message and a line feed
 };
 
+// Writes a logger's entries as console lines: time, mark, category, the caller's place and
+// the message.
 class KP_EXPORT TarvixConsoleLogWriter final : public TarvixLogWriter {
  public:
+  // Lines go to `logExecutable`; standard output by default.
   explicit TarvixConsoleLogWriter(
       std::shared_ptr<TarvixConsoleLogExecutable> logExecutable = std::make_shared<DefaultTarvixConsoleLogExecutor>());
 

@@ -56,26 +56,32 @@ enum class TarvixLogLevel : int { debug = 0, info = 1, notice = 2, error = 3, fa
 // Its name: "debug", "info", "notice", "error" or "fault".
 [[nodiscard]] KP_EXPORT std::string_view name(TarvixLogLevel level) noexcept;
 
+// One entry as a TarvixLogWriter receives it.
 struct KP_EXPORT TarvixLogData {
-  TarvixLogLevel level = TarvixLogLevel::debug;
-  Date date;
-  std::string message;
-  std::string category;
-  std::string filename;  // the caller's source path
-  int line = 0;
-  std::string function;  // the caller's function name or signature
+  TarvixLogLevel level = TarvixLogLevel::debug;  // the level
+  Date date;                                     // when it was logged
+  std::string message;                           // the message
+  std::string category;                          // the category's raw value
+  std::string filename;                          // the caller's source path
+  int line = 0;                                  // the caller's line
+  std::string function;                          // the caller's function name or signature
 };
 
+// Where a logger's entries go (tarvix_log_writers.h has the library's own).
 class KP_EXPORT TarvixLogWriter {
  public:
   virtual ~TarvixLogWriter() = default;
+  // Writes one entry; called from any thread.
   virtual void log(const TarvixLogData& data) = 0;
 };
 
+// Hears of every write of a logger's settings.
 class KP_EXPORT TarvixLoggerObserver {
  public:
   virtual ~TarvixLoggerObserver() = default;
+  // The master switch was written (changed or not).
   virtual void isEnabledDidChange(bool isEnabled) = 0;
+  // The threshold was written (changed or not).
   virtual void logLevelDidChange(TarvixLogLevel logLevel) = 0;
 };
 
@@ -88,7 +94,7 @@ concept TarvixLogCategory = std::copyable<C> && requires(const C& category) {
 template <TarvixLogCategory Category>
 class TarvixLogger {
  public:
-  using Where = tarvix::SourceLocation;
+  using Where = tarvix::SourceLocation;  // the calling place
 
   // REQUIRES: logWriter is not null.
   TarvixLogger(std::unique_ptr<TarvixLogWriter> logWriter, TarvixLogLevel logLevel, bool isEnabled)
@@ -96,34 +102,49 @@ class TarvixLogger {
   TarvixLogger(const TarvixLogger&) = delete;
   TarvixLogger& operator=(const TarvixLogger&) = delete;
 
+  // The master switch.
   [[nodiscard]] bool isEnabled() const noexcept { return isEnabled_.load(std::memory_order_relaxed); }
+  // Writes the master switch and tells the observers.
   void setIsEnabled(bool isEnabled) {
     isEnabled_.store(isEnabled, std::memory_order_relaxed);
     observers_.forEach([isEnabled](const auto& observer) { observer->isEnabledDidChange(isEnabled); });
   }
+  // The threshold.
   [[nodiscard]] TarvixLogLevel logLevel() const noexcept { return logLevel_.load(std::memory_order_relaxed); }
+  // Writes the threshold and tells the observers.
   void setLogLevel(TarvixLogLevel logLevel) {
     logLevel_.store(logLevel, std::memory_order_relaxed);
     observers_.forEach([logLevel](const auto& observer) { observer->logLevelDidChange(logLevel); });
   }
 
+  // Holds `observer` weakly until it is removed or released.
   void add(const std::shared_ptr<TarvixLoggerObserver>& observer) { observers_.add(observer); }
+  // Stops telling `observer`.
   void remove(const std::shared_ptr<TarvixLoggerObserver>& observer) { observers_.remove(observer); }
 
   // Empty on purpose (see above): they neither filter nor reach the writer.
   void debug(std::string_view /*message*/, Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void debug(const Category& /*category*/, std::string_view /*message*/,
              Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void info(std::string_view /*message*/, Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void info(const Category& /*category*/, std::string_view /*message*/,
             Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void notice(std::string_view /*message*/, Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void notice(const Category& /*category*/, std::string_view /*message*/,
               Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void error(std::string_view /*message*/, Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void error(const Category& /*category*/, std::string_view /*message*/,
              Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void fault(std::string_view /*message*/, Where /*where*/ = Where::current()) const noexcept {}
+  // Empty on purpose, as debug(message).
   void fault(const Category& /*category*/, std::string_view /*message*/,
              Where /*where*/ = Where::current()) const noexcept {}
 
@@ -137,11 +158,13 @@ class TarvixLogger {
 
 // The library's own category.
 enum class TarvixCoreLogicLogCategory { general };
+// "General".
 [[nodiscard]] constexpr std::string_view rawValue(TarvixCoreLogicLogCategory) noexcept { return "General"; }
 
+// The library's core log channel (see the top of this file).
 class KP_EXPORT TarvixLoggers {
  public:
-  using CoreLogger = TarvixLogger<TarvixCoreLogicLogCategory>;
+  using CoreLogger = TarvixLogger<TarvixCoreLogicLogCategory>;  // the channel's logger type
 
   // The subsystem of the default channel's writer (which, like every channel's, receives
   // nothing: see the top of this file).

@@ -25,6 +25,7 @@
 
 namespace kp {
 
+// The kind of interface the application shows, as the host states it.
 enum class UserInterfaceIdiom { unspecified = -1, phone = 0, pad = 1, tv = 2, carPlay = 3, mac = 5, vision = 6 };
 
 struct KP_EXPORT ApplicationInfo {
@@ -37,15 +38,15 @@ struct KP_EXPORT ApplicationInfo {
   std::string name;     // display name (the host's, else the desktop entry's Name)
   std::string version;  // marketing version, "5.2.0"; empty unless the host sets it
   std::string build;    // build number; empty unless the host sets it
-  UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;
-  double screenScale = 1.0;
-  std::string systemName;                       // "Linux"
-  std::string systemVersion;                    // the host's; empty: the operating system's
-  std::string deviceModel;                      // DMI product name or machine type
-  std::string localeIdentifier;                 // "en_US"
-  std::string timeZone;                         // "Europe/Berlin"
-  std::string currencyCode;                     // "EUR"; empty when unknown
-  std::vector<std::string> preferredLanguages;  // "nl-NL", "en": most preferred first
+  UserInterfaceIdiom idiom = UserInterfaceIdiom::unspecified;  // the host's; unspecified otherwise
+  double screenScale = 1.0;                                    // device pixels per point; the host's, else 1
+  std::string systemName;                                      // "Linux"
+  std::string systemVersion;                                   // the host's; empty: the operating system's
+  std::string deviceModel;                                     // DMI product name or machine type
+  std::string localeIdentifier;                                // "en_US"
+  std::string timeZone;                                        // "Europe/Berlin"
+  std::string currencyCode;                                    // "EUR"; empty when unknown
+  std::vector<std::string> preferredLanguages;                 // "nl-NL", "en": most preferred first
 
   // The facts in force: the host's, or the defaults read from the system on first use.
   [[nodiscard]] static ApplicationInfo current();

@@ -33,11 +33,15 @@ namespace kp {
 
 class KP_EXPORT DateFormatter {
  public:
+  // The zone dates are written in.
   enum class Zone { local, utc };
 
+  // A formatter for `pattern` in `zone`.
   explicit DateFormatter(std::string_view pattern, Zone zone = Zone::local);
 
+  // The pattern.
   [[nodiscard]] const std::string& pattern() const noexcept { return pattern_; }
+  // `date` as the pattern writes it.
   [[nodiscard]] std::string string(Date date) const;
   // Appends the formatted date to `out`.
   void append(std::string& out, Date date) const;

@@ -28,9 +28,12 @@
 
 namespace kp {
 
+// A work item; it must not throw.
 using Work = std::function<void()>;
+// Delays and intervals of the queues and timers.
 using Duration = std::chrono::steady_clock::duration;
 
+// Where work runs: the main queue, a serial queue or the background pool.
 class KP_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   virtual ~DispatchQueue() = default;
@@ -40,6 +43,7 @@ class KP_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueu
   // Runs `work` on this queue and returns when it has run. Called from work that this queue
   // (or a queue it targets) is running, `work` runs at once rather than waiting for itself.
   virtual void sync(const std::function<void()>& work) = 0;
+  // The name the queue was made with, for logs and diagnostics.
   [[nodiscard]] virtual const std::string& label() const noexcept = 0;
   // Runs `work` on the calling thread, as this queue's item, when the queue is idle and work
   // run here would be indistinguishable from work run by async(); returns false, leaving
@@ -52,6 +56,7 @@ class KP_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueu
   // Runs `work` on this queue after `delay`.
   void asyncAfter(Duration delay, Work work);
 
+  // sync() for work with a result: runs `f` on this queue and returns what it returned.
   template <class F>
   auto syncValue(F&& f) -> std::invoke_result_t<F&> {
     using R = std::invoke_result_t<F&>;
@@ -68,6 +73,7 @@ class KP_EXPORT DispatchQueue : public std::enable_shared_from_this<DispatchQueu
   // Marks the calling thread as running work of `queue` for the frame's lifetime.
   class RunningFrame {
    public:
+    // Marks the calling thread as running work of `queue`.
     explicit RunningFrame(const DispatchQueue* queue) noexcept;
     ~RunningFrame();
     RunningFrame(const RunningFrame&) = delete;
@@ -116,6 +122,8 @@ class KP_EXPORT MainQueue final : public DispatchQueue {
 // the queue it targets).
 class KP_EXPORT SerialQueue final : public DispatchQueue {
  public:
+  // A new queue named `label`, running its items on `target`, or on the background pool when
+  // `target` is null.
   [[nodiscard]] static std::shared_ptr<SerialQueue> make(std::string label,
                                                          std::shared_ptr<DispatchQueue> target = nullptr);
   ~SerialQueue() override;
@@ -144,6 +152,8 @@ class KP_EXPORT SerialQueue final : public DispatchQueue {
 // A timer that runs `work` on `queue` every `interval` until invalidated or destroyed.
 class KP_EXPORT RepeatingTimer {
  public:
+  // A running timer whose first firing comes `interval` from now; it stops when the returned
+  // timer is destroyed.
   [[nodiscard]] static std::unique_ptr<RepeatingTimer> schedule(std::shared_ptr<DispatchQueue> queue, Duration interval,
                                                                 Work work);
   ~RepeatingTimer();
@@ -151,6 +161,7 @@ class KP_EXPORT RepeatingTimer {
   RepeatingTimer& operator=(const RepeatingTimer&) = delete;
   // Stops the timer; a firing already queued on the target queue does not run.
   void invalidate();
+  // True until invalidate().
   [[nodiscard]] bool isValid() const noexcept;
 
   struct State;

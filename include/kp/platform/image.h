@@ -34,15 +34,17 @@
 
 namespace kp {
 
+// A size in points.
 struct KP_EXPORT ImageSize {
-  double width = 0;
-  double height = 0;
-  friend bool operator==(const ImageSize&, const ImageSize&) = default;
+  double width = 0;                                                      // points
+  double height = 0;                                                     // points
+  friend bool operator==(const ImageSize&, const ImageSize&) = default;  // equal sides
 };
 
+// A decoded image (see the top of this file).
 class KP_EXPORT Image {
  public:
-  static constexpr std::uint32_t kMaxDimension = 16384;
+  static constexpr std::uint32_t kMaxDimension = 16384;       // the widest and highest image taken
   static constexpr std::uint64_t kMaxPixelCount = 32u << 20;  // 128 MiB of pixels
 
   // REQUIRES: both dimensions between 1 and kMaxDimension, at most kMaxPixelCount pixels,
@@ -55,6 +57,7 @@ class KP_EXPORT Image {
   // limits.
   [[nodiscard]] static std::optional<Image> decode(std::span<const std::uint8_t> bytes,
                                                    std::optional<double> scale = std::nullopt);
+  // The same, from a buffer.
   [[nodiscard]] static std::optional<Image> decode(const Data& bytes, std::optional<double> scale = std::nullopt) {
     return decode(bytes.bytes(), scale);
   }
@@ -62,9 +65,9 @@ class KP_EXPORT Image {
   // The image as PNG with its scale recorded; nothing only when the encoder fails.
   [[nodiscard]] std::optional<Data> pngData() const;
 
-  [[nodiscard]] std::uint32_t pixelWidth() const noexcept { return width_; }
-  [[nodiscard]] std::uint32_t pixelHeight() const noexcept { return height_; }
-  [[nodiscard]] double scale() const noexcept { return scale_; }
+  [[nodiscard]] std::uint32_t pixelWidth() const noexcept { return width_; }    // pixels
+  [[nodiscard]] std::uint32_t pixelHeight() const noexcept { return height_; }  // pixels
+  [[nodiscard]] double scale() const noexcept { return scale_; }                // pixels per point
   // The size in points: pixels divided by the scale.
   [[nodiscard]] ImageSize size() const noexcept { return {width_ / scale_, height_ / scale_}; }
   // 4 bytes per pixel (red, green, blue, alpha, not premultiplied), rows top to bottom.

@@ -31,28 +31,32 @@
 
 namespace kp {
 
+// A flag word: the bits of ReachabilityFlag.
 using ReachabilityFlags = std::uint32_t;
 
+// The bits of a flag word (see the top of this file for those the Linux source sets).
 struct KP_EXPORT ReachabilityFlag {
-  static constexpr ReachabilityFlags transientConnection = 1u << 0;
-  static constexpr ReachabilityFlags reachable = 1u << 1;
-  static constexpr ReachabilityFlags connectionRequired = 1u << 2;
-  static constexpr ReachabilityFlags connectionOnTraffic = 1u << 3;
-  static constexpr ReachabilityFlags interventionRequired = 1u << 4;
-  static constexpr ReachabilityFlags connectionOnDemand = 1u << 5;
-  static constexpr ReachabilityFlags isLocalAddress = 1u << 16;
-  static constexpr ReachabilityFlags isDirect = 1u << 17;
-  static constexpr ReachabilityFlags isWWAN = 1u << 18;
+  static constexpr ReachabilityFlags transientConnection = 1u << 0;   // a link made for the moment
+  static constexpr ReachabilityFlags reachable = 1u << 1;             // traffic can leave the device
+  static constexpr ReachabilityFlags connectionRequired = 1u << 2;    // the link must connect first
+  static constexpr ReachabilityFlags connectionOnTraffic = 1u << 3;   // it connects when traffic comes
+  static constexpr ReachabilityFlags interventionRequired = 1u << 4;  // the user must step in first
+  static constexpr ReachabilityFlags connectionOnDemand = 1u << 5;    // it connects when asked to
+  static constexpr ReachabilityFlags isLocalAddress = 1u << 16;       // the address is the device's own
+  static constexpr ReachabilityFlags isDirect = 1u << 17;             // no gateway lies between
+  static constexpr ReachabilityFlags isWWAN = 1u << 18;               // the link is a cellular modem
 };
 
 // An IPv4 socket address; the all-zero address stands for the internet in general.
 struct KP_EXPORT IPv4SocketAddress {
-  std::uint16_t port = 0;
-  std::array<std::uint8_t, 4> address{};
+  std::uint16_t port = 0;                 // the port; any for the all-zero address
+  std::array<std::uint8_t, 4> address{};  // the bytes as written: 127, 0, 0, 1
 };
 
+// The seam itself (see the top of this file).
 class KP_EXPORT NetworkReachability {
  public:
+  // Receives each new flag word.
   using Callback = std::function<void(ReachabilityFlags)>;
 
   virtual ~NetworkReachability() = default;

@@ -32,22 +32,28 @@
 
 namespace kp {
 
+// One notification.
 struct KP_EXPORT Notification {
-  std::string name;
+  std::string name;  // what happened
   // The sender's identity (compared, never dereferenced); null for none.
   const void* sender = nullptr;
-  std::map<std::string, std::any> userInfo;
+  std::map<std::string, std::any> userInfo;  // details, by key
 };
 
+// The application notifications the host posts (the library observes them).
 struct KP_EXPORT ApplicationNotifications {
+  // The application came to the foreground.
   static constexpr std::string_view kDidBecomeActive = "UIApplicationDidBecomeActiveNotification";
+  // The application is about to leave the foreground.
   static constexpr std::string_view kWillResignActive = "UIApplicationWillResignActiveNotification";
+  // The system is short of memory.
   static constexpr std::string_view kDidReceiveMemoryWarning = "UIApplicationDidReceiveMemoryWarningNotification";
 };
 
+// Delivers named notifications to their observers.
 class KP_EXPORT NotificationCenter {
  public:
-  using Handler = std::function<void(const Notification&)>;
+  using Handler = std::function<void(const Notification&)>;  // receives a notification
 
   // An observation; it ends when removed through the centre or when the token is destroyed.
   class Observation {
@@ -63,7 +69,7 @@ class KP_EXPORT NotificationCenter {
     NotificationCenter* center_;
     std::shared_ptr<Entry> entry_;
   };
-  using ObservationToken = std::unique_ptr<Observation>;
+  using ObservationToken = std::unique_ptr<Observation>;  // owns an observation
 
   NotificationCenter();
   ~NotificationCenter();
@@ -77,9 +83,12 @@ class KP_EXPORT NotificationCenter {
   // posting thread. REQUIRES: the centre outlives the token.
   [[nodiscard]] ObservationToken addObserver(std::string_view name, const void* sender,
                                              std::shared_ptr<DispatchQueue> queue, Handler handler);
+  // Ends the observation and empties the token.
   void removeObserver(ObservationToken& token);
 
+  // Delivers `notification` to every observer of its name and sender.
   void post(Notification notification);
+  // The same, for a notification without user info.
   void post(std::string_view name, const void* sender = nullptr) { post(Notification{std::string(name), sender, {}}); }
 
  private:

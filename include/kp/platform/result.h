@@ -22,10 +22,12 @@ namespace kp {
 template <class T>
 class Result {
  public:
+  // A success holding `value`.
   [[nodiscard]] static Result success(T value) { return Result(std::in_place_index<0>, std::move(value)); }
   // REQUIRES: `error` is not null.
   [[nodiscard]] static Result failure(ErrorPtr error) { return Result(std::in_place_index<1>, std::move(error)); }
 
+  // True for a success.
   [[nodiscard]] bool isSuccess() const noexcept { return storage_.index() == 0; }
   // The value of a success; null for a failure.
   [[nodiscard]] const T* value() const noexcept { return std::get_if<0>(&storage_); }
@@ -44,7 +46,9 @@ class Result {
 // An error that is only a message: domain kDomain, code 0, the message as its description.
 class KP_EXPORT CustomError {
  public:
+  // Its domain.
   static constexpr std::string_view kDomain = "KPFrameworkCoreLogic.CustomError";
+  // An error with `message` as its description.
   [[nodiscard]] static ErrorPtr make(std::string message) {
     return Error::make(std::string(kDomain), 0, std::move(message));
   }

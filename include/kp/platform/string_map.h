@@ -19,11 +19,15 @@
 
 namespace kp {
 
+// Hashes keys of any string type alike, so that lookups take string views.
 struct KP_EXPORT StringHash {
+  // Lookups with other key types.
   using is_transparent = void;
+  // The key's hash.
   std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>{}(key); }
 };
 
+// A map with string keys that string views look up.
 template <class T>
 using StringMap = std::unordered_map<std::string, T, StringHash, std::equal_to<>>;
 

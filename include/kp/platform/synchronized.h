@@ -28,6 +28,7 @@ enum class WorkItemFlags : unsigned { none = 0, barrier = 1u << 0, enforceQoS = 
 template <class T>
 class Synchronized {
  public:
+  // `value`, guarded by a new serial queue named `label`.
   Synchronized(T value, std::string label, WorkItemFlags writeFlags = WorkItemFlags::none)
       : Synchronized(std::move(value), SerialQueue::make(std::move(label)), writeFlags) {}
   // REQUIRES: `queue` is serial; a concurrent queue would let reads race writes.
@@ -41,6 +42,7 @@ class Synchronized {
   [[nodiscard]] T get() const {
     return queue_->syncValue([this]() -> T { return value_; });
   }
+  // Replaces the value.
   void set(T value) {
     queue_->sync([&] { value_ = std::move(value); });
   }
@@ -55,7 +57,9 @@ class Synchronized {
     return queue_->syncValue([&] { return f(value_); });
   }
 
+  // The queue that guards the value.
   [[nodiscard]] const std::shared_ptr<DispatchQueue>& queue() const noexcept { return queue_; }
+  // The flags of writes.
   [[nodiscard]] WorkItemFlags writeFlags() const noexcept { return writeFlags_; }
 
  private:

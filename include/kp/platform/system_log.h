@@ -35,25 +35,28 @@
 
 namespace kp {
 
+// The levels of the system log, lowest first.
 enum class OSLogType : std::uint8_t { debug, info, default_, error, fault };
 
 // "debug", "info", "default", "error" or "fault".
 [[nodiscard]] KP_EXPORT std::string_view name(OSLogType type) noexcept;
 
+// Where an entry was logged from.
 struct KP_EXPORT OSLogCodeLocation {
-  std::string_view file;
-  int line = 0;
-  std::string_view function;
+  std::string_view file;      // the source path
+  int line = 0;               // the line
+  std::string_view function;  // the function name
 };
 
 class KP_EXPORT SystemLog {
  public:
+  // One entry.
   struct Entry {
-    std::string_view subsystem;
-    std::string_view category;
-    OSLogType type = OSLogType::default_;
-    std::string_view message;
-    OSLogCodeLocation where;
+    std::string_view subsystem;            // the program's subsystem, "com.example.app"
+    std::string_view category;             // the part of it, "Network"
+    OSLogType type = OSLogType::default_;  // the level
+    std::string_view message;              // the text
+    OSLogCodeLocation where;               // where it was logged from
   };
 
   virtual ~SystemLog() = default;
@@ -69,14 +72,17 @@ class KP_EXPORT SystemLog {
   virtual bool write(const Entry& entry) noexcept = 0;
 };
 
+// Writes entries of one subsystem and category to a system log.
 class KP_EXPORT OSLogger {
  public:
+  // Entries of `subsystem` and `category`, written to `systemLog`.
   OSLogger(std::string subsystem, std::string category, std::shared_ptr<SystemLog> systemLog = SystemLog::shared());
 
-  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }
-  [[nodiscard]] const std::string& category() const noexcept { return category_; }
+  [[nodiscard]] const std::string& subsystem() const noexcept { return subsystem_; }  // the subsystem
+  [[nodiscard]] const std::string& category() const noexcept { return category_; }    // the category
   // Every type: the journal filters by its own MaxLevelStore, which a client cannot read.
   [[nodiscard]] bool isEnabled(OSLogType type) const noexcept;
+  // Writes one entry.
   void log(OSLogType type, std::string_view message, const OSLogCodeLocation& where = {}) const noexcept;
 
  private:

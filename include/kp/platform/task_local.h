@@ -27,8 +27,10 @@ namespace kp {
 // An immutable chain of bindings; the innermost binding of a key wins.
 class KP_EXPORT TaskLocalBindings {
  public:
+  // Binds `value` to `key` in front of `outer`.
   TaskLocalBindings(const void* key, std::shared_ptr<void> value, std::shared_ptr<const TaskLocalBindings> outer)
       : key_(key), value_(std::move(value)), outer_(std::move(outer)) {}
+  // The innermost value bound to `key`; null when there is none.
   [[nodiscard]] const std::shared_ptr<void>* find(const void* key) const noexcept {
     for (const TaskLocalBindings* b = this; b != nullptr; b = b->outer_.get()) {
       if (b->key_ == key) return &b->value_;
@@ -42,6 +44,7 @@ class KP_EXPORT TaskLocalBindings {
   std::shared_ptr<const TaskLocalBindings> outer_;
 };
 
+// The bindings of a task at one moment.
 using TaskLocalSnapshot = std::shared_ptr<const TaskLocalBindings>;
 
 // The calling thread's current bindings (null when nothing is bound).
@@ -51,6 +54,7 @@ using TaskLocalSnapshot = std::shared_ptr<const TaskLocalBindings>;
 // previous ones. Executors use it around each work item.
 class KP_EXPORT ScopedTaskLocalBindings {
  public:
+  // Makes `snapshot` the calling thread's bindings until the end of the scope.
   explicit ScopedTaskLocalBindings(TaskLocalSnapshot snapshot) noexcept;
   ~ScopedTaskLocalBindings();
   ScopedTaskLocalBindings(const ScopedTaskLocalBindings&) = delete;
@@ -60,6 +64,7 @@ class KP_EXPORT ScopedTaskLocalBindings {
   TaskLocalSnapshot previous_;
 };
 
+// A value bound for a task and the work it posts (see the top of this file).
 template <class T>
 class TaskLocal {
  public:
@@ -82,6 +87,7 @@ class TaskLocal {
     return bindings && bindings->find(this) != nullptr;
   }
 
+  // The value outside every binding.
   [[nodiscard]] std::shared_ptr<T> defaultValue() const {
     std::call_once(defaultOnce_, [this] { default_ = makeDefault_(); });
     return default_;

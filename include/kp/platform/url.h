@@ -36,18 +36,21 @@ class KP_EXPORT Url {
   // is not UTF-8, disallowed code points, labels over 63 bytes).
   [[nodiscard]] static std::optional<Url> parseEncodingInvalidCharacters(std::string_view text);
 
-  [[nodiscard]] const std::string& absoluteString() const noexcept { return text_; }
-  [[nodiscard]] bool isAbsolute() const noexcept { return !scheme_.empty(); }
-  [[nodiscard]] const std::string& scheme() const noexcept { return scheme_; }
+  [[nodiscard]] const std::string& absoluteString() const noexcept { return text_; }  // the whole URL text
+  [[nodiscard]] bool isAbsolute() const noexcept { return !scheme_.empty(); }         // it has a scheme
+  [[nodiscard]] const std::string& scheme() const noexcept { return scheme_; }        // "https"; empty when none
+  // The user information's user; nothing when the URL has none.
   [[nodiscard]] const std::optional<std::string>& user() const noexcept { return user_; }
+  // The user information's password; nothing when the URL has none.
   [[nodiscard]] const std::optional<std::string>& password() const noexcept { return password_; }
   // The host as written (brackets kept for IPv6 literals); empty when the URL has none.
   [[nodiscard]] const std::string& host() const noexcept { return host_; }
-  [[nodiscard]] std::optional<std::uint16_t> port() const noexcept { return port_; }
+  [[nodiscard]] std::optional<std::uint16_t> port() const noexcept { return port_; }  // nothing when not written
   // Encoded path, exactly as written; empty when the URL has none.
   [[nodiscard]] const std::string& path() const noexcept { return path_; }
   // Encoded query without "?"; nothing when there is no "?", empty for a bare "?".
   [[nodiscard]] const std::optional<std::string>& query() const noexcept { return query_; }
+  // Encoded fragment without "#"; nothing when there is no "#".
   [[nodiscard]] const std::optional<std::string>& fragment() const noexcept { return fragment_; }
 
   // This reference resolved against `base` (as a browser follows a relative Location).
@@ -55,8 +58,8 @@ class KP_EXPORT Url {
   // The same URL with the query replaced (`query` is taken as already encoded) or removed.
   [[nodiscard]] Url withQuery(std::optional<std::string_view> query) const;
 
-  friend bool operator==(const Url& a, const Url& b) { return a.text_ == b.text_; }
-  friend auto operator<=>(const Url& a, const Url& b) { return a.text_ <=> b.text_; }
+  friend bool operator==(const Url& a, const Url& b) { return a.text_ == b.text_; }    // the same text
+  friend auto operator<=>(const Url& a, const Url& b) { return a.text_ <=> b.text_; }  // by text
 
  private:
   Url() = default;

@@ -38,6 +38,7 @@ class WeakHashTable {
     std::lock_guard lock(mutex_);
     std::erase_if(entries_, [element](const Entry& e) { return e.address == element; });
   }
+  // Removes `element`, if present.
   void remove(const std::shared_ptr<T>& element) { remove(element.get()); }
 
   // The live elements, in insertion order.
@@ -51,12 +52,15 @@ class WeakHashTable {
     return live;
   }
 
+  // Calls `f` with each live element.
   template <class F>
   void forEach(F&& f) const {
     for (const auto& element : allObjects()) f(element);
   }
 
+  // The number of live elements.
   [[nodiscard]] std::size_t count() const { return allObjects().size(); }
+  // Whether `element` is present and alive.
   [[nodiscard]] bool contains(const T* element) const {
     std::lock_guard lock(mutex_);
     return std::any_of(entries_.begin(), entries_.end(),

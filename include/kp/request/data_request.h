@@ -19,11 +19,15 @@
 
 namespace kp {
 
+// The result of a data request: the body as bytes.
 class KP_EXPORT DataRequestResult : public TypedRequestResult<DataRequestResult> {
  public:
+  // The class name its archived form (in the cache) carries.
   static constexpr std::string_view kArchiveClassName = "KPDataRequestResult";
   DataRequestResult() = default;
+  // A copy with its own copy of the body.
   DataRequestResult(const DataRequestResult&) = default;
+  // Takes a copy of `other`'s fields, the body included.
   DataRequestResult& operator=(const DataRequestResult&) = default;
   ~DataRequestResult() override;
   // The body; null when there was none.

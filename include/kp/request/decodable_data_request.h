@@ -37,18 +37,22 @@ namespace kp {
 
 // Handed to the decoder in its user info under kUserInfoKey.
 struct KP_EXPORT DecodableDataRequestContext {
+  // The key of the context in the decoder's user info.
   static constexpr std::string_view kUserInfoKey = "DecodableDataRequestContext";
-  std::shared_ptr<const DecoderType> decoder;
-  std::shared_ptr<HttpResponse> httpResponse;
+  std::shared_ptr<const DecoderType> decoder;  // the decoder running
+  std::shared_ptr<HttpResponse> httpResponse;  // the answer being decoded
 };
 
+// What a decodable data request delivers: the body decoded into a T, or the error.
 template <class T>
 class DecodableDataRequestResult : public TypedRequestResult<DecodableDataRequestResult<T>> {
  public:
+  // The class name its archived form (in the cache) carries.
   static constexpr std::string_view kArchiveClassName = "KPDecodableDataRequestResult";
 
   // The decoded value; null when there is none.
   [[nodiscard]] const T* value() const noexcept { return std::any_cast<T>(&this->data); }
+  // The HTTP response; null when no answer arrived.
   [[nodiscard]] const std::shared_ptr<HttpResponse>& httpResponse() const noexcept { return this->response; }
   // The error when there is one, else the value, else a failure "No data available.".
   [[nodiscard]] Result<T> asResult() const {
@@ -73,6 +77,8 @@ KP_EXPORT void prepareEncryptedUrlRequest(HttpRequestHandler& handler, const Htt
 template <class T>
 class DecodableDataRequest;
 
+// The handler of decodable data requests: encrypts what the request's keys say and decodes the
+// body with the request's decoder.
 template <class T>
 class DecodableDataRequestHandler : public TypedRequestHandler<DecodableDataRequestResult<T>> {
  public:
@@ -117,9 +123,14 @@ class DecodableDataRequest : public TypedHttpRequest<DecodableDataRequest<T>, De
   using TypedHttpRequest<DecodableDataRequest<T>, DecodableDataRequestHandler<T>, DecodableDataRequestResult<T>,
                          BasicHttpRequest>::TypedHttpRequest;
 
+  // Encrypts the query with this key, when given and not empty.
   std::optional<std::string> requestQueryEncryptionKey;
+  // Encrypts the body with this key, when given and not empty.
   std::optional<std::string> requestBodyEncryptionKey;
+  // The body arrives as Base64 ciphertext under this key; without one (or with an empty one)
+  // it is read as it is.
   std::optional<std::string> responseBodyDecryptionKey;
+  // Decodes the body into a T; JSON by default.
   std::shared_ptr<const DecoderType> decoder = std::make_shared<JsonDecoder>();
 };
 

@@ -20,8 +20,11 @@ class KP_EXPORT EncryptionRequestType {
  public:
   virtual ~EncryptionRequestType() = default;
 
+  // Encrypts the query with this key.
   std::optional<std::string> requestQueryEncryptionKey;
+  // Encrypts the body with this key.
   std::optional<std::string> requestBodyEncryptionKey;
+  // Decrypts the answer with this key.
   std::optional<std::string> responseBodyDecryptionKey;
 };
 

@@ -27,6 +27,7 @@
 
 namespace kp {
 
+// Runs a request at once on the calling thread (see the top of this file).
 class KP_EXPORT DirectExecutionQueue final : public RequestQueueInterface,
                                              public std::enable_shared_from_this<DirectExecutionQueue> {
  public:
@@ -39,6 +40,7 @@ class KP_EXPORT DirectExecutionQueue final : public RequestQueueInterface,
   [[nodiscard]] std::int64_t maxConcurrentRequests() const override { return std::numeric_limits<std::int64_t>::max(); }
   void setMaxConcurrentRequests(std::int64_t) override {}
 
+  // Whether a request was added.
   [[nodiscard]] bool isUsed() const;
 
  private:
@@ -50,6 +52,7 @@ class KP_EXPORT DirectExecutionQueue final : public RequestQueueInterface,
   std::shared_ptr<RequestType> request_;  // guarded by mutex_
 };
 
+// Runs a request and blocks until its result is there (see the top of this file).
 class KP_EXPORT SynchronousRequestQueue final : public RequestQueueInterface {
  public:
   void addRequest(const std::shared_ptr<RequestType>& request) override;

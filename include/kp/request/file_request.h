@@ -31,8 +31,10 @@
 
 namespace kp {
 
+// The result of a file request.
 class KP_EXPORT FileRequestResult : public TypedRequestResult<FileRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPFileRequestResult";
   // Where the download was moved to; null when it was not.
   [[nodiscard]] const std::filesystem::path* filePath() const noexcept {
@@ -40,6 +42,7 @@ class KP_EXPORT FileRequestResult : public TypedRequestResult<FileRequestResult>
   }
 };
 
+// The handler of file requests.
 class KP_EXPORT FileRequestHandler : public TypedRequestHandler<FileRequestResult> {
  public:
   // The checks of HttpRequestHandler first; then only a FileRequest with a target path.
@@ -67,6 +70,7 @@ class KP_EXPORT FileRequestHandler : public TypedRequestHandler<FileRequestResul
 };
 
 class KP_EXPORT FileRequest
+    // A request whose body goes to a file (see the top of this file).
     : public TypedHttpRequest<FileRequest, FileRequestHandler, FileRequestResult, BasicHttpRequest> {
  public:
   using TypedHttpRequest::TypedHttpRequest;

@@ -48,6 +48,7 @@
 
 namespace kp {
 
+// Which responses' cookies are kept.
 enum class HttpCookieAcceptPolicy : int { always = 0, never = 1, onlyFromMainDocumentDomain = 2 };
 
 class KP_EXPORT HttpCookieStorage : public std::enable_shared_from_this<HttpCookieStorage> {
@@ -60,7 +61,9 @@ class KP_EXPORT HttpCookieStorage : public std::enable_shared_from_this<HttpCook
   HttpCookieStorage(const HttpCookieStorage&) = delete;
   HttpCookieStorage& operator=(const HttpCookieStorage&) = delete;
 
+  // Which cookies are kept.
   [[nodiscard]] HttpCookieAcceptPolicy cookieAcceptPolicy() const;
+  // Changes which cookies are kept.
   void setCookieAcceptPolicy(HttpCookieAcceptPolicy policy);
 
   // Every cookie that has not expired, oldest first.
@@ -77,6 +80,7 @@ class KP_EXPORT HttpCookieStorage : public std::enable_shared_from_this<HttpCook
                   const std::optional<Url>& mainDocumentURL = std::nullopt);
   // Removes the cookie of the same name, domain and path.
   void deleteCookie(const HttpCookie& cookie);
+  // Removes every cookie.
   void deleteAllCookies();
 
   // Writes pending changes now; false when the file could not be written (the store then

@@ -46,28 +46,42 @@ using ProgressUpdateHandler = std::function<void(float)>;
 // Turns the received body into the result's object; checks the flag to stop early.
 using ProcessReceivedDataHandler = std::function<std::any(
     const std::optional<Data>&, const std::shared_ptr<HttpResponseType>&, const std::shared_ptr<CancelledFlag>&)>;
+// Receives the result of an execution.
 using RequestCompletionHandler = std::function<void(const std::shared_ptr<HttpRequestResultType>&)>;
 
+// Every HTTP request, as the handlers and the executor see it.
 class KP_EXPORT HttpRequestType : public RequestType {
  public:
+  // Called as the transfer progresses; none by default.
   [[nodiscard]] virtual const ProgressUpdateHandler& progressUpdateHandler() const = 0;
+  // Replaces the progress handler; before execution.
   virtual void setProgressUpdateHandler(ProgressUpdateHandler handler) = 0;
+  // Turns the received body into the result's object instead of the handler's own reading;
+  // none by default.
   [[nodiscard]] virtual const ProcessReceivedDataHandler& processReceivedDataHandler() const = 0;
+  // Replaces the body handler; before execution.
   virtual void setProcessReceivedDataHandler(ProcessReceivedDataHandler handler) = 0;
+  // Receives the result, on completionDispatchQueue().
   [[nodiscard]] virtual const RequestCompletionHandler& completionHandler() const = 0;
+  // Replaces the completion handler; before execution.
   virtual void setCompletionHandler(RequestCompletionHandler handler) = 0;
   // May be null: the request then runs with the default configuration (httpConfigOrDefault).
   [[nodiscard]] virtual const std::shared_ptr<HttpRequestConfig>& httpConfig() const = 0;
+  // Replaces the configuration; before execution.
   virtual void setHttpConfig(std::shared_ptr<HttpRequestConfig> config) = 0;
   // What the request runs with: httpConfig(), or a default configuration when it has none.
   [[nodiscard]] const HttpRequestConfig& httpConfigOrDefault() const;
+  // Where the request goes, without the configuration's query parameters.
   [[nodiscard]] virtual const Url& url() const = 0;
+  // Replaces the URL; before execution.
   virtual void setUrl(Url url) = 0;
   // Where the completion handler runs; with none, it runs on the completing thread.
   [[nodiscard]] virtual const std::shared_ptr<DispatchQueue>& completionDispatchQueue() const = 0;
+  // Replaces the completion queue; null runs the completion on the completing thread.
   virtual void setCompletionDispatchQueue(std::shared_ptr<DispatchQueue> queue) = 0;
   // A session to use instead of the handler's own.
   [[nodiscard]] virtual const std::shared_ptr<UrlSession>& urlSession() const = 0;
+  // Replaces the session; null lets the handler use its own.
   virtual void setUrlSession(std::shared_ptr<UrlSession> session) = 0;
 
   // url() with the query parameters appended.
@@ -163,7 +177,9 @@ class KP_EXPORT BasicHttpRequest : public HttpRequestType, public std::enable_sh
 // The plain HTTP request: a BasicHttpRequest with a cache policy.
 class KP_EXPORT HttpRequest : public BasicHttpRequest, public CacheableRequestType {
  public:
+  // The defaults of BasicHttpRequest, and a cache configuration without a key.
   explicit HttpRequest(Url url);
+  // A new request, as the constructor makes it.
   [[nodiscard]] static std::shared_ptr<HttpRequest> make(Url url) {
     return std::make_shared<HttpRequest>(std::move(url));
   }
@@ -173,6 +189,7 @@ class KP_EXPORT HttpRequest : public BasicHttpRequest, public CacheableRequestTy
   void generateCacheKey() override;
 
  protected:
+  // As HttpRequest(url), with `handler` in place of a new HttpRequestHandler.
   HttpRequest(Url url, std::shared_ptr<RequestHandlerInterface> handler);
 
  private:

@@ -12,6 +12,7 @@
 
 namespace kp {
 
+// The HTTP methods a request may use.
 enum class HttpRequestMethod : int { get = 0, post = 1, delete_ = 2, put = 3, head = 4 };
 
 // Nothing for a raw value outside 0...4.

@@ -30,15 +30,20 @@ class KP_EXPORT HttpRequestParameter {
  public:
   // Keys of the coded form.
   static constexpr std::string_view kNameKey = "name";
+  // The key of the value in the coded form.
   static constexpr std::string_view kValueKey = "value";
 
+  // `name`, with `value` when there is one.
   HttpRequestParameter(std::string name, std::optional<std::string> value)
       : name_(std::move(name)), value_(std::move(value)) {}
+  // The same as a value.
   [[nodiscard]] static HttpRequestParameter parameter(std::string name, std::optional<std::string> value) {
     return HttpRequestParameter(std::move(name), std::move(value));
   }
 
+  // The name.
   [[nodiscard]] const std::string& name() const noexcept { return name_; }
+  // The value; nothing for a name alone.
   [[nodiscard]] const std::optional<std::string>& value() const noexcept { return value_; }
 
   // "name=value" pairs joined by "&", in order. Parameters with an empty name are skipped; an
@@ -52,8 +57,10 @@ class KP_EXPORT HttpRequestParameter {
 
   // The coded form (see kp/coding/coding.h): "name", and "value" only when present.
   void encode(Encoder& encoder) const;
+  // Reads back what encode() wrote.
   [[nodiscard]] static HttpRequestParameter decode(const Decoder& decoder);
 
+  // The same name and value.
   friend bool operator==(const HttpRequestParameter&, const HttpRequestParameter&) = default;
 
  private:

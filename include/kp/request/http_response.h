@@ -34,32 +34,46 @@ namespace kp {
 class KP_EXPORT HttpResponseType {
  public:
   virtual ~HttpResponseType() = default;
+  // The status code; nothing when none was received.
   [[nodiscard]] virtual std::optional<int> statusCodeValue() const = 0;
+  // The header fields by canonical name; repeated fields joined with ", ".
   [[nodiscard]] virtual const std::map<std::string, std::string>& headerFields() const = 0;
+  // The cookies the response set.
   [[nodiscard]] virtual const std::vector<HttpCookie>& cookieList() const = 0;
+  // The URLs the request was redirected to, in order.
   [[nodiscard]] virtual const std::vector<Url>& redirectList() const = 0;
+  // The "ETag" field; nothing without one.
   [[nodiscard]] virtual std::optional<std::string> etag() const = 0;
+  // The "Content-Type" field; nothing without one.
   [[nodiscard]] virtual std::optional<std::string> contentType() const = 0;
+  // The "Last-Modified" field as a date; nothing without one or when it is not an HTTP date.
   [[nodiscard]] virtual std::optional<Date> lastModifiedDate() const = 0;
+  // The "Expires" field as a date; nothing without one or when it is not an HTTP date.
   [[nodiscard]] virtual std::optional<Date> expiresDate() const = 0;
+  // The "Date" field as a date; nothing without one or when it is not an HTTP date.
   [[nodiscard]] virtual std::optional<Date> sentDate() const = 0;
+  // True for status 304.
   [[nodiscard]] virtual bool isNotModified() const = 0;
 };
 
+// A received response, as the library keeps it and archives it with cached results.
 class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPHttpResponse";
   // Keys of the archived form; cookies are not archived.
   static constexpr std::string_view kArchiveKeyStatusCode = "_statusCode";
-  static constexpr std::string_view kArchiveKeyHeaders = "_headers";
-  static constexpr std::string_view kArchiveKeyRedirects = "_redirects";
+  static constexpr std::string_view kArchiveKeyHeaders = "_headers";      // see kArchiveKeyStatusCode
+  static constexpr std::string_view kArchiveKeyRedirects = "_redirects";  // see kArchiveKeyStatusCode
+  // The archived form may be read back with the class checked (secure coding).
   static constexpr bool supportsSecureCoding = true;
 
-  std::optional<int> statusCode;
-  std::map<std::string, std::string> headers;
-  std::vector<HttpCookie> cookies;
-  std::vector<Url> redirects;
+  std::optional<int> statusCode;               // see statusCodeValue()
+  std::map<std::string, std::string> headers;  // see headerFields()
+  std::vector<HttpCookie> cookies;             // see cookieList()
+  std::vector<Url> redirects;                  // see redirectList()
 
+  // Appends `url` to the redirects.
   void addRedirect(Url url) { redirects.push_back(std::move(url)); }
   // The first cookie named exactly `name`.
   [[nodiscard]] std::optional<HttpCookie> getCookieByName(std::string_view name) const;
@@ -77,7 +91,9 @@ class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
 
   // Archived as "KPHttpResponse" with the status, the headers and the redirects.
   [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  // Writes the archived form described at archiveClassName().
   void encode(ArchiveEncoder& coder) const override;
+  // Reads back what encode() wrote.
   [[nodiscard]] static std::shared_ptr<HttpResponse> decode(ArchiveDecoder& coder);
   // Equal status, headers and redirects (what survives archiving).
   [[nodiscard]] bool isEqual(const Archivable& other) const override;
@@ -86,20 +102,27 @@ class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
 // Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").
 [[nodiscard]] KP_EXPORT std::optional<Date> parseHttpDate(std::string_view text);
 
+// The header fields HttpResponseType reads.
 enum class ResponseHeader { etag, contentType, lastModified, expires, date };
+// The field's name as the response's headers spell it ("ETag", "Content-Type", ...).
 [[nodiscard]] KP_EXPORT std::string_view headerName(ResponseHeader header) noexcept;
 
 // A Content-Type value that requests may set.
 class KP_EXPORT MimeContentType {
  public:
+  // Multipart form data whose parts are separated by `boundary`.
   [[nodiscard]] static MimeContentType multipartFormData(std::string boundary) {
     return MimeContentType(std::move(boundary));
   }
+  // JSON.
   [[nodiscard]] static MimeContentType applicationJson() { return MimeContentType(std::nullopt); }
+  // True for multipart form data.
   [[nodiscard]] bool isMultipartFormData() const noexcept { return boundary_.has_value(); }
+  // The boundary of multipart form data; nothing for JSON.
   [[nodiscard]] const std::optional<std::string>& boundary() const noexcept { return boundary_; }
   // multipart/form-data; boundary="B"   or   application/json
   [[nodiscard]] std::string headerValue() const;
+  // Equal kind and boundary.
   friend bool operator==(const MimeContentType&, const MimeContentType&) = default;
 
  private:

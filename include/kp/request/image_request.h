@@ -24,8 +24,10 @@
 
 namespace kp {
 
+// The result of an image request.
 class KP_EXPORT ImageRequestResult : public TypedRequestResult<ImageRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPImageRequestResult";
   // The decoded image; null when there was none. Held as an ArchivableImage object in `data`.
   [[nodiscard]] const Image* dataAsImage() const noexcept;
@@ -34,6 +36,7 @@ class KP_EXPORT ImageRequestResult : public TypedRequestResult<ImageRequestResul
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of image requests.
 class KP_EXPORT ImageRequestHandler : public TypedRequestHandler<ImageRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

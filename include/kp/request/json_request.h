@@ -21,8 +21,10 @@
 
 namespace kp {
 
+// The result of a JSON request.
 class KP_EXPORT JsonRequestResult : public TypedRequestResult<JsonRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPJsonRequestResult";
   // The parsed body; null when there was none or it was not JSON.
   [[nodiscard]] const JsonValue* dataAsJson() const noexcept { return std::any_cast<JsonValue>(&data); }
@@ -32,6 +34,7 @@ class KP_EXPORT JsonRequestResult : public TypedRequestResult<JsonRequestResult>
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of JSON requests.
 class KP_EXPORT JsonRequestHandler : public TypedRequestHandler<JsonRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

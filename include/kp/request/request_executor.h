@@ -41,6 +41,7 @@ class KP_EXPORT RequestExecutor final : public std::enable_shared_from_this<Requ
   // Name of the entry in a cache item's extra items that holds the result without payload.
   static constexpr std::string_view kResultExtraItemKey = "result";
 
+  // The executor of `request`.
   explicit RequestExecutor(std::weak_ptr<RequestType> request) : request_(std::move(request)) {}
 
   // The first call runs the request and returns this executor's ticket; every later call
@@ -60,8 +61,11 @@ class KP_EXPORT RequestExecutor final : public std::enable_shared_from_this<Requ
   // Cancels the request on its queue, unless the ticket already finished or failed.
   void cancel();
 
+  // The ticket of the first execution.
   [[nodiscard]] const std::shared_ptr<RequestTicket>& ticket();
+  // Whether the request was executed.
   [[nodiscard]] bool executed() const noexcept { return executed_.load(); }
+  // Whether the result came from the cache.
   [[nodiscard]] bool loadedFromCache() const noexcept { return loadedFromCache_.load(); }
 
   // The result a cache item holds: a copy of the stored result, with the item's payload and

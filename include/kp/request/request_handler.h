@@ -48,15 +48,19 @@ namespace kp {
 // Tells result post-processing that the transfer was cancelled. Never goes back to false.
 class KP_EXPORT CancelledFlag {
  public:
+  // True once cancel() has run.
   [[nodiscard]] bool isCancelled() const noexcept { return cancelled_.load(); }
+  // Sets the flag, for good.
   void cancel() noexcept { cancelled_.store(true); }
 
  private:
   std::atomic<bool> cancelled_{false};
 };
 
+// The abstract base of handlers: handles nothing until a subclass says how.
 class KP_EXPORT RequestHandler : public RequestHandlerInterface {
  public:
+  // Receives the result of the transfer; the handler lets go of it once called.
   RequestHandlerCompletion completionHandler;
 
   [[nodiscard]] ErrorPtr canHandle(const std::shared_ptr<RequestType>&) override { return nullptr; }
@@ -70,8 +74,11 @@ class HttpRequestHandler;
 // registered under the task's identifier.
 class KP_EXPORT HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate {
  public:
+  // Routes the callbacks of the task `taskIdentifier` to `handler`.
   void add(std::shared_ptr<HttpRequestHandler> handler, std::uint64_t taskIdentifier);
+  // Forgets the handler of the task `taskIdentifier`.
   void removeHandler(std::uint64_t taskIdentifier);
+  // The handler of the task `taskIdentifier`; null when none is registered.
   [[nodiscard]] std::shared_ptr<HttpRequestHandler> handler(std::uint64_t taskIdentifier) const;
 
   // Forwards, then forgets the handler.
@@ -99,6 +106,7 @@ class KP_EXPORT HttpRequestURLSessionDelegateHandler : public UrlSessionDelegate
   std::map<std::uint64_t, std::shared_ptr<HttpRequestHandler>> handlers_;
 };
 
+// The HTTP handler, and the base of the typed handlers (see the top of this file).
 class KP_EXPORT HttpRequestHandler : public RequestHandler,
                                      public UrlSessionDelegate,
                                      public std::enable_shared_from_this<HttpRequestHandler> {
@@ -108,6 +116,8 @@ class KP_EXPORT HttpRequestHandler : public RequestHandler,
   void handle(const std::shared_ptr<RequestType>& request, RequestHandlerCompletion completion) override;
   void cancel() override;
 
+  // Picks the session: the shared one when useSharedURLSession is set, the request's when it
+  // has one, otherwise a private session with this handler as its delegate.
   virtual void setupUrlSession();
   // Creates the data task for urlRequest and registers this handler with the session's
   // delegate handler, if any.
@@ -119,10 +129,13 @@ class KP_EXPORT HttpRequestHandler : public RequestHandler,
   void didReceiveResponse(UrlSession& session, UrlSessionDataTask& task,
                           const std::shared_ptr<const HttpUrlResponse>& response,
                           ResponseDispositionHandler completion) override;
+  // Collects the body, up to maximumReceivedDataLength, and reports progress.
   void didReceiveData(UrlSession& session, UrlSessionDataTask& task, const Data& data) override;
   void willPerformHttpRedirection(UrlSession& session, UrlSessionTask& task,
                                   const std::shared_ptr<const HttpUrlResponse>& response, UrlRequest newRequest,
                                   RedirectionHandler completion) override;
+  // Server trust as the request's configuration says (see acceptUntrustedSSLCertificate);
+  // other challenges get the default handling, and one that failed before is cancelled.
   void didReceiveChallenge(UrlSession& session, UrlSessionTask& task, const UrlAuthenticationChallenge& challenge,
                            ChallengeHandler completion) override;
   void didComplete(UrlSession& session, UrlSessionTask& task, const ErrorPtr& error) override;
@@ -130,25 +143,31 @@ class KP_EXPORT HttpRequestHandler : public RequestHandler,
 
   // Made on first use: the session delegate handler and the session that it serves.
   [[nodiscard]] const std::shared_ptr<HttpRequestURLSessionDelegateHandler>& sharedURLSessionDelegateHandler();
+  // The session that sharedURLSessionDelegateHandler() serves.
   [[nodiscard]] const std::shared_ptr<UrlSession>& sharedURLSession();
 
-  std::shared_ptr<UrlSession> urlSession;
-  std::shared_ptr<UrlSessionTask> urlSessionTask;
-  std::optional<UrlRequest> urlRequest;
-  std::optional<Data> receivedData;
+  std::shared_ptr<UrlSession> urlSession;          // the session of the transfer
+  std::shared_ptr<UrlSessionTask> urlSessionTask;  // the transfer's task
+  std::optional<UrlRequest> urlRequest;            // the wire request, made by canHandle()
+  std::optional<Data> receivedData;                // the body collected so far
   // Of the kind's result type; filled as the transfer goes.
   std::shared_ptr<HttpRequestResult> result;
-  std::weak_ptr<HttpRequestType> request;
+  std::weak_ptr<HttpRequestType> request;  // the request being handled
+  // Set when the transfer is cancelled, for the body handlers to stop early.
   std::shared_ptr<CancelledFlag> cancelledFlag = std::make_shared<CancelledFlag>();
-  std::int64_t expectedContentLength = -1;
-  std::int64_t numberOfBytesReceived = 0;
+  std::int64_t expectedContentLength = -1;  // the announced body length; -1 when unknown
+  std::int64_t numberOfBytesReceived = 0;   // body bytes received so far
   // A body longer than this (announced or received) ends the transfer with
   // UrlError::dataLengthExceedsMaximum: the body is held in memory, and its length is the
   // server's to choose.
   std::int64_t maximumReceivedDataLength = kDefaultMaximumReceivedDataLength;
-  static constexpr std::int64_t kDefaultMaximumReceivedDataLength = std::int64_t{256} << 20;
+  static constexpr std::int64_t kDefaultMaximumReceivedDataLength = std::int64_t{256} << 20;  // 256 MiB
+  // True when the transfer runs on a session that is not the handler's own, which it then
+  // leaves open when it ends.
   bool usingCustomURLSession = false;
+  // Runs the transfer on sharedURLSession() instead of a private session.
   bool useSharedURLSession = false;
+  // The router of the session the transfer runs on, when that session is shared.
   std::shared_ptr<HttpRequestURLSessionDelegateHandler> sessionDelegateHandler;
 
  protected:
@@ -157,6 +176,8 @@ class KP_EXPORT HttpRequestHandler : public RequestHandler,
 
   // Makes the result from the response head (status, all header fields, cookies).
   void initializeResult(const HttpUrlResponse& response);
+  // Tells the request's progress handler, on the main thread, how much of the announced
+  // body has arrived.
   void updateProgress();
   // Makes the result's error UrlError::dataLengthExceedsMaximum and lets go of the body.
   void refuseOversizedBody(const std::optional<Url>& url);

@@ -46,25 +46,31 @@ class RequestQueueOperation;
 // Learns of an operation's changes; the queue that made the operation.
 class KP_EXPORT RequestQueueOperationDelegate {
  public:
+  // The flag of an operation that changes.
   enum class Key { isExecuting, isFinished };
 
   virtual ~RequestQueueOperationDelegate() = default;
   // Called inside the operation's lock: must not call back into the operation except to
   // read its flags.
   virtual void operationWillChange(RequestQueueOperation& operation, Key key) = 0;
+  // Called after the flag changed, inside the operation's lock as operationWillChange().
   virtual void operationDidChange(RequestQueueOperation& operation, Key key) = 0;
   // Called once an executing operation has finished (or was cancelled), after it let go of
   // its lock; the delegate may start further work from here.
   virtual void operationDidEnd(RequestQueueOperation&) {}
 };
 
+// One request on its way through a RequestQueue (see the top of this file).
 class KP_EXPORT RequestQueueOperation final : public std::enable_shared_from_this<RequestQueueOperation> {
  public:
-  // Operation priorities of the platform.
+  // Operation priorities of the platform: low.
   static constexpr int kQueuePriorityLow = -4;
+  // Operation priorities of the platform: normal.
   static constexpr int kQueuePriorityNormal = 0;
+  // Operation priorities of the platform: high.
   static constexpr int kQueuePriorityHigh = 4;
 
+  // Pending; runs `request` when started and tells `delegate` of its changes.
   RequestQueueOperation(std::shared_ptr<RequestType> request, std::weak_ptr<RequestQueueOperationDelegate> delegate);
 
   // p × 4 − 4 for a raw priority p below 3 (low −4, normal 0, high 4); 0 for anything else.
@@ -74,12 +80,17 @@ class KP_EXPORT RequestQueueOperation final : public std::enable_shared_from_thi
   RequestQueueOperation(const RequestQueueOperation&) = delete;
   RequestQueueOperation& operator=(const RequestQueueOperation&) = delete;
 
+  // queuePriorityFor() of the request's priority when the operation was made.
   [[nodiscard]] int queuePriority() const noexcept;
+  // Always true: the operation finishes when its handler answers, not when start() returns.
   [[nodiscard]] bool isAsynchronous() const noexcept { return true; }
+  // True from start() until the handler has answered or the operation was cancelled.
   [[nodiscard]] bool isExecuting() const noexcept;
   // True once finished, and for an operation cancelled before it finished.
   [[nodiscard]] bool isFinished() const noexcept;
+  // True once the operation was cancelled before it finished.
   [[nodiscard]] bool isCancelled() const noexcept;
+  // The request the operation runs.
   [[nodiscard]] const std::shared_ptr<RequestType>& request() const noexcept;
 
   // Unless cancelled: becomes executing and starts the request's handler.
@@ -102,10 +113,12 @@ class KP_EXPORT RequestQueueOperation final : public std::enable_shared_from_thi
 
 class KP_EXPORT RequestQueue final : public RequestQueueInterface, public std::enable_shared_from_this<RequestQueue> {
  public:
+  // How many handlers a new queue runs at once.
   static constexpr std::int64_t kDefaultMaxConcurrentRequests = 2;
   // The platform's "utility" quality of service.
   static constexpr int kQualityOfServiceUtility = 17;
 
+  // A new, empty queue.
   [[nodiscard]] static std::shared_ptr<RequestQueue> make() { return std::make_shared<RequestQueue>(); }
 
   RequestQueue();
@@ -120,9 +133,11 @@ class KP_EXPORT RequestQueue final : public RequestQueueInterface, public std::e
   // At most this many handlers run at once; 0 starts nothing new (a paused queue) and a
   // negative value means no limit. Raising it starts waiting requests at once.
   [[nodiscard]] std::int64_t maxConcurrentRequests() const override;
+  // Changes the limit; see maxConcurrentRequests().
   void setMaxConcurrentRequests(std::int64_t count) override;
   // Kept for hosts that read it back; the pool has a single class of service.
   [[nodiscard]] int qualityOfService() const noexcept;
+  // Stores a value for qualityOfService(); it changes nothing else.
   void setQualityOfService(int value) noexcept;
   // Operations running or waiting.
   [[nodiscard]] std::size_t numberOfRequestsInQueue() const;

@@ -33,24 +33,33 @@ namespace kp {
 
 class RequestExecutor;
 
+// How an execution stands; the table at the top of this file says what each state reads as.
 enum class RequestTicketState : int { idle = 0, invalid = 1, failed = 2, cancelled = 3, finished = 4 };
 
+// The caller's handle on one execution, as an interface a host may implement.
 class KP_EXPORT RequestTicketType {
  public:
   virtual ~RequestTicketType() = default;
+  // How the execution stands now.
   [[nodiscard]] virtual RequestTicketState state() const = 0;
+  // Why the execution failed; null unless it failed.
   [[nodiscard]] virtual ErrorPtr error() const = 0;
   // Stops the execution unless it already ended.
   virtual void cancel() = 0;
 
+  // True when invalid, failed or finished.
   [[nodiscard]] bool isFinished() const;
+  // True when invalid or failed.
   [[nodiscard]] bool failed() const;
+  // True when idle or finished: a fresh ticket reads as a success.
   [[nodiscard]] bool isSuccess() const;
+  // True when cancelled.
   [[nodiscard]] bool isCancelled() const;
 };
 
 class KP_EXPORT RequestTicket final : public RequestTicketType {
  public:
+  // An idle ticket whose cancel() goes through `executor`.
   explicit RequestTicket(std::weak_ptr<RequestExecutor> executor) : executor_(std::move(executor)) {}
 
   [[nodiscard]] RequestTicketState state() const override;

@@ -49,8 +49,12 @@ class KP_EXPORT RequestCacheConfig {
  public:
   // Without a key the cache is bypassed. An empty key is looked up but never saved.
   std::optional<std::string> key;
+  // The cache group the result is saved under, so that a wipe of the group removes it; none
+  // for no group.
   std::optional<std::string> group;
+  // Seconds a saved result stays valid.
   TimeInterval maximumAge = 86400.0;
+  // How the result is kept: serialized in the database, or as bytes or an image in a file.
   CacheItemType itemType = CacheItemType::serialized;
   // Look up (and save) on the calling thread instead of the background pool.
   bool forceSynchronousLoad = false;
@@ -61,11 +65,17 @@ class KP_EXPORT RequestType {
  public:
   virtual ~RequestType() = default;
 
+  // Performs the request's transfer.
   [[nodiscard]] virtual const std::shared_ptr<RequestHandlerInterface>& handler() const = 0;
+  // Replaces the handler; before execution.
   virtual void setHandler(std::shared_ptr<RequestHandlerInterface> handler) = 0;
+  // Decides when, and on which thread, the handler runs.
   [[nodiscard]] virtual const std::shared_ptr<RequestQueueInterface>& queue() const = 0;
+  // Replaces the queue; before execution.
   virtual void setQueue(std::shared_ptr<RequestQueueInterface> queue) = 0;
+  // Which waiting requests a queue starts first.
   [[nodiscard]] virtual RequestPriority priority() const = 0;
+  // Changes the priority; before execution.
   virtual void setPriority(RequestPriority priority) = 0;
 
   // Called with the finished result (by the queue, or by the executor on a cache hit): the
@@ -82,6 +92,7 @@ class KP_EXPORT CacheableRequestType {
   virtual ~CacheableRequestType() = default;
   // May be null: the request then bypasses the cache.
   [[nodiscard]] virtual const std::shared_ptr<RequestCacheConfig>& cacheConfig() const = 0;
+  // Replaces the cache configuration; null bypasses the cache.
   virtual void setCacheConfig(std::shared_ptr<RequestCacheConfig> config) = 0;
   // Sets cacheConfig()->key from the complete URL and the body. The library never calls it.
   virtual void generateCacheKey() = 0;
@@ -111,8 +122,11 @@ class KP_EXPORT RequestQueueInterface {
   virtual void addRequest(const std::shared_ptr<RequestType>& request) = 0;
   // Stops the request if this queue holds it: no result is delivered for it afterwards.
   virtual void cancelRequest(const std::shared_ptr<RequestType>& request) = 0;
+  // Cancels every request the queue holds, running or waiting.
   virtual void cancelAll() = 0;
+  // How many handlers may run at once.
   [[nodiscard]] virtual std::int64_t maxConcurrentRequests() const = 0;
+  // Changes how many handlers may run at once; see maxConcurrentRequests().
   virtual void setMaxConcurrentRequests(std::int64_t count) = 0;
 };
 

@@ -21,8 +21,10 @@
 
 namespace kp {
 
+// The result of a string request.
 class KP_EXPORT StringRequestResult : public TypedRequestResult<StringRequestResult> {
  public:
+  // The class name of the archived form.
   static constexpr std::string_view kArchiveClassName = "KPStringRequestResult";
   // The body as text; null when there was none or it was not UTF-8.
   [[nodiscard]] const std::string* dataAsString() const noexcept { return std::any_cast<std::string>(&data); }
@@ -32,6 +34,7 @@ class KP_EXPORT StringRequestResult : public TypedRequestResult<StringRequestRes
   void restorePayload(const ArchiveValue& payload) override;
 };
 
+// The handler of string requests.
 class KP_EXPORT StringRequestHandler : public TypedRequestHandler<StringRequestResult> {
  public:
   [[nodiscard]] std::any processReceivedData() override;

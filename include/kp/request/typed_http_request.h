@@ -34,24 +34,30 @@ namespace kp {
 template <class Self, class Handler, class Result, class Base = HttpRequest>
 class KP_EXPORT TypedHttpRequest : public Base {
  public:
-  using HandlerType = Handler;
-  using ResultType = Result;
+  using HandlerType = Handler;  // the kind's handler
+  using ResultType = Result;    // the kind's result
+  // Receives the kind's result.
   using CompletionHandler = std::function<void(const std::shared_ptr<Result>&)>;
 
   // The defaults of BasicHttpRequest, with a new Handler.
   explicit TypedHttpRequest(Url url) : Base(std::move(url), std::make_shared<Handler>()) {}
+  // A new request of the kind, as the constructor makes it.
   [[nodiscard]] static std::shared_ptr<Self> make(Url url) { return std::make_shared<Self>(std::move(url)); }
 
   // The completion receives the kind's result.
   void setCompletionHandler(CompletionHandler completion) { Base::setCompletionHandler(typed(std::move(completion))); }
+  // The completion receives the result as HttpRequestResultType.
   void setCompletionHandler(RequestCompletionHandler completion) override {
     Base::setCompletionHandler(std::move(completion));
   }
 
+  // Runs the request through its executor; see BasicHttpRequest::execute().
   [[nodiscard]] std::shared_ptr<RequestTicketType> execute() override { return Base::execute(); }
+  // The same, with `completion`, which receives the kind's result, as the completion handler.
   std::shared_ptr<RequestTicketType> execute(CompletionHandler completion) {
     return Base::execute(typed(std::move(completion)));
   }
+  // BasicHttpRequest::executeSynchronously() with the kind's result; null when none came.
   [[nodiscard]] std::shared_ptr<Result> executeSynchronously() {
     return std::dynamic_pointer_cast<Result>(Base::executeSynchronously());
   }

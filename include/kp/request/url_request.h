@@ -29,6 +29,8 @@
 
 namespace kp {
 
+// The platform's cache policies; sessions keep no response cache, so the policy is carried,
+// not acted on.
 enum class UrlRequestCachePolicy : int {
   useProtocolCachePolicy = 0,
   reloadIgnoringLocalCacheData = 1,
@@ -36,18 +38,20 @@ enum class UrlRequestCachePolicy : int {
   returnCacheDataDontLoad = 3,
 };
 
+// What a session sends: URL, method, header fields, body and timeout.
 class KP_EXPORT UrlRequest {
  public:
-  using HeaderField = std::pair<std::string, std::string>;
+  using HeaderField = std::pair<std::string, std::string>;  // a field's name and value
 
-  static constexpr TimeInterval kDefaultTimeoutInterval = 60.0;
+  static constexpr TimeInterval kDefaultTimeoutInterval = 60.0;  // seconds
 
+  // A GET of `requestUrl`.
   explicit UrlRequest(Url requestUrl) : url(std::move(requestUrl)) {}
 
-  Url url;
-  std::string httpMethod = "GET";
-  TimeInterval timeoutInterval = kDefaultTimeoutInterval;
-  UrlRequestCachePolicy cachePolicy = UrlRequestCachePolicy::useProtocolCachePolicy;
+  Url url;                                                 // where the request goes
+  std::string httpMethod = "GET";                          // the method
+  TimeInterval timeoutInterval = kDefaultTimeoutInterval;  // seconds the transfer may stay idle
+  UrlRequestCachePolicy cachePolicy = UrlRequestCachePolicy::useProtocolCachePolicy;  // carried
   // Sent with any method, GET included; a HEAD with a body is refused (its task fails with
   // UrlError::dataLengthExceedsMaximum), since a HEAD answer cannot be read after one.
   std::optional<Data> httpBody;
@@ -64,12 +68,13 @@ class KP_EXPORT UrlRequest {
   // records the host the caller meant here, and the session connects there while URL and
   // Host header stay as they are. Applies only to hops whose authority is still the URL's.
   struct ConnectTarget {
-    std::string host;  // as in a URL (IPv6 literals in brackets)
-    std::uint16_t port = 0;
-    friend bool operator==(const ConnectTarget&, const ConnectTarget&) = default;
+    std::string host;        // as in a URL (IPv6 literals in brackets)
+    std::uint16_t port = 0;  // the port
+    friend bool operator==(const ConnectTarget&, const ConnectTarget&) = default;  // same host and port
   };
-  std::optional<ConnectTarget> connectTo;
+  std::optional<ConnectTarget> connectTo;  // see ConnectTarget; none connects as the URL says
 
+  // The header fields, in order.
   [[nodiscard]] const std::vector<HeaderField>& allHTTPHeaderFields() const noexcept { return headers_; }
   // Replaces every header field by `fields`.
   void setAllHTTPHeaderFields(const std::map<std::string, std::string>& fields);
@@ -77,9 +82,10 @@ class KP_EXPORT UrlRequest {
   void setValue(std::optional<std::string> value, std::string_view field);
   // Appends to an existing field as ", value", or adds the field.
   void addValue(std::string_view value, std::string_view field);
+  // The field's value, its name compared without regard to case; nothing without one.
   [[nodiscard]] std::optional<std::string> value(std::string_view field) const;
 
-  friend bool operator==(const UrlRequest&, const UrlRequest&) = default;
+  friend bool operator==(const UrlRequest&, const UrlRequest&) = default;  // equal fields
 
  private:
   std::vector<HeaderField>::iterator find(std::string_view field);

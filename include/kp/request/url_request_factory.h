@@ -36,11 +36,13 @@ class KP_EXPORT UrlRequestFactory {
   // bare "?" or "&".
   [[nodiscard]] static Url append(std::span<const HttpRequestParameter> queryParameters, const Url& url);
 
+  // The wire request of `request`, with its query and body encrypted under the keys given.
   [[nodiscard]] static UrlRequest createUrlRequest(const HttpRequestType& request,
                                                    std::optional<std::string_view> queryEncryptionKey = std::nullopt,
                                                    std::optional<std::string_view> bodyEncryptionKey = std::nullopt);
 };
 
+// Makes the cache keys of requests.
 class KP_EXPORT HttpRequestTypeCacheKeyGenerator {
  public:
   HttpRequestTypeCacheKeyGenerator() = delete;

@@ -84,6 +84,7 @@ enum class UrlError : std::int64_t {
 
 // Session settings. No response cache exists.
 struct KP_EXPORT UrlSessionConfiguration {
+  // The settings below as they are initialised.
   [[nodiscard]] static UrlSessionConfiguration defaultConfiguration() { return {}; }
 
   // Used when a request's own timeout is not positive. Timeouts are idle times: the task
@@ -108,12 +109,14 @@ struct KP_EXPORT UrlSessionConfiguration {
 // exact lookups in allHeaderFields() find what the server sent.
 class KP_EXPORT HttpUrlResponse {
  public:
-  using HeaderField = std::pair<std::string, std::string>;
+  using HeaderField = std::pair<std::string, std::string>;  // a field's name and value
 
   // Gives the names of `headerFields` their canonical spelling.
   HttpUrlResponse(Url url, int statusCode, std::vector<HeaderField> headerFields);
 
+  // The URL of the hop that answered.
   [[nodiscard]] const Url& url() const noexcept { return url_; }
+  // The HTTP status code.
   [[nodiscard]] int statusCode() const noexcept { return statusCode_; }
   // Every field as received, in order, duplicates kept; names in canonical spelling.
   [[nodiscard]] const std::vector<HeaderField>& headerFields() const noexcept { return headerFields_; }
@@ -135,7 +138,11 @@ class KP_EXPORT HttpUrlResponse {
   std::int64_t expectedContentLength_ = -1;
 };
 
+// A delegate's answer to a response head: go on loading the body, or cancel the task.
 enum class ResponseDisposition : int { cancel = 0, allow = 1 };
+// A delegate's answer to a server-trust challenge: useCredential with a credential made from
+// the challenge's trust accepts the server whatever the verification said; cancel ends the
+// task cancelled; any other answer keeps the outcome of the default verification.
 enum class AuthChallengeDisposition : int {
   useCredential = 0,
   performDefaultHandling = 1,
@@ -147,17 +154,22 @@ enum class AuthChallengeDisposition : int {
 // default verification (trust store, validity, host name).
 class KP_EXPORT ServerTrust {
  public:
+  // The chain of `host`:`port`, and whether it verified (with the reason when not).
   ServerTrust(std::string host, int port, std::vector<Data> certificates, bool trusted, std::string failureReason)
       : host_(std::move(host)),
         port_(port),
         certificates_(std::move(certificates)),
         trusted_(trusted),
         failureReason_(std::move(failureReason)) {}
+  // The host the connection was made to.
   [[nodiscard]] const std::string& host() const noexcept { return host_; }
+  // The port the connection was made to.
   [[nodiscard]] int port() const noexcept { return port_; }
   // DER certificates, the server's own first.
   [[nodiscard]] const std::vector<Data>& certificates() const noexcept { return certificates_; }
+  // True when the default verification accepted the chain.
   [[nodiscard]] bool evaluatesAsTrusted() const noexcept { return trusted_; }
+  // Why the verification failed; empty when it did not.
   [[nodiscard]] const std::string& failureReason() const noexcept { return failureReason_; }
 
  private:
@@ -168,37 +180,46 @@ class KP_EXPORT ServerTrust {
   std::string failureReason_;
 };
 
+// What a delegate answers a server-trust challenge with to accept the server.
 class KP_EXPORT UrlCredential {
  public:
   // Accepts exactly the trust it was made from.
   [[nodiscard]] static std::shared_ptr<const UrlCredential> make(std::shared_ptr<const ServerTrust> trust) {
     return std::make_shared<const UrlCredential>(std::move(trust));
   }
+  // See make().
   explicit UrlCredential(std::shared_ptr<const ServerTrust> trust) : trust_(std::move(trust)) {}
+  // The trust the credential accepts.
   [[nodiscard]] const std::shared_ptr<const ServerTrust>& serverTrust() const noexcept { return trust_; }
 
  private:
   std::shared_ptr<const ServerTrust> trust_;
 };
 
+// What a challenge is about: the server and the kind of authentication.
 struct KP_EXPORT UrlProtectionSpace {
+  // The authentication method of server-trust challenges.
   static constexpr std::string_view kAuthenticationMethodServerTrust = "NSURLAuthenticationMethodServerTrust";
 
-  std::string host;
-  int port = 0;
-  std::string protocol;
-  std::string authenticationMethod;
+  std::string host;                  // the server's host
+  int port = 0;                      // the server's port
+  std::string protocol;              // "https"
+  std::string authenticationMethod;  // kAuthenticationMethodServerTrust for server trust
   // Present for server-trust challenges.
   std::shared_ptr<const ServerTrust> serverTrust;
 };
 
+// A question to the delegate during a transfer.
 struct KP_EXPORT UrlAuthenticationChallenge {
-  UrlProtectionSpace protectionSpace;
-  int previousFailureCount = 0;
+  UrlProtectionSpace protectionSpace;  // what the challenge is about
+  int previousFailureCount = 0;        // how often this challenge failed before
 };
 
+// Takes the delegate's answer to a response head.
 using ResponseDispositionHandler = std::function<void(ResponseDisposition)>;
+// Takes the request of the next redirect hop, or nothing to stop at the redirect.
 using RedirectionHandler = std::function<void(std::optional<UrlRequest>)>;
+// Takes the delegate's answer to a challenge; the first answer counts.
 using ChallengeHandler = std::function<void(AuthChallengeDisposition, std::shared_ptr<const UrlCredential>)>;
 
 // Receives a session's events. Every callback has a default that lets the transfer go on as
@@ -214,12 +235,15 @@ class KP_EXPORT UrlSessionDelegate {
   virtual void didReceiveResponse(UrlSession& session, UrlSessionDataTask& task,
                                   const std::shared_ptr<const HttpUrlResponse>& response,
                                   ResponseDispositionHandler completion);
+  // Data tasks only: the next piece of the body. By default dropped.
   virtual void didReceiveData(UrlSession& session, UrlSessionDataTask& task, const Data& data);
   // Before each redirect hop. Completing with a request follows it (possibly changed);
   // with nothing, the redirect response itself becomes the task's response.
   virtual void willPerformHttpRedirection(UrlSession& session, UrlSessionTask& task,
                                           const std::shared_ptr<const HttpUrlResponse>& response, UrlRequest newRequest,
                                           RedirectionHandler completion);
+  // A TLS handshake waits for the answer, bounded by the task's timeout and cancellation. By
+  // default: performDefaultHandling.
   virtual void didReceiveChallenge(UrlSession& session, UrlSessionTask& task,
                                    const UrlAuthenticationChallenge& challenge, ChallengeHandler completion);
   // totalBytesExpectedToWrite is -1 when unknown.
@@ -232,8 +256,10 @@ class KP_EXPORT UrlSessionDelegate {
   virtual void didComplete(UrlSession& session, UrlSessionTask& task, const ErrorPtr& error);
 };
 
+// Where a task stands.
 enum class UrlSessionTaskState : int { running = 0, suspended = 1, canceling = 2, completed = 3 };
 
+// One transfer of a session; made suspended.
 class KP_EXPORT UrlSessionTask : public std::enable_shared_from_this<UrlSessionTask> {
  public:
   virtual ~UrlSessionTask();
@@ -247,32 +273,44 @@ class KP_EXPORT UrlSessionTask : public std::enable_shared_from_this<UrlSessionT
   // Ends the task with UrlError::cancelled (also before it started); does nothing once it
   // has completed.
   void cancel();
+  // Where the task stands now.
   [[nodiscard]] UrlSessionTaskState state() const;
+  // The request the task was made with.
   [[nodiscard]] const UrlRequest& originalRequest() const noexcept;
   // The request of the current redirect hop.
   [[nodiscard]] UrlRequest currentRequest() const;
+  // The last response head received; null before the first.
   [[nodiscard]] std::shared_ptr<const HttpUrlResponse> response() const;
+  // Why the task failed; null unless it completed with an error.
   [[nodiscard]] ErrorPtr error() const;
+  // Body bytes received so far.
   [[nodiscard]] std::int64_t countOfBytesReceived() const;
+  // The announced body length; -1 when unknown.
   [[nodiscard]] std::int64_t countOfBytesExpectedToReceive() const;
 
   struct Impl;
+  // The session's state of the task; for the session's own code.
   [[nodiscard]] Impl& impl() const noexcept { return *impl_; }
 
  protected:
+  // Made by the session.
   explicit UrlSessionTask(std::unique_ptr<Impl> impl);
 
  private:
   std::unique_ptr<Impl> impl_;
 };
 
+// A transfer whose body goes to the delegate piece by piece.
 class KP_EXPORT UrlSessionDataTask final : public UrlSessionTask {
  public:
+  // Made by the session (UrlSession::dataTask()).
   explicit UrlSessionDataTask(std::unique_ptr<Impl> impl);
 };
 
+// A transfer whose body goes to a temporary file.
 class KP_EXPORT UrlSessionDownloadTask final : public UrlSessionTask {
  public:
+  // Made by the session (UrlSession::downloadTask()).
   explicit UrlSessionDownloadTask(std::unique_ptr<Impl> impl);
 };
 
@@ -288,6 +326,7 @@ class KP_EXPORT UrlSession : public std::enable_shared_from_this<UrlSession> {
 
   // Suspended tasks; nothing once the session has been invalidated.
   [[nodiscard]] std::shared_ptr<UrlSessionDataTask> dataTask(UrlRequest request);
+  // A suspended download task; nothing once the session has been invalidated.
   [[nodiscard]] std::shared_ptr<UrlSessionDownloadTask> downloadTask(UrlRequest request);
 
   // Cancels every task, then tells the delegate that the session became invalid.
@@ -297,7 +336,9 @@ class KP_EXPORT UrlSession : public std::enable_shared_from_this<UrlSession> {
 
   // Null once the session has told the delegate that it became invalid.
   [[nodiscard]] std::shared_ptr<UrlSessionDelegate> delegate() const;
+  // Where the delegate's callbacks run, in order.
   [[nodiscard]] const std::shared_ptr<DispatchQueue>& delegateQueue() const noexcept;
+  // The settings the session was made with.
   [[nodiscard]] const UrlSessionConfiguration& configuration() const noexcept;
 
   struct Impl;

@@ -33,13 +33,16 @@
 
 namespace kp {
 
+// How the service sees this client.
 struct KP_EXPORT ClientBasicInfo {
-  std::optional<std::string> ip;
-  std::optional<std::string> userAgent;
+  std::optional<std::string> ip;         // the address the service saw the call come from
+  std::optional<std::string> userAgent;  // the user agent the call carried
 
+  // Equal when both fields are.
   friend bool operator==(const ClientBasicInfo&, const ClientBasicInfo&) = default;
 };
 
+// Reads the client info out of the service's answer.
 class KP_EXPORT ClientInfoResponseReader {
  public:
   ClientInfoResponseReader() = delete;
@@ -61,8 +64,8 @@ class KP_EXPORT ClientInfoWebService {
   // The build's default endpoint.
   [[nodiscard]] static std::string_view defaultBaseUrl() noexcept;
 
-  std::string baseUrl;
-  TimeInterval timeoutInterval = 5.0;
+  std::string baseUrl;                 // the service's base URL
+  TimeInterval timeoutInterval = 5.0;  // seconds the call may stay idle
   // The session the call runs on (see TarvixWebService); none gives it a session of its own.
   std::shared_ptr<UrlSession> urlSession;
 

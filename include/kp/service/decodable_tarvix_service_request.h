@@ -53,10 +53,11 @@ namespace kp {
 // Reaches the decoding of a service result through the decoder's user info, so that the
 // result, and any type inside it, can see the HTTP response.
 struct KP_EXPORT DecodableTarvixServiceContext {
+  // The key of the context in the decoder's user info.
   static constexpr std::string_view kUserInfoKey = "DecodableTarvixServiceContext";
 
-  const JsonDecoder* decoder = nullptr;  // the decoder running, for the length of its run
-  std::shared_ptr<HttpResponse> httpResponse;
+  const JsonDecoder* decoder = nullptr;        // the decoder running, for the length of its run
+  std::shared_ptr<HttpResponse> httpResponse;  // the answer being decoded
 
   // The context in `userInfo`, if any.
   [[nodiscard]] static const DecodableTarvixServiceContext* in(const UserInfo& userInfo);
@@ -82,16 +83,20 @@ KP_EXPORT void prepareServiceDecoder(JsonDecoder& decoder, const std::shared_ptr
 
 }  // namespace internal
 
+// What a typed service call delivers: the decoded data, or the error, with the content info
+// and the HTTP response.
 template <class T>
 class DecodableTarvixServiceResult {
  public:
+  // The envelope's key of the status and content info.
   static constexpr std::string_view kMetaKey = "meta";
+  // The envelope's key of the payload.
   static constexpr std::string_view kDataKey = "data";
 
-  TarvixServiceContentInfo contentInfo;
-  std::shared_ptr<HttpResponse> httpResponse;
-  std::optional<T> data;
-  ErrorPtr error;
+  TarvixServiceContentInfo contentInfo;        // how fresh the content is
+  std::shared_ptr<HttpResponse> httpResponse;  // null when no answer arrived
+  std::optional<T> data;                       // the payload; nothing on failure and for a 304
+  ErrorPtr error;                              // the service's or the transfer's failure
 
   // The error when there is one; otherwise the data; otherwise a failure "No data available.".
   [[nodiscard]] Result<T> asResult() const {
@@ -135,9 +140,11 @@ class DecodableTarvixServiceResult {
 // Decodes only: the envelope is what services send.
 template <class T>
 struct Coding<DecodableTarvixServiceResult<T>> {
+  // The result from the envelope in `d`.
   static DecodableTarvixServiceResult<T> decode(const Decoder& d) { return DecodableTarvixServiceResult<T>::decode(d); }
 };
 
+// The handler of typed service requests: seals the wire request and decodes the envelope.
 template <class T>
 class DecodableTarvixServiceRequestHandler : public HttpRequestHandler {
  public:
@@ -172,7 +179,9 @@ class DecodableTarvixServiceRequestHandler : public HttpRequestHandler {
 template <class T>
 class DecodableTarvixServiceRequest : public BasicHttpRequest, public EncryptionRequestType {
  public:
+  // What the request delivers.
   using Result = DecodableTarvixServiceResult<T>;
+  // Receives the typed result.
   using CompletionHandler = std::function<void(const Result&)>;
 
   // A new DecodableTarvixServiceRequestHandler<T>; method POST with the content type's
@@ -183,6 +192,7 @@ class DecodableTarvixServiceRequest : public BasicHttpRequest, public Encryption
     httpConfig()->method = HttpRequestMethod::post;
     httpConfig()->setHeader(contentType.headerValue(), "Content-Type");
   }
+  // A new request, as the constructor makes it.
   [[nodiscard]] static std::shared_ptr<DecodableTarvixServiceRequest> make(
       Url url, const MimeContentType& contentType = MimeContentType::applicationJson()) {
     return std::make_shared<DecodableTarvixServiceRequest>(std::move(url), contentType);

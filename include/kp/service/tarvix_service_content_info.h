@@ -41,33 +41,36 @@ namespace kp {
 
 // The content headers, in the spelling servers send over HTTP/1.1.
 inline constexpr std::string_view kTarvixContentFormatHeader = "Tarvix-Content-Format";
-inline constexpr std::string_view kTarvixContentMaxAgeHeader = "Tarvix-Content-Max-Age";
-inline constexpr std::string_view kTarvixContentCreatedHeader = "Tarvix-Content-Created";
+inline constexpr std::string_view kTarvixContentMaxAgeHeader =
+    "Tarvix-Content-Max-Age";  // see kTarvixContentFormatHeader
+inline constexpr std::string_view kTarvixContentCreatedHeader =
+    "Tarvix-Content-Created";  // see kTarvixContentFormatHeader
 
 class KP_EXPORT TarvixServiceContentInfo final : public Archivable {
  public:
-  static constexpr std::string_view kArchiveClassName = "KPTarvixServiceContentInfo";
-  static constexpr std::int64_t kArchiveVersion = 1;
+  static constexpr std::string_view kArchiveClassName = "KPTarvixServiceContentInfo";  // the archived class
+  static constexpr std::int64_t kArchiveVersion = 1;  // the "version" the archived form carries
   // Keys of the archived form.
   static constexpr std::string_view kArchiveKeyVersion = "version";
-  static constexpr std::string_view kArchiveKeyFormatVersion = "formatVersionObjC";
-  static constexpr std::string_view kArchiveKeyExpiryInterval = "expiryIntervalObjC";
-  static constexpr std::string_view kArchiveKeyRemoteCreatedAt = "remoteCreatedAt";
-  static constexpr std::string_view kArchiveKeyLocalCreatedAt = "localCreatedAt";
+  static constexpr std::string_view kArchiveKeyFormatVersion = "formatVersionObjC";    // see kArchiveKeyVersion
+  static constexpr std::string_view kArchiveKeyExpiryInterval = "expiryIntervalObjC";  // see kArchiveKeyVersion
+  static constexpr std::string_view kArchiveKeyRemoteCreatedAt = "remoteCreatedAt";    // see kArchiveKeyVersion
+  static constexpr std::string_view kArchiveKeyLocalCreatedAt = "localCreatedAt";      // see kArchiveKeyVersion
   // Keys of the coded form (and of "meta" / "contentInfo" in the envelope).
   static constexpr std::string_view kFormatVersionKey = "formatVersion";
-  static constexpr std::string_view kExpiryIntervalKey = "expiryInterval";
-  static constexpr std::string_view kCreatedTimestampKey = "createdTimestamp";
-  static constexpr std::string_view kLocalCreatedAtKey = "localCreatedAt";
+  static constexpr std::string_view kExpiryIntervalKey = "expiryInterval";      // see kFormatVersionKey
+  static constexpr std::string_view kCreatedTimestampKey = "createdTimestamp";  // see kFormatVersionKey
+  static constexpr std::string_view kLocalCreatedAtKey = "localCreatedAt";      // see kFormatVersionKey
+  // The archived form may be read back with the class checked (secure coding).
   static constexpr bool supportsSecureCoding = true;
 
   // Made now, with nothing known about the content.
   TarvixServiceContentInfo() = default;
 
-  std::optional<std::int64_t> formatVersion;
-  std::optional<TimeInterval> expiryInterval;
-  std::optional<Date> remoteCreatedAt;
-  Date localCreatedAt = Date::now();
+  std::optional<std::int64_t> formatVersion;   // the payload's format version, as the server says
+  std::optional<TimeInterval> expiryInterval;  // seconds the content stays valid
+  std::optional<Date> remoteCreatedAt;         // when the server made the content
+  Date localCreatedAt = Date::now();           // when the device received it
 
   // remoteCreatedAt + expiryInterval, when both are known.
   [[nodiscard]] std::optional<Date> remoteExpiresAt() const;
@@ -76,24 +79,30 @@ class KP_EXPORT TarvixServiceContentInfo final : public Archivable {
   // True exactly when the expiry is known and `now` is later; an open-ended record never
   // expires.
   [[nodiscard]] bool isRemoteExpired(Date now = Date::now()) const;
+  // The same by localExpiresAt().
   [[nodiscard]] bool isLocalExpired(Date now = Date::now()) const;
 
   // Sets the fields whose content header is present and parses; the headers are looked up in
   // their exact spelling first, then in lower case.
   void applyContentHeaders(const std::map<std::string, std::string>& headerFields);
+  // The same, from the response's header fields.
   void applyContentHeaders(const HttpResponseType& response) { applyContentHeaders(response.headerFields()); }
 
   // The coded form (see the file comment).
   void encode(Encoder& encoder) const;
+  // Reads back the coded form; every key may be missing.
   [[nodiscard]] static TarvixServiceContentInfo decode(const Decoder& decoder);
 
   // The archived form (see the file comment).
   [[nodiscard]] std::string archiveClassName() const override { return std::string(kArchiveClassName); }
+  // Writes the archived form.
   void encode(ArchiveEncoder& coder) const override;
+  // Reads back the archived form.
   [[nodiscard]] static std::shared_ptr<TarvixServiceContentInfo> decode(ArchiveDecoder& coder);
   // Equal fields.
   [[nodiscard]] bool isEqual(const Archivable& other) const override;
 
+  // Equal fields.
   friend bool operator==(const TarvixServiceContentInfo& a, const TarvixServiceContentInfo& b) {
     return a.formatVersion == b.formatVersion && a.expiryInterval == b.expiryInterval &&
            a.remoteCreatedAt == b.remoteCreatedAt && a.localCreatedAt == b.localCreatedAt;

@@ -55,6 +55,7 @@ using TarvixServiceProcessReceivedDataHandler = std::function<std::optional<Json
     const std::optional<JsonValue>& payload, const std::shared_ptr<HttpResponseType>& response,
     const std::shared_ptr<TarvixServiceContentInfo>& contentInfo, const std::shared_ptr<CancelledFlag>& cancelled)>;
 
+// The handler of service requests: seals the wire request and opens the answer's envelope.
 class KP_EXPORT TarvixServiceRequestHandler : public TypedRequestHandler<TarvixServiceRequestResult> {
  public:
   // Turns useSharedURLSession on.
@@ -77,6 +78,7 @@ class KP_EXPORT TarvixServiceRequest
   // A new TarvixServiceRequestHandler; method POST with "Content-Type: application/json".
   explicit TarvixServiceRequest(Url url);
 
+  // Turns the envelope's payload into what the completion receives; none by default.
   TarvixServiceProcessReceivedDataHandler tarvixServiceProcessReceivedDataHandler;
   // Carried for callers; the library does not read it.
   bool debug = false;

@@ -31,17 +31,23 @@ namespace kp {
 
 class KP_EXPORT TarvixServiceRequestResult : public TypedRequestResult<TarvixServiceRequestResult> {
  public:
+  // The class name its archived form (in the cache) carries.
   static constexpr std::string_view kArchiveClassName = "KPTarvixServiceRequestResult";
+  // The archive key of contentInfo.
   static constexpr std::string_view kArchiveKeyContentInfo = "contentInfo";
+  // The archive key of contentIsNotModified.
   static constexpr std::string_view kArchiveKeyContentIsNotModified = "contentIsNotModified";
 
   TarvixServiceRequestResult() = default;
   ~TarvixServiceRequestResult() override;
+  // A copy that shares the content info record with the original.
   TarvixServiceRequestResult(const TarvixServiceRequestResult&) = default;
+  // Takes `other`'s fields; the content info record is then shared.
   TarvixServiceRequestResult& operator=(const TarvixServiceRequestResult&) = default;
 
   // A new record with every result; the handler fills it from the envelope and the headers.
   std::shared_ptr<TarvixServiceContentInfo> contentInfo = std::make_shared<TarvixServiceContentInfo>();
+  // True for a 304 answer: keep the payload you have, take the refreshed content info.
   bool contentIsNotModified = false;
 
   // The payload as parsed JSON; null when there is none, or when it is the raw body of a
@@ -56,6 +62,7 @@ class KP_EXPORT TarvixServiceRequestResult : public TypedRequestResult<TarvixSer
 
   // What HttpRequestResult writes, then "contentInfo" and the boolean "contentIsNotModified".
   void encode(ArchiveEncoder& coder) const override;
+  // Reads back what encode() wrote.
   [[nodiscard]] static std::shared_ptr<TarvixServiceRequestResult> decode(ArchiveDecoder& coder);
 };
 

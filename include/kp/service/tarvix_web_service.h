@@ -80,6 +80,7 @@ class KP_EXPORT TarvixWebService : public internal::WebServiceSettings {
   }
 };
 
+// The facade for typed calls: makes requests whose payload decodes into a type of the caller's.
 class KP_EXPORT DecodableTarvixWebService : public internal::WebServiceSettings {
  public:
   // REQUIRES: `baseUrl` is an absolute URL; a trailing "/" is dropped.

@@ -25,8 +25,10 @@ namespace kp {
 inline constexpr std::string_view kDefaultQueryStringEncryptionKey = "Qw7rT2mZx9LpB4nVc8KdS1hYf6GjU3aE";
 // The body and response keys of the client-info service ("basicInfo").
 inline constexpr std::string_view kClientInfoBodyEncryptionKey = "Hn4Xk9PzR2wLq7TbM5vC8dJs1YgF6uAe";
+// The key the client-info service seals its answers with.
 inline constexpr std::string_view kClientInfoResponseDecryptionKey = "Zt3Lm8QxW5rN2kPv9BcH7jDs4YfG1uEa";
 
+// The keys a service's calls travel under.
 struct KP_EXPORT TarvixWebServiceEncryptionDetails {
   // Copied into requests as requestQueryEncryptionKey.
   std::optional<std::string> queryStringEncryptionKey = std::string(kDefaultQueryStringEncryptionKey);
@@ -37,6 +39,7 @@ struct KP_EXPORT TarvixWebServiceEncryptionDetails {
   // No key is copied, and "skipcrypt=1" asks the server to answer in plain.
   bool skipEncryptionAndDecryption = false;
 
+  // The same keys.
   friend bool operator==(const TarvixWebServiceEncryptionDetails&, const TarvixWebServiceEncryptionDetails&) = default;
 };
 

@@ -34,29 +34,32 @@
 
 namespace kp {
 
+// The common query parameters of every service call: what the application and device are.
 struct KP_EXPORT TarvixWebServiceParameters {
   // From ApplicationInfo::current() and, for what it leaves unset, DeviceInformation::shared().
   TarvixWebServiceParameters();
+  // From `info` and, for what it leaves unset, DeviceInformation::shared().
   explicit TarvixWebServiceParameters(const ApplicationInfo& info);
 
-  std::optional<std::string> appId;
-  std::optional<std::string> appVersion;
-  std::optional<std::string> platform;
-  std::optional<std::string> device;
-  std::optional<std::string> systemVersion;
-  std::optional<std::string> machineIdentifier;
-  double displayScale = 1.0;
-  std::optional<std::string> locale;
-  std::optional<std::string> timeZoneName;
-  std::optional<std::string> currencyCode;
-  std::optional<std::vector<std::string>> preferredLanguages;
-  std::optional<bool> consent;
+  std::optional<std::string> appId;                            // the application identifier
+  std::optional<std::string> appVersion;                       // its version
+  std::optional<std::string> platform;                         // "linux"
+  std::optional<std::string> device;                           // the device kind, "desktop"
+  std::optional<std::string> systemVersion;                    // the operating system's version
+  std::optional<std::string> machineIdentifier;                // the machine type, "x86_64"
+  double displayScale = 1.0;                                   // device pixels per point
+  std::optional<std::string> locale;                           // "en_US"
+  std::optional<std::string> timeZoneName;                     // "Europe/Berlin"
+  std::optional<std::string> currencyCode;                     // "EUR"
+  std::optional<std::vector<std::string>> preferredLanguages;  // "en-US", ...
+  std::optional<bool> consent;                                 // the user's consent, when asked
 
   // In the order servers read them: appId, appVersion, platform, device, machineIdentifier,
   // systemVersion, locale, currencyCode, timeZone, preferredLanguages (joined by ","),
   // displayScale (shortest decimal text, "2.0"), and consent ("1" or "0") only when set.
   [[nodiscard]] std::vector<HttpRequestParameter> queryParameters() const;
 
+  // Equal fields.
   friend bool operator==(const TarvixWebServiceParameters&, const TarvixWebServiceParameters&) = default;
 };
 

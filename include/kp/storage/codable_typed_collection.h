@@ -45,19 +45,20 @@ namespace kp {
 // A value of any codable type together with its type.
 class KP_EXPORT AnyCodable {
  public:
+  // Holds a copy of `value`.
   template <class T, class = std::enable_if_t<!std::is_same_v<std::decay_t<T>, AnyCodable>>>
   explicit AnyCodable(T&& value)
       : value_(std::make_shared<const std::decay_t<T>>(std::forward<T>(value))),
         type_(&typeid(std::decay_t<T>)),
         encode_([](Encoder& e, const void* v) { e.encode(*static_cast<const std::decay_t<T>*>(v)); }) {}
 
-  [[nodiscard]] const std::type_info& type() const noexcept { return *type_; }
+  [[nodiscard]] const std::type_info& type() const noexcept { return *type_; }  // the value's type
   // The value when it is exactly a T.
   template <class T>
   [[nodiscard]] const T* get() const noexcept {
     return *type_ == typeid(T) ? static_cast<const T*>(value_.get()) : nullptr;
   }
-  void encode(Encoder& encoder) const { encode_(encoder, value_.get()); }
+  void encode(Encoder& encoder) const { encode_(encoder, value_.get()); }  // writes the value as its type does
 
  private:
   std::shared_ptr<const void> value_;
@@ -69,21 +70,25 @@ class KP_EXPORT AnyCodable {
 class KP_EXPORT TypedEncoderProtocol {
  public:
   virtual ~TypedEncoderProtocol() = default;
-  [[nodiscard]] virtual const std::string& typeName() const noexcept = 0;
+  [[nodiscard]] virtual const std::string& typeName() const noexcept = 0;  // the tag
+  // Whether elements of `type` get this tag.
   [[nodiscard]] virtual bool isType(const std::type_info& type) const noexcept = 0;
 };
 
+// Tags elements of type T.
 template <class T>
 class TypedEncoder final : public TypedEncoderProtocol {
  public:
-  TypedEncoder() : name_(tarvix::unqualifiedTypeName(typeid(T))) {}
-  explicit TypedEncoder(std::string name) : name_(std::move(name)) {}
+  TypedEncoder() : name_(tarvix::unqualifiedTypeName(typeid(T))) {}    // T's unqualified name as the tag
+  explicit TypedEncoder(std::string name) : name_(std::move(name)) {}  // `name` as the tag
+  // A shared encoder with T's unqualified name as the tag.
   [[nodiscard]] static std::shared_ptr<const TypedEncoderProtocol> make() { return std::make_shared<TypedEncoder>(); }
+  // A shared encoder with `name` as the tag.
   [[nodiscard]] static std::shared_ptr<const TypedEncoderProtocol> make(std::string name) {
     return std::make_shared<TypedEncoder>(std::move(name));
   }
 
-  [[nodiscard]] const std::string& typeName() const noexcept override { return name_; }
+  [[nodiscard]] const std::string& typeName() const noexcept override { return name_; }  // the tag
   // Exactly T; neither bases nor derived types.
   [[nodiscard]] bool isType(const std::type_info& type) const noexcept override { return type == typeid(T); }
 
@@ -95,33 +100,38 @@ class TypedEncoder final : public TypedEncoderProtocol {
 class KP_EXPORT TypedDecoderProtocol {
  public:
   virtual ~TypedDecoderProtocol() = default;
-  [[nodiscard]] virtual const std::vector<std::string>& typeNames() const noexcept = 0;
+  [[nodiscard]] virtual const std::vector<std::string>& typeNames() const noexcept = 0;  // the tags it reads
   // Reads one value from a single-value container. Throws CodingError.
   [[nodiscard]] virtual AnyCodable decode(const Decoder& container) const = 0;
 };
 
+// Reads the elements of some tags as T.
 template <class T>
 class TypedDecoder final : public TypedDecoderProtocol {
  public:
-  TypedDecoder() : names_{tarvix::unqualifiedTypeName(typeid(T))} {}
-  explicit TypedDecoder(std::string name) : names_{std::move(name)} {}
-  explicit TypedDecoder(std::vector<std::string> names) : names_(std::move(names)) {}
+  TypedDecoder() : names_{tarvix::unqualifiedTypeName(typeid(T))} {}                   // T's unqualified name
+  explicit TypedDecoder(std::string name) : names_{std::move(name)} {}                 // the tag `name`
+  explicit TypedDecoder(std::vector<std::string> names) : names_(std::move(names)) {}  // the tags `names`
+  // A shared decoder made as the constructors make it.
   template <class... Args>
   [[nodiscard]] static std::shared_ptr<const TypedDecoderProtocol> make(Args&&... args) {
     return std::make_shared<TypedDecoder>(std::forward<Args>(args)...);
   }
 
-  [[nodiscard]] const std::vector<std::string>& typeNames() const noexcept override { return names_; }
+  [[nodiscard]] const std::vector<std::string>& typeNames() const noexcept override { return names_; }  // the tags
   [[nodiscard]] AnyCodable decode(const Decoder& container) const override { return AnyCodable(container.decode<T>()); }
 
  private:
   std::vector<std::string> names_;
 };
 
+// A list of values of several codable types, each written with the tag of its type (see the
+// top of this file).
 class KP_EXPORT CodableTypedCollection {
  public:
-  using Encoders = std::vector<std::shared_ptr<const TypedEncoderProtocol>>;
-  using Decoders = std::vector<std::shared_ptr<const TypedDecoderProtocol>>;
+  using Encoders = std::vector<std::shared_ptr<const TypedEncoderProtocol>>;  // the tags for writing
+  using Decoders = std::vector<std::shared_ptr<const TypedDecoderProtocol>>;  // the readers of tags
+  // The readers by tag.
   using DecoderTable = std::map<std::string, std::shared_ptr<const TypedDecoderProtocol>, std::less<>>;
   // The user-info key under which decode() hands its table to the elements.
   static constexpr std::string_view kDecodersKey = "decoders";

@@ -27,8 +27,10 @@ namespace kp {
 
 class KP_EXPORT DictionaryStorage final : public tarvix::KeyedStorageService {
  public:
+  // The values by key.
   using Content = StringMap<std::any>;
 
+  // A store holding `content`.
   explicit DictionaryStorage(Content content = {});
 
   // A copy of everything stored.

@@ -87,15 +87,20 @@ enum class KeychainStatus : std::int32_t {
 // What the status means, for a user: "the keychain is locked", ...
 [[nodiscard]] KP_EXPORT std::string_view describe(KeychainStatus status) noexcept;
 
+// A shared service and access group, for items that other applications of the group read.
 struct KP_EXPORT KeychainAccessGroupDetail {
+  // Items in `serviceName`, shared in `group`.
   KeychainAccessGroupDetail(std::string serviceName, std::string group)
       : service(std::move(serviceName)), accessGroup(std::move(group)) {}
-  std::string service;
-  std::string accessGroup;
+  std::string service;      // the items' service
+  std::string accessGroup;  // the items' access group
 };
 
+// Where items live: a shared group, or nothing for the application's own service.
 using KeychainGroup = std::optional<KeychainAccessGroupDetail>;
 
+// The keychain's operations: one item per key in the place `detail` names (see the top of
+// this file for how values are stored and how failures show).
 class KP_EXPORT KeychainStorable {
  public:
   virtual ~KeychainStorable() = default;
@@ -103,25 +108,40 @@ class KP_EXPORT KeychainStorable {
   // An absent text removes the item.
   virtual void setString(const std::optional<std::string>& value, std::string_view key, KeychainAccess access,
                          const KeychainGroup& detail) = 0;
+  // Stores an integer, readable with int_().
   virtual void setInt(std::int64_t value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
+  // Stores an unsigned integer, readable with uint().
   virtual void setUInt(std::uint64_t value, std::string_view key, KeychainAccess access,
                        const KeychainGroup& detail) = 0;
+  // Stores a real number, readable with float_().
   virtual void setFloat(float value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
+  // Stores a real number, readable with double_().
   virtual void setDouble(double value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
+  // Stores a boolean, readable with bool_().
   virtual void setBool(bool value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
+  // Stores a date, readable with date().
   virtual void setDate(Date value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
   // The bytes are stored as they are.
   virtual void setData(const Data& value, std::string_view key, KeychainAccess access, const KeychainGroup& detail) = 0;
 
+  // The text under `key`; nothing when absent, unreadable or not text.
   [[nodiscard]] virtual std::optional<std::string> string(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The integer under `key`; nothing when absent, unreadable or not an integer.
   [[nodiscard]] virtual std::optional<std::int64_t> int_(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The unsigned integer under `key`; nothing when absent, unreadable or not one.
   [[nodiscard]] virtual std::optional<std::uint64_t> uint(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The real number under `key`; nothing when absent, unreadable or not a number.
   [[nodiscard]] virtual std::optional<float> float_(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The real number under `key`; nothing when absent, unreadable or not a number.
   [[nodiscard]] virtual std::optional<double> double_(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The boolean under `key`; nothing when absent, unreadable or not a boolean.
   [[nodiscard]] virtual std::optional<bool> bool_(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The date under `key`; nothing when absent, unreadable or not a date.
   [[nodiscard]] virtual std::optional<Date> date(std::string_view key, const KeychainGroup& detail) const = 0;
+  // The item's bytes as stored; nothing when absent or unreadable.
   [[nodiscard]] virtual std::optional<Data> data(std::string_view key, const KeychainGroup& detail) const = 0;
 
+  // Removes the item under `key`, if any.
   virtual void remove(std::string_view key, const KeychainGroup& detail) = 0;
 
   // Stores the value's own property-list encoding; an absent value removes the item.
@@ -154,6 +174,7 @@ class KP_EXPORT KeychainStorable {
   }
 };
 
+// The system's keychain (the Secret Service on Linux).
 class KP_EXPORT Keychain final : public KeychainStorable {
  public:
   // The service of items without a group detail when the application has no identifier.
@@ -164,11 +185,14 @@ class KP_EXPORT Keychain final : public KeychainStorable {
   // The application identifier (ApplicationInfo) as bundle identifier, or kUnknownApplication
   // when the application has none.
   Keychain();
+  // `bundleIdentifier` as the service of items without a group detail; calls wait up to
+  // `timeout` for the keychain service.
   explicit Keychain(std::string bundleIdentifier, std::chrono::milliseconds timeout = kDefaultTimeout);
   // Items in `items` instead of the system's keychain.
   Keychain(std::string bundleIdentifier, std::shared_ptr<platform::KeychainItems> items);
   ~Keychain() override;
 
+  // The service of items without a group detail.
   [[nodiscard]] const std::string& bundleIdentifier() const noexcept { return bundleIdentifier_; }
 
   void setString(const std::optional<std::string>& value, std::string_view key, KeychainAccess access,
@@ -196,8 +220,10 @@ class KP_EXPORT Keychain final : public KeychainStorable {
   // `value` stored as setString() stores it (invalidParameter for text that is not UTF-8);
   // the item removed (itemNotFound when there was none).
   [[nodiscard]] KeychainStatus readData(std::string_view key, const KeychainGroup& detail, Data* out) const;
+  // See readData().
   [[nodiscard]] KeychainStatus storeString(const std::string& value, std::string_view key, KeychainAccess access,
                                            const KeychainGroup& detail);
+  // See readData().
   [[nodiscard]] KeychainStatus removeItem(std::string_view key, const KeychainGroup& detail);
 
  private:

@@ -26,12 +26,16 @@ namespace kp {
 template <StorageKey Key>
 class KeyedStorage {
  public:
+  // The keyed storage service of `services`, as a container of Key.
   explicit KeyedStorage(const std::shared_ptr<Services>& services = Services::default_(),
                         tarvix::SourceLocation location = tarvix::SourceLocation::current())
       : container_(resolve(*services, location)) {}
 
+  // The container.
   [[nodiscard]] const KeyedStorageContainer<Key>& wrappedValue() const noexcept { return container_; }
+  // The container.
   const KeyedStorageContainer<Key>* operator->() const noexcept { return &container_; }
+  // The container.
   const KeyedStorageContainer<Key>& operator*() const noexcept { return container_; }
 
  private:

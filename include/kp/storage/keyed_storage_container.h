@@ -42,6 +42,7 @@
 
 namespace kp {
 
+// A store whose changes may wait before they are written.
 class KP_EXPORT FlushableStorage {
  public:
   virtual ~FlushableStorage() = default;
@@ -106,23 +107,36 @@ class KeyedStorageContainer {
   // REQUIRES: `storage` is not null.
   explicit KeyedStorageContainer(std::shared_ptr<tarvix::KeyedStorageService> storage) : storage_(std::move(storage)) {}
 
+  // The store.
   [[nodiscard]] const std::shared_ptr<tarvix::KeyedStorageService>& storage() const noexcept { return storage_; }
 
+  // The store's operations under the key's text.
   [[nodiscard]] std::optional<std::any> object(const Key& key) const { return storage_->object(storageKeyText(key)); }
+  // The store's setObject() under the key's text.
   void setObject(std::optional<std::any> value, const Key& key) const {
     storage_->setObject(std::move(value), storageKeyText(key));
   }
+  // The store's removeObject() under the key's text.
   void removeObject(const Key& key) const { storage_->removeObject(storageKeyText(key)); }
+  // The store's string() under the key's text.
   [[nodiscard]] std::optional<std::string> string(const Key& key) const {
     return storage_->string(storageKeyText(key));
   }
+  // The store's integer() under the key's text.
   [[nodiscard]] std::int64_t integer(const Key& key) const { return storage_->integer(storageKeyText(key)); }
+  // The store's setInteger() under the key's text.
   void setInteger(std::int64_t value, const Key& key) const { storage_->setInteger(value, storageKeyText(key)); }
+  // The store's float_() under the key's text.
   [[nodiscard]] float float_(const Key& key) const { return storage_->float_(storageKeyText(key)); }
+  // The store's setFloat() under the key's text.
   void setFloat(float value, const Key& key) const { storage_->setFloat(value, storageKeyText(key)); }
+  // The store's double_() under the key's text.
   [[nodiscard]] double double_(const Key& key) const { return storage_->double_(storageKeyText(key)); }
+  // The store's setDouble() under the key's text.
   void setDouble(double value, const Key& key) const { storage_->setDouble(value, storageKeyText(key)); }
+  // The store's bool_() under the key's text.
   [[nodiscard]] bool bool_(const Key& key) const { return storage_->bool_(storageKeyText(key)); }
+  // The store's setBool() under the key's text.
   void setBool(bool value, const Key& key) const { storage_->setBool(value, storageKeyText(key)); }
 
   // The stored value as T (see storedValueAs), or nothing.
@@ -183,6 +197,7 @@ class KeyedStorageContainer {
   }
 
  protected:
+  // The key's text, for messages.
   static std::string keyDescription(const Key& key) { return std::string(std::string_view(storageKeyText(key))); }
 
  private:

@@ -53,8 +53,10 @@ template <StorageKey K>
   }
 }
 
+// Hashes storage keys by their text.
 template <StorageKey K>
 struct StorageKeyHash {
+  // The hash of the key's text.
   std::size_t operator()(const K& key) const {
     const auto& text = storageKeyText(key);
     return std::hash<std::string_view>{}(std::string_view(text));

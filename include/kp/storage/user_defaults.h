@@ -86,6 +86,7 @@ struct KP_EXPORT SuiteFileStatus {
 template <class K>
 concept TextConvertibleKey = DescribableKey<K> && !std::convertible_to<const K&, std::string_view>;
 
+// A user-defaults suite (see the top of this file).
 class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
                                      public DataStorable,
                                      public FlushableStorage,
@@ -103,8 +104,8 @@ class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
   // 1 to 200 bytes of UTF-8 without "/", control characters or a leading ".".
   [[nodiscard]] static bool isValidSuiteName(std::string_view suiteName) noexcept;
 
-  [[nodiscard]] const std::string& suiteName() const noexcept { return suiteName_; }
-  [[nodiscard]] const std::filesystem::path& filePath() const noexcept;
+  [[nodiscard]] const std::string& suiteName() const noexcept { return suiteName_; }  // the suite's name
+  [[nodiscard]] const std::filesystem::path& filePath() const noexcept;               // the suite's file
 
   // tarvix::KeyedStorageService.
   void setObject(std::optional<std::any> value, std::string_view key) override;
@@ -122,10 +123,13 @@ class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
 
   // The stored value as a property-list tree.
   [[nodiscard]] std::optional<Value> value(std::string_view key) const;
+  // The list under `key`; nothing when missing or not a list.
   [[nodiscard]] std::optional<Value::Array> array(std::string_view key) const;
   // A list whose elements are all text; nothing otherwise.
   [[nodiscard]] std::optional<std::vector<std::string>> stringArray(std::string_view key) const;
+  // The dictionary under `key`; nothing when missing or not a dictionary.
   [[nodiscard]] std::optional<Value::Dictionary> dictionary(std::string_view key) const;
+  // The bytes under `key`; nothing when missing or not bytes.
   [[nodiscard]] std::optional<Data> data(std::string_view key) const;
   // A URL stored by setUrl, URL text, a file path ("/..." or "~/...") as a file URL, or an
   // archived URL.
@@ -164,75 +168,92 @@ class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
   // What went wrong with the suite file in this process (waits for file work under way).
   [[nodiscard]] SuiteFileStatus fileStatus() const;
 
-  // Keys given by their textual description.
+  // object() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<std::any> object(const K& key) const {
     return object(describeKey(key));
   }
+  // setObject() with the key's textual description.
   template <TextConvertibleKey K>
   void setObject(std::optional<std::any> value, const K& key) {
     setObject(std::move(value), describeKey(key));
   }
+  // removeObject() with the key's textual description.
   template <TextConvertibleKey K>
   void removeObject(const K& key) {
     removeObject(describeKey(key));
   }
+  // string() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<std::string> string(const K& key) const {
     return string(describeKey(key));
   }
+  // array() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<Value::Array> array(const K& key) const {
     return array(describeKey(key));
   }
+  // stringArray() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<std::vector<std::string>> stringArray(const K& key) const {
     return stringArray(describeKey(key));
   }
+  // dictionary() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<Value::Dictionary> dictionary(const K& key) const {
     return dictionary(describeKey(key));
   }
+  // data() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<Data> data(const K& key) const {
     return data(describeKey(key));
   }
+  // integer() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::int64_t integer(const K& key) const {
     return integer(describeKey(key));
   }
+  // setInteger() with the key's textual description.
   template <TextConvertibleKey K>
   void setInteger(std::int64_t value, const K& key) {
     setInteger(value, describeKey(key));
   }
+  // float_() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] float float_(const K& key) const {
     return float_(describeKey(key));
   }
+  // setFloat() with the key's textual description.
   template <TextConvertibleKey K>
   void setFloat(float value, const K& key) {
     setFloat(value, describeKey(key));
   }
+  // double_() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] double double_(const K& key) const {
     return double_(describeKey(key));
   }
+  // setDouble() with the key's textual description.
   template <TextConvertibleKey K>
   void setDouble(double value, const K& key) {
     setDouble(value, describeKey(key));
   }
+  // bool_() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] bool bool_(const K& key) const {
     return bool_(describeKey(key));
   }
+  // setBool() with the key's textual description.
   template <TextConvertibleKey K>
   void setBool(bool value, const K& key) {
     setBool(value, describeKey(key));
   }
+  // url() with the key's textual description.
   template <TextConvertibleKey K>
   [[nodiscard]] std::optional<Url> url(const K& key) const {
     return url(describeKey(key));
   }
+  // setUrl() with the key's textual description.
   template <TextConvertibleKey K>
   void setUrl(const std::optional<Url>& value, const K& key) {
     setUrl(value, describeKey(key));
@@ -244,10 +265,12 @@ class KP_EXPORT UserDefaults final : public tarvix::KeyedStorageService,
   [[nodiscard]] static Container<Key> defaultContainer() {
     return Container<Key>(standard());
   }
+  // A typed container over this suite.
   template <StorageKey Key>
   [[nodiscard]] Container<Key> container() {
     return Container<Key>(shared_from_this());
   }
+  // A typed container over the suite `suiteName`; nothing when the name is refused.
   template <StorageKey Key>
   [[nodiscard]] static std::optional<Container<Key>> container(std::string_view suiteName) {
     auto defaults = suite(suiteName);
@@ -278,7 +301,7 @@ class UserDefaults::Container : public KeyedStorageContainer<Key> {
   explicit Container(std::shared_ptr<UserDefaults> defaults)
       : KeyedStorageContainer<Key>(defaults), defaults_(std::move(defaults)) {}
 
-  [[nodiscard]] const std::shared_ptr<UserDefaults>& defaults() const noexcept { return defaults_; }
+  [[nodiscard]] const std::shared_ptr<UserDefaults>& defaults() const noexcept { return defaults_; }  // the suite
 
   // The stored list with every element read as T; nothing when it is absent or any element
   // is not a T.
@@ -292,10 +315,12 @@ class UserDefaults::Container : public KeyedStorageContainer<Key> {
     return this->template object<std::vector<T>>(key, std::forward<Make>(makeDefault));
   }
 
+  // UserDefaults::encode() under the key's text.
   template <class T>
   void encode(const T& value, const Key& key) const {
     defaults_->encode(value, storageKeyText(key));
   }
+  // UserDefaults::decode() under the key's text.
   template <class T>
   [[nodiscard]] std::optional<T> decode(const Key& key) const {
     return defaults_->template decode<T>(storageKeyText(key));

@@ -23,6 +23,7 @@ class KP_EXPORT UserDefaultsStorage final : public tarvix::KeyedStorageService, 
   // REQUIRES: `defaults` is not null.
   explicit UserDefaultsStorage(std::shared_ptr<UserDefaults> defaults) : defaults_(std::move(defaults)) {}
 
+  // The suite.
   [[nodiscard]] const std::shared_ptr<UserDefaults>& defaults() const noexcept { return defaults_; }
 
   void setObject(std::optional<std::any> value, std::string_view key) override {
