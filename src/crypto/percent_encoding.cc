@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "platform/hex_digits.h"
 #include "platform/utf8.h"
 
 namespace kp {
@@ -11,19 +12,7 @@ namespace {
 
 constexpr char kUpperHex[] = "0123456789ABCDEF";
 
-constexpr std::array<std::int8_t, 256> makeHexValues() {
-  std::array<std::int8_t, 256> values{};
-  values.fill(-1);
-  for (int i = 0; i < 10; ++i) values[static_cast<std::size_t>('0' + i)] = static_cast<std::int8_t>(i);
-  for (int i = 0; i < 6; ++i) {
-    values[static_cast<std::size_t>('a' + i)] = static_cast<std::int8_t>(10 + i);
-    values[static_cast<std::size_t>('A' + i)] = static_cast<std::int8_t>(10 + i);
-  }
-  return values;
-}
-constexpr auto kHexValues = makeHexValues();
-
-int hexValue(char c) noexcept { return kHexValues[static_cast<unsigned char>(c)]; }
+int hexValue(char c) noexcept { return platform::hexDigitValue(c); }
 
 // The query-value encoding leaves every byte alone but these; "%" appears twice in the list.
 constexpr ByteSet kQueryValueAllowed = ~ByteSet("{}!*'\"();:@&=+$,/?%#[]%<> ");
