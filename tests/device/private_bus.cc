@@ -7,30 +7,17 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/bus_config.h"
+
 namespace kp::test {
 namespace {
 
 using namespace std::chrono_literals;
 
-// No service activation: nothing starts behind the test's back.
-constexpr const char* kBusConfig = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=@SOCKET@</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-
 }  // namespace
 
 PrivateSystemBus::PrivateSystemBus() {
-  std::string config = kBusConfig;
+  std::string config = kPrivateBusConfig;
   config.replace(config.find("@SOCKET@"), 8, (dir_.path() / "bus").string());
   std::ofstream(dir_.path() / "bus.conf") << config;
   daemon_ = std::make_unique<ChildProcess>(
