@@ -29,6 +29,7 @@
 #include "kp/platform/url.h"
 #include "kp/service/core_logic_service_provider.h"
 #include "text.h"
+#include "timing.h"
 #include "weather_app.h"
 
 namespace {
@@ -43,7 +44,7 @@ constexpr const char* kUsage =
     "  --latitude, --longitude, --place\n"
     "                    show this place instead of the device's location or the chosen one\n"
     "  --units           the unit system (default: the locale's preferences)\n"
-    "  --report-timing   print \"drawn <cache|network> <monotonic ns>\" when a forecast is first drawn\n";
+    "  --report-timing   print the times of the start's phases and of the first frames with a forecast\n";
 
 struct Failure {
   std::string message;
@@ -137,8 +138,10 @@ void activate(GtkApplication* application, gpointer data) {
     gtk_window_present(gtk_application_get_active_window(application));
     return;
   }
+  weatherapp::report("phase", "gtk");
   running->app = weatherapp::WeatherApp::make(application, running->options.app);
   running->lifecycle->watch(gtk_application_get_active_window(application));
+  weatherapp::report("phase", "activated");
 }
 
 }  // namespace
@@ -151,6 +154,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "weather-app: %s\n%s", failure.message.c_str(), kUsage);
     return 2;
   }
+  if (running.options.app.reportTiming) weatherapp::enableTimingReports();
+  weatherapp::report("phase", "main");
 
   auto info = kp::ApplicationInfo::current();
   info.identifier = kApplicationId;
@@ -158,12 +163,14 @@ int main(int argc, char** argv) {
   info.version = "1.0";
   kp::ApplicationInfo::setCurrent(info);
   weatherapp::setUpText(catalogueFolders(), running.options.units);
+  weatherapp::report("phase", "text");
 
   // The Application first: the cache reads the application's state when it is made.
   running.lifecycle = std::make_shared<weatherapp::ApplicationLifecycle>();
   kp::Services::default_()->registerInstance<tarvix::Application>(running.lifecycle);
   kp::CoreLogicServiceProvider provider;
   kp::Services::default_()->register_(provider);
+  weatherapp::report("phase", "library");
 
   const weatherapp::MainQueueSource mainQueue;
   // Not unique: a second window is a second process, and no session bus is needed.

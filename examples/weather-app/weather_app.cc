@@ -2,11 +2,10 @@
 #include "weather_app.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
 
 #include "kp/connectivity/connectivity.h"
 #include "text.h"
+#include "timing.h"
 
 namespace weatherapp {
 namespace {
@@ -14,12 +13,6 @@ namespace {
 constexpr unsigned kFirstRetrySeconds = 30;
 constexpr unsigned kLastRetrySeconds = 900;
 constexpr double kDefaultLifetimeSeconds = 3600;
-
-long long monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1'000'000'000LL + now.tv_nsec;
-}
 
 // When the content runs out: by the service's clock (forecasts are made for the hour, so they
 // expire on the hour), else by how long ago it arrived here.
@@ -69,14 +62,17 @@ void WeatherApp::start() {
                                                       if (auto self = weak.lock()) self->window_->showNote(reason);
                                                     }});
   window_->showPlace(places_->current(), places_->followsLocation(), places_->isFixed());
+  report("phase", "window");
 
   // What this device kept from the last run goes on screen before anything is asked.
   shown_ = source_.cached(places_->current());
+  report("phase", "cache");
   if (shown_) {
     window_->showForecast(*shown_);
     reportNextFrame("cache");
   }
   gtk_window_present(window_->window());
+  report("phase", "presented");
   if (options_.reportTiming) {
     if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
       afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
@@ -202,9 +198,7 @@ void WeatherApp::reportNextFrame(const char* source) {
 void WeatherApp::afterPaint(GdkFrameClock*, gpointer self) {
   auto* app = static_cast<WeatherApp*>(self);
   if (app->pendingReports_.empty()) return;
-  const long long now = monotonicNanoseconds();
-  for (const char* source : app->pendingReports_) std::printf("drawn %s %lld\n", source, now);
-  std::fflush(stdout);
+  for (const char* source : app->pendingReports_) report("drawn", source);
   app->pendingReports_.clear();
 }
 

@@ -10,8 +10,8 @@
 //               last call could not reach the service; the kept forecast stays on screen
 //   place       the device's location, else a place chosen by hand (see places.h)
 //
-// With timing reports on, each first frame drawn with a forecast prints one line to standard
-// output: "drawn <cache|network> <CLOCK_MONOTONIC nanoseconds>", for start-up measurements.
+// With timing reports on, each first frame drawn with a forecast prints a "drawn" line to
+// standard output (timing.h), for start-up measurements.
 //
 // Thread safety: main thread only.
 #pragma once

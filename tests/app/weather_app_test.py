@@ -62,7 +62,8 @@ def start_service(kpcore, prefix=()):
 
 
 class App:
-    """One run of the app, reading its timing lines."""
+    """One run of the app, reading its timing lines: `drawn` and `phases` hold, by name, the
+    milliseconds from the spawn and the process's CPU milliseconds."""
 
     def __init__(self, program, base, env, prefix=()):
         self.started = time.monotonic_ns()
@@ -70,6 +71,7 @@ class App:
             list(prefix) + [program, "--base", base, "--latitude", "52.37", "--longitude", "4.90", "--place", "Amsterdam",
              "--report-timing"], env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.drawn = {}
+        self.phases = {}
         self.pending = b""
 
     def wait_drawn(self, source, timeout=30):
@@ -86,9 +88,10 @@ class App:
             while b"\n" in self.pending:
                 line, self.pending = self.pending.split(b"\n", 1)
                 parts = line.decode(errors="replace").split()
-                if len(parts) == 3 and parts[0] == "drawn":
-                    self.drawn[parts[1]] = (int(parts[2]) - self.started) / 1e6
-        return self.drawn.get(source)
+                if len(parts) == 4 and parts[0] in ("drawn", "phase"):
+                    times = ((int(parts[2]) - self.started) / 1e6, int(parts[3]) / 1e6)
+                    (self.drawn if parts[0] == "drawn" else self.phases).setdefault(parts[1], times)
+        return self.drawn[source][0] if source in self.drawn else None
 
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
