@@ -118,6 +118,7 @@ bool ForecastSource::fetch(const Place& place, const std::optional<ForecastSnaps
       snapshot.fromCache = false;
       keep(place, snapshot);
       outcome.snapshot = std::move(snapshot);
+      outcome.unchanged = true;
     } else if (!result.error && result.data) {
       ForecastSnapshot snapshot{*result.data, result.contentInfo,
                                 result.httpResponse ? result.httpResponse->etag() : std::nullopt, false};

@@ -24,6 +24,7 @@ namespace weatherapp {
 
 struct FetchOutcome {
   std::optional<ForecastSnapshot> snapshot;  // set on success
+  bool unchanged = false;                    // the service said "not modified": the same forecast
   kp::ErrorPtr error;                        // set on failure
   // The failure says that the service cannot be reached (no route, refused, timed out).
   bool unreachable = false;

@@ -26,6 +26,7 @@
 #include "kp/cache/cache_controller.h"
 #include "kp/container/services.h"
 #include "kp/platform/application_info.h"
+#include "kp/platform/notification_center.h"
 #include "kp/platform/url.h"
 #include "kp/service/core_logic_service_provider.h"
 #include "text.h"
@@ -39,12 +40,14 @@ constexpr const char* kDefaultBaseUrl = "http://127.0.0.1:8470";
 
 constexpr const char* kUsage =
     "usage: weather-app [--base URL] [--latitude DEG --longitude DEG [--place NAME]]\n"
-    "                   [--units locale|metric|us|uk] [--report-timing]\n"
+    "                   [--units locale|metric|us|uk] [--report-timing] [--report-notifications]\n"
     "  --base URL        the weather service (default $WEATHER_APP_BASE_URL, else http://127.0.0.1:8470)\n"
     "  --latitude, --longitude, --place\n"
     "                    show this place instead of the device's location or the chosen one\n"
     "  --units           the unit system (default: the locale's preferences)\n"
-    "  --report-timing   print the times of the start's phases and of the first frames with a forecast\n";
+    "  --report-timing   print the times of the start's phases and of the first frames with a forecast\n"
+    "  --report-notifications\n"
+    "                    print \"notification <name>\" for each application notification posted\n";
 
 struct Failure {
   std::string message;
@@ -62,6 +65,7 @@ std::optional<double> degrees(std::string_view text, double limit) {
 struct Options {
   weatherapp::AppOptions app;
   kp::UnitSystem units = kp::UnitSystem::locale;
+  bool reportNotifications = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -96,6 +100,8 @@ Options parse(int argc, char** argv) {
       options.units = *units;
     } else if (arg == "--report-timing") {
       options.app.reportTiming = true;
+    } else if (arg == "--report-notifications") {
+      options.reportNotifications = true;
     } else {
       throw Failure{"unknown option " + std::string(arg)};
     }
@@ -124,6 +130,21 @@ std::vector<std::filesystem::path> catalogueFolders() {
     folders.push_back(program.parent_path().parent_path() / "share" / "locale");
   }
   return folders;
+}
+
+// Prints each application notification as the library's observers receive it (for tests).
+std::vector<kp::NotificationCenter::ObservationToken> reportNotifications() {
+  std::vector<kp::NotificationCenter::ObservationToken> tokens;
+  for (const std::string_view name :
+       {kp::ApplicationNotifications::kDidBecomeActive, kp::ApplicationNotifications::kWillResignActive,
+        kp::ApplicationNotifications::kDidReceiveMemoryWarning}) {
+    tokens.push_back(kp::NotificationCenter::defaultCenter().addObserver(
+        name, nullptr, nullptr, [](const kp::Notification& notification) {
+          std::printf("notification %s\n", notification.name.c_str());
+          std::fflush(stdout);
+        }));
+  }
+  return tokens;
 }
 
 struct Running {
@@ -171,6 +192,8 @@ int main(int argc, char** argv) {
   kp::CoreLogicServiceProvider provider;
   kp::Services::default_()->register_(provider);
   weatherapp::report("phase", "library");
+  std::vector<kp::NotificationCenter::ObservationToken> reported;
+  if (running.options.reportNotifications) reported = reportNotifications();
 
   const weatherapp::MainQueueSource mainQueue;
   // Not unique: a second window is a second process, and no session bus is needed.

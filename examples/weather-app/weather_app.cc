@@ -2,6 +2,7 @@
 #include "weather_app.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "kp/connectivity/connectivity.h"
 #include "text.h"
@@ -13,6 +14,8 @@ namespace {
 constexpr unsigned kFirstRetrySeconds = 30;
 constexpr unsigned kLastRetrySeconds = 900;
 constexpr double kDefaultLifetimeSeconds = 3600;
+// A window that is never drawn (not mapped) still gets its forecast refreshed.
+constexpr guint kFirstFrameFallbackMilliseconds = 1000;
 
 // When the content runs out: by the service's clock (forecasts are made for the hour, so they
 // expire on the hour), else by how long ago it arrived here.
@@ -43,6 +46,7 @@ WeatherApp::WeatherApp(GtkApplication* application, AppOptions options)
 }
 
 WeatherApp::~WeatherApp() {
+  if (firstFrameWork_) g_source_remove(firstFrameWork_);
   if (refreshTimer_) g_source_remove(refreshTimer_);
   if (ageTimer_) g_source_remove(ageTimer_);
   if (afterPaintClock_) {
@@ -73,12 +77,11 @@ void WeatherApp::start() {
   }
   gtk_window_present(window_->window());
   report("phase", "presented");
-  if (options_.reportTiming) {
-    if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
-      afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
-      afterPaintHandler_ = g_signal_connect(clock, "after-paint", G_CALLBACK(afterPaint), this);
-    }
+  if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
+    afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
+    afterPaintHandler_ = g_signal_connect(clock, "after-paint", G_CALLBACK(afterPaint), this);
   }
+  firstFrameWork_ = g_timeout_add(kFirstFrameFallbackMilliseconds, firstFrameWorkDue, this);
 
   offline_ = kp::Connectivity::default_()->isOffline();
   updateBanner();
@@ -94,8 +97,28 @@ void WeatherApp::start() {
         return G_SOURCE_CONTINUE;
       },
       this);
+  if (shown_) {
+    refreshAfterFirstFrame_ = true;
+  } else {
+    refresh();
+  }
+}
+
+void WeatherApp::firstFrameDrawn() {
+  if (firstFrameDrawn_) return;
+  firstFrameDrawn_ = true;
+  if (firstFrameWork_) g_source_remove(firstFrameWork_);
+  firstFrameWork_ = 0;
+  icons_.startLoading();
   if (places_->followsLocation()) places_->followLocation();
-  refresh();
+  if (std::exchange(refreshAfterFirstFrame_, false)) refresh();
+}
+
+gboolean WeatherApp::firstFrameWorkDue(gpointer self) {
+  auto* app = static_cast<WeatherApp*>(self);
+  app->firstFrameWork_ = 0;
+  app->firstFrameDrawn();
+  return G_SOURCE_REMOVE;
 }
 
 void WeatherApp::placeChanged(const Place& place) {
@@ -123,8 +146,13 @@ void WeatherApp::refresh() {
 
 void WeatherApp::fetched(FetchOutcome outcome) {
   if (outcome.snapshot) {
+    const bool redraw = !outcome.unchanged || !shown_;
     shown_ = std::move(outcome.snapshot);
-    window_->showForecast(*shown_);
+    if (redraw) {
+      window_->showForecast(*shown_);
+    } else {
+      window_->showAge(*shown_);
+    }
     reportNextFrame("network");
     unreachable_ = false;
     lastFetchFailed_ = false;
@@ -175,13 +203,14 @@ bool WeatherApp::isDue() const {
 }
 
 void WeatherApp::becameActive() {
-  if (isDue()) refresh();
+  // The first frame's work asks the service anyway.
+  if (firstFrameDrawn_ && isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOnline() {
   offline_ = false;
   updateBanner();
-  if (isDue()) refresh();
+  if (firstFrameDrawn_ && isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOffline() {
@@ -197,6 +226,11 @@ void WeatherApp::reportNextFrame(const char* source) {
 
 void WeatherApp::afterPaint(GdkFrameClock*, gpointer self) {
   auto* app = static_cast<WeatherApp*>(self);
+  if (!app->firstFrameDrawn_ && !std::exchange(app->painted_, true)) {
+    // Not from within the paint (the work may rebuild widgets), and no longer on the timer.
+    if (app->firstFrameWork_) g_source_remove(app->firstFrameWork_);
+    app->firstFrameWork_ = g_idle_add(firstFrameWorkDue, app);
+  }
   if (app->pendingReports_.empty()) return;
   for (const char* source : app->pendingReports_) report("drawn", source);
   app->pendingReports_.clear();

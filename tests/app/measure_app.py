@@ -101,12 +101,26 @@ def median_at(runs, name, index, drawn=None):
     return statistics.median(value[index] for value in values)
 
 
+def measure_app(program, base, env, cache):
+    """A start with an empty cache, then one from what it kept: the two runs."""
+    app = App(program, base, dict(env, XDG_CACHE_HOME=cache))
+    app.wait_drawn("network")
+    time.sleep(0.5)  # the forecast and the icons reach the cache
+    app.stop()
+    cached = App(program, base, dict(env, XDG_CACHE_HOME=cache))
+    cached.wait_drawn("cache")
+    cached.stop()
+    return app, cached
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--app", required=True)
     parser.add_argument("--kpcore", required=True)
     parser.add_argument("--runs", type=int, default=9)
     parser.add_argument("--renderer", default="cairo")
+    parser.add_argument("--compare", help="another build of the app, measured the same way in the same run")
+    parser.add_argument("--compare-libraries", help="where the other build's libraries are (LD_LIBRARY_PATH)")
     args = parser.parse_args()
 
     xvfb, display = start_xvfb()
@@ -115,32 +129,33 @@ def main():
     env = dict(os.environ, DISPLAY=display, GDK_BACKEND="x11", GSK_RENDERER=args.renderer, LANG="en_US.UTF-8",
                NO_AT_BRIDGE="1", GTK_A11Y="none", XDG_CONFIG_HOME=home + "/config", XDG_DATA_HOME=home + "/data")
     env.pop("WAYLAND_DISPLAY", None)
+    other_env = dict(env, LD_LIBRARY_PATH=args.compare_libraries) if args.compare_libraries else env
     try:
         baseline_program = build_baseline(home)
         load_before = os.getloadavg()[0]
-        network, cached, baseline = [], [], []
+        baseline, network, cached, other_network, other_cached = [], [], [], [], []
         for run in range(args.runs):
             app = App(baseline_program, base, env)
             app.wait_drawn("baseline")
             baseline.append(app)
             app.stop()
-            cache = "%s/cache-%d" % (home, run)
-            app = App(args.app, base, dict(env, XDG_CACHE_HOME=cache))
-            app.wait_drawn("network")
-            network.append(app)
-            time.sleep(0.5)  # the forecast and the icons reach the cache
-            app.stop()
-            app = App(args.app, base, dict(env, XDG_CACHE_HOME=cache))
-            app.wait_drawn("cache")
-            cached.append(app)
-            app.stop()
+            first, second = measure_app(args.app, base, env, "%s/cache-%d" % (home, run))
+            network.append(first)
+            cached.append(second)
+            if args.compare:
+                first, second = measure_app(args.compare, base, other_env, "%s/other-cache-%d" % (home, run))
+                other_network.append(first)
+                other_cached.append(second)
         print("load average %.2f before, %.2f after (%d cores)" % (load_before, os.getloadavg()[0], os.cpu_count()))
         print("cold start to a drawn forecast, median of %d, renderer %s:" % (args.runs, args.renderer))
-        print("  %-17s %-26s %s" % ("", "wall ms (min-max)", "CPU ms (min-max)"))
+        print("  %-26s %-26s %s" % ("", "wall ms (min-max)", "CPU ms (min-max)"))
         base_wall = median_at(baseline, None, 0, drawn="baseline")
         base_cpu = median_at(baseline, None, 1, drawn="baseline")
-        for name, runs, source in (("GTK baseline", baseline, "baseline"), ("from the network", network, "network"),
-                                   ("from the cache", cached, "cache")):
+        rows = [("GTK baseline", baseline, "baseline"), ("from the network", network, "network"),
+                ("from the cache", cached, "cache")]
+        if args.compare:
+            rows += [("other build, network", other_network, "network"), ("other build, cache", other_cached, "cache")]
+        for name, runs, source in rows:
             if any(source not in run.drawn for run in runs):
                 print("  %s: not drawn in some runs" % name)
                 continue
@@ -149,18 +164,18 @@ def main():
                 values = [run.drawn[source][index] for run in runs]
                 cells.append("%6.1f (%.0f-%.0f) %.2fx" % (statistics.median(values), min(values), max(values),
                                                            statistics.median(values) / reference if reference else 0))
-            print("  %-17s %-26s %s" % (name, cells[0], cells[1]))
-        print("the cache start by phase, median wall / CPU ms from the spawn (baseline beside):")
+            print("  %-26s %-26s %s" % (name, cells[0], cells[1]))
+        print("the cache start by phase, median wall / CPU ms from the spawn:")
+        columns = [("app", cached, "cache")] + ([("other build", other_cached, "cache")] if args.compare else [])
+        columns.append(("baseline", baseline, "baseline"))
+        print("  %-10s" % "" + "".join("%20s" % name for name, _, _ in columns))
         for phase in ("main", "text", "library", "gtk", "window", "cache", "presented", "activated", "drawn"):
-            source = "cache" if phase == "drawn" else None
-            app_wall = median_at(cached, phase, 0, drawn=source)
-            app_cpu = median_at(cached, phase, 1, drawn=source)
-            line = "  %-10s %6.1f / %6.1f" % (phase, app_wall, app_cpu)
-            base_source = "baseline" if phase == "drawn" else None
-            if base_source or all(phase in run.phases for run in baseline):
-                line += "    baseline %6.1f / %6.1f" % (median_at(baseline, phase, 0, drawn=base_source),
-                                                        median_at(baseline, phase, 1, drawn=base_source))
-            print(line)
+            line = "  %-10s" % phase
+            for _, runs, source in columns:
+                drawn = source if phase == "drawn" else None
+                line += "     %6.1f / %6.1f" % (median_at(runs, phase, 0, drawn=drawn),
+                                                median_at(runs, phase, 1, drawn=drawn))
+            print(line.replace("nan", "  -"))
 
         app = App(args.app, base, dict(env, XDG_CACHE_HOME=home + "/cache-idle"))
         app.wait_drawn("network")
