@@ -25,6 +25,8 @@
 #include "glib_bridge.h"
 #include "kp/cache/cache_controller.h"
 #include "kp/container/services.h"
+#include "kp/device/device_information.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/platform/application_info.h"
 #include "kp/platform/notification_center.h"
 #include "kp/platform/url.h"
@@ -191,6 +193,10 @@ int main(int argc, char** argv) {
   kp::Services::default_()->registerInstance<tarvix::Application>(running.lifecycle);
   kp::CoreLogicServiceProvider provider;
   kp::Services::default_()->register_(provider);
+  // The device's facts (which the weather service's parameters carry) may wait for the
+  // system's host-name service: they are read on the pool while GTK starts, not on the
+  // main thread before the first frame.
+  kp::runInBackground([] { (void)kp::DeviceInformation::shared().facts(); });
   weatherapp::report("phase", "library");
   std::vector<kp::NotificationCenter::ObservationToken> reported;
   if (running.options.reportNotifications) reported = reportNotifications();
