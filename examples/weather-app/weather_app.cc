@@ -97,11 +97,7 @@ void WeatherApp::start() {
         return G_SOURCE_CONTINUE;
       },
       this);
-  if (shown_) {
-    refreshAfterFirstFrame_ = true;
-  } else {
-    refresh();
-  }
+  refresh();
 }
 
 void WeatherApp::firstFrameDrawn() {
@@ -130,6 +126,10 @@ void WeatherApp::placeChanged(const Place& place) {
 }
 
 void WeatherApp::refresh() {
+  if (shown_ && !firstFrameDrawn_) {
+    refreshAfterFirstFrame_ = true;  // the kept forecast goes on screen first
+    return;
+  }
   std::weak_ptr<WeatherApp> weak = weak_from_this();
   const Place place = places_->current();
   (void)source_.fetch(place, shown_, [weak, place](FetchOutcome outcome) {
@@ -203,14 +203,13 @@ bool WeatherApp::isDue() const {
 }
 
 void WeatherApp::becameActive() {
-  // The first frame's work asks the service anyway.
-  if (firstFrameDrawn_ && isDue()) refresh();
+  if (isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOnline() {
   offline_ = false;
   updateBanner();
-  if (firstFrameDrawn_ && isDue()) refresh();
+  if (isDue()) refresh();
 }
 
 void WeatherApp::connectivityWentOffline() {
