@@ -54,10 +54,16 @@ bool isUnreachable(const kp::ErrorPtr& error) {
 
 }  // namespace
 
-ForecastSource::ForecastSource(std::string baseUrl) : service_(std::move(baseUrl)) {
-  // The local weather service seals forecasts with the client-info keys.
-  service_.encryptionDetails.bodyEncryptionKey = std::string(kp::kClientInfoBodyEncryptionKey);
-  service_.encryptionDetails.responseDecryptionKey = std::string(kp::kClientInfoResponseDecryptionKey);
+ForecastSource::ForecastSource(std::string baseUrl) : baseUrl_(std::move(baseUrl)) {}
+
+kp::DecodableTarvixWebService& ForecastSource::service() {
+  if (!service_) {
+    service_.emplace(baseUrl_);
+    // The local weather service seals forecasts with the client-info keys.
+    service_->encryptionDetails.bodyEncryptionKey = std::string(kp::kClientInfoBodyEncryptionKey);
+    service_->encryptionDetails.responseDecryptionKey = std::string(kp::kClientInfoResponseDecryptionKey);
+  }
+  return *service_;
 }
 
 std::optional<ForecastSnapshot> ForecastSource::cached(const Place& place) const {
@@ -92,7 +98,7 @@ void ForecastSource::keep(const Place& place, const ForecastSnapshot& snapshot) 
 
 bool ForecastSource::fetch(const Place& place, const std::optional<ForecastSnapshot>& shown, Completion completion) {
   if (fetching_) return false;
-  auto request = service_.createRequest<Forecast>("forecast");
+  auto request = service().createRequest<Forecast>("forecast");
   if (!request) {
     completion({.error = kp::Error::make("WeatherApp", 1, "The weather service's address is not a URL.")});
     return true;
@@ -118,6 +124,7 @@ bool ForecastSource::fetch(const Place& place, const std::optional<ForecastSnaps
       snapshot.fromCache = false;
       keep(place, snapshot);
       outcome.snapshot = std::move(snapshot);
+      outcome.unchanged = true;
     } else if (!result.error && result.data) {
       ForecastSnapshot snapshot{*result.data, result.contentInfo,
                                 result.httpResponse ? result.httpResponse->etag() : std::nullopt, false};

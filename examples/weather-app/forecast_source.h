@@ -24,6 +24,7 @@ namespace weatherapp {
 
 struct FetchOutcome {
   std::optional<ForecastSnapshot> snapshot;  // set on success
+  bool unchanged = false;                    // the service said "not modified": the same forecast
   kp::ErrorPtr error;                        // set on failure
   // The failure says that the service cannot be reached (no route, refused, timed out).
   bool unreachable = false;
@@ -46,7 +47,12 @@ class ForecastSource {
  private:
   void keep(const Place& place, const ForecastSnapshot& snapshot) const;
 
-  kp::DecodableTarvixWebService service_;
+  kp::DecodableTarvixWebService& service();
+
+  std::string baseUrl_;
+  // Made for the first fetch: making it reads the device's facts, which may wait for the
+  // system's host-name service, and a start from the cache draws before it fetches.
+  std::optional<kp::DecodableTarvixWebService> service_;
   std::shared_ptr<kp::DecodableTarvixServiceRequest<Forecast>> inFlight_;
   bool fetching_ = false;
 };

@@ -49,8 +49,19 @@ void IconStore::show(GtkImage* image, const std::string& condition) {
   }
   if (entry.failed) return;
   entry.waiting.push_back(GTK_IMAGE(g_object_ref(image)));
-  if (entry.request) return;
+  if (loading_) load(condition, entry);
+}
 
+void IconStore::startLoading() {
+  if (loading_) return;
+  loading_ = true;
+  for (auto& [condition, entry] : entries_) {
+    if (!entry.waiting.empty()) load(condition, entry);
+  }
+}
+
+void IconStore::load(const std::string& condition, Entry& entry) {
+  if (entry.request) return;
   auto url = kp::Url::parse(baseUrl_ + "/icons/" + condition + ".png");
   if (!url) {
     loaded(condition, nullptr);

@@ -3,6 +3,8 @@
 // disk on the next start and shown offline.
 //
 // Each condition is asked for once per run; images waiting for it get it when it arrives.
+// Nothing is asked for until startLoading(): the app calls it once its first frame is on
+// screen, so that reading and decoding icons does not delay that frame.
 // A condition that is not a plain word is never put into a URL, and an icon that does not
 // load leaves its image empty (the condition is written beside it anyway).
 //
@@ -29,6 +31,8 @@ class IconStore {
 
   // Shows the icon of `condition` in `image` now, or once it has loaded.
   void show(GtkImage* image, const std::string& condition);
+  // Loads the icons asked for so far, and from now on each as it is asked for.
+  void startLoading();
 
  private:
   struct Entry {
@@ -37,9 +41,11 @@ class IconStore {
     std::vector<GtkImage*> waiting;  // each holds a reference until served
     bool failed = false;
   };
+  void load(const std::string& condition, Entry& entry);
   void loaded(const std::string& condition, const kp::Image* image);
 
   std::string baseUrl_;
+  bool loading_ = false;
   std::map<std::string, Entry> entries_;
 };
 

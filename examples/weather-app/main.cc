@@ -25,10 +25,14 @@
 #include "glib_bridge.h"
 #include "kp/cache/cache_controller.h"
 #include "kp/container/services.h"
+#include "kp/device/device_information.h"
+#include "kp/foundation/dispatch.h"
 #include "kp/platform/application_info.h"
+#include "kp/platform/notification_center.h"
 #include "kp/platform/url.h"
 #include "kp/service/core_logic_service_provider.h"
 #include "text.h"
+#include "timing.h"
 #include "weather_app.h"
 
 namespace {
@@ -38,12 +42,14 @@ constexpr const char* kDefaultBaseUrl = "http://127.0.0.1:8470";
 
 constexpr const char* kUsage =
     "usage: weather-app [--base URL] [--latitude DEG --longitude DEG [--place NAME]]\n"
-    "                   [--units locale|metric|us|uk] [--report-timing]\n"
+    "                   [--units locale|metric|us|uk] [--report-timing] [--report-notifications]\n"
     "  --base URL        the weather service (default $WEATHER_APP_BASE_URL, else http://127.0.0.1:8470)\n"
     "  --latitude, --longitude, --place\n"
     "                    show this place instead of the device's location or the chosen one\n"
     "  --units           the unit system (default: the locale's preferences)\n"
-    "  --report-timing   print \"drawn <cache|network> <monotonic ns>\" when a forecast is first drawn\n";
+    "  --report-timing   print the times of the start's phases and of the first frames with a forecast\n"
+    "  --report-notifications\n"
+    "                    print \"notification <name>\" for each application notification posted\n";
 
 struct Failure {
   std::string message;
@@ -61,6 +67,7 @@ std::optional<double> degrees(std::string_view text, double limit) {
 struct Options {
   weatherapp::AppOptions app;
   kp::UnitSystem units = kp::UnitSystem::locale;
+  bool reportNotifications = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -95,6 +102,8 @@ Options parse(int argc, char** argv) {
       options.units = *units;
     } else if (arg == "--report-timing") {
       options.app.reportTiming = true;
+    } else if (arg == "--report-notifications") {
+      options.reportNotifications = true;
     } else {
       throw Failure{"unknown option " + std::string(arg)};
     }
@@ -125,6 +134,21 @@ std::vector<std::filesystem::path> catalogueFolders() {
   return folders;
 }
 
+// Prints each application notification as the library's observers receive it (for tests).
+std::vector<kp::NotificationCenter::ObservationToken> reportNotifications() {
+  std::vector<kp::NotificationCenter::ObservationToken> tokens;
+  for (const std::string_view name :
+       {kp::ApplicationNotifications::kDidBecomeActive, kp::ApplicationNotifications::kWillResignActive,
+        kp::ApplicationNotifications::kDidReceiveMemoryWarning}) {
+    tokens.push_back(kp::NotificationCenter::defaultCenter().addObserver(
+        name, nullptr, nullptr, [](const kp::Notification& notification) {
+          std::printf("notification %s\n", notification.name.c_str());
+          std::fflush(stdout);
+        }));
+  }
+  return tokens;
+}
+
 struct Running {
   std::shared_ptr<weatherapp::ApplicationLifecycle> lifecycle;
   Options options;
@@ -137,8 +161,10 @@ void activate(GtkApplication* application, gpointer data) {
     gtk_window_present(gtk_application_get_active_window(application));
     return;
   }
+  weatherapp::report("phase", "gtk");
   running->app = weatherapp::WeatherApp::make(application, running->options.app);
   running->lifecycle->watch(gtk_application_get_active_window(application));
+  weatherapp::report("phase", "activated");
 }
 
 }  // namespace
@@ -151,6 +177,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "weather-app: %s\n%s", failure.message.c_str(), kUsage);
     return 2;
   }
+  if (running.options.app.reportTiming) weatherapp::enableTimingReports();
+  weatherapp::report("phase", "main");
 
   auto info = kp::ApplicationInfo::current();
   info.identifier = kApplicationId;
@@ -158,12 +186,20 @@ int main(int argc, char** argv) {
   info.version = "1.0";
   kp::ApplicationInfo::setCurrent(info);
   weatherapp::setUpText(catalogueFolders(), running.options.units);
+  weatherapp::report("phase", "text");
 
   // The Application first: the cache reads the application's state when it is made.
   running.lifecycle = std::make_shared<weatherapp::ApplicationLifecycle>();
   kp::Services::default_()->registerInstance<tarvix::Application>(running.lifecycle);
   kp::CoreLogicServiceProvider provider;
   kp::Services::default_()->register_(provider);
+  // The device's facts (which the weather service's parameters carry) may wait for the
+  // system's host-name service: they are read on the pool while GTK starts, not on the
+  // main thread before the first frame.
+  kp::runInBackground([] { (void)kp::DeviceInformation::shared().facts(); });
+  weatherapp::report("phase", "library");
+  std::vector<kp::NotificationCenter::ObservationToken> reported;
+  if (running.options.reportNotifications) reported = reportNotifications();
 
   const weatherapp::MainQueueSource mainQueue;
   // Not unique: a second window is a second process, and no session bus is needed.

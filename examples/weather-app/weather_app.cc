@@ -2,11 +2,11 @@
 #include "weather_app.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
+#include <utility>
 
 #include "kp/connectivity/connectivity.h"
 #include "text.h"
+#include "timing.h"
 
 namespace weatherapp {
 namespace {
@@ -14,12 +14,8 @@ namespace {
 constexpr unsigned kFirstRetrySeconds = 30;
 constexpr unsigned kLastRetrySeconds = 900;
 constexpr double kDefaultLifetimeSeconds = 3600;
-
-long long monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1'000'000'000LL + now.tv_nsec;
-}
+// A window that is never drawn (not mapped) still gets its forecast refreshed.
+constexpr guint kFirstFrameFallbackMilliseconds = 1000;
 
 // When the content runs out: by the service's clock (forecasts are made for the hour, so they
 // expire on the hour), else by how long ago it arrived here.
@@ -50,6 +46,7 @@ WeatherApp::WeatherApp(GtkApplication* application, AppOptions options)
 }
 
 WeatherApp::~WeatherApp() {
+  if (firstFrameWork_) g_source_remove(firstFrameWork_);
   if (refreshTimer_) g_source_remove(refreshTimer_);
   if (ageTimer_) g_source_remove(ageTimer_);
   if (afterPaintClock_) {
@@ -69,20 +66,22 @@ void WeatherApp::start() {
                                                       if (auto self = weak.lock()) self->window_->showNote(reason);
                                                     }});
   window_->showPlace(places_->current(), places_->followsLocation(), places_->isFixed());
+  report("phase", "window");
 
   // What this device kept from the last run goes on screen before anything is asked.
   shown_ = source_.cached(places_->current());
+  report("phase", "cache");
   if (shown_) {
     window_->showForecast(*shown_);
     reportNextFrame("cache");
   }
   gtk_window_present(window_->window());
-  if (options_.reportTiming) {
-    if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
-      afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
-      afterPaintHandler_ = g_signal_connect(clock, "after-paint", G_CALLBACK(afterPaint), this);
-    }
+  report("phase", "presented");
+  if (GdkFrameClock* clock = gtk_widget_get_frame_clock(GTK_WIDGET(window_->window()))) {
+    afterPaintClock_ = GDK_FRAME_CLOCK(g_object_ref(clock));
+    afterPaintHandler_ = g_signal_connect(clock, "after-paint", G_CALLBACK(afterPaint), this);
   }
+  firstFrameWork_ = g_timeout_add(kFirstFrameFallbackMilliseconds, firstFrameWorkDue, this);
 
   offline_ = kp::Connectivity::default_()->isOffline();
   updateBanner();
@@ -98,8 +97,24 @@ void WeatherApp::start() {
         return G_SOURCE_CONTINUE;
       },
       this);
-  if (places_->followsLocation()) places_->followLocation();
   refresh();
+}
+
+void WeatherApp::firstFrameDrawn() {
+  if (firstFrameDrawn_) return;
+  firstFrameDrawn_ = true;
+  if (firstFrameWork_) g_source_remove(firstFrameWork_);
+  firstFrameWork_ = 0;
+  icons_.startLoading();
+  if (places_->followsLocation()) places_->followLocation();
+  if (std::exchange(refreshAfterFirstFrame_, false)) refresh();
+}
+
+gboolean WeatherApp::firstFrameWorkDue(gpointer self) {
+  auto* app = static_cast<WeatherApp*>(self);
+  app->firstFrameWork_ = 0;
+  app->firstFrameDrawn();
+  return G_SOURCE_REMOVE;
 }
 
 void WeatherApp::placeChanged(const Place& place) {
@@ -111,6 +126,10 @@ void WeatherApp::placeChanged(const Place& place) {
 }
 
 void WeatherApp::refresh() {
+  if (shown_ && !firstFrameDrawn_) {
+    refreshAfterFirstFrame_ = true;  // the kept forecast goes on screen first
+    return;
+  }
   std::weak_ptr<WeatherApp> weak = weak_from_this();
   const Place place = places_->current();
   (void)source_.fetch(place, shown_, [weak, place](FetchOutcome outcome) {
@@ -127,8 +146,13 @@ void WeatherApp::refresh() {
 
 void WeatherApp::fetched(FetchOutcome outcome) {
   if (outcome.snapshot) {
+    const bool redraw = !outcome.unchanged || !shown_;
     shown_ = std::move(outcome.snapshot);
-    window_->showForecast(*shown_);
+    if (redraw) {
+      window_->showForecast(*shown_);
+    } else {
+      window_->showAge(*shown_);
+    }
     reportNextFrame("network");
     unreachable_ = false;
     lastFetchFailed_ = false;
@@ -201,10 +225,13 @@ void WeatherApp::reportNextFrame(const char* source) {
 
 void WeatherApp::afterPaint(GdkFrameClock*, gpointer self) {
   auto* app = static_cast<WeatherApp*>(self);
+  if (!app->firstFrameDrawn_ && !std::exchange(app->painted_, true)) {
+    // Not from within the paint (the work may rebuild widgets), and no longer on the timer.
+    if (app->firstFrameWork_) g_source_remove(app->firstFrameWork_);
+    app->firstFrameWork_ = g_idle_add(firstFrameWorkDue, app);
+  }
   if (app->pendingReports_.empty()) return;
-  const long long now = monotonicNanoseconds();
-  for (const char* source : app->pendingReports_) std::printf("drawn %s %lld\n", source, now);
-  std::fflush(stdout);
+  for (const char* source : app->pendingReports_) report("drawn", source);
   app->pendingReports_.clear();
 }
 

@@ -1,8 +1,10 @@
 // The app's behaviour: what the window shows and when it asks the service.
 //
-//   start       the forecast kept for the last place is drawn at once, then the service is
-//               asked (with the entity tag of what is on screen, so an unchanged forecast
-//               costs a "not modified")
+//   start       the forecast kept for the last place is drawn at once; once that frame is
+//               on screen the service is asked (with the entity tag of what is on screen,
+//               so an unchanged forecast costs a "not modified"), the icons are loaded and
+//               the location is followed, so none of them delays the first frame. With
+//               nothing kept, the service is asked at once.
 //   refresh     when the content info says the forecast has expired, when the application
 //               becomes active with an expired or failed forecast, and when the device
 //               comes back online; after a failure, again in 30 s, doubling to 15 min
@@ -10,8 +12,8 @@
 //               last call could not reach the service; the kept forecast stays on screen
 //   place       the device's location, else a place chosen by hand (see places.h)
 //
-// With timing reports on, each first frame drawn with a forecast prints one line to standard
-// output: "drawn <cache|network> <CLOCK_MONOTONIC nanoseconds>", for start-up measurements.
+// With timing reports on, each first frame drawn with a forecast prints a "drawn" line to
+// standard output (timing.h), for start-up measurements.
 //
 // Thread safety: main thread only.
 #pragma once
@@ -59,6 +61,8 @@ class WeatherApp final : public kp::ConnectivityOnlineDelegate,
   void becameActive();
   [[nodiscard]] bool isDue() const;
   void reportNextFrame(const char* source);
+  void firstFrameDrawn();
+  static gboolean firstFrameWorkDue(gpointer self);
   static void afterPaint(GdkFrameClock* clock, gpointer self);
 
   AppOptions options_;
@@ -73,6 +77,10 @@ class WeatherApp final : public kp::ConnectivityOnlineDelegate,
   unsigned retrySeconds_ = 0;
   guint refreshTimer_ = 0;
   guint ageTimer_ = 0;
+  bool painted_ = false;
+  bool firstFrameDrawn_ = false;
+  bool refreshAfterFirstFrame_ = false;
+  guint firstFrameWork_ = 0;  // the work after the first frame, or its fallback timer
   std::vector<const char*> pendingReports_;
   GdkFrameClock* afterPaintClock_ = nullptr;  // a reference of ours
   gulong afterPaintHandler_ = 0;

@@ -48,6 +48,7 @@ constexpr std::string_view kCount = "SELECT count(*) AS count FROM cache;";
 constexpr std::string_view kCountCacheTables =
     "SELECT count(*) AS count FROM sqlite_master WHERE type = 'table' AND name IN ('cache', 'db_metadata');";
 constexpr std::string_view kVacuum = "VACUUM;";
+constexpr std::string_view kFreePages = "PRAGMA freelist_count;";
 // How long prepare() waits for another process that prepares the same file; that takes
 // moments, unless the other waits on a busy database itself.
 constexpr auto kPrepareLockTimeout = std::chrono::seconds(5);
@@ -524,8 +525,25 @@ std::uint64_t CacheControllerDatabase::getSize() const {
   return static_cast<std::uint64_t>(size) + (walError ? 0 : static_cast<std::uint64_t>(wal));
 }
 
+std::optional<std::int32_t> CacheControllerDatabase::freePages() {
+  auto* prepared = statement(kFreePages);
+  if (!prepared) return std::nullopt;
+  StatementRun run(*prepared);
+  try {
+    const auto cells = prepared->readCells();
+    if (!cells) return std::nullopt;
+    const auto found = cells->find("freelist_count");
+    return found == cells->end() ? std::nullopt : found->second.asInt32();
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 void CacheControllerDatabase::vacuum() {
   MutexLock lock(mutex_);
+  // The purge runs each time the application becomes active, mostly with nothing to remove;
+  // rewriting the whole file then would cost its size in writes for no space won.
+  if (freePages() == 0) return;
   if (!run(kVacuum, {})) return;
   // VACUUM writes the whole database into the log; without emptying and cutting the log
   // here, wiping the cache would leave it larger on disk than before.

@@ -135,7 +135,7 @@ class CacheControllerDatabase {
   // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
   // Rebuilds the file without its free pages and empties the log, so that the disk space of
-  // removed rows is given back.
+  // removed rows is given back; leaves a file without free pages as it is.
   void vacuum();
 
  private:
@@ -157,6 +157,8 @@ class CacheControllerDatabase {
   bool run(std::string_view sql, const std::vector<SQLiteValue>& bindings) REQUIRES(mutex_);
   // Runs a pragma that answers with a row, ignoring the row; false on any failure.
   bool runPragma(std::string_view sql) REQUIRES(mutex_);
+  // The pages that deletions left unused in the file; nothing when it cannot tell.
+  [[nodiscard]] std::optional<std::int32_t> freePages() REQUIRES(mutex_);
 
   std::string dbFileName_;
   std::filesystem::path path_;

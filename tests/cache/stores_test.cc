@@ -3,8 +3,10 @@
 // controller.)
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <thread>
 
 #include "cache/cache_database.h"
 #include "cache/file_storage.h"
@@ -158,6 +160,16 @@ TEST_F(CacheDatabaseTest, WipingGivesTheDiskSpaceBack) {
   db->removeExpiredItems();  // vacuums too
   EXPECT_LT(db->getSize(), 64u << 10);
   EXPECT_EQ(sqlite(file(), "PRAGMA integrity_check;"), "ok\n");
+
+  // A purge that removes nothing (as on most activations) leaves the file as it is, rather
+  // than rewriting all of it.
+  for (int i = 0; i < 16; ++i) db->saveRecord(blob, Entry(config(0), Date::now()), std::to_string(i));
+  const auto size = db->getSize();
+  const auto written = std::filesystem::last_write_time(file());
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  db->removeExpiredItems();
+  EXPECT_EQ(db->getSize(), size);
+  EXPECT_EQ(std::filesystem::last_write_time(file()), written);
 }
 
 std::vector<std::string> namesIn(const std::filesystem::path& folder) {
