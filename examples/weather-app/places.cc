@@ -11,7 +11,8 @@
 namespace weatherapp {
 namespace {
 
-constexpr std::array kPlaces{
+// Not constexpr: a std::string in a constant is a GCC extension that clang refuses.
+const std::array kPlaces{
     Place{"Amsterdam", 52.37, 4.90},  Place{"Berlin", 52.52, 13.40}, Place{"London", 51.51, -0.13},
     Place{"New York", 40.71, -74.01}, Place{"Tokyo", 35.68, 139.69}, Place{"Sydney", -33.87, 151.21},
 };
