@@ -312,7 +312,11 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 
   void stopTimerOnMainThread() { onMainThread(&State::stopTimer); }
 
-  void dropMemoryWarningItems() { memory.removeLowMemoryWarningItems(); }
+  void dropMemoryWarningItems() {
+    memory.removeLowMemoryWarningItems();
+    // In turn with the saves rather than waiting here for the database's lock.
+    post(kTaskOverhead, [](State& s) { s.database.releaseMemory(); });
+  }
 
   // ---- reads ----
 

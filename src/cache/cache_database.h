@@ -134,6 +134,9 @@ class CacheControllerDatabase {
   [[nodiscard]] std::uint64_t getItemCount();
   // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
+  // Gives back the memory of the pages that SQLite keeps of the file (they are read again when
+  // needed).
+  void releaseMemory();
   // Rebuilds the file without its free pages and empties the log, so that the disk space of
   // removed rows is given back.
   void vacuum();

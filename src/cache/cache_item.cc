@@ -4,6 +4,21 @@
 #include "kp/coding/coding.h"
 
 namespace kp {
+namespace {
+
+// Hands the bytes under `key` to `use` where the coded form holds them, without a copy; bytes
+// coded otherwise (as Base64 text) are decoded first. Nothing for a missing key or null.
+template <class F>
+void withBytes(const KeyedDecoder& keyed, std::string_view key, F&& use) {
+  if (keyed.decodeNil(key)) return;
+  if (const Data* bytes = keyed.decoderForKey(key).value().ifData()) {
+    use(*bytes);
+  } else if (auto decoded = keyed.decodeIfPresent<Data>(key)) {
+    use(*decoded);
+  }
+}
+
+}  // namespace
 
 void CacheItemConfiguration::encode(Encoder& encoder) const {
   auto keyed = encoder.keyed();
@@ -63,28 +78,28 @@ CacheItem CacheItem::decode(const Decoder& decoder) {
   entry.setCreationDate(keyed.decode<Date>(kCreationDateKey));
   if (entry.cacheType == CacheItemType::serialized) {
     try {
-      if (auto bytes = keyed.decodeIfPresent<Data>(kItemKey)) {
-        if (auto payload = KeyedUnarchiver::safeUnarchivedObject(*bytes); payload && !payload->isNull()) {
+      withBytes(keyed, kItemKey, [&](const Data& bytes) {
+        if (auto payload = KeyedUnarchiver::safeUnarchivedObject(bytes); payload && !payload->isNull()) {
           entry.item = std::move(*payload);
         } else {
           entry.complete_ = false;
         }
-      }
+      });
     } catch (const CodingError&) {
       // an unreadable payload leaves the entry without one
       entry.complete_ = false;
     }
   }
   try {
-    if (auto bytes = keyed.decodeIfPresent<Data>(kExtraItemsKey)) {
-      auto extras = KeyedUnarchiver::safeUnarchivedObject(*bytes);
-      const auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr;
+    withBytes(keyed, kExtraItemsKey, [&](const Data& bytes) {
+      auto extras = KeyedUnarchiver::safeUnarchivedObject(bytes);
+      auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr;
       if (dictionary) {
-        entry.extraItems = *dictionary;
+        entry.extraItems = std::move(*dictionary);
       } else {
         entry.complete_ = false;
       }
-    }
+    });
   } catch (const CodingError&) {
     // unreadable extra items leave the dictionary empty
     entry.complete_ = false;

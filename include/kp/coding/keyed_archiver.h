@@ -120,6 +120,11 @@ class KP_EXPORT ArchiveValue {
   [[nodiscard]] const T* get() const noexcept {
     return std::get_if<T>(&storage_);
   }
+  // The same, to change or take.
+  template <class T>
+  [[nodiscard]] T* get() noexcept {
+    return std::get_if<T>(&storage_);
+  }
   // The object as class T, or null when it is something else.
   template <class T>
   [[nodiscard]] std::shared_ptr<const T> object() const {
