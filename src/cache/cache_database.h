@@ -32,10 +32,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
 #include "cache/sqlite.h"
+#include "kp/cache/cache_item.h"
 #include "kp/cache/cache_row.h"
 #include "kp/cache/cacheable.h"
 #include "kp/coding/property_list.h"
@@ -95,7 +97,11 @@ class CacheControllerDatabase {
   template <class T>
   [[nodiscard]] static std::shared_ptr<T> decodeEntry(const Data& bytes) {
     try {
-      return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+      if constexpr (std::is_same_v<T, CacheItem>) {
+        return std::make_shared<CacheItem>(CacheItem::decodeStored(bytes.bytes()));
+      } else {
+        return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+      }
     } catch (const std::exception&) {
       return nullptr;
     }

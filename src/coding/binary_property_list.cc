@@ -323,9 +323,39 @@ std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, s
   return std::nullopt;
 }
 
+std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, std::string_view key,
+                                                            std::uint64_t& cursor) const {
+  const auto entries = container(ref);
+  if (!entries || entries->isArray || entries->count == 0) return std::nullopt;
+  const std::uint64_t n = entries->count;
+  for (std::uint64_t k = 0; k < n; ++k) {
+    const std::uint64_t i = (cursor + k) % n;
+    if (keyEquals(be(entries->refs + i * refSize_, refSize_), key)) {
+      cursor = i + 1;
+      return be(entries->refs + (n + i) * refSize_, refSize_);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::entryCount(std::uint64_t ref) const {
+  const auto entries = container(ref);
+  if (!entries || entries->isArray) return std::nullopt;
+  return entries->count;
+}
+
 bool BinaryPropertyListReader::isDictionary(std::uint64_t ref) const {
   const auto entries = container(ref);
   return entries && !entries->isArray;
+}
+
+std::optional<std::span<const std::uint8_t>> BinaryPropertyListReader::bytes(std::uint64_t ref) const {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 != 0x4) return std::nullopt;
+  const std::uint64_t n = countOf(marker & 0x0F, pos);
+  return std::span<const std::uint8_t>(need(pos, n), n);
 }
 
 std::optional<std::uint64_t> BinaryPropertyListReader::count(std::uint64_t ref) const {

@@ -52,7 +52,16 @@ class BinaryPropertyListReader {
   // The object under `key` (its first entry) in the dictionary `ref`; nothing when `ref` is
   // no dictionary or has no such key.
   [[nodiscard]] std::optional<std::uint64_t> find(std::uint64_t ref, std::string_view key) const;
+  // The same, trying the entry at `cursor` first and then the others in turn, and moving
+  // `cursor` past the entry found: keys looked up in the order they were written cost one
+  // comparison each. Of a key written twice, the entry found may be either.
+  [[nodiscard]] std::optional<std::uint64_t> find(std::uint64_t ref, std::string_view key, std::uint64_t& cursor) const;
+  // The entry count of the dictionary `ref`; nothing when it is no dictionary.
+  [[nodiscard]] std::optional<std::uint64_t> entryCount(std::uint64_t ref) const;
   [[nodiscard]] bool isDictionary(std::uint64_t ref) const;
+  // The bytes of the data object `ref` where they lie in the input; nothing for any other
+  // object.
+  [[nodiscard]] std::optional<std::span<const std::uint8_t>> bytes(std::uint64_t ref) const;
   // The element count of the array `ref`; nothing when it is no array.
   [[nodiscard]] std::optional<std::uint64_t> count(std::uint64_t ref) const;
   // REQUIRES: `ref` is an array of more than `index` elements, else CodingError.

@@ -368,7 +368,9 @@ struct ArchiveDecoder::State {
       if (kind == Builtin::none && !cls) failArchive("unknown class " + name);
     }
     if (kind != Builtin::none) {
-      if (!isAllowed(name, {std::string(builtinBaseName(kind))})) failArchive("class " + name + " is not accepted");
+      if (allowed != nullptr && !allowed->contains(name) && !allowed->contains(builtinBaseName(kind))) {
+        failArchive("class " + name + " is not accepted");
+      }
       return decodeBuiltin(kind, ref, depth);
     }
     if (!isAllowed(name, cls->superclasses)) failArchive("class " + name + " is not accepted");
@@ -379,11 +381,17 @@ struct ArchiveDecoder::State {
     return object;
   }
 
-  // The references listed under `key` of the collection `ref`.
-  Value::Array refList(std::uint64_t ref, std::string_view key) {
-    auto list = entry(ref, key);
-    if (!list || !list->ifArray()) failArchive("collection without " + std::string(key));
-    return std::move(*list->ifArray());
+  // The list under `key` of the collection `ref`: its property-list reference and length.
+  std::pair<std::uint64_t, std::uint64_t> refList(std::uint64_t ref, std::string_view key) {
+    const auto list = reader->find(ref, key);
+    const auto length = list ? reader->count(*list) : std::nullopt;
+    if (!length) failArchive("collection without " + std::string(key));
+    return {*list, *length};
+  }
+
+  // The object whose reference is element `index` of the list `list`.
+  ArchiveValue decodeElement(std::uint64_t list, std::uint64_t index, std::size_t depth) {
+    return decode(reader->build(reader->element(list, index)), depth);
   }
 
   ArchiveValue decodeBuiltin(Builtin kind, std::uint64_t ref, std::size_t depth) {
@@ -412,21 +420,21 @@ struct ArchiveDecoder::State {
       }
       case Builtin::array: {
         ArchiveValue::Array items;
-        const Value::Array refs = refList(ref, "NS.objects");
-        items.reserve(refs.size());
-        for (const Value& r : refs) items.push_back(decode(r, depth + 1));
+        const auto [list, length] = refList(ref, "NS.objects");
+        items.reserve(static_cast<std::size_t>(length));
+        for (std::uint64_t i = 0; i < length; ++i) items.push_back(decodeElement(list, i, depth + 1));
         return items;
       }
       case Builtin::dictionary: {
-        const Value::Array keys = refList(ref, "NS.keys");
-        const Value::Array values = refList(ref, "NS.objects");
-        if (keys.size() != values.size()) failArchive("dictionary keys and objects differ in count");
+        const auto [keys, count] = refList(ref, "NS.keys");
+        const auto [values, valueCount] = refList(ref, "NS.objects");
+        if (count != valueCount) failArchive("dictionary keys and objects differ in count");
         ArchiveValue::Dictionary entries;
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-          ArchiveValue key = decode(keys[i], depth + 1);
+        for (std::uint64_t i = 0; i < count; ++i) {
+          ArchiveValue key = decodeElement(keys, i, depth + 1);
           std::string* k = key.get<std::string>();
           if (!k) failArchive("dictionary key is not a string");
-          entries.insert_or_assign(std::move(*k), decode(values[i], depth + 1));
+          entries.insert_or_assign(std::move(*k), decodeElement(values, i, depth + 1));
         }
         return entries;
       }
@@ -530,21 +538,26 @@ std::set<std::string, std::less<>> KeyedUnarchiver::knownClasses() {
 std::optional<ArchiveValue> KeyedUnarchiver::unarchivedObject(const Data& data,
                                                               const std::set<std::string, std::less<>>& allowed,
                                                               const ClassMapping& mapping) {
-  return unarchive(data, &allowed, mapping);
+  return unarchive(data.bytes(), &allowed, mapping);
 }
 
 std::optional<ArchiveValue> KeyedUnarchiver::safeUnarchivedObject(const Data& data, const ClassMapping& mapping) {
-  return unarchive(data, nullptr, mapping);
+  return unarchive(data.bytes(), nullptr, mapping);
 }
 
-std::optional<ArchiveValue> KeyedUnarchiver::unarchive(const Data& data,
+std::optional<ArchiveValue> KeyedUnarchiver::safeUnarchivedObject(std::span<const std::uint8_t> bytes,
+                                                                  const ClassMapping& mapping) {
+  return unarchive(bytes, nullptr, mapping);
+}
+
+std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint8_t> bytes,
                                                        const std::set<std::string, std::less<>>* allowed,
                                                        const ClassMapping& mapping) {
   try {
     // An XML archive is read as the binary one it stands for, so that one reader serves both.
     std::optional<Data> binary;
-    if (!coding_detail::isBinaryPropertyList(data.bytes())) binary = writePropertyList(readPropertyList(data.bytes()));
-    coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : data.bytes());
+    if (!coding_detail::isBinaryPropertyList(bytes)) binary = writePropertyList(readPropertyList(bytes));
+    coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : bytes);
     // The archive's own entries are looked up where they lie.
     const std::uint64_t top = reader.top();
     const auto archiver = reader.find(top, "$archiver");
@@ -565,7 +578,7 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(const Data& data,
     state.allowed = allowed;
     state.mapping = &mapping;
     state.slots.resize(state.count);
-    state.budget = 4 * data.size() + 1024;
+    state.budget = 4 * bytes.size() + 1024;
     ArchiveValue out = state.decode(root, 0);
     if (out.isNull()) return std::nullopt;
     return out;

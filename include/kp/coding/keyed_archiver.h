@@ -41,6 +41,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -230,6 +231,9 @@ class KP_EXPORT KeyedUnarchiver {
   // `mapping` resolving archived names that no class is registered under.
   [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(const Data& data,
                                                                         const ClassMapping& mapping = {});
+  // The same, of bytes held elsewhere.
+  [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(std::span<const std::uint8_t> bytes,
+                                                                        const ClassMapping& mapping = {});
 
   // The root value, accepting only the classes in `allowed`; nothing when the archive is
   // malformed or holds another class.
@@ -247,7 +251,7 @@ class KP_EXPORT KeyedUnarchiver {
 
  private:
   // `allowed` null accepts every known class.
-  [[nodiscard]] static std::optional<ArchiveValue> unarchive(const Data& data,
+  [[nodiscard]] static std::optional<ArchiveValue> unarchive(std::span<const std::uint8_t> bytes,
                                                              const std::set<std::string, std::less<>>* allowed,
                                                              const ClassMapping& mapping);
 };
