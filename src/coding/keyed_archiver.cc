@@ -426,11 +426,11 @@ struct ArchiveDecoder::State {
         return items;
       }
       case Builtin::dictionary: {
-        const auto [keys, count] = refList(ref, "NS.keys");
+        const auto [keys, keyCount] = refList(ref, "NS.keys");
         const auto [values, valueCount] = refList(ref, "NS.objects");
-        if (count != valueCount) failArchive("dictionary keys and objects differ in count");
+        if (keyCount != valueCount) failArchive("dictionary keys and objects differ in count");
         ArchiveValue::Dictionary entries;
-        for (std::uint64_t i = 0; i < count; ++i) {
+        for (std::uint64_t i = 0; i < keyCount; ++i) {
           ArchiveValue key = decodeElement(keys, i, depth + 1);
           std::string* k = key.get<std::string>();
           if (!k) failArchive("dictionary key is not a string");
