@@ -328,8 +328,8 @@ std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, s
   const auto entries = container(ref);
   if (!entries || entries->isArray || entries->count == 0) return std::nullopt;
   const std::uint64_t n = entries->count;
-  for (std::uint64_t k = 0; k < n; ++k) {
-    const std::uint64_t i = (cursor + k) % n;
+  std::uint64_t i = cursor < n ? cursor : 0;
+  for (std::uint64_t k = 0; k < n; ++k, i = i + 1 < n ? i + 1 : 0) {
     if (keyEquals(be(entries->refs + i * refSize_, refSize_), key)) {
       cursor = i + 1;
       return be(entries->refs + (n + i) * refSize_, refSize_);
