@@ -311,11 +311,9 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   }
 
   void stopTimerOnMainThread() { onMainThread(&State::stopTimer); }
-
   void dropMemoryWarningItems() {
     memory.removeLowMemoryWarningItems();
-    // In turn with the saves rather than waiting here for the database's lock.
-    post(kTaskOverhead, [](State& s) { s.database.releaseMemory(); });
+    post(kTaskOverhead, [](State& s) { s.database.releaseMemory(); });  // no wait for its lock here
   }
 
   // ---- reads ----
