@@ -311,8 +311,10 @@ struct CacheController::State : std::enable_shared_from_this<State> {
   }
 
   void stopTimerOnMainThread() { onMainThread(&State::stopTimer); }
-
-  void dropMemoryWarningItems() { memory.removeLowMemoryWarningItems(); }
+  void dropMemoryWarningItems() {
+    memory.removeLowMemoryWarningItems();
+    post(kTaskOverhead, [](State& s) { s.database.releaseMemory(); });  // no wait for its lock here
+  }
 
   // ---- reads ----
 

@@ -32,10 +32,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
 #include "cache/sqlite.h"
+#include "kp/cache/cache_item.h"
 #include "kp/cache/cache_row.h"
 #include "kp/cache/cacheable.h"
 #include "kp/coding/property_list.h"
@@ -95,7 +97,11 @@ class CacheControllerDatabase {
   template <class T>
   [[nodiscard]] static std::shared_ptr<T> decodeEntry(const Data& bytes) {
     try {
-      return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+      if constexpr (std::is_same_v<T, CacheItem>) {
+        return std::make_shared<CacheItem>(CacheItem::decodeStored(bytes.bytes()));
+      } else {
+        return std::make_shared<T>(PropertyListDecoder().decode<T>(bytes));
+      }
     } catch (const std::exception&) {
       return nullptr;
     }
@@ -134,6 +140,9 @@ class CacheControllerDatabase {
   [[nodiscard]] std::uint64_t getItemCount();
   // Size of the database file and its write-ahead log in bytes; 0 when it cannot be read.
   [[nodiscard]] std::uint64_t getSize() const;
+  // Gives back the memory of the pages that SQLite keeps of the file (they are read again when
+  // needed).
+  void releaseMemory();
   // Rebuilds the file without its free pages and empties the log, so that the disk space of
   // removed rows is given back; leaves a file without free pages as it is.
   void vacuum();

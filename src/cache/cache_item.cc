@@ -1,9 +1,136 @@
 // Coded forms of cache entries and their policy.
 #include "kp/cache/cache_item.h"
 
+#include "coding/binary_property_list.h"
 #include "kp/coding/coding.h"
+#include "kp/coding/property_list.h"
 
 namespace kp {
+namespace {
+
+// Hands the bytes under `key` to `use` where the coded form holds them, without a copy; bytes
+// coded otherwise (as Base64 text) are decoded first. Nothing for a missing key or null.
+template <class F>
+void withBytes(const KeyedDecoder& keyed, std::string_view key, F&& use) {
+  if (keyed.decodeNil(key)) return;
+  if (const Data* bytes = keyed.decoderForKey(key).value().ifData()) {
+    use(bytes->bytes());
+  } else if (auto decoded = keyed.decodeIfPresent<Data>(key)) {
+    use(decoded->bytes());
+  }
+}
+
+// The stored form read where it lies. It accepts only the form that encode() writes (each
+// field present with the type written for it); for anything else it gives up, and decode()
+// reads the entry instead, with the same result or the same error as ever.
+class StoredForm {
+ public:
+  using Bytes = std::span<const std::uint8_t>;
+
+  explicit StoredForm(Bytes bytes) : reader_(bytes) {}
+
+  // The entry with its payload and extra items still archived; nothing when the form is not
+  // the one written.
+  struct Read {
+    CacheItem entry;
+    std::optional<Bytes> item;
+    std::optional<Bytes> extras;
+  };
+  std::optional<Read> read() {
+    Fields root(reader_, reader_.top());
+    (void)root.find(CacheItem::kCodingVersionKey);
+    const auto rawType = root.value(CacheItem::kCacheTypeKey);
+    const auto* typeNumber = rawType ? rawType->ifInteger() : nullptr;
+    const auto type = typeNumber ? cacheItemTypeFromRawValue(*typeNumber) : std::nullopt;
+    const auto configuration = root.find(CacheItem::kCacheConfigurationKey);
+    const auto created = root.value(CacheItem::kCreationDateKey);
+    std::optional<Bytes> extras, item;
+    if (!type || !configuration || !created || !created->ifDate() || !root.bytes(CacheItem::kExtraItemsKey, extras) ||
+        !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
+      return std::nullopt;
+    }
+    auto policy = readConfiguration(*configuration);
+    if (!policy) return std::nullopt;
+    Read out{CacheItem(), *type == CacheItemType::serialized ? item : std::nullopt, extras};
+    out.entry.cacheType = *type;
+    out.entry.configuration = std::move(*policy);
+    out.entry.setCreationDate(*created->ifDate());
+    return out;
+  }
+
+ private:
+  // The entries of one dictionary, looked up in the order encode() writes them. Once every
+  // entry was found under a distinct key, no key can have been written twice, so nothing was
+  // read that the tree's first-entry rule would not have read.
+  class Fields {
+   public:
+    Fields(coding_detail::BinaryPropertyListReader& reader, std::uint64_t ref)
+        : reader_(reader), ref_(ref), count_(reader.entryCount(ref)) {}
+
+    std::optional<std::uint64_t> find(std::string_view key) {
+      if (!count_) return std::nullopt;
+      auto found = reader_.find(ref_, key, cursor_);
+      if (found) ++found_;
+      return found;
+    }
+    std::optional<Value> value(std::string_view key) {
+      const auto ref = find(key);
+      if (!ref) return std::nullopt;
+      return reader_.build(*ref);
+    }
+    std::optional<bool> flag(std::string_view key) {
+      const auto found = value(key);
+      if (!found || !found->ifBoolean()) return std::nullopt;
+      return *found->ifBoolean();
+    }
+    // The bytes under `key`, none when it is missing; false for anything but bytes.
+    bool bytes(std::string_view key, std::optional<Bytes>& out) {
+      const auto ref = find(key);
+      if (!ref) return true;
+      out = reader_.bytes(*ref);
+      return out.has_value();
+    }
+    [[nodiscard]] bool allFound() const { return count_ && found_ == *count_; }
+
+   private:
+    coding_detail::BinaryPropertyListReader& reader_;
+    std::uint64_t ref_;
+    std::optional<std::uint64_t> count_;  // nothing for no dictionary
+    std::uint64_t cursor_ = 0;
+    std::uint64_t found_ = 0;
+  };
+
+  std::optional<CacheItemConfiguration> readConfiguration(std::uint64_t ref) {
+    Fields fields(reader_, ref);
+    const auto age = fields.value(CacheItemConfiguration::kMaximumAgeKey);
+    const auto onWarning = fields.flag(CacheItemConfiguration::kExpireOnMemoryWarningKey);
+    const auto backStore = fields.flag(CacheItemConfiguration::kRetainInBackStoreKey);
+    const auto inMemory = fields.flag(CacheItemConfiguration::kRetainInMemoryKey);
+    const auto rolling = fields.flag(CacheItemConfiguration::kRollingExpirationKey);
+    const auto automatic = fields.flag(CacheItemConfiguration::kAutoExpirationKey);
+    const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
+    if (!age || !age->ifReal() || !onWarning || !backStore || !inMemory || !rolling || !automatic ||
+        !fields.allFound()) {
+      return std::nullopt;
+    }
+    CacheItemConfiguration config;
+    config.maximumAge = *age->ifReal();
+    config.expireOnMemoryWarning = *onWarning;
+    config.retainInBackStore = *backStore;
+    config.retainInMemory = *inMemory;
+    config.rollingExpiration = *rolling;
+    config.autoExpiration = *automatic;
+    if (group) {
+      if (!group->ifString() || group->isNil()) return std::nullopt;
+      config.groupName = *group->ifString();
+    }
+    return config;
+  }
+
+  coding_detail::BinaryPropertyListReader reader_;
+};
+
+}  // namespace
 
 void CacheItemConfiguration::encode(Encoder& encoder) const {
   auto keyed = encoder.keyed();
@@ -63,33 +190,53 @@ CacheItem CacheItem::decode(const Decoder& decoder) {
   entry.setCreationDate(keyed.decode<Date>(kCreationDateKey));
   if (entry.cacheType == CacheItemType::serialized) {
     try {
-      if (auto bytes = keyed.decodeIfPresent<Data>(kItemKey)) {
-        if (auto payload = KeyedUnarchiver::safeUnarchivedObject(*bytes); payload && !payload->isNull()) {
-          entry.item = std::move(*payload);
-        } else {
-          entry.complete_ = false;
-        }
-      }
+      withBytes(keyed, kItemKey, [&](std::span<const std::uint8_t> bytes) { entry.adoptPayload(bytes); });
     } catch (const CodingError&) {
       // an unreadable payload leaves the entry without one
       entry.complete_ = false;
     }
   }
   try {
-    if (auto bytes = keyed.decodeIfPresent<Data>(kExtraItemsKey)) {
-      auto extras = KeyedUnarchiver::safeUnarchivedObject(*bytes);
-      const auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr;
-      if (dictionary) {
-        entry.extraItems = *dictionary;
-      } else {
-        entry.complete_ = false;
-      }
-    }
+    withBytes(keyed, kExtraItemsKey, [&](std::span<const std::uint8_t> bytes) { entry.adoptExtraItems(bytes); });
   } catch (const CodingError&) {
     // unreadable extra items leave the dictionary empty
     entry.complete_ = false;
   }
   return entry;
+}
+
+void CacheItem::adoptPayload(std::span<const std::uint8_t> archived) {
+  if (auto payload = KeyedUnarchiver::safeUnarchivedObject(archived); payload && !payload->isNull()) {
+    item = std::move(*payload);
+  } else {
+    complete_ = false;
+  }
+}
+
+void CacheItem::adoptExtraItems(std::span<const std::uint8_t> archived) {
+  auto extras = KeyedUnarchiver::safeUnarchivedObject(archived);
+  if (auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr) {
+    extraItems = std::move(*dictionary);
+  } else {
+    complete_ = false;
+  }
+}
+
+CacheItem CacheItem::decodeStored(std::span<const std::uint8_t> propertyList) {
+  if (coding_detail::isBinaryPropertyList(propertyList)) {
+    std::optional<StoredForm::Read> read;
+    try {
+      read = StoredForm(propertyList).read();
+    } catch (const CodingError&) {
+      // damaged: decode() says how
+    }
+    if (read) {
+      if (read->item) read->entry.adoptPayload(*read->item);
+      if (read->extras) read->entry.adoptExtraItems(*read->extras);
+      return std::move(read->entry);
+    }
+  }
+  return PropertyListDecoder().decode<CacheItem>(propertyList);
 }
 
 bool operator==(const CacheItem& a, const CacheItem& b) {

@@ -1,6 +1,6 @@
 // The SQLite helper. Calls only: sqlite3_open_v2 (the URI-aware open, so that the file URL is
 // honoured), sqlite3_prepare_v2, the five sqlite3_bind_* functions, sqlite3_step,
-// sqlite3_column_count/_name/_type/_int/_double/_text/_bytes, sqlite3_reset,
+// sqlite3_column_count/_name/_type/_int/_double/_text/_blob/_bytes, sqlite3_reset,
 // sqlite3_clear_bindings and sqlite3_finalize. Connections are never closed, by design.
 //
 // Why a connection stays open until the process ends: statements belong to their callers and
@@ -81,8 +81,11 @@ std::unique_ptr<SQLitePreparedStatement> SQLiteDatabase::createPreparedStatement
 }
 
 DefaultSQLiteDatabase::DefaultSQLiteDatabase(Url path) : path_(std::move(path)) {
-  const int rc = sqlite3_open_v2(path_.absoluteString().c_str(), &db_,
-                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
+  // Without SQLite's own lock around each call (NOMUTEX): a connection is used by one thread
+  // at a time (see the header), so that lock would only repeat the caller's.
+  const int rc =
+      sqlite3_open_v2(path_.absoluteString().c_str(), &db_,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
   if (db_ != nullptr) keepOpen(db_);  // even a failed open allocates a handle
   if (rc != SQLITE_OK || db_ == nullptr) throw SQLiteDatabaseError(SQLiteDatabaseError::Code::unableToOpen);
 }
@@ -164,46 +167,48 @@ std::vector<std::string> DefaultSQLiteDatabase::PreparedStatement::columnNames()
   return names;
 }
 
-std::optional<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::stepRow(const std::vector<std::string>& names) {
+bool DefaultSQLiteDatabase::PreparedStatement::step() {
   // SQLite restarts a statement that is stepped after its end; a finished result set stays
   // finished instead.
   if (exhausted_ || sqlite3_step(statement_) != SQLITE_ROW) {
     exhausted_ = true;
-    return std::nullopt;
+    return false;
   }
+  return true;
+}
+
+SQLiteValue DefaultSQLiteDatabase::PreparedStatement::cell(int column) const {
+  switch (sqlite3_column_type(statement_, column)) {
+    case SQLITE_INTEGER:
+      return SQLiteValue(static_cast<std::int32_t>(sqlite3_column_int(statement_, column)));
+    case SQLITE_FLOAT:
+      return SQLiteValue(sqlite3_column_double(statement_, column));
+    case SQLITE_TEXT: {
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
+      const std::string_view bytes(text == nullptr ? "" : text, text == nullptr ? 0 : size);
+      if (internal::isValidUtf8(bytes)) return SQLiteValue(std::string(bytes));
+      return SQLiteValue();
+    }
+    case SQLITE_BLOB: {
+      // The blob accessor hands the bytes over where they lie; the text accessor would first
+      // copy them to add a terminating zero.
+      const auto* bytes = sqlite3_column_blob(statement_, column);
+      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
+      return SQLiteValue(bytes == nullptr ? Data() : Data(bytes, size));
+    }
+    case SQLITE_NULL:
+      return SQLiteValue();
+    default:
+      throw SQLiteStatementError(SQLiteStatementError::Code::reading);
+  }
+}
+
+std::optional<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::stepRow(const std::vector<std::string>& names) {
+  if (!step()) return std::nullopt;
   SQLiteCells cells;
   cells.reserve(names.size());
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    const int column = static_cast<int>(i);
-    SQLiteValue cell;
-    switch (sqlite3_column_type(statement_, column)) {
-      case SQLITE_INTEGER:
-        cell = SQLiteValue(static_cast<std::int32_t>(sqlite3_column_int(statement_, column)));
-        break;
-      case SQLITE_FLOAT:
-        cell = SQLiteValue(sqlite3_column_double(statement_, column));
-        break;
-      case SQLITE_TEXT: {
-        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
-        const std::string_view bytes(text == nullptr ? "" : text, text == nullptr ? 0 : size);
-        if (internal::isValidUtf8(bytes)) cell = SQLiteValue(std::string(bytes));
-        break;
-      }
-      case SQLITE_BLOB: {
-        // Read through the text accessor, which hands back the blob's bytes unchanged.
-        const auto* bytes = sqlite3_column_text(statement_, column);
-        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
-        cell = SQLiteValue(bytes == nullptr ? Data() : Data(bytes, size));
-        break;
-      }
-      case SQLITE_NULL:
-        break;
-      default:
-        throw SQLiteStatementError(SQLiteStatementError::Code::reading);
-    }
-    cells.insert_or_assign(names[i], std::move(cell));
-  }
+  for (std::size_t i = 0; i < names.size(); ++i) cells.insert_or_assign(names[i], cell(static_cast<int>(i)));
   return cells;
 }
 
@@ -218,6 +223,16 @@ std::vector<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::readAllCells(
   std::vector<SQLiteCells> rows;
   while (auto row = stepRow(names)) rows.push_back(std::move(*row));
   return rows;
+}
+
+std::optional<std::vector<SQLiteValue>> DefaultSQLiteDatabase::PreparedStatement::readValues() {
+  requireLive();
+  if (!step()) return std::nullopt;
+  const int count = sqlite3_column_count(statement_);
+  std::vector<SQLiteValue> values;
+  values.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) values.push_back(cell(i));
+  return values;
 }
 
 void DefaultSQLiteDatabase::PreparedStatement::reset() noexcept {

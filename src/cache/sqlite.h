@@ -61,6 +61,11 @@ class SQLiteValue {
   [[nodiscard]] const Data* asData() const noexcept { return std::get_if<Data>(&value_); }
   [[nodiscard]] std::optional<double> asDouble() const noexcept;
   [[nodiscard]] std::optional<std::int32_t> asInt32() const noexcept;
+  // The bytes, moved out (empty when the value holds none); the value keeps an empty buffer.
+  [[nodiscard]] Data takeData() && noexcept {
+    Data* bytes = std::get_if<Data>(&value_);
+    return bytes ? std::move(*bytes) : Data();
+  }
 
   friend bool operator==(const SQLiteValue&, const SQLiteValue&) = default;
 
@@ -147,6 +152,9 @@ class SQLitePreparedStatement {
   // ends the result set).
   [[nodiscard]] virtual std::optional<SQLiteCells> readCells() = 0;
   [[nodiscard]] virtual std::vector<SQLiteCells> readAllCells() = 0;
+  // The next result row's cells in the order of the selected columns, read as readCells()
+  // reads them, for a caller that knows what it selected: no names are read or kept.
+  [[nodiscard]] virtual std::optional<std::vector<SQLiteValue>> readValues() = 0;
   // Makes the statement fresh again for another run: its result set ends, its bindings are
   // cleared and the binding position is 1. Nothing on a finalized statement.
   virtual void reset() noexcept = 0;
@@ -209,6 +217,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
   PreparedStatement& execute() override;
   [[nodiscard]] std::optional<SQLiteCells> readCells() override;
   [[nodiscard]] std::vector<SQLiteCells> readAllCells() override;
+  [[nodiscard]] std::optional<std::vector<SQLiteValue>> readValues() override;
   void reset() noexcept override;
   void finalize() noexcept override;
 
@@ -218,6 +227,9 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
  private:
   void requireLive() const;
   [[nodiscard]] std::vector<std::string> columnNames() const;
+  // Steps to the next row; false at the end of the result set, which stays ended.
+  [[nodiscard]] bool step();
+  [[nodiscard]] SQLiteValue cell(int column) const;
   [[nodiscard]] std::optional<SQLiteCells> stepRow(const std::vector<std::string>& names);
 
   sqlite3_stmt* statement_;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
+#include "coding/binary_property_list.h"
 #include "kp/coding/coding.h"
 #include "kp/coding/property_list.h"
 #include "kp/coding/value.h"
@@ -261,12 +262,20 @@ std::optional<Data> KeyedArchiver::archivedData(const ArchiveValue& root, ErrorP
 // ---- Unarchiving ----
 
 struct ArchiveDecoder::State {
-  const Value::Array* objects = nullptr;
+  // The archive as a binary property list: objects are read where they lie, by reference, and
+  // only a registered class's entries are built into a tree (for its ArchiveDecoder).
+  coding_detail::BinaryPropertyListReader* reader = nullptr;
+  std::uint64_t objectList = 0;  // the reader's array of objects
+  std::size_t count = 0;         // objects in it
   const std::set<std::string, std::less<>>* allowed = nullptr;
   const KeyedUnarchiver::ClassMapping* mapping = nullptr;
-  std::vector<std::optional<ArchiveValue>> done;
-  std::vector<std::size_t> weight;  // tree nodes of each finished object
-  std::vector<bool> inProgress;
+  // What is known of each object, by reference.
+  struct Slot {
+    std::optional<ArchiveValue> done;  // decoded, for its next reference
+    std::size_t weight = 0;            // tree nodes it decoded to
+    bool inProgress = false;
+  };
+  std::vector<Slot> slots;
   std::uint64_t budget = 0;
 
   // Reached only for built-in kinds and registered classes; no set means every one of them.
@@ -283,6 +292,13 @@ struct ArchiveDecoder::State {
     budget -= n;
   }
 
+  // The entry `key` of the property-list dictionary `ref`, built; nothing when it has none.
+  std::optional<Value> entry(std::uint64_t ref, std::string_view key) {
+    const auto found = reader->find(ref, key);
+    if (!found) return std::nullopt;
+    return reader->build(*found);
+  }
+
   ArchiveValue decode(const Value& refValue, std::size_t depth) {
     const Uid* uid = refValue.ifUid();
     if (!uid) failArchive("expected an object reference");
@@ -291,50 +307,55 @@ struct ArchiveDecoder::State {
 
   ArchiveValue decode(std::uint64_t uid, std::size_t depth) {
     if (uid == 0) return ArchiveValue();
-    if (uid >= objects->size()) failArchive("object reference out of range");
+    if (uid >= count) failArchive("object reference out of range");
     if (depth > kMaxPropertyListDepth) failArchive("nesting too deep");
-    if (done[uid]) {
-      spend(weight[uid]);
-      return *done[uid];
+    Slot& slot = slots[uid];
+    if (slot.done) {
+      spend(slot.weight);
+      return *slot.done;
     }
-    if (inProgress[uid]) failArchive("object graph has a cycle");
-    inProgress[uid] = true;
+    if (slot.inProgress) failArchive("object graph has a cycle");
+    slot.inProgress = true;
     const std::uint64_t before = budget;
     spend(1);
-    ArchiveValue out = decodeFresh((*objects)[uid], depth);
-    inProgress[uid] = false;
-    weight[uid] = static_cast<std::size_t>(before - budget);
-    done[uid] = out;
+    ArchiveValue out = decodeFresh(reader->element(objectList, uid), depth);
+    // `slot` still refers to the same element: the slots never grow.
+    slot.inProgress = false;
+    slot.weight = static_cast<std::size_t>(before - budget);
+    // The root is the last object decoded: nothing can refer to it again, so it is not kept
+    // (a payload of bytes is then never copied). Every other object is kept for its next
+    // reference.
+    if (depth > 0) slot.done = out;
     return out;
   }
 
-  ArchiveValue decodeFresh(const Value& v, std::size_t depth) {
-    switch (v.type()) {
-      case Value::Type::boolean:
-        return *v.ifBoolean();
-      case Value::Type::integer:
-        return *v.ifInteger();
-      case Value::Type::unsignedInteger:
-        // An archived number beyond the signed range; archive values hold it as a real.
-        return static_cast<double>(*v.ifUnsignedInteger());
-      case Value::Type::real:
-        return *v.ifReal();
-      case Value::Type::string:
-        return *v.ifString();
-      case Value::Type::data:
-        return *v.ifData();
-      case Value::Type::dictionary:
-        break;
-      default:
-        failArchive("unexpected object in archive");
+  // The object at the property-list reference `ref`.
+  ArchiveValue decodeFresh(std::uint64_t ref, std::size_t depth) {
+    if (!reader->isDictionary(ref)) {
+      Value v = reader->build(ref);
+      switch (v.type()) {
+        case Value::Type::boolean:
+          return *v.ifBoolean();
+        case Value::Type::integer:
+          return *v.ifInteger();
+        case Value::Type::unsignedInteger:
+          // An archived number beyond the signed range; archive values hold it as a real.
+          return static_cast<double>(*v.ifUnsignedInteger());
+        case Value::Type::real:
+          return *v.ifReal();
+        case Value::Type::string:
+          return std::move(*v.ifString());
+        case Value::Type::data:
+          return std::move(*v.ifData());
+        default:
+          failArchive("unexpected object in archive");
+      }
     }
-    const Value* classRef = v.find("$class");
-    if (!classRef || !classRef->ifUid() || classRef->ifUid()->value >= objects->size()) {
-      failArchive("object without a class");
-    }
-    const Value* className = (*objects)[classRef->ifUid()->value].find("$classname");
+    const auto classRef = entry(ref, "$class");
+    if (!classRef || !classRef->ifUid() || classRef->ifUid()->value >= count) failArchive("object without a class");
+    auto className = entry(reader->element(objectList, classRef->ifUid()->value), "$classname");
     if (!className || !className->ifString()) failArchive("class without a name");
-    std::string name = *className->ifString();
+    std::string name = std::move(*className->ifString());
 
     Builtin kind = builtinKind(name);
     auto cls = kind == Builtin::none ? findClass(name) : nullptr;
@@ -347,38 +368,48 @@ struct ArchiveDecoder::State {
       if (kind == Builtin::none && !cls) failArchive("unknown class " + name);
     }
     if (kind != Builtin::none) {
-      if (!isAllowed(name, {std::string(builtinBaseName(kind))})) failArchive("class " + name + " is not accepted");
-      return decodeBuiltin(kind, v, depth);
+      if (allowed != nullptr && !allowed->contains(name) && !allowed->contains(builtinBaseName(kind))) {
+        failArchive("class " + name + " is not accepted");
+      }
+      return decodeBuiltin(kind, ref, depth);
     }
     if (!isAllowed(name, cls->superclasses)) failArchive("class " + name + " is not accepted");
-    ArchiveDecoder coder(*this, &v, depth);
+    const Value entries = reader->build(ref);
+    ArchiveDecoder coder(*this, &entries, depth);
     ArchivablePtr object = cls->factory(coder);
     if (!object) failArchive("class " + name + " refused its archive");
     return object;
   }
 
-  const Value::Array& refList(const Value& v, std::string_view key) {
-    const Value* list = v.find(key);
-    if (!list || !list->ifArray()) failArchive("collection without " + std::string(key));
-    return *list->ifArray();
+  // The list under `key` of the collection `ref`: its property-list reference and length.
+  std::pair<std::uint64_t, std::uint64_t> refList(std::uint64_t ref, std::string_view key) {
+    const auto list = reader->find(ref, key);
+    const auto length = list ? reader->count(*list) : std::nullopt;
+    if (!length) failArchive("collection without " + std::string(key));
+    return {*list, *length};
   }
 
-  ArchiveValue decodeBuiltin(Builtin kind, const Value& v, std::size_t depth) {
+  // The object whose reference is element `index` of the list `list`.
+  ArchiveValue decodeElement(std::uint64_t list, std::uint64_t index, std::size_t depth) {
+    return decode(reader->build(reader->element(list, index)), depth);
+  }
+
+  ArchiveValue decodeBuiltin(Builtin kind, std::uint64_t ref, std::size_t depth) {
     switch (kind) {
       case Builtin::date: {
-        const Value* t = v.find("NS.time");
+        const auto t = entry(ref, "NS.time");
         if (!t || (!t->ifReal() && !t->ifInteger())) failArchive("date without time");
         return Date::fromTimeIntervalSinceReferenceDate(t->ifReal() ? *t->ifReal()
                                                                     : static_cast<double>(*t->ifInteger()));
       }
       case Builtin::url: {
-        const Value* rel = v.find("NS.relative");
+        const auto rel = entry(ref, "NS.relative");
         if (!rel) failArchive("URL without text");
         const ArchiveValue text = decode(*rel, depth + 1);
         const std::string* s = text.get<std::string>();
         if (!s) failArchive("URL text is not a string");
         std::optional<Url> url = Url::parse(*s);
-        if (const Value* base = v.find("NS.base"); base && base->ifUid() && base->ifUid()->value != 0) {
+        if (const auto base = entry(ref, "NS.base"); base && base->ifUid() && base->ifUid()->value != 0) {
           const ArchiveValue b = decode(*base, depth + 1);
           const Url* baseUrl = b.get<Url>();
           if (!baseUrl || !url) failArchive("URL base is not a URL");
@@ -389,31 +420,33 @@ struct ArchiveDecoder::State {
       }
       case Builtin::array: {
         ArchiveValue::Array items;
-        for (const Value& r : refList(v, "NS.objects")) items.push_back(decode(r, depth + 1));
+        const auto [list, length] = refList(ref, "NS.objects");
+        items.reserve(static_cast<std::size_t>(length));
+        for (std::uint64_t i = 0; i < length; ++i) items.push_back(decodeElement(list, i, depth + 1));
         return items;
       }
       case Builtin::dictionary: {
-        const Value::Array& keys = refList(v, "NS.keys");
-        const Value::Array& values = refList(v, "NS.objects");
-        if (keys.size() != values.size()) failArchive("dictionary keys and objects differ in count");
+        const auto [keys, keyCount] = refList(ref, "NS.keys");
+        const auto [values, valueCount] = refList(ref, "NS.objects");
+        if (keyCount != valueCount) failArchive("dictionary keys and objects differ in count");
         ArchiveValue::Dictionary entries;
-        for (std::size_t i = 0; i < keys.size(); ++i) {
-          ArchiveValue key = decode(keys[i], depth + 1);
-          std::string* k = const_cast<std::string*>(key.get<std::string>());
+        for (std::uint64_t i = 0; i < keyCount; ++i) {
+          ArchiveValue key = decodeElement(keys, i, depth + 1);
+          std::string* k = key.get<std::string>();
           if (!k) failArchive("dictionary key is not a string");
-          entries.insert_or_assign(std::move(*k), decode(values[i], depth + 1));
+          entries.insert_or_assign(std::move(*k), decodeElement(values, i, depth + 1));
         }
         return entries;
       }
       case Builtin::error: {
-        const Value* code = v.find("NSCode");
-        const Value* domain = v.find("NSDomain");
+        const auto code = entry(ref, "NSCode");
+        const auto domain = entry(ref, "NSDomain");
         if (!code || !code->ifInteger() || !domain) failArchive("error without code or domain");
         const ArchiveValue d = decode(*domain, depth + 1);
         if (!d.get<std::string>()) failArchive("error domain is not a string");
         Error::UserInfo info;
         ErrorPtr underlying;
-        if (const Value* u = v.find("NSUserInfo")) {
+        if (const auto u = entry(ref, "NSUserInfo")) {
           const ArchiveValue ui = decode(*u, depth + 1);
           if (const auto* dict = ui.get<ArchiveValue::Dictionary>()) {
             for (const auto& [k, value] : *dict) {
@@ -505,35 +538,48 @@ std::set<std::string, std::less<>> KeyedUnarchiver::knownClasses() {
 std::optional<ArchiveValue> KeyedUnarchiver::unarchivedObject(const Data& data,
                                                               const std::set<std::string, std::less<>>& allowed,
                                                               const ClassMapping& mapping) {
-  return unarchive(data, &allowed, mapping);
+  return unarchive(data.bytes(), &allowed, mapping);
 }
 
 std::optional<ArchiveValue> KeyedUnarchiver::safeUnarchivedObject(const Data& data, const ClassMapping& mapping) {
-  return unarchive(data, nullptr, mapping);
+  return unarchive(data.bytes(), nullptr, mapping);
 }
 
-std::optional<ArchiveValue> KeyedUnarchiver::unarchive(const Data& data,
+std::optional<ArchiveValue> KeyedUnarchiver::safeUnarchivedObject(std::span<const std::uint8_t> bytes,
+                                                                  const ClassMapping& mapping) {
+  return unarchive(bytes, nullptr, mapping);
+}
+
+std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint8_t> bytes,
                                                        const std::set<std::string, std::less<>>* allowed,
                                                        const ClassMapping& mapping) {
   try {
-    const Value archive = readPropertyList(data.bytes());
-    const Value* archiver = archive.find("$archiver");
-    const Value* objects = archive.find("$objects");
-    const Value* top = archive.find("$top");
-    if (!archiver || !archiver->ifString() || *archiver->ifString() != "NSKeyedArchiver") return std::nullopt;
-    if (!objects || !objects->ifArray() || !top) return std::nullopt;
-    const Value* root = top->find("root");
-    if (!root) return std::nullopt;
+    // An XML archive is read as the binary one it stands for, so that one reader serves both.
+    std::optional<Data> binary;
+    if (!coding_detail::isBinaryPropertyList(bytes)) binary = writePropertyList(readPropertyList(bytes));
+    coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : bytes);
+    // The archive's own entries are looked up where they lie.
+    const std::uint64_t top = reader.top();
+    const auto archiver = reader.find(top, "$archiver");
+    if (!archiver) return std::nullopt;
+    const Value name = reader.build(*archiver);
+    if (!name.ifString() || *name.ifString() != "NSKeyedArchiver") return std::nullopt;
+    const auto objects = reader.find(top, "$objects");
+    const auto count = objects ? reader.count(*objects) : std::nullopt;
+    const auto topEntries = reader.find(top, "$top");
+    if (!count || !topEntries) return std::nullopt;
+    const auto rootRef = reader.find(*topEntries, "root");
+    if (!rootRef) return std::nullopt;
+    const Value root = reader.build(*rootRef);
     ArchiveDecoder::State state;
-    state.objects = objects->ifArray();
+    state.reader = &reader;
+    state.objectList = *objects;
+    state.count = static_cast<std::size_t>(*count);
     state.allowed = allowed;
     state.mapping = &mapping;
-    const std::size_t n = state.objects->size();
-    state.done.resize(n);
-    state.weight.resize(n);
-    state.inProgress.assign(n, false);
-    state.budget = 4 * data.size() + 1024;
-    ArchiveValue out = state.decode(*root, 0);
+    state.slots.resize(state.count);
+    state.budget = 4 * bytes.size() + 1024;
+    ArchiveValue out = state.decode(root, 0);
     if (out.isNull()) return std::nullopt;
     return out;
   } catch (const std::exception&) {

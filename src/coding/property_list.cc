@@ -194,7 +194,7 @@ Data writePropertyList(const Value& value, PropertyListFormat format) {
 }
 
 Value readPropertyList(std::span<const std::uint8_t> bytes, PropertyListFormat* format) {
-  if (bytes.size() >= 8 && std::memcmp(bytes.data(), "bplist0", 7) == 0) {
+  if (coding_detail::isBinaryPropertyList(bytes)) {
     if (format) *format = PropertyListFormat::binary;
     return coding_detail::readBinaryPropertyList(bytes);
   }

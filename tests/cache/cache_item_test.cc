@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/describe/class.hpp>
+#include <functional>
 
 #include "cache/cache_database.h"
 #include "kp/coding/property_list.h"
@@ -65,6 +66,14 @@ TEST_F(CacheItemTest, RoundTripsThroughTheDatabaseWithPayloadAndExtraItems) {
   EXPECT_NEAR(back->creationDate().timeIntervalSince1970(), item.creationDate().timeIntervalSince1970(), 1e-3);
   EXPECT_EQ(db_.getCacheItemGroup("tile/7"), "tiles");
 
+  // Stored forms other than the one written read back the same: XML, a whole-number age.
+  auto coded = codedForm(item);
+  EXPECT_EQ(CacheItem::decodeStored(kp::writePropertyList(coded, kp::PropertyListFormat::xml).bytes()), item);
+  kp::Value policy = *coded.find("cacheConfiguration");
+  policy.set("maximumAge", std::int64_t{3600});
+  coded.set("cacheConfiguration", std::move(policy));
+  EXPECT_EQ(CacheItem::decodeStored(kp::writePropertyList(coded).bytes()), item);
+
   // Entries that differ only in their creation date are equal; a changed group is not.
   CacheItem older = item;
   older.setCreationDate(item.creationDate().addingTimeInterval(-100));
@@ -97,26 +106,34 @@ TEST_F(CacheItemTest, FileBackedAndUnarchivablePayloadsAreNotCoded) {
 }
 
 TEST_F(CacheItemTest, BadKindsGarbageRowsAndUnknownClassesAreHandled) {
-  auto coded = codedForm(CacheItem(kp::ArchiveValue("x")));
-  coded.set("cacheType", kp::Value(std::int64_t{3}));
-  try {
-    (void)kp::PropertyListDecoder().decode<CacheItem>(kp::writePropertyList(coded));
-    ADD_FAILURE() << "kind 3 decoded";
-  } catch (const kp::CacheItemCodingError& error) {
-    EXPECT_EQ(error.code(), kp::CacheItemCodingError::Code::invalidCacheItemType);
-  }
+  // Read by the generic decoder and from the stored form alike.
+  const std::function<CacheItem(const kp::Data&)> readers[] = {
+      [](const kp::Data& bytes) { return kp::PropertyListDecoder().decode<CacheItem>(bytes); },
+      [](const kp::Data& bytes) { return CacheItem::decodeStored(bytes.bytes()); }};
+  for (const auto& read : readers) {
+    auto coded = codedForm(CacheItem(kp::ArchiveValue("x")));
+    coded.set("cacheType", kp::Value(std::int64_t{3}));
+    try {
+      (void)read(kp::writePropertyList(coded));
+      ADD_FAILURE() << "kind 3 decoded";
+    } catch (const kp::CacheItemCodingError& error) {
+      EXPECT_EQ(error.code(), kp::CacheItemCodingError::Code::invalidCacheItemType);
+    }
 
-  // A payload archived under a class this process does not know is dropped; the entry stays.
-  auto unknown = codedForm(CacheItem(kp::ArchiveValue("x")));
-  std::string archive = kp::KeyedArchiver::archivedData(std::make_shared<app::Tile>(1))->toString();
-  for (auto pos = archive.find("KPTestTile"); pos != std::string::npos; pos = archive.find("KPTestTile")) {
-    archive.replace(pos, 10, "KPZzzzTile");  // same length: the binary's offsets stay valid
+    // A payload archived under a class this process does not know is dropped; the entry stays,
+    // incomplete.
+    auto unknown = codedForm(CacheItem(kp::ArchiveValue("x")));
+    std::string archive = kp::KeyedArchiver::archivedData(std::make_shared<app::Tile>(1))->toString();
+    for (auto pos = archive.find("KPTestTile"); pos != std::string::npos; pos = archive.find("KPTestTile")) {
+      archive.replace(pos, 10, "KPZzzzTile");  // same length: the binary's offsets stay valid
+    }
+    unknown.set("item", kp::Value(kp::Data::fromString(archive)));
+    unknown.set("extraItems", kp::Value(kp::Data{0xde, 0xad}));
+    auto tolerant = read(kp::writePropertyList(unknown));
+    EXPECT_FALSE(tolerant.item);
+    EXPECT_TRUE(tolerant.extraItems.empty());
+    EXPECT_FALSE(tolerant.isComplete());
   }
-  unknown.set("item", kp::Value(kp::Data::fromString(archive)));
-  unknown.set("extraItems", kp::Value(kp::Data{0xde, 0xad}));
-  auto tolerant = kp::PropertyListDecoder().decode<CacheItem>(kp::writePropertyList(unknown));
-  EXPECT_FALSE(tolerant.item);
-  EXPECT_TRUE(tolerant.extraItems.empty());
 
   // Rows whose data is garbage or the wrong shape decode to nothing.
   CacheItem placeholder;

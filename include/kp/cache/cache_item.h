@@ -19,6 +19,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "kp/cache/cacheable.h"
@@ -78,6 +79,10 @@ class KP_EXPORT CacheItem final : public Cacheable {
   // Throws CacheItemCodingError for a kind that is not 0, 1 or 2, and CodingError for an unreadable
   // configuration or date. An unreadable payload or extra items leave them empty.
   [[nodiscard]] static CacheItem decode(const Decoder& decoder);
+  // The entry from the property list that the cache database keeps of it (what decode() reads
+  // from a property-list decoder), read where it lies when it is in the form that encode()
+  // writes. Throws as decode() does.
+  [[nodiscard]] static CacheItem decodeStored(std::span<const std::uint8_t> propertyList);
   // False for an entry whose decoding dropped a stored payload or stored extra items that could
   // not be read (damaged bytes, a class this process does not know): such an entry is not
   // the one that was stored.
@@ -88,6 +93,11 @@ class KP_EXPORT CacheItem final : public Cacheable {
   friend KP_EXPORT bool operator==(const CacheItem& a, const CacheItem& b);
 
  private:
+  // The archived payload, or the archived extra items; what cannot be read leaves the entry
+  // incomplete.
+  void adoptPayload(std::span<const std::uint8_t> archived);
+  void adoptExtraItems(std::span<const std::uint8_t> archived);
+
   bool complete_ = true;
 };
 

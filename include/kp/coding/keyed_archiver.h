@@ -41,6 +41,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -118,6 +119,11 @@ class KP_EXPORT ArchiveValue {
   // The value as T when it holds a T; null otherwise (no conversions).
   template <class T>
   [[nodiscard]] const T* get() const noexcept {
+    return std::get_if<T>(&storage_);
+  }
+  // The same, to change or take.
+  template <class T>
+  [[nodiscard]] T* get() noexcept {
     return std::get_if<T>(&storage_);
   }
   // The object as class T, or null when it is something else.
@@ -225,6 +231,9 @@ class KP_EXPORT KeyedUnarchiver {
   // `mapping` resolving archived names that no class is registered under.
   [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(const Data& data,
                                                                         const ClassMapping& mapping = {});
+  // The same, of bytes held elsewhere.
+  [[nodiscard]] static std::optional<ArchiveValue> safeUnarchivedObject(std::span<const std::uint8_t> bytes,
+                                                                        const ClassMapping& mapping = {});
 
   // The root value, accepting only the classes in `allowed`; nothing when the archive is
   // malformed or holds another class.
@@ -242,7 +251,7 @@ class KP_EXPORT KeyedUnarchiver {
 
  private:
   // `allowed` null accepts every known class.
-  [[nodiscard]] static std::optional<ArchiveValue> unarchive(const Data& data,
+  [[nodiscard]] static std::optional<ArchiveValue> unarchive(std::span<const std::uint8_t> bytes,
                                                              const std::set<std::string, std::less<>>* allowed,
                                                              const ClassMapping& mapping);
 };
