@@ -156,6 +156,13 @@ Value fromPlist(plist_t p, std::size_t depth) {
         entries.emplace_back(std::move(k), fromPlist(item, depth + 1));
       }
       std::free(it);
+      // XML has no element for an object reference; archives write one as a dictionary whose only
+      // key is "CF$UID", and a reader takes it back as the reference (libplist keeps the dictionary).
+      if (entries.size() == 1 && entries.front().first == "CF$UID") {
+        const Value& index = entries.front().second;
+        if (const auto* u = index.ifUnsignedInteger()) return Uid{*u};
+        if (const auto* i = index.ifInteger(); i && *i >= 0) return Uid{static_cast<std::uint64_t>(*i)};
+      }
       return entries;
     }
     default:

@@ -59,6 +59,13 @@ TEST(KeyedArchiver, BuiltInValuesRoundTrip) {
   EXPECT_EQ(error->underlyingError()->code(), -1001);
   // The same archive without the error class is refused as a whole.
   EXPECT_FALSE(kp::KeyedUnarchiver::unarchivedObject(*data, allowing({"NSURL"})));
+  // Written out as XML, where each object reference becomes a {CF$UID} dictionary, it reads the same.
+  const auto xml = kp::writePropertyList(kp::readPropertyList(data->bytes()), kp::PropertyListFormat::xml);
+  ASSERT_NE(std::string_view(reinterpret_cast<const char*>(xml.bytes().data()), xml.size()).find("CF$UID"),
+            std::string_view::npos);
+  const auto fromXml = kp::KeyedUnarchiver::unarchivedObject(xml, allowing({"NSURL", "NSError"}));
+  ASSERT_TRUE(fromXml);
+  EXPECT_EQ(*fromXml, kp::ArchiveValue(dict));
 }
 
 TEST(KeyedArchiver, RefusesUnacceptedAndWrongClasses) {
