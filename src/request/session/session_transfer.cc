@@ -138,7 +138,7 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
   // Before the redirect below: its target sends what this hop set.
   keepCookies(t.current, *response);
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.response = response;
     t.expected = response->expectedContentLength();
   }
@@ -218,7 +218,7 @@ bool UrlSession::Impl::consumeBody(const TaskPtr& task, const void* bytes, size_
   auto& t = task->impl();
   if (length == 0) return true;
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.received += static_cast<std::int64_t>(length);
   }
   if (t.download) {
