@@ -44,9 +44,10 @@ class DnsShare {
   std::mutex mutexes_[kLocks];
 };
 
-// What a session transfers with: a multi handle (and the connections in its cache) and reset
-// easy handles of ended transfers, which spare later transfers an allocation and warm up
-// their buffers. Owns them: moving hands them on, destruction closes them.
+// What a session transfers with: a multi handle (and the connections in its cache) and the
+// easy handles of ended transfers, cleared of what those set for themselves but still set up
+// with the options every transfer shares, which spares later transfers an allocation and
+// that set-up. Owns them: moving hands them on, destruction closes them.
 struct Transport {
   CURLM* multi = nullptr;
   std::vector<CURL*> spareHandles;
