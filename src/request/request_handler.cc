@@ -136,17 +136,22 @@ const std::shared_ptr<UrlSession>& HttpRequestHandler::sharedURLSession() {
 void HttpRequestHandler::setupUrlSession() {
   auto current = request.lock();
   if (useSharedURLSession && current) current->setUrlSession(sharedURLSession());
-  std::lock_guard lock(sessionLock_);
-  if (current && current->urlSession()) {
-    urlSession = current->urlSession();
-    usingCustomURLSession = true;
-    sessionDelegateHandler = std::dynamic_pointer_cast<HttpRequestURLSessionDelegateHandler>(urlSession->delegate());
-    // A session that routes elsewhere never calls back here: the caller gets the (still
-    // empty) result at once, and the transfer still runs.
-    if (!sessionDelegateHandler) complete();
-    return;
+  bool routesElsewhere = false;
+  {
+    std::lock_guard lock(sessionLock_);
+    if (current && current->urlSession()) {
+      urlSession = current->urlSession();
+      usingCustomURLSession = true;
+      sessionDelegateHandler = std::dynamic_pointer_cast<HttpRequestURLSessionDelegateHandler>(urlSession->delegate());
+      routesElsewhere = !sessionDelegateHandler;
+    } else {
+      urlSession = UrlSession::make(defaultConfigurationWithoutCache(), shared_from_this());
+    }
   }
-  urlSession = UrlSession::make(defaultConfigurationWithoutCache(), shared_from_this());
+  // A session that routes elsewhere never calls back here: the caller gets the (still empty)
+  // result at once, and the transfer still runs. Outside the lock, so that a completion that
+  // waits on another thread touching this handler (a cancel, say) does not wait forever.
+  if (routesElsewhere) complete();
 }
 
 void HttpRequestHandler::setupUrlTask() {

@@ -29,27 +29,27 @@ std::uint64_t UrlSessionTask::taskIdentifier() const noexcept { return impl_->id
 const UrlRequest& UrlSessionTask::originalRequest() const noexcept { return impl_->original; }
 
 UrlSessionTaskState UrlSessionTask::state() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->state;
 }
 UrlRequest UrlSessionTask::currentRequest() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->current;
 }
 std::shared_ptr<const HttpUrlResponse> UrlSessionTask::response() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->response;
 }
 ErrorPtr UrlSessionTask::error() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->error;
 }
 std::int64_t UrlSessionTask::countOfBytesReceived() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->received;
 }
 std::int64_t UrlSessionTask::countOfBytesExpectedToReceive() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->expected;
 }
 
@@ -58,13 +58,13 @@ std::int64_t UrlSessionTask::countOfBytesExpectedToReceive() const {
 void UrlSessionTask::resume() {
   auto session = impl_->session.lock();
   {
-    std::lock_guard lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->state != UrlSessionTaskState::suspended) return;
     impl_->state = UrlSessionTaskState::running;
   }
   if (!session) return;
   {
-    std::lock_guard lock(session->mutex);
+    MutexLock lock(session->mutex);
     ++session->runningCount;
     if (!session->keepAlive) session->keepAlive = session->owner.lock();
   }
@@ -75,7 +75,7 @@ void UrlSessionTask::resume() {
 void UrlSessionTask::cancel() {
   auto session = impl_->session.lock();
   {
-    std::lock_guard lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->state == UrlSessionTaskState::completed || impl_->state == UrlSessionTaskState::canceling) return;
     impl_->state = UrlSessionTaskState::canceling;
   }
@@ -101,7 +101,7 @@ std::shared_ptr<UrlSession> UrlSession::make(UrlSessionConfiguration configurati
 
 UrlSession::~UrlSession() {
   {
-    std::lock_guard lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     impl_->ended = true;
   }
   impl_->wake();
@@ -111,7 +111,7 @@ namespace {
 template <class TaskType>
 std::shared_ptr<TaskType> makeTask(const std::shared_ptr<UrlSession::Impl>& session, UrlRequest request,
                                    bool download) {
-  std::lock_guard lock(session->mutex);
+  MutexLock lock(session->mutex);
   if (session->invalidated) return nullptr;
   const std::uint64_t id = session->nextTaskIdentifier++;
   auto task =
@@ -135,7 +135,7 @@ void UrlSession::finishTasksAndInvalidate() { invalidate(false); }
 
 void UrlSession::invalidate(bool cancelRunningTasks) {
   {
-    std::lock_guard lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->invalidated) return;
     impl_->invalidated = true;
     impl_->keepAlive = shared_from_this();
@@ -144,7 +144,7 @@ void UrlSession::invalidate(bool cancelRunningTasks) {
 }
 
 std::shared_ptr<UrlSessionDelegate> UrlSession::delegate() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->delegate;
 }
 

@@ -6,7 +6,9 @@
 #include <httplib.h>
 
 #include <condition_variable>
+#include <future>
 #include <mutex>
+#include <thread>
 
 #include "kp/request/request_errors.h"
 #include "support/test_servers.h"
@@ -247,9 +249,27 @@ TEST_F(HandlerTest, CustomSessionWithAnotherDelegateCompletesAtOnceAndStillTrans
     std::lock_guard lock(bystander->mutex);
     return bystander->completed;
   }));
-  std::lock_guard lock(bystander->mutex);
-  EXPECT_FALSE(bystander->failed);
+  {
+    std::lock_guard lock(bystander->mutex);
+    EXPECT_FALSE(bystander->failed);
+  }
   EXPECT_TRUE(run.handler->usingCustomURLSession);
+
+  // That early completion may wait for another thread that uses the handler (here a cancel,
+  // which takes the handler's lock). The handling runs on a thread of its own, so that a
+  // handler that kept its lock meanwhile fails this test by the deadline instead of hanging.
+  auto waiting = std::make_shared<Transfer>(server.url("/n/2"));
+  waiting->request->setUrlSession(UrlSession::make(UrlSessionConfiguration::defaultConfiguration(), bystander));
+  ASSERT_EQ(waiting->handler->canHandle(waiting->request), nullptr);
+  auto handled = std::make_shared<std::promise<void>>();
+  auto done = handled->get_future();
+  std::thread([waiting, handled] {
+    waiting->handler->handle(waiting->request, [waiting](const std::shared_ptr<RequestResult>&) {
+      std::thread([waiting] { waiting->handler->cancel(); }).join();
+    });
+    handled->set_value();
+  }).detach();
+  EXPECT_EQ(done.wait_for(10s), std::future_status::ready);
 }
 
 TEST_F(HandlerTest, ManyTransfersShareOneSession) {

@@ -181,10 +181,17 @@ TEST(SessionRequestTest, AGetSendsItsBodyAndAHeadWithABodyIsRefused) {
     Events events;
     const char* sentBody;  // null: nothing sent
   };
+  // In this order, each request runs on the easy handle of the one before (see below): none
+  // may inherit its method or body.
   const Case cases[] = {
       {"GET", "q=1", {"response 200 5", "complete ok"}, "q=1"},
       {"GET", std::nullopt, {"response 200 5", "complete ok"}, ""},
       {"HEAD", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"GET", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"PUT", "p=2", {"response 200 5", "complete ok"}, "p=2"},
+      {"GET", std::nullopt, {"response 200 5", "complete ok"}, ""},
+      {"POST", "r=3", {"response 200 5", "complete ok"}, "r=3"},
+      {"DELETE", std::nullopt, {"response 200 5", "complete ok"}, ""},
       {"HEAD", "q=1", {"complete -1103"}, nullptr},
   };
   for (const auto& c : cases) {
@@ -207,6 +214,9 @@ TEST(SessionRequestTest, AGetSendsItsBodyAndAHeadWithABodyIsRefused) {
     EXPECT_TRUE(sent.starts_with(std::string(c.method) + " /q HTTP/1.1\r\n")) << sent;
     EXPECT_TRUE(sent.ends_with(std::string("\r\n\r\n") + c.sentBody)) << sent;
     EXPECT_EQ(sent.find("Content-Length") != std::string::npos, c.body.has_value()) << sent;
+    // An ended session hands its connection and easy handle to the next one.
+    s->finishTasksAndInvalidate();
+    ASSERT_TRUE(recorder->waitForInvalid());
   }
 }
 

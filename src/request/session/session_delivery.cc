@@ -36,7 +36,7 @@ void UrlSessionDelegate::didComplete(UrlSession&, UrlSessionTask&, const ErrorPt
 bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
   std::shared_ptr<UrlSessionDelegate> target;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     target = delegate;
   }
   auto session = owner.lock();
@@ -55,7 +55,7 @@ void UrlSession::Impl::completeUnstarted(const TaskPtr& task) {
   t.finished = true;
   ErrorPtr error = makeUrlError(UrlError::cancelled, t.current.url);
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.state = UrlSessionTaskState::completed;
     t.error = error;
   }
@@ -178,7 +178,7 @@ void UrlSession::Impl::finishWhole(UrlSession& s, UrlSessionDelegate& d, const T
   whole.body = Data();
   ErrorPtr error;
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     // A cancel that came first is reported by the driver thread.
     if (t.state == UrlSessionTaskState::canceling || t.outcomeTaken.exchange(true)) return;
     error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current.url);
@@ -223,7 +223,7 @@ void UrlSession::Impl::answerRedirect(const TaskPtr& task, std::optional<UrlRequ
   if (next) {
     ++t.redirects;
     {
-      std::lock_guard lock(t.mutex);
+      MutexLock lock(t.mutex);
       t.current = std::move(*next);
     }
     t.heldBody = Data();
@@ -268,7 +268,7 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
     if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current.url);
   }
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.state = UrlSessionTaskState::completed;
     t.error = error;
   }

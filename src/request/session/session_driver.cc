@@ -42,7 +42,7 @@ void UrlSession::Impl::post(std::function<void()> command, bool urgent) {
   bool start = false;
   bool wakeDriver = false;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     // An ended session has handed its transport on; nothing done to it can matter now.
     if (transport.multi == nullptr) return;
     commands.push_back(std::move(command));
@@ -61,7 +61,7 @@ void UrlSession::Impl::post(std::function<void()> command, bool urgent) {
 
 void UrlSession::Impl::wake() {
   if (wakeup.signal()) return;
-  std::lock_guard lock(mutex);
+  MutexLock lock(mutex);
   if (transport.multi) curl_multi_wakeup(transport.multi);
 }
 
@@ -70,7 +70,7 @@ void UrlSession::Impl::run() {
   for (;;) {
     std::deque<std::function<void()>> batch;
     {
-      std::lock_guard lock(mutex);
+      MutexLock lock(mutex);
       if (commands.empty() && running.empty() && (ended || Clock::now() - idleSince > kIdleThreadLifetime)) {
         threadRunning = false;
         return;
@@ -101,7 +101,7 @@ void UrlSession::Impl::run() {
 void UrlSession::Impl::endInvalidation() {
   internal::Transport handedOn;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     handedOn = std::move(transport);
     threadRunning = false;
   }
@@ -122,14 +122,14 @@ void UrlSession::Impl::releaseTransport(internal::Transport done) {
 // Sleeps in the poll until a socket or a command needs the driver, or `waitMs` pass.
 void UrlSession::Impl::waitInPoll(int waitMs) {
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     if (!commands.empty()) return;
     polling = true;
   }
   curl_waitfd event{wakeup.descriptor(), CURL_WAIT_POLLIN, 0};
   curl_multi_poll(transport.multi, wakeup.valid() ? &event : nullptr, wakeup.valid() ? 1 : 0, waitMs, nullptr);
   if (event.revents != 0) wakeup.clear();
-  std::lock_guard lock(mutex);
+  MutexLock lock(mutex);
   polling = false;
 }
 
@@ -193,7 +193,7 @@ void UrlSession::Impl::cancel(const TaskPtr& task) {
 void UrlSession::Impl::forget(UrlSessionTask::Impl& t) {
   std::shared_ptr<UrlSession> oldKeepAlive;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     liveTasks.erase(t.id);
     if (t.counted.exchange(false) && --runningCount == 0 && !invalidated) oldKeepAlive = std::move(keepAlive);
   }
@@ -204,7 +204,7 @@ void UrlSession::Impl::invalidate(bool cancelRunning) {
   invalidating = true;
   std::vector<TaskPtr> unstarted;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     for (auto& [id, weak] : liveTasks) {
       if (running.count(id)) continue;
       if (auto task = weak.lock()) unstarted.push_back(std::move(task));
@@ -231,7 +231,7 @@ void UrlSession::Impl::releaseAfterInvalidation() {
   std::shared_ptr<UrlSessionDelegate> oldDelegate;
   std::shared_ptr<UrlSession> oldKeepAlive;
   {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     oldDelegate = std::move(delegate);
     oldKeepAlive = std::move(keepAlive);
     ended = true;

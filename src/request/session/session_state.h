@@ -7,7 +7,7 @@
 //   session_cookies.cc   the cookies a hop sends and keeps
 // Internal to the session layer; not installed.
 //
-// Thread safety: members under "mutex" may be used from any thread with the lock held;
+// Thread safety: members GUARDED_BY(mutex) may be used from any thread with the lock held;
 // members marked "driver thread only" belong to the session's driver, which also runs every
 // member function except post(), wake() and deliver() (any thread) and the delegate-queue
 // steps named so.
@@ -29,6 +29,8 @@
 #include <vector>
 
 #include "kp/request/url_session.h"
+#include "platform/mutex.h"
+#include "platform/thread_annotations.h"
 #include "platform/wakeup_event.h"
 #include "request/header_text.h"
 #include "request/session/task_state.h"
@@ -74,18 +76,18 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // handle's own wake-up, under the lock.
   platform::WakeupEvent wakeup;
 
-  mutable std::mutex mutex;
-  std::shared_ptr<UrlSessionDelegate> delegate;                                // guarded by mutex
-  std::shared_ptr<UrlSession> keepAlive;                                       // guarded by mutex
-  std::deque<std::function<void()>> commands;                                  // guarded by mutex
-  std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks;  // guarded by mutex
-  std::uint64_t nextTaskIdentifier = 1;                                        // guarded by mutex
-  bool threadRunning = false;                                                  // guarded by mutex
+  mutable Mutex mutex;
+  std::shared_ptr<UrlSessionDelegate> delegate GUARDED_BY(mutex);
+  std::shared_ptr<UrlSession> keepAlive GUARDED_BY(mutex);
+  std::deque<std::function<void()>> commands GUARDED_BY(mutex);
+  std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks GUARDED_BY(mutex);
+  std::uint64_t nextTaskIdentifier GUARDED_BY(mutex) = 1;
+  bool threadRunning GUARDED_BY(mutex) = false;
   // The driver thread sleeps in curl_multi_poll (or is about to): commands must wake it.
-  bool polling = false;          // guarded by mutex
-  bool invalidated = false;      // guarded by mutex
-  bool ended = false;            // guarded by mutex
-  std::size_t runningCount = 0;  // guarded by mutex
+  bool polling GUARDED_BY(mutex) = false;
+  bool invalidated GUARDED_BY(mutex) = false;
+  bool ended GUARDED_BY(mutex) = false;
+  std::size_t runningCount GUARDED_BY(mutex) = 0;
 
   // Driver thread only.
   std::unordered_map<std::uint64_t, TaskPtr> running;
@@ -103,13 +105,13 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // MARK: Any thread (session_driver.cc, session_delivery.cc)
 
   // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
-  void post(std::function<void()> command, bool urgent = true);
+  void post(std::function<void()> command, bool urgent = true) EXCLUDES(mutex);
   // Wakes the driver from its poll. Called without `mutex` held: the woken driver takes it.
-  void wake();
+  void wake() EXCLUDES(mutex);
   // Queues a delegate callback; false when there is no delegate any more.
   // `mayRunHere` false: always on the delegate queue's own thread, for body data, whose
   // handling then overlaps with receiving the next piece.
-  bool deliver(Delivery call, bool mayRunHere = true);
+  bool deliver(Delivery call, bool mayRunHere = true) EXCLUDES(mutex);
 
   // MARK: The driver (session_driver.cc)
 

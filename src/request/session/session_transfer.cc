@@ -23,6 +23,43 @@ void freeLists(UrlSessionTask::Impl& t) {
   t.connectTo = nullptr;
 }
 
+// Options that every transfer shares, set once per easy handle: the handle keeps them from
+// transfer to transfer (and from session to session, with its transport).
+CURL* makeEasyHandle() {
+  CURL* e = curl_easy_init();
+  if (e == nullptr) return nullptr;
+  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(e, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
+  curl_easy_setopt(e, CURLOPT_SHARE, internal::DnsShare::instance().handle());
+  curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &UrlSession::Impl::onHeader);
+  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &UrlSession::Impl::onWrite);
+  curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &UrlSession::Impl::onProgress);
+  curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+  // Verification is decided in the handshake by the trust challenge (host name included).
+  curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &UrlSession::Impl::onSslContext);
+  return e;
+}
+
+// What one transfer of a handle leaves behind that the next must not inherit: the pointers
+// into the task that ran, and its method and body.
+void forgetTransfer(CURL* e) {
+  for (CURLoption option : {CURLOPT_PRIVATE, CURLOPT_ERRORBUFFER, CURLOPT_HEADERDATA, CURLOPT_WRITEDATA,
+                            CURLOPT_XFERINFODATA, CURLOPT_SSL_CTX_DATA, CURLOPT_HTTPHEADER, CURLOPT_CONNECT_TO}) {
+    curl_easy_setopt(e, option, nullptr);
+  }
+  curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
+  curl_easy_setopt(e, CURLOPT_POSTFIELDS, nullptr);
+  curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, nullptr);
+  // Last: the method is a plain GET again, with no body to send and a body to read.
+  curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+}
+
 }  // namespace
 
 void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
@@ -30,9 +67,10 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
     t.easy = transport.spareHandles.back();
     transport.spareHandles.pop_back();
   } else if (t.easy == nullptr) {
-    t.easy = curl_easy_init();
+    t.easy = makeEasyHandle();
   } else {
-    curl_easy_reset(t.easy);
+    // The next hop of a redirect, on the same handle.
+    forgetTransfer(t.easy);
   }
   freeLists(t);
   t.head.reset();
@@ -48,26 +86,11 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   curl_easy_setopt(e, CURLOPT_URL, r.url.absoluteString().c_str());
   curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
   curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorBuffer);
-  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
-  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(e, CURLOPT_BUFFERSIZE, kReceiveBufferSize);
-  curl_easy_setopt(e, CURLOPT_SHARE, internal::DnsShare::instance().handle());
   // Within a 32-bit long: a connection attempt that outlasts 24 days has no limit in practice.
   curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(t.timeout * 1000.0, 2147483647.0)));
-  curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Impl::onHeader);
   curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
-  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Impl::onWrite);
   curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
-  curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Impl::onProgress);
   curl_easy_setopt(e, CURLOPT_XFERINFODATA, &t);
-  curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
-  // Verification is decided in the handshake by the trust challenge (host name included).
-  curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 0L);
-  curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-  curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &Impl::onSslContext);
   curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, &t);
 
   const std::string& method = r.httpMethod;
@@ -138,7 +161,7 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
   // Before the redirect below: its target sends what this hop set.
   keepCookies(t.current, *response);
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.response = response;
     t.expected = response->expectedContentLength();
   }
@@ -218,7 +241,7 @@ bool UrlSession::Impl::consumeBody(const TaskPtr& task, const void* bytes, size_
   auto& t = task->impl();
   if (length == 0) return true;
   {
-    std::lock_guard lock(t.mutex);
+    MutexLock lock(t.mutex);
     t.received += static_cast<std::int64_t>(length);
   }
   if (t.download) {
@@ -315,7 +338,7 @@ ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
 void UrlSession::Impl::releaseTransfer(UrlSessionTask::Impl& t) {
   if (t.easy) {
     if (transport.spareHandles.size() < kSpareHandles) {
-      curl_easy_reset(t.easy);
+      forgetTransfer(t.easy);
       transport.spareHandles.push_back(t.easy);
     } else {
       curl_easy_cleanup(t.easy);

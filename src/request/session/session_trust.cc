@@ -18,9 +18,9 @@ using internal::Clock;
 
 // The answer to a trust challenge as the driver thread waits for it.
 struct TrustAnswer {
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable changed;
-  std::optional<internal::TrustDecision> answer;  // guarded by mutex
+  std::optional<internal::TrustDecision> answer GUARDED_BY(mutex);
 };
 
 std::string withoutBrackets(std::string host) {
@@ -98,7 +98,7 @@ std::optional<internal::TrustDecision> UrlSession::Impl::askTrust(UrlSessionTask
   const bool delivered = deliver([task, challenge, box](UrlSession& s, UrlSessionDelegate& d) {
     d.didReceiveChallenge(s, *task, challenge,
                           [box](AuthChallengeDisposition disposition, std::shared_ptr<const UrlCredential> credential) {
-                            std::lock_guard lock(box->mutex);
+                            MutexLock lock(box->mutex);
                             if (box->answer) return;
                             box->answer.emplace(disposition, std::move(credential));
                             box->changed.notify_all();
@@ -107,14 +107,14 @@ std::optional<internal::TrustDecision> UrlSession::Impl::askTrust(UrlSessionTask
   if (!delivered) return std::pair{AuthChallengeDisposition::performDefaultHandling, nullptr};
   const auto deadline =
       Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(t.timeout));
-  std::unique_lock lock(box->mutex);
+  MutexLock lock(box->mutex);
   while (!box->answer) {
     if (t.cancelRequested.load()) return std::nullopt;
     if (Clock::now() >= deadline) {
       t.timedOut = true;
       return std::nullopt;
     }
-    box->changed.wait_for(lock, std::chrono::milliseconds(20));
+    (void)lock.waitUntil(box->changed, Clock::now() + std::chrono::milliseconds(20));
   }
   return box->answer;
 }

@@ -16,6 +16,8 @@
 #include <optional>
 
 #include "kp/request/url_session.h"
+#include "platform/mutex.h"
+#include "platform/thread_annotations.h"
 #include "request/session/response_head.h"
 #include "request/session/transport.h"
 
@@ -45,13 +47,14 @@ struct UrlSessionTask::Impl {
   UrlSessionTask* task = nullptr;
 
   // Read from any thread.
-  mutable std::mutex mutex;
-  UrlSessionTaskState state = UrlSessionTaskState::suspended;  // guarded by mutex
-  UrlRequest current;                                          // guarded by mutex
-  std::shared_ptr<const HttpUrlResponse> response;             // guarded by mutex
-  ErrorPtr error;                                              // guarded by mutex
-  std::int64_t received = 0;                                   // guarded by mutex
-  std::int64_t expected = -1;                                  // guarded by mutex
+  mutable Mutex mutex;
+  UrlSessionTaskState state GUARDED_BY(mutex) = UrlSessionTaskState::suspended;
+  // The driver thread alone changes it, under the lock, and reads it without.
+  UrlRequest current;
+  std::shared_ptr<const HttpUrlResponse> response GUARDED_BY(mutex);
+  ErrorPtr error GUARDED_BY(mutex);
+  std::int64_t received GUARDED_BY(mutex) = 0;
+  std::int64_t expected GUARDED_BY(mutex) = -1;
   std::atomic<bool> cancelRequested{false};
   // Taken by whoever reports the task's end to the delegate: the driver thread, or the
   // delegate queue when it runs a finished small transfer in one go (see deliverWhole).

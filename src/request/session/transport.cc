@@ -69,7 +69,7 @@ Transport TransportPool::acquire() {
   std::vector<Transport> expired;
   Transport transport;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     takeExpired(Clock::now() - kIdleConnectionLifetime, expired);
     if (!idle_.empty()) {
       transport = std::move(idle_.back());
@@ -83,7 +83,7 @@ Transport TransportPool::acquire() {
 void TransportPool::release(Transport transport) {
   transport.idleSince = Clock::now();
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (idle_.size() < kCapacity) {
       idle_.push_back(std::move(transport));
     }
@@ -94,7 +94,7 @@ void TransportPool::release(Transport transport) {
 void TransportPool::closeIdle(Clock::duration age) {
   std::vector<Transport> expired;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     takeExpired(Clock::now() - age, expired);
   }
 }
@@ -114,22 +114,26 @@ DriverThreads& DriverThreads::instance() {
 }
 
 void DriverThreads::run(std::function<void()> driver) {
-  std::unique_lock lock(mutex_);
-  drivers_.push_back(std::move(driver));
-  if (waiting_ >= drivers_.size()) {
-    lock.unlock();
+  bool wakeWaiting = false;
+  {
+    MutexLock lock(mutex_);
+    drivers_.push_back(std::move(driver));
+    wakeWaiting = waiting_ >= drivers_.size();
+  }
+  if (wakeWaiting) {
     available_.notify_one();
     return;
   }
-  lock.unlock();
   std::thread([this] { serve(); }).detach();
 }
 
 void DriverThreads::serve() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   for (;;) {
     ++waiting_;
-    const bool got = available_.wait_for(lock, kIdleLifetime, [this] { return !drivers_.empty(); });
+    const auto deadline = Clock::now() + kIdleLifetime;
+    bool got = true;
+    while (drivers_.empty() && got) got = lock.waitUntil(available_, deadline) || !drivers_.empty();
     --waiting_;
     if (!got) {
       lock.unlock();

@@ -18,6 +18,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/mutex.h"
+#include "platform/thread_annotations.h"
+
 namespace kp::internal {
 
 using Clock = std::chrono::steady_clock;
@@ -41,9 +44,10 @@ class DnsShare {
   std::mutex mutexes_[kLocks];
 };
 
-// What a session transfers with: a multi handle (and the connections in its cache) and reset
-// easy handles of ended transfers, which spare later transfers an allocation and warm up
-// their buffers. Owns them: moving hands them on, destruction closes them.
+// What a session transfers with: a multi handle (and the connections in its cache) and the
+// easy handles of ended transfers, cleared of what those set for themselves but still set up
+// with the options every transfer shares, which spares later transfers an allocation and
+// that set-up. Owns them: moving hands them on, destruction closes them.
 struct Transport {
   CURLM* multi = nullptr;
   std::vector<CURL*> spareHandles;
@@ -79,10 +83,10 @@ class TransportPool {
   static constexpr std::size_t kCapacity = 4;
   static constexpr auto kIdleConnectionLifetime = std::chrono::seconds(5);
 
-  void takeExpired(Clock::time_point idleBefore, std::vector<Transport>& out);
+  void takeExpired(Clock::time_point idleBefore, std::vector<Transport>& out) REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  std::vector<Transport> idle_;  // guarded by mutex_
+  Mutex mutex_;
+  std::vector<Transport> idle_ GUARDED_BY(mutex_);
 };
 
 // Threads for the sessions' drivers. A session's driver runs until the session ends or has
@@ -100,10 +104,10 @@ class DriverThreads {
 
   void serve();
 
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable available_;
-  std::deque<std::function<void()>> drivers_;  // guarded by mutex_
-  std::size_t waiting_ = 0;                    // guarded by mutex_
+  std::deque<std::function<void()>> drivers_ GUARDED_BY(mutex_);
+  std::size_t waiting_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace kp::internal
