@@ -1,16 +1,19 @@
 // Foundation helpers against the code they replace, in the same run: safe element access
-// against at() with a caught exception, and key-path reads against the same lookups written
-// by hand on Boost.JSON. Colour reading is measured alone, in colours per second.
+// against at() with a caught exception, the ordered set against a bare std::unordered_map
+// (which keeps no order), and key-path reads against the same lookups written by hand on
+// Boost.JSON. Colour reading is measured alone, in colours per second.
 #include <benchmark/benchmark.h>
 
 #include <boost/json.hpp>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "kp/foundation/color.h"
 #include "kp/foundation/json.h"
+#include "kp/foundation/ordered_set.h"
 #include "kp/foundation/safe_access.h"
 
 namespace {
@@ -61,6 +64,59 @@ void BM_SafeAccessElementAt(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * order.size()));
 }
 BENCHMARK(BM_SafeAccessElementAt)->ArgName("inRange")->Arg(1)->Arg(0);
+
+// Place names as a list of saved places holds them; every second lookup misses.
+std::vector<std::string> placeNames() {
+  std::vector<std::string> out;
+  for (std::size_t i = 0; i < kElements; ++i) out.push_back("place-" + std::to_string(i * 7919 % 100003));
+  return out;
+}
+
+// Builds the collection from the names (build = 1) or only looks each name up in it, with as
+// many misses (build = 0).
+template <class Collection, class Insert, class Find>
+void runCollection(benchmark::State& state, Insert insert, Find find) {
+  const auto names = placeNames();
+  std::vector<std::string> probes = names;
+  for (const auto& name : names) probes.push_back(name + "-gone");
+  const bool build = state.range(0) != 0;
+  Collection built;
+  for (const auto& name : names) insert(built, name);
+  long sum = 0;
+  for (auto _ : state) {
+    if (build) {
+      Collection collection;
+      for (const auto& name : names) insert(collection, name);
+      benchmark::DoNotOptimize(collection);
+    } else {
+      for (const auto& probe : probes) sum += find(built, probe);
+      benchmark::DoNotOptimize(sum);
+    }
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * (build ? names.size() : probes.size())));
+}
+
+void BM_OrderedSetBaselineUnorderedMap(benchmark::State& state) {
+  using Map = std::unordered_map<std::string, std::size_t>;
+  runCollection<Map>(
+      state, [](Map& map, const std::string& name) { map.try_emplace(name, map.size()); },
+      [](const Map& map, const std::string& name) {
+        const auto at = map.find(name);
+        return at == map.end() ? -1L : static_cast<long>(at->second);
+      });
+}
+BENCHMARK(BM_OrderedSetBaselineUnorderedMap)->ArgName("build")->Arg(1)->Arg(0);
+
+void BM_OrderedSet(benchmark::State& state) {
+  using Set = kp::OrderedSet<std::string>;
+  runCollection<Set>(
+      state, [](Set& set, const std::string& name) { set.insert(name); },
+      [](const Set& set, const std::string& name) {
+        const auto index = set.indexOf(name);
+        return index ? static_cast<long>(*index) : -1L;
+      });
+}
+BENCHMARK(BM_OrderedSet)->ArgName("build")->Arg(1)->Arg(0);
 
 void BM_ColorParse(benchmark::State& state) {
   static const std::vector<std::string> mixes[] = {

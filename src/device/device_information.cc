@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "device/device_information_internal.h"
+#include "platform/mutex.h"
 #include "platform/no_destructor.h"
 
 namespace kp {
@@ -15,25 +16,25 @@ namespace kp {
 // signal that comes while the information is destroyed finds nothing to refresh.
 struct DeviceInformation::Impl {
   struct State {
-    std::shared_ptr<platform::DeviceFactsSource> source;
-    std::mutex readMutex;  // one read of the sources at a time
+    std::shared_ptr<platform::DeviceFactsSource> source;  // set before the state is shared
+    Mutex readMutex;                                      // one read of the sources at a time
     // The snapshot is swapped under a lock of its own, held only to copy the pointer, so that
     // readers never wait for a read of the sources.
-    mutable std::mutex factsMutex;
-    std::shared_ptr<const DeviceFacts> facts;  // guarded by factsMutex
+    mutable Mutex factsMutex;
+    std::shared_ptr<const DeviceFacts> facts GUARDED_BY(factsMutex);
     std::atomic<bool> known{false};
     std::atomic<DeviceKind> kind{DeviceKind::unknown};
 
-    std::shared_ptr<const DeviceFacts> current() const {
-      std::lock_guard lock(factsMutex);
+    std::shared_ptr<const DeviceFacts> current() const EXCLUDES(factsMutex) {
+      MutexLock lock(factsMutex);
       return facts;
     }
 
-    std::shared_ptr<const DeviceFacts> read() {
-      std::lock_guard lock(readMutex);
+    std::shared_ptr<const DeviceFacts> read() EXCLUDES(readMutex, factsMutex) {
+      MutexLock lock(readMutex);
       auto fresh = std::make_shared<const DeviceFacts>(device::deriveDeviceFacts(source->read()));
       {
-        std::lock_guard factsLock(factsMutex);
+        MutexLock factsLock(factsMutex);
         facts = fresh;
         kind.store(fresh->kind, std::memory_order_relaxed);
       }
@@ -48,7 +49,7 @@ struct DeviceInformation::Impl {
 
   std::shared_ptr<const DeviceFacts> load() {
     {
-      std::lock_guard lock(state->readMutex);
+      MutexLock lock(state->readMutex);
       if (state->known.load(std::memory_order_acquire)) return state->current();
     }
     auto fresh = state->read();

@@ -1,13 +1,13 @@
 // The location controller: sessions of the platform's location provider, checked and told to
 // weakly held delegates on the main queue.
 #include <cmath>
-#include <mutex>
 
 #include "kp/device/bundle_information.h"
 #include "kp/device/location.h"
 #include "kp/platform/dispatch.h"
 #include "kp/platform/weak_hash_table.h"
 #include "platform/location_provider.h"
+#include "platform/mutex.h"
 
 namespace kp {
 namespace {
@@ -105,17 +105,18 @@ std::optional<Location> checked(const platform::LocationFix& fix, std::string& w
 }  // namespace
 
 struct LocationController::Impl {
-  std::unique_ptr<platform::LocationProvider> provider;
   WeakHashTable<LocationControllerDelegate> delegates;
   std::weak_ptr<LocationController> owner;
 
-  mutable std::mutex mutex;  // guards what follows, and the calls to the provider
-  std::optional<std::string> applicationId;
-  LocationAccuracy accuracy = LocationAccuracy::city;
-  std::uint64_t session = 0;  // the current session's number; stop() and start() move it on
-  bool updating = false;
-  LocationAuthorizationStatus status = LocationAuthorizationStatus::notDetermined;
-  std::optional<Location> last;
+  mutable Mutex mutex;
+  // Set once by make(); called only under the lock, so that a start and a stop never cross.
+  std::unique_ptr<platform::LocationProvider> provider PT_GUARDED_BY(mutex);
+  std::optional<std::string> applicationId GUARDED_BY(mutex);
+  LocationAccuracy accuracy GUARDED_BY(mutex) = LocationAccuracy::city;
+  std::uint64_t session GUARDED_BY(mutex) = 0;  // the current session's number; stop() and start() move it on
+  bool updating GUARDED_BY(mutex) = false;
+  LocationAuthorizationStatus status GUARDED_BY(mutex) = LocationAuthorizationStatus::notDetermined;
+  std::optional<Location> last GUARDED_BY(mutex);
 
   // Runs `call` for each delegate on the main queue, unless session `number` has ended by then.
   template <class Call>
@@ -124,15 +125,14 @@ struct LocationController::Impl {
       auto self = weak.lock();
       if (!self) return;
       {
-        std::lock_guard lock(self->impl_->mutex);
+        MutexLock lock(self->impl_->mutex);
         if (self->impl_->session != number) return;
       }
       self->impl_->delegates.forEach([&](const auto& delegate) { call(*delegate, *self); });
     });
   }
 
-  // REQUIRES: mutex held.
-  void changeStatus(std::uint64_t number, LocationAuthorizationStatus next) {
+  void changeStatus(std::uint64_t number, LocationAuthorizationStatus next) REQUIRES(mutex) {
     if (status == next) return;
     status = next;
     tell(number, [next](LocationControllerDelegate& d, LocationController& c) {
@@ -140,8 +140,7 @@ struct LocationController::Impl {
     });
   }
 
-  // REQUIRES: mutex held.
-  void failLocked(std::uint64_t number, LocationErrorCode code, const std::string& detail) {
+  void failLocked(std::uint64_t number, LocationErrorCode code, const std::string& detail) REQUIRES(mutex) {
     updating = false;
     if (code == LocationErrorCode::denied) changeStatus(number, LocationAuthorizationStatus::denied);
     auto error = locationError(code, detail);
@@ -149,15 +148,15 @@ struct LocationController::Impl {
          [error](LocationControllerDelegate& d, LocationController& c) { d.locationControllerDidFail(c, error); });
   }
 
-  void authorized(std::uint64_t number) {
-    std::lock_guard lock(mutex);
+  void authorized(std::uint64_t number) EXCLUDES(mutex) {
+    MutexLock lock(mutex);
     if (number == session) changeStatus(number, LocationAuthorizationStatus::authorizedWhenInUse);
   }
 
-  void fixed(std::uint64_t number, const platform::LocationFix& fix) {
+  void fixed(std::uint64_t number, const platform::LocationFix& fix) EXCLUDES(mutex) {
     std::string wrong;
     auto location = checked(fix, wrong);
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     if (number != session || !updating) return;
     if (!location) {
       provider->stop();
@@ -169,8 +168,8 @@ struct LocationController::Impl {
     });
   }
 
-  void failed(std::uint64_t number, platform::LocationFailure failure, const std::string& detail) {
-    std::lock_guard lock(mutex);
+  void failed(std::uint64_t number, platform::LocationFailure failure, const std::string& detail) EXCLUDES(mutex) {
+    MutexLock lock(mutex);
     if (number == session && updating) failLocked(number, codeOf(failure), detail);
   }
 };
@@ -186,7 +185,7 @@ std::shared_ptr<LocationController> LocationController::make(std::chrono::millis
 LocationController::LocationController(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 LocationController::~LocationController() {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   impl_->provider->stop();
 }
 
@@ -199,31 +198,31 @@ void LocationController::removeDelegate(const std::shared_ptr<LocationController
 }
 
 void LocationController::setApplicationId(std::string desktopId) {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   impl_->applicationId = std::move(desktopId);
 }
 
 std::optional<std::string> LocationController::applicationId() const {
   {
-    std::lock_guard lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->applicationId) return impl_->applicationId;
   }
   return BundleInformation::current().identifier;
 }
 
 void LocationController::setDesiredAccuracy(LocationAccuracy accuracy) {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   impl_->accuracy = accuracy;
 }
 
 LocationAccuracy LocationController::desiredAccuracy() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->accuracy;
 }
 
 void LocationController::startUpdatingLocation() {
   const auto identity = applicationId();
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   const std::uint64_t number = ++impl_->session;
   impl_->provider->stop();
   impl_->updating = true;
@@ -247,24 +246,24 @@ void LocationController::startUpdatingLocation() {
 }
 
 void LocationController::stopUpdatingLocation() {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   ++impl_->session;
   impl_->updating = false;
   impl_->provider->stop();
 }
 
 bool LocationController::isUpdating() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->updating;
 }
 
 LocationAuthorizationStatus LocationController::authorizationStatus() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->status;
 }
 
 std::optional<Location> LocationController::location() const {
-  std::lock_guard lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->last;
 }
 

@@ -20,8 +20,8 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 struct Registry {
-  std::mutex mutex;
-  std::map<fs::path, std::weak_ptr<SuiteStore>> stores;  // guarded by mutex
+  Mutex mutex;
+  std::map<fs::path, std::weak_ptr<SuiteStore>> stores GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -55,7 +55,7 @@ SuiteStore::SuiteStore(fs::path file)
 SuiteStore::~SuiteStore() = default;
 
 SuiteFileStatus SuiteStore::status() const {
-  std::lock_guard io(ioMutex_);
+  MutexLock io(ioMutex_);
   SuiteFileStatus out;
   if (!readError_.empty()) out.readError = readError_;
   if (!writeError_.empty()) out.writeError = writeError_;
@@ -70,7 +70,7 @@ std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
   exitHook.run([] { std::atexit([] { SuiteStore::synchronizeAll(); }); });
 
   Registry& r = registry();
-  std::lock_guard lock(r.mutex);
+  MutexLock lock(r.mutex);
   if (auto it = r.stores.find(file); it != r.stores.end()) {
     if (auto existing = it->second.lock()) return existing;
   }
@@ -82,7 +82,7 @@ std::shared_ptr<SuiteStore> SuiteStore::open(const fs::path& file) {
   }
   platform::removeStaleTemporaryFiles(file, std::chrono::minutes(10));
   {
-    std::lock_guard io(store->ioMutex_);
+    MutexLock io(store->ioMutex_);
     // Watch first, so that a change made while the file is read is not missed.
     store->watch();
     (void)store->reloadLocked(false);
@@ -95,7 +95,7 @@ void SuiteStore::synchronizeAll() {
   std::vector<std::shared_ptr<SuiteStore>> open;
   {
     Registry& r = registry();
-    std::lock_guard lock(r.mutex);
+    MutexLock lock(r.mutex);
     for (auto& [path, weak] : r.stores) {
       if (auto store = weak.lock()) open.push_back(std::move(store));
     }
@@ -104,7 +104,7 @@ void SuiteStore::synchronizeAll() {
 }
 
 std::shared_ptr<const Value> SuiteStore::get(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = values_.find(key);
   return it == values_.end() ? nullptr : it->second;
 }
@@ -112,7 +112,7 @@ std::shared_ptr<const Value> SuiteStore::get(std::string_view key) const {
 void SuiteStore::set(std::string_view key, std::shared_ptr<const Value> value) {
   bool schedule = false;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const std::uint64_t generation = ++generation_;
     if (value) {
       values_.insert_or_assign(std::string(key), value);
@@ -130,7 +130,7 @@ void SuiteStore::set(std::string_view key, std::shared_ptr<const Value> value) {
 void SuiteStore::removeAll() {
   bool schedule = false;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (const auto& [key, value] : values_) pending_.insert_or_assign(key, Pending{nullptr, ++generation_});
     values_.clear();
     lastChange_ = std::chrono::steady_clock::now();
@@ -143,7 +143,7 @@ void SuiteStore::removeAll() {
 std::vector<std::pair<std::string, std::shared_ptr<const Value>>> SuiteStore::snapshot() const {
   std::vector<std::pair<std::string, std::shared_ptr<const Value>>> out;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     out.assign(values_.begin(), values_.end());
   }
   std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -151,11 +151,11 @@ std::vector<std::pair<std::string, std::shared_ptr<const Value>>> SuiteStore::sn
 }
 
 bool SuiteStore::synchronize() {
-  std::lock_guard io(ioMutex_);
+  MutexLock io(ioMutex_);
   if (watchLost_.load()) watch();
   bool pending = false;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     pending = !pending_.empty();
   }
   if (!pending) {
@@ -172,7 +172,7 @@ void SuiteStore::scheduleWrite(std::chrono::steady_clock::duration delay) {
 
 void SuiteStore::scheduledWrite() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const auto now = std::chrono::steady_clock::now();
     if (!pending_.empty() && now - lastChange_ < kCoalescingDelay && now - firstChange_ < kMaximumDelay) {
       // Still changing: one write for the whole burst.
@@ -180,41 +180,28 @@ void SuiteStore::scheduledWrite() {
       return;
     }
   }
-  std::lock_guard io(ioMutex_);
+  MutexLock io(ioMutex_);
   writeLocked();
 }
 
 bool SuiteStore::writeLocked() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     // Changes from here on schedule a write of their own.
     writeScheduled_ = false;
     if (pending_.empty()) return true;
   }
-  auto failed = [&](const std::string& error) {
-    writeError_ = error;
-    TarvixLoggers::CL()->error("User defaults could not write suite file " + file_.string() + ": " + error);
-    retryDelay_ = std::clamp<std::chrono::milliseconds>(retryDelay_ * 2, 1s, 60s);
-    bool schedule = false;
-    {
-      std::lock_guard lock(mutex_);
-      schedule = !std::exchange(writeScheduled_, true);
-    }
-    if (schedule) scheduleWrite(retryDelay_);
-    return false;
-  };
-
-  if (!platform::createPrivateDirectories(file_.parent_path())) return failed("cannot create its folder");
+  if (!platform::createPrivateDirectories(file_.parent_path())) return writeFailed("cannot create its folder");
   std::optional<platform::FileLock> lock = platform::FileLock::acquire(lockFile_, kLockTimeout);
-  if (!lock) return failed("the suite stayed locked by another process");
+  if (!lock) return writeFailed("the suite stayed locked by another process");
   // Another process may have written since we last looked: start from its file. One that
   // cannot be read must not be replaced by a file without its keys.
-  if (!reloadLocked(true)) return failed("cannot read the file it would replace (" + readError_ + ")");
+  if (!reloadLocked(true)) return writeFailed("cannot read the file it would replace (" + readError_ + ")");
 
   std::vector<std::pair<std::string, std::shared_ptr<const Value>>> entries;
   std::vector<std::pair<std::string, std::uint64_t>> written;
   {
-    std::lock_guard values(mutex_);
+    MutexLock values(mutex_);
     entries.assign(values_.begin(), values_.end());
     written.reserve(pending_.size());
     for (const auto& [key, change] : pending_) written.emplace_back(key, change.generation);
@@ -230,15 +217,15 @@ bool SuiteStore::writeLocked() {
   try {
     bytes = writePropertyList(Value(std::move(dictionary)));
   } catch (const std::exception& e) {
-    return failed(e.what());
+    return writeFailed(e.what());
   }
   // Readers take a larger file for damage and set it aside with every key in it.
   if (bytes.size() > kMaxFileSize) {
-    return failed("it would hold " + std::to_string(bytes.size()) + " bytes, more than the " +
-                  std::to_string(kMaxFileSize) + " a suite may have");
+    return writeFailed("it would hold " + std::to_string(bytes.size()) + " bytes, more than the " +
+                       std::to_string(kMaxFileSize) + " a suite may have");
   }
   if (std::string error; !platform::writeFileAtomically(writeTarget(file_), bytes.bytes(), &error)) {
-    return failed(error);
+    return writeFailed(error);
   }
   // Still under the suite's lock, so the file there is the one just written.
   lastSeen_ = platform::fileIdentity(file_);
@@ -246,7 +233,7 @@ bool SuiteStore::writeLocked() {
   writeError_.clear();
   writes_.fetch_add(1, std::memory_order_relaxed);
   {
-    std::lock_guard values(mutex_);
+    MutexLock values(mutex_);
     // A key changed again while we wrote stays pending for the next write.
     for (const auto& [key, generation] : written) {
       if (auto it = pending_.find(key); it != pending_.end() && it->second.generation == generation) {
@@ -256,6 +243,19 @@ bool SuiteStore::writeLocked() {
   }
   if (watchLost_.load()) watch();
   return true;
+}
+
+bool SuiteStore::writeFailed(const std::string& error) {
+  writeError_ = error;
+  TarvixLoggers::CL()->error("User defaults could not write suite file " + file_.string() + ": " + error);
+  retryDelay_ = std::clamp<std::chrono::milliseconds>(retryDelay_ * 2, 1s, 60s);
+  bool schedule = false;
+  {
+    MutexLock lock(mutex_);
+    schedule = !std::exchange(writeScheduled_, true);
+  }
+  if (schedule) scheduleWrite(retryDelay_);
+  return false;
 }
 
 bool SuiteStore::reloadLocked(bool lockHeld) {
@@ -306,7 +306,7 @@ bool SuiteStore::reloadLocked(bool lockHeld) {
     lastSeen_ = contents.identity;
     readRetryDelay_ = 0ms;
     readError_.clear();
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     values_ = std::move(disk);
     for (const auto& [key, change] : pending_) {
       if (change.value) {
@@ -328,7 +328,7 @@ void SuiteStore::scheduleReadRetry() {
   queue_->asyncAfter(readRetryDelay_, [weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self) return;
-    std::lock_guard io(self->ioMutex_);
+    MutexLock io(self->ioMutex_);
     self->readRetryScheduled_ = false;
     (void)self->reloadLocked(false);
   });
@@ -389,7 +389,7 @@ void SuiteStore::fileChanged() {
     auto self = weak.lock();
     if (!self) return;
     self->reloadScheduled_.store(false);
-    std::lock_guard io(self->ioMutex_);
+    MutexLock io(self->ioMutex_);
     (void)self->reloadLocked(false);
   });
 }

@@ -21,7 +21,8 @@
 // expect.
 //
 // Lock order: ioMutex_ (file work of this process) before mutex_ (the values). Readers take
-// only mutex_ and never wait for file work.
+// only mutex_ and never wait for file work. The members name the lock that guards them, which
+// clang's thread-safety analysis checks.
 //
 // Thread safety: every member may be called from any thread.
 #pragma once
@@ -31,7 +32,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -42,6 +42,7 @@
 #include "kp/platform/string_map.h"
 #include "kp/storage/user_defaults.h"
 #include "platform/files.h"
+#include "platform/mutex.h"
 
 namespace kp::storage_detail {
 
@@ -70,26 +71,26 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
   // Calls `read(const Value*)` with the value under `key` (null when absent) under the lock;
   // `read` must not call back into the store.
   template <class F>
-  decltype(auto) read(std::string_view key, F&& read) const {
-    std::lock_guard lock(mutex_);
+  decltype(auto) read(std::string_view key, F&& read) const EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     auto it = values_.find(key);
     return std::forward<F>(read)(it == values_.end() ? nullptr : it->second.get());
   }
-  [[nodiscard]] std::shared_ptr<const Value> get(std::string_view key) const;
+  [[nodiscard]] std::shared_ptr<const Value> get(std::string_view key) const EXCLUDES(mutex_);
   // Stores `value` under `key`; null removes the key.
-  void set(std::string_view key, std::shared_ptr<const Value> value);
-  void removeAll();
+  void set(std::string_view key, std::shared_ptr<const Value> value) EXCLUDES(mutex_);
+  void removeAll() EXCLUDES(mutex_);
   // Every entry, sorted by key.
-  [[nodiscard]] std::vector<std::pair<std::string, std::shared_ptr<const Value>>> snapshot() const;
+  [[nodiscard]] std::vector<std::pair<std::string, std::shared_ptr<const Value>>> snapshot() const EXCLUDES(mutex_);
 
   // Writes pending changes now and reads changes of other processes; false when pending
   // changes could not be written (they stay pending and are tried again later) or the file
   // could not be read.
-  bool synchronize();
+  bool synchronize() EXCLUDES(ioMutex_, mutex_);
 
   [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
   // What went wrong with the file lately (waits for file work under way).
-  [[nodiscard]] SuiteFileStatus status() const;
+  [[nodiscard]] SuiteFileStatus status() const EXCLUDES(ioMutex_);
   // How many times this process has written the file.
   [[nodiscard]] std::uint64_t fileWriteCount() const noexcept { return writes_.load(std::memory_order_relaxed); }
 
@@ -104,45 +105,47 @@ class SuiteStore : public std::enable_shared_from_this<SuiteStore> {
 
   void scheduleWrite(std::chrono::steady_clock::duration delay);
   // The scheduled write: writes, or waits further while changes keep coming.
-  void scheduledWrite();
-  void watch();
+  void scheduledWrite() EXCLUDES(ioMutex_, mutex_);
+  void watch() REQUIRES(ioMutex_);
   void fileChanged();
-  // REQUIRES: ioMutex_ held. Writes the pending changes, if any.
-  bool writeLocked();
-  // REQUIRES: ioMutex_ held. Reads the file again when it changed since we last saw it and lays
-  // the pending changes over it. `lockHeld` tells whether the suite's lock file is ours. False
-  // when the file is there but could not be read (readError_ says why).
-  bool reloadLocked(bool lockHeld);
-  // REQUIRES: ioMutex_ held. Reads the file again later, waiting longer after each failure.
-  void scheduleReadRetry();
-  // REQUIRES: ioMutex_ held. Renames a damaged file aside (under the suite's lock); false when
-  // another file has replaced it meanwhile.
-  bool setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld);
-  // REQUIRES: ioMutex_ held. Keeps a report of a file set aside for status().
-  void remember(std::string report);
+  // Writes the pending changes, if any.
+  bool writeLocked() REQUIRES(ioMutex_) EXCLUDES(mutex_);
+  // Keeps why a write failed and tries again later, waiting longer after each failure; false.
+  bool writeFailed(const std::string& error) REQUIRES(ioMutex_) EXCLUDES(mutex_);
+  // Reads the file again when it changed since we last saw it and lays the pending changes over
+  // it. `lockHeld` tells whether the suite's lock file is ours. False when the file is there but
+  // could not be read (readError_ says why).
+  bool reloadLocked(bool lockHeld) REQUIRES(ioMutex_) EXCLUDES(mutex_);
+  // Reads the file again later, waiting longer after each failure.
+  void scheduleReadRetry() REQUIRES(ioMutex_);
+  // Renames a damaged file aside (under the suite's lock); false when another file has replaced
+  // it meanwhile.
+  bool setAside(const platform::FileContents& contents, std::string_view reason, bool lockHeld) REQUIRES(ioMutex_);
+  // Keeps a report of a file set aside for status().
+  void remember(std::string report) REQUIRES(ioMutex_);
 
   const std::filesystem::path file_;
   const std::filesystem::path lockFile_;
   const std::shared_ptr<SerialQueue> queue_;
 
-  mutable std::mutex ioMutex_;
-  platform::FileIdentity lastSeen_;              // guarded by ioMutex_: the file as we last read or wrote it
-  std::chrono::milliseconds retryDelay_{0};      // guarded by ioMutex_
-  std::string readError_;                        // guarded by ioMutex_: why the last read failed, if it did
-  std::string writeError_;                       // guarded by ioMutex_: why the last write failed, if it did
-  std::vector<std::string> setAside_;            // guarded by ioMutex_: the damaged files moved aside
-  std::chrono::milliseconds readRetryDelay_{0};  // guarded by ioMutex_
-  bool readRetryScheduled_ = false;              // guarded by ioMutex_
+  mutable Mutex ioMutex_;
+  platform::FileIdentity lastSeen_ GUARDED_BY(ioMutex_);  // the file as we last read or wrote it
+  std::chrono::milliseconds retryDelay_ GUARDED_BY(ioMutex_){0};
+  std::string readError_ GUARDED_BY(ioMutex_);              // why the last read failed, if it did
+  std::string writeError_ GUARDED_BY(ioMutex_);             // why the last write failed, if it did
+  std::vector<std::string> setAside_ GUARDED_BY(ioMutex_);  // the damaged files moved aside
+  std::chrono::milliseconds readRetryDelay_ GUARDED_BY(ioMutex_){0};
+  bool readRetryScheduled_ GUARDED_BY(ioMutex_) = false;
+  std::shared_ptr<void> watchToken_ GUARDED_BY(ioMutex_);
 
-  mutable std::mutex mutex_;
-  Entries values_;                // guarded by mutex_: the file's content with the pending changes laid over
-  StringMap<Pending> pending_;    // guarded by mutex_: local changes not yet written
-  std::uint64_t generation_ = 0;  // guarded by mutex_
-  bool writeScheduled_ = false;   // guarded by mutex_
-  std::chrono::steady_clock::time_point firstChange_;  // guarded by mutex_: of the changes not yet written
-  std::chrono::steady_clock::time_point lastChange_;   // guarded by mutex_
+  mutable Mutex mutex_;
+  Entries values_ GUARDED_BY(mutex_);              // the file's content with the pending changes laid over
+  StringMap<Pending> pending_ GUARDED_BY(mutex_);  // local changes not yet written
+  std::uint64_t generation_ GUARDED_BY(mutex_) = 0;
+  bool writeScheduled_ GUARDED_BY(mutex_) = false;
+  std::chrono::steady_clock::time_point firstChange_ GUARDED_BY(mutex_);  // of the changes not yet written
+  std::chrono::steady_clock::time_point lastChange_ GUARDED_BY(mutex_);
 
-  std::shared_ptr<void> watchToken_;  // guarded by ioMutex_
   std::atomic<bool> watchLost_{true};
   std::atomic<bool> reloadScheduled_{false};
   std::atomic<std::uint64_t> writes_{0};

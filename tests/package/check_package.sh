@@ -63,7 +63,8 @@ expect "$("$usr/bin/kpcore" --version)" "^kpcore [0-9]"
 server=$!
 trap 'kill $server 2>/dev/null || true' EXIT
 for _ in $(seq 100); do
-  base=$(head -n1 "$work/serve.out")
+  # The server's shell may not have made the file yet.
+  base=$(head -n1 "$work/serve.out" 2>/dev/null || true)
   [[ $base == http* ]] && break
   sleep 0.1
 done

@@ -2,6 +2,8 @@
 // coded forms) and the common parameters with their defaults.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "kp/coding/json.h"
 #include "kp/service/tarvix_service_content_info.h"
 #include "kp/service/tarvix_web_service_parameters.h"
