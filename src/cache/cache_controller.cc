@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <typeinfo>
@@ -363,6 +364,17 @@ struct CacheController::State : std::enable_shared_from_this<State> {
 const std::shared_ptr<CacheController>& CacheController::sharedInstance() {
   static internal::NoDestructor<std::shared_ptr<CacheController>> instance(
       std::make_shared<CacheController>(kDatabaseFileName, kStorageFileName));
+  // The shared controller is never destroyed, so saves still queued when the process ends
+  // normally are finished on the way out: an item set just before exit is there at the next
+  // start. (Not from the background queue itself, which would wait for its own job.)
+  static const bool flushesAtExit = [] {
+    std::atexit([] {
+      const auto& state = (*instance)->state_;
+      if (!state->background.isCurrent()) state->background.waitUntilIdle();
+    });
+    return true;
+  }();
+  (void)flushesAtExit;
   return *instance;
 }
 

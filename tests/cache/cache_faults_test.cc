@@ -283,6 +283,23 @@ TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWholeAndNoRo
   }
 }
 
+TEST_F(CacheControllerTest, TheSharedControllerFinishesItsSavesWhenTheProcessEnds) {
+  if (kp::test::inTestChild()) {
+    kp::CacheController::sharedInstance()->set(bytesEntry(pattern(8 << 20), policy(0)), "set just before exit");
+    std::exit(0);
+  }
+  const auto child = runThisTestInChild("XDG_CACHE_HOME=" + shellQuote(dir_.path().string()));
+  ASSERT_EQ(child.status, 0) << child.output;
+  std::optional<fs::path> folder;
+  for (const auto& found : fs::recursive_directory_iterator(dir_.path())) {
+    if (found.path().filename() == "centralcache.db") folder = found.path().parent_path();
+  }
+  ASSERT_TRUE(folder) << child.output;
+  const auto read = open(*folder)->getCacheItem("set just before exit");
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(isPattern(*read->item->get<kp::Data>()));
+}
+
 TEST_F(CacheControllerTest, ReadersWritersWipesAndTheTimerAtOnce) {
   auto cache = open({}, 64 << 10);  // writers outrun the disk: they wait for the backlog
   cache->setCleanUpInterval(0.005);
