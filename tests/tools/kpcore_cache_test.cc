@@ -125,6 +125,9 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
       {"get missing", 1, "kpcore cache: no entry under missing\n"},
       {"curb", 2, "kpcore cache: curb needs --max BYTES\n"},
       {"curb --max lots", 2, "kpcore cache: not a size: lots\n"},
+      {"curb --max 0x10K", 2, "kpcore cache: not a size: 0x10K\n"},
+      {"curb --max ' 1K'", 2, "kpcore cache: not a size:  1K\n"},
+      {"curb --max nanM", 2, "kpcore cache: not a size: nanM\n"},
       {"shrink", 2, "kpcore cache: unknown subcommand: shrink\n"},
   };
   for (const auto& c : cases) {
