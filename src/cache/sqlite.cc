@@ -81,8 +81,11 @@ std::unique_ptr<SQLitePreparedStatement> SQLiteDatabase::createPreparedStatement
 }
 
 DefaultSQLiteDatabase::DefaultSQLiteDatabase(Url path) : path_(std::move(path)) {
-  const int rc = sqlite3_open_v2(path_.absoluteString().c_str(), &db_,
-                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
+  // A symbolic link at the file is refused rather than followed: whoever planted it would have
+  // the cache write where the link leads.
+  const int rc =
+      sqlite3_open_v2(path_.absoluteString().c_str(), &db_,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI | SQLITE_OPEN_NOFOLLOW, nullptr);
   if (db_ != nullptr) keepOpen(db_);  // even a failed open allocates a handle
   if (rc != SQLITE_OK || db_ == nullptr) throw SQLiteDatabaseError(SQLiteDatabaseError::Code::unableToOpen);
 }

@@ -155,6 +155,15 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
       << linked.output;
   EXPECT_NE(kpcore("stats").output.find("file storage size: 0 B\n"), std::string::npos);
   EXPECT_TRUE(fs::exists(elsewhere.path() / "precious.txt") && fs::exists(elsewhere.path() / "sub/more.txt"));
+  // So is a link in the place of the database, which no subcommand opens.
+  const auto database = dir_.path() / "centralcache.db";
+  fs::rename(database, elsewhere.path() / "cache.db");
+  fs::create_symlink(elsewhere.path() / "cache.db", database);
+  for (const char* action : {"stats", "wipe"}) {
+    EXPECT_EQ(kpcore(action).output, "kpcore cache: " + database.string() +
+                                         " is a symbolic link, not a database of the cache's own; the application"
+                                         " keeps its entries in memory\n");
+  }
 }
 
 TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {

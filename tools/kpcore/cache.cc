@@ -346,10 +346,16 @@ int runCache(kpcore::Args& args) {
   const std::uint64_t limit = max ? parseSize(*max) : 0;
 
   const fs::path folder = dir ? fs::path(*dir) : kp::cachesDirectory();
+  // A link in the database's place is not the cache's: the application neither follows nor
+  // replaces it, and keeps its entries in memory; there is nothing here to inspect or maintain.
+  const fs::path database = folder / kp::CacheController::kDatabaseFileName;
   std::error_code ec;
-  if (!fs::is_regular_file(folder / kp::CacheController::kDatabaseFileName, ec)) {
-    throw CommandError("no cache database in " + folder.string());
+  if (fs::is_symlink(fs::symlink_status(database, ec))) {
+    throw CommandError(printable(database.string()) +
+                       " is a symbolic link, not a database of the cache's own; the application keeps its entries"
+                       " in memory");
   }
+  if (!fs::is_regular_file(database, ec)) throw CommandError("no cache database in " + folder.string());
   const Output output{folder, json};
   if (*action == "stats" || *action == "list" || *action == "get") {
     // Inspecting opens the database read-only: a folder it cannot read is reported as it is,
