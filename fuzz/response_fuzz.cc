@@ -7,6 +7,7 @@
 #include "kp/coding/json.h"
 #include "kp/crypto/base64.h"
 #include "kp/foundation/json.h"
+#include "kp/platform/http_date.h"
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
 #include "kp/service/encryption.h"

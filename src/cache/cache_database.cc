@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "kp/logging/tarvix_logger.h"
 #include "kp/platform/application_info.h"
 #include "platform/files.h"
 
@@ -267,7 +268,18 @@ void CacheControllerDatabase::configureConnection() {
   (void)run("PRAGMA cache_size=-8192;", {});
 }
 
+std::optional<std::string> CacheControllerDatabase::fileProblem() const {
+  std::error_code ec;
+  if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path_, ec))) return std::nullopt;
+  return path_.string() + " is a symbolic link, not a database of the cache's own; no entries are kept there";
+}
+
 void CacheControllerDatabase::prepare() {
+  // The link is left as it is: it is not the cache's to remove, and its owner may want it.
+  if (auto problem = fileProblem()) {
+    TarvixLoggers::CL()->error(*problem);
+    return;
+  }
   // Processes preparing the same file take turns: one that found the file another had just
   // created, before its tables existed, would take it for an old one and delete it under the
   // other's connection, whose saves would then go to a file without a name.
@@ -294,6 +306,7 @@ void CacheControllerDatabase::prepare() {
 std::optional<std::string> CacheControllerDatabase::openForReading() {
   MutexLock lock(mutex_);
   const std::string name = path_.string();
+  if (auto problem = fileProblem()) return problem;
   std::error_code ec;
   if (!std::filesystem::exists(path_, ec)) return name + " does not exist";
   // "mode=ro": SQLite neither creates the file nor writes to it.

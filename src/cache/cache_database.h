@@ -70,7 +70,9 @@ class CacheControllerDatabase {
   // Opens the file, or creates it; a file whose schema version is 2 or less (or unreadable)
   // is replaced by a new, empty one. Processes preparing the same file take turns (through
   // the lock file ".<name>.lock" beside it), so none replaces a file another has just created;
-  // one that cannot have its turn replaces nothing. Run once, before any other operation.
+  // one that cannot have its turn replaces nothing. A symbolic link at the file is neither
+  // followed nor replaced: the database stays closed, and the link is reported to CL. Run
+  // once, before any other operation.
   void prepare();
   // Instead of prepare(), for tools that inspect a cache the application owns: opens the
   // existing file read-only, creating, replacing and migrating nothing. Nothing when it is open
@@ -79,6 +81,10 @@ class CacheControllerDatabase {
   // database stays closed. Writes through a database opened this way change nothing.
   [[nodiscard]] std::optional<std::string> openForReading();
   [[nodiscard]] bool isOpen() const;
+  // One line when a symbolic link stands at the file: the database is not the cache's then,
+  // and neither prepare() nor openForReading() opens it (the cache keeps its entries in
+  // memory). Nothing otherwise.
+  [[nodiscard]] std::optional<std::string> fileProblem() const;
   [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
 
   // Stores the entry's coded form (a property list) under `key`; nothing when it cannot be

@@ -82,10 +82,13 @@ std::unique_ptr<SQLitePreparedStatement> SQLiteDatabase::createPreparedStatement
 
 DefaultSQLiteDatabase::DefaultSQLiteDatabase(Url path) : path_(std::move(path)) {
   // Without SQLite's own lock around each call (NOMUTEX): a connection is used by one thread
-  // at a time (see the header), so that lock would only repeat the caller's.
-  const int rc =
-      sqlite3_open_v2(path_.absoluteString().c_str(), &db_,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
+  // at a time (see the header), so that lock would only repeat the caller's. A symbolic link at
+  // the file is refused rather than followed: whoever planted it would have the cache write
+  // where the link leads.
+  const int rc = sqlite3_open_v2(
+      path_.absoluteString().c_str(), &db_,
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+      nullptr);
   if (db_ != nullptr) keepOpen(db_);  // even a failed open allocates a handle
   if (rc != SQLITE_OK || db_ == nullptr) throw SQLiteDatabaseError(SQLiteDatabaseError::Code::unableToOpen);
 }

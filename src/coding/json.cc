@@ -28,6 +28,45 @@ json::parse_options parseOptions() {
 
 const json::value& node(const void* p) { return *static_cast<const json::value*>(p); }
 
+// Boost.JSON reads a number beyond the range of a double (1e400) as an infinity, which no
+// server can have meant. A typed decoder refuses such a text; an untyped document holds null
+// in its place, as it would for a member the server left out. The walks are bounded by the
+// parser's depth limit.
+bool numbersAreFinite(const json::value& v) noexcept {
+  switch (v.kind()) {
+    case json::kind::double_:
+      return std::isfinite(v.get_double());
+    case json::kind::array:
+      for (const json::value& e : v.get_array()) {
+        if (!numbersAreFinite(e)) return false;
+      }
+      return true;
+    case json::kind::object:
+      for (const auto& kv : v.get_object()) {
+        if (!numbersAreFinite(kv.value())) return false;
+      }
+      return true;
+    default:
+      return true;
+  }
+}
+
+void nullOutInfinities(json::value& v) noexcept {
+  switch (v.kind()) {
+    case json::kind::double_:
+      if (!std::isfinite(v.get_double())) v.emplace_null();
+      return;
+    case json::kind::array:
+      for (json::value& e : v.get_array()) nullOutInfinities(e);
+      return;
+    case json::kind::object:
+      for (auto& kv : v.get_object()) nullOutInfinities(kv.value());
+      return;
+    default:
+      return;
+  }
+}
+
 Value toValueTree(const json::value& v) {
   switch (v.kind()) {
     case json::kind::null:
@@ -126,6 +165,11 @@ json::value toJson(const Value& v, DateStrategy dates, json::storage_ptr sp) {
 // "0.000001") and with an exponent beyond ("1e+21", "1.5e-7"). These are the rules of
 // JavaScript's number-to-text conversion, which every JSON reader expects.
 void appendNumber(std::string& out, double d) {
+  // Neither the parser nor the constructors let one in, but a null is JSON whatever comes.
+  if (!std::isfinite(d)) {
+    out += "null";
+    return;
+  }
   if (d == 0) {
     out += std::signbit(d) ? "-0" : "0";
     return;
@@ -226,7 +270,9 @@ JsonValue::JsonValue(bool b) : JsonValue(std::make_shared<Document>(Document{jso
 JsonValue::JsonValue(std::int64_t i) : JsonValue(std::make_shared<Document>(Document{json::value(i)}), nullptr) {
   node_ = &doc_->root;
 }
-JsonValue::JsonValue(double d) : JsonValue(std::make_shared<Document>(Document{json::value(d)}), nullptr) {
+JsonValue::JsonValue(double d) {
+  if (!std::isfinite(d)) return;  // null: JSON has no such number
+  doc_ = std::make_shared<Document>(Document{json::value(d)});
   node_ = &doc_->root;
 }
 JsonValue::JsonValue(std::string_view s)
@@ -261,6 +307,7 @@ std::optional<JsonValue> JsonValue::parse(std::string_view text, ErrorPtr* error
     }
     return std::nullopt;
   }
+  nullOutInfinities(parsed);
   auto doc = std::make_shared<Document>(Document{std::move(parsed)});
   const void* root = &doc->root;
   return JsonValue(std::move(doc), root);
@@ -445,6 +492,9 @@ Value readJson(std::string_view text) {
   boost::system::error_code ec;
   const json::value v = json::parse(json::string_view(text.data(), text.size()), ec, &mr, parseOptions());
   if (ec) throw CodingError(CodingError::Kind::dataCorrupted, {}, "not JSON: " + ec.message());
+  if (!numbersAreFinite(v)) {
+    throw CodingError(CodingError::Kind::dataCorrupted, {}, "a number in the JSON is beyond the range of a double");
+  }
   return toValueTree(v);
 }
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "kp/platform/http_date.h"
 #include "localization/icu_support.h"
 
 namespace kp {
@@ -154,42 +155,11 @@ std::optional<Date> epochDate(const EpochText& e, double unit) {
   return Date::fromTimeIntervalSince1970(seconds);
 }
 
-constexpr std::array<std::string_view, 7> kWeekdays{"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr std::array<std::string_view, 12> kMonths{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-
-// "Sun, 06 Nov 1994 08:49:37 GMT"
+// A date in any of the HTTP forms, within the years 1 to 9999 once its offset is applied.
 std::optional<Date> readHttpDate(std::string_view text) {
-  if (text.size() < 29) return std::nullopt;
-  int weekday = -1;
-  for (std::size_t i = 0; i < kWeekdays.size(); ++i) {
-    if (text.substr(0, 3) == kWeekdays[i]) weekday = static_cast<int>(i);
-  }
-  Cursor in{text.substr(3)};
-  Civil c;
-  if (weekday < 0 || !in.take(',') || !in.take(' ') || !in.digits(2, c.day) || !in.take(' ')) return std::nullopt;
-  for (std::size_t i = 0; i < kMonths.size() && c.month == 0; ++i) {
-    if (in.text.substr(0, 3) == kMonths[i]) c.month = static_cast<int>(i) + 1;
-  }
-  if (c.month == 0) return std::nullopt;
-  in.text.remove_prefix(3);
-  if (!in.take(' ') || !in.digits(4, c.year) || !in.take(' ') || !in.digits(2, c.hour) || !in.take(':') ||
-      !in.digits(2, c.minute) || !in.take(':') || !in.digits(2, c.second) || !in.take(' ')) {
-    return std::nullopt;
-  }
-  int offset = 0;
-  if (in.text == "GMT" || in.text == "UTC") {
-    in.text = {};
-  } else if ((in.peek() != '+' && in.peek() != '-') || !readOffset(in, offset)) {
-    return std::nullopt;
-  }
-  if (!in.done() || c.year < 1 || !validDay(c.year, c.month, c.day) || c.hour > 23 || c.minute > 59 || c.second > 60) {
-    return std::nullopt;
-  }
-  // 1970-01-01 was a Thursday.
-  const long long days = daysFromCivil(c.year, c.month, c.day);
-  if (((days % 7 + 7 + 4) % 7) != weekday) return std::nullopt;
-  return utcDate(c, offset);
+  const auto date = parseHttpDate(text);
+  if (!date || !isDate(date->timeIntervalSince1970())) return std::nullopt;
+  return date;
 }
 
 void appendFields(std::string& out, const DateParts& p, int millisecond) {

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <optional>
+#include <vector>
 
 namespace kp::internal {
 namespace {
@@ -91,6 +93,37 @@ bool jpegHuffmanTablesFit(std::span<const std::uint8_t> bytes) {
   return true;
 }
 
+// The PNG decoder of the distribution's stb copies each image-data chunk into a buffer it
+// allocates on the first chunk that has bytes, so an empty first chunk is copied to a null
+// pointer (undefined, if harmless in practice). Empty image-data chunks add nothing to the
+// compressed stream, so they are left out: the bytes without them when the file is a PNG
+// that has some, nothing otherwise (the usual case, which copies nothing). A chunk structure
+// that does not add up stops the walk, and the rest goes on as it is, for the decoder to judge.
+std::optional<std::vector<std::uint8_t>> withoutEmptyPngData(std::span<const std::uint8_t> bytes) {
+  static constexpr std::uint8_t kSignature[] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  if (bytes.size() < sizeof kSignature || !std::equal(kSignature, kSignature + sizeof kSignature, bytes.begin())) {
+    return std::nullopt;
+  }
+  std::optional<std::vector<std::uint8_t>> out;
+  std::size_t kept = 0;  // bytes up to here are in `out` (once there is one)
+  std::size_t at = sizeof kSignature;
+  while (bytes.size() - at >= 12) {
+    const std::uint64_t length = (std::uint64_t{bytes[at]} << 24) | (std::uint64_t{bytes[at + 1]} << 16) |
+                                 (std::uint64_t{bytes[at + 2]} << 8) | bytes[at + 3];
+    if (length > bytes.size() - at - 12) break;
+    const bool emptyData = length == 0 && std::memcmp(bytes.data() + at + 4, "IDAT", 4) == 0;
+    if (emptyData) {
+      if (!out) out.emplace().reserve(bytes.size());
+      out->insert(out->end(), bytes.begin() + static_cast<std::ptrdiff_t>(kept),
+                  bytes.begin() + static_cast<std::ptrdiff_t>(at));
+      kept = at + 12;
+    }
+    at += 12 + static_cast<std::size_t>(length);
+  }
+  if (out) out->insert(out->end(), bytes.begin() + static_cast<std::ptrdiff_t>(kept), bytes.end());
+  return out;
+}
+
 }  // namespace
 }  // namespace kp::internal
 
@@ -118,6 +151,8 @@ std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, co
   if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
   if (isWebp(bytes)) return decodeWebp(bytes, limits);
   if (!jpegHuffmanTablesFit(bytes)) return std::nullopt;
+  const auto compacted = withoutEmptyPngData(bytes);
+  if (compacted) bytes = *compacted;
   const int length = static_cast<int>(bytes.size());
   int width = 0;
   int height = 0;

@@ -15,8 +15,26 @@ namespace fs = std::filesystem;
 constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";
 constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";
 
-// The platform's file-writing error for `failure` at `path`, with the POSIX error beneath it.
-ErrorPtr fileWriteError(const std::error_code& failure, const fs::path& path) {
+// What stands at a target that is neither a file nor a link, as the error names it.
+std::string_view obstacleName(fs::file_type type) {
+  switch (type) {
+    case fs::file_type::directory:
+      return "a folder";
+    case fs::file_type::fifo:
+      return "a named pipe";
+    case fs::file_type::socket:
+      return "a socket";
+    case fs::file_type::block:
+    case fs::file_type::character:
+      return "a device";
+    default:
+      return "something that is not a file";
+  }
+}
+
+// The platform's file-writing error for `failure` at `path`, with the POSIX error beneath it;
+// `obstacle` names what stands in the way when the failure is a name already taken.
+ErrorPtr fileWriteError(const std::error_code& failure, const fs::path& path, std::string_view obstacle = {}) {
   const std::string name = "\u201c" + path.filename().string() + "\u201d";
   std::int64_t code = 512;  // unknown writing error
   std::string description = "The file " + name + " couldn\u2019t be saved.";
@@ -39,7 +57,8 @@ ErrorPtr fileWriteError(const std::error_code& failure, const fs::path& path) {
       break;
     case EEXIST:
       code = 516;
-      description = "The file " + name + " couldn\u2019t be saved because a file with the same name already exists.";
+      description = "The file " + name + " couldn\u2019t be saved because " +
+                    std::string(obstacle.empty() ? "a file" : obstacle) + " with the same name already exists.";
       break;
     case ENOENT:
       code = 4;
@@ -105,9 +124,9 @@ void FileRequestHandler::didFinishDownloading(UrlSession&, UrlSessionDownloadTas
   if (!target_) return;
   const fs::path& target = *target_;
   // A failed step composes its diagnostic (written nowhere) and leaves its error in the result.
-  auto failed = [&](const std::string& diagnostic, const std::error_code& failure) {
+  auto failed = [&](const std::string& diagnostic, const std::error_code& failure, std::string_view obstacle = {}) {
     [[maybe_unused]] const std::string message = diagnostic + failure.message();
-    result->error = fileWriteError(failure, target);
+    result->error = fileWriteError(failure, target, obstacle);
   };
   std::error_code failure;
   if (const fs::path folder = target.parent_path(); !folder.empty()) {
@@ -119,13 +138,15 @@ void FileRequestHandler::didFinishDownloading(UrlSession&, UrlSessionDownloadTas
   if (fs::exists(existing)) {
     [[maybe_unused]] const std::string notice =
         "The newly downloaded file will overwrite existing file at '" + target.string() + "'";
-    // Only files are replaced: a folder or a device in the way (such as /dev/null) stays.
+    // Only files and links (dangling ones too) are replaced: a folder, a named pipe or a device
+    // in the way (such as /dev/null) stays. Nothing here opens the target, so a pipe there
+    // never blocks the download and a link there is never followed.
     if (!fs::is_regular_file(existing) && !fs::is_symlink(existing)) {
-      failure = std::make_error_code(std::errc::file_exists);
-    } else {
-      fs::remove(target, failure);
+      return failed("Not replacing '" + target.string() + "': ", std::make_error_code(std::errc::file_exists),
+                    obstacleName(existing.type()));
     }
-    if (failure) return failed("Failed to remove file'" + target.string() + "': ", failure);
+    fs::remove(target, failure);
+    if (failure) return failed("Failed to remove file '" + target.string() + "': ", failure);
   }
   failure = platform::moveFile(location, target);
   if (failure) return failed("Failed to move file '" + target.string() + "': ", failure);

@@ -1,10 +1,11 @@
-// Cookies from response header fields, the parsed response, HTTP dates, the request errors
-// and the status-code set.
+// Cookies from response header fields, the parsed response, the request errors and the
+// status-code set.
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstring>
 
+#include "kp/platform/http_date.h"
 #include "kp/request/http_cookie.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
@@ -25,7 +26,6 @@ std::string lowercased(std::string_view text) {
 
 constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
                                                       "jul", "aug", "sep", "oct", "nov", "dec"};
-constexpr std::array<std::string_view, 7> kWeekdays = {"mon", "tue", "wed", "thu", "fri", "sat", "sun"};
 
 // Days since 1970-01-01 of a proleptic Gregorian date.
 std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
@@ -64,27 +64,6 @@ bool readLiteral(std::string_view& text, std::string_view literal) {
   if (!text.starts_with(literal)) return false;
   text.remove_prefix(literal.size());
   return true;
-}
-
-// Zone names of the "z" pattern: GMT/UTC/UT, GMT with an offset, and the US zones.
-std::optional<int> zoneOffset(std::string_view zone) {
-  static constexpr std::pair<std::string_view, int> kNamed[] = {
-      {"GMT", 0},  {"UTC", 0},  {"UT", 0},   {"EST", -5}, {"EDT", -4}, {"CST", -6},
-      {"CDT", -5}, {"MST", -7}, {"MDT", -6}, {"PST", -8}, {"PDT", -7},
-  };
-  for (const auto& [name, hours] : kNamed) {
-    if (zone == name) return hours * 3600;
-  }
-  if (!zone.starts_with("GMT") || zone.size() < 5) return std::nullopt;
-  zone.remove_prefix(3);
-  const int sign = zone.front() == '+' ? 1 : zone.front() == '-' ? -1 : 0;
-  if (sign == 0) return std::nullopt;
-  zone.remove_prefix(1);
-  int hours = 0, minutes = 0;
-  if (!readNumber(zone, 1, 2, hours)) return std::nullopt;
-  if (readLiteral(zone, ":") && !readNumber(zone, 2, 2, minutes)) return std::nullopt;
-  if (!zone.empty() || hours > 23 || minutes > 59) return std::nullopt;
-  return sign * (hours * 3600 + minutes * 60);
 }
 
 // The cookie date algorithm: the first time, day, month and year tokens in any order.
@@ -227,31 +206,6 @@ std::vector<HttpCookie> HttpCookie::cookies(const std::map<std::string, std::str
 }
 
 // MARK: - Response
-
-std::optional<Date> parseHttpDate(std::string_view text) {
-  // EEE, dd MMM yyyy HH:mm:ss z
-  if (text.size() < 4) return std::nullopt;
-  if (std::find(kWeekdays.begin(), kWeekdays.end(), lowercased(text.substr(0, 3))) == kWeekdays.end()) {
-    return std::nullopt;
-  }
-  text.remove_prefix(3);
-  int day = 0, year = 0, hour = 0, minute = 0, second = 0;
-  if (!readLiteral(text, ", ") || !readNumber(text, 1, 2, day) || !readLiteral(text, " ") || text.size() < 3) {
-    return std::nullopt;
-  }
-  auto it = std::find(kMonths.begin(), kMonths.end(), lowercased(text.substr(0, 3)));
-  if (it == kMonths.end()) return std::nullopt;
-  const int month = static_cast<int>(it - kMonths.begin()) + 1;
-  text.remove_prefix(3);
-  if (!readLiteral(text, " ") || !readNumber(text, 4, 4, year) || !readLiteral(text, " ") ||
-      !readNumber(text, 2, 2, hour) || !readLiteral(text, ":") || !readNumber(text, 2, 2, minute) ||
-      !readLiteral(text, ":") || !readNumber(text, 2, 2, second) || !readLiteral(text, " ")) {
-    return std::nullopt;
-  }
-  const auto offset = zoneOffset(text);
-  if (!offset || !validDate(year, month, day, hour, minute, second)) return std::nullopt;
-  return makeDate(year, month, day, hour, minute, second, *offset);
-}
 
 namespace {
 std::optional<std::string> field(const std::map<std::string, std::string>& headers, const char* name) {

@@ -30,19 +30,12 @@ std::int64_t statusCodeOf(double status) {
   return static_cast<std::int64_t>(status);
 }
 
-// A number of seconds; a number too large for a double (1e999 parses as infinity) is no time
-// a cache could act on, nor one its archive could keep.
-std::optional<double> finiteSeconds(const JsonValue& value) {
-  const auto seconds = value.doubleValue();
-  if (!seconds || !std::isfinite(*seconds)) return std::nullopt;
-  return seconds;
-}
-
-// Copies what "meta"/"contentInfo" holds with the right type; other keys and types are ignored.
+// Copies what "meta"/"contentInfo" holds with the right type; other keys and types are ignored,
+// and so are numbers beyond a double's range, which the JSON reader turns into null.
 void copyContentInfo(const JsonValue& from, TarvixServiceContentInfo& into) {
   if (auto format = from[TarvixServiceContentInfo::kFormatVersionKey].intValue()) into.formatVersion = format;
-  if (auto interval = finiteSeconds(from[TarvixServiceContentInfo::kExpiryIntervalKey])) into.expiryInterval = interval;
-  if (auto created = finiteSeconds(from[TarvixServiceContentInfo::kCreatedTimestampKey])) {
+  if (auto interval = from[TarvixServiceContentInfo::kExpiryIntervalKey].doubleValue()) into.expiryInterval = interval;
+  if (auto created = from[TarvixServiceContentInfo::kCreatedTimestampKey].doubleValue()) {
     into.remoteCreatedAt = Date::fromTimeIntervalSince1970(*created);
   }
 }

@@ -83,6 +83,20 @@ TEST_F(CacheControllerTest, DamagedOrVanishingStorageReadsAsAbsent) {
   next->waitForBackgroundWork();
   EXPECT_EQ(sqlite(database(), "SELECT id FROM cache; PRAGMA integrity_check;"), "next\nok\n");
 
+  // A link planted in the database's place, even to a cache database, is neither followed nor
+  // replaced: the cache keeps its entries in memory, and what the link leads to stays as it was.
+  kp::test::TempDir linked;
+  const auto elsewhere = linked.path() / "elsewhere.db";
+  ASSERT_EQ(sqlite(database(), "VACUUM INTO '" + elsewhere.string() + "';"), "");
+  fs::create_symlink(elsewhere, linked.path() / "centralcache.db");
+  auto unowned = open(linked.path());
+  unowned->set(bytesEntry(pattern(10), policy(0)), "m");
+  unowned->waitForBackgroundWork();
+  EXPECT_TRUE(unowned->getCacheItem("m"));
+  EXPECT_EQ(unowned->databaseItemCount(), 0u);
+  EXPECT_TRUE(fs::is_symlink(linked.path() / "centralcache.db"));
+  EXPECT_EQ(sqlite(elsewhere, "SELECT id FROM cache;"), "next\n");
+
   // A folder that cannot be written leaves a cache in memory.
   if (::geteuid() != 0) {
     kp::test::TempDir readOnly;

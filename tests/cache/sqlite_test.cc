@@ -132,6 +132,11 @@ TEST(SQLiteDatabase, OpenAndPrepareFailuresThrowTheirErrors) {
   };
   EXPECT_EQ(fails([&] { kp::DefaultSQLiteDatabase db(*kp::Url::parse(dir.fileUrl("missing/dir/x.db"))); }),
             kp::SQLiteDatabaseError::Code::unableToOpen);
+  // A link at the file is not followed, not even to a database, nor to where one would be made.
+  std::filesystem::create_symlink(dir.path() / "elsewhere.db", dir.path() / "linked.db");
+  EXPECT_EQ(fails([&] { kp::DefaultSQLiteDatabase db(*kp::Url::parse(dir.fileUrl("linked.db"))); }),
+            kp::SQLiteDatabaseError::Code::unableToOpen);
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "elsewhere.db"));
   kp::DefaultSQLiteDatabase db(*kp::Url::parse(dir.fileUrl("ok.db")));
   EXPECT_EQ(fails([&] { (void)db.createPreparedStatement("SELEKT nonsense"); }),
             kp::SQLiteDatabaseError::Code::couldNotPrepareStatement);

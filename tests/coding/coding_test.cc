@@ -146,6 +146,8 @@ TEST(CodingErrors, NameTheFailingKeyOrIndex) {
   expectFailure(R"({"flag":true,"small":1,"big":-1})", "big", kp::CodingError::Kind::dataCorrupted);
   expectFailure(R"({"flag":1})", "flag", kp::CodingError::Kind::typeMismatch);
   expectFailure("[1]", "", kp::CodingError::Kind::typeMismatch);
+  // A number beyond a double's range is no number the server can have meant.
+  expectFailure(R"({"flag":true,"small":1,"big":2,"real":1e400})", "", kp::CodingError::Kind::dataCorrupted);
 }
 
 TEST(CodingUserInfo, ReachesNestedDecoders) {
@@ -188,6 +190,12 @@ TEST(JsonValue, DynamicAccess) {
   EXPECT_TRUE((*v)["missing"]["deeper"][7].isNull());
   EXPECT_FALSE(kp::JsonValue::parse("{\"a\":"));
   EXPECT_FALSE(kp::JsonValue::parse(std::string(100000, '[')));
+  // Numbers beyond a double's range read as null, and an infinity made in code is one too.
+  const auto huge = kp::JsonValue::parse(R"({"up":1e400,"down":[-1e999]})");
+  ASSERT_TRUE(huge);
+  EXPECT_EQ((*huge)["up"].doubleValue(), std::nullopt);
+  EXPECT_EQ(huge->serialize(), R"({"up":null,"down":[null]})");
+  EXPECT_TRUE(kp::JsonValue(INFINITY).isNull());
   // Untyped JSON inside a record survives a property-list round trip.
   const auto tree = kp::PropertyListDecoder().decode<kp::JsonValue>(kp::PropertyListEncoder().encode(*v));
   EXPECT_EQ(tree, *v) << tree.serialize() << " vs " << v->serialize();

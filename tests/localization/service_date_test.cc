@@ -19,7 +19,8 @@ TEST(ServiceDates, EachFormReadsToTheSameInstant) {
   for (const char* text :
        {"2024-03-31T01:30:00Z", "2024-03-31t01:30:00z", "2024-03-31T03:30:00+02:00", "2024-03-31T03:30:00+0200",
         "2024-03-30T20:30-05:00", "2024-03-31T01:30:00.000000000Z", "1711848600", "1711848600000",
-        "Sun, 31 Mar 2024 01:30:00 GMT", "Sun, 31 Mar 2024 03:30:00 +0200"}) {
+        "Sun, 31 Mar 2024 01:30:00 GMT", "Sun, 31 Mar 2024 03:30:00 +0200", "Sunday, 31-Mar-24 01:30:00 GMT",
+        "Sun Mar 31 01:30:00 2024"}) {
     EXPECT_EQ(read(utc, text), "2024-03-31T01:30:00Z") << text;
     EXPECT_EQ(read(berlin, text), "2024-03-31T01:30:00Z") << text;  // carry their own offset
   }
@@ -85,8 +86,6 @@ TEST(ServiceDates, AnythingElseIsRefusedNotGuessed) {
                            "1234567890123456",
                            "Mon, 31 Mar 2024 01:30:00 GMT",  // 31 March 2024 was a Sunday
                            "Sun, 31 Mar 2024 01:30:00 CET",
-                           "Sunday, 31-Mar-24 01:30:00 GMT",
-                           "Sun Mar 31 01:30:00 2024",
                            "2024-03-31T01:30:00\xEF\xBC\xBA",
                            "\xD9\xA2\xD9\xA0\xD9\xA2\xD9\xA4-03-31"}) {
     EXPECT_EQ(read(reader, text), "nothing") << text;

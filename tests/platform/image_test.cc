@@ -247,6 +247,13 @@ TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
   EXPECT_TRUE(kp::Image::decode(kp::Data(pngWith(1, 1, zlibBomb(1000), true))));
   // The same stream sized for its image decodes: 257 rows of 64 pixels and a filter byte.
   EXPECT_TRUE(kp::Image::decode(kp::Data(pngWith(64, 257, zlibBomb(257 * (64 * 4 + 1))))));
+  // So does it with an empty image-data chunk before its own, which the decoder would have
+  // copied to no buffer at all.
+  Bytes split = pngWith(64, 257, zlibBomb(257 * (64 * 4 + 1)));
+  Bytes empty;
+  appendChunk(empty, "IDAT", {});
+  split.insert(split.begin() + 33, empty.begin(), empty.end());
+  EXPECT_TRUE(kp::Image::decode(kp::Data(split)));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "kp/coding/keyed_archiver.h"
 #include "kp/platform/data.h"
+#include "kp/platform/http_date.h"
 #include "kp/request/http_response.h"
 #include "kp/request/request_errors.h"
 #include "kp/request/request_result.h"
@@ -31,15 +32,27 @@ TEST(HttpResponseTest, DerivedHeadersUseTheExactSpellings) {
   EXPECT_EQ(response.sentDate(), Date::fromTimeIntervalSince1970(784111777));
 }
 
-TEST(HttpResponseTest, HttpDatesFollowOnePatternOnly) {
-  EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"), Date::fromTimeIntervalSince1970(784111777));
-  EXPECT_EQ(parseHttpDate("Sun, 6 Nov 1994 10:49:37 GMT+02:00"), Date::fromTimeIntervalSince1970(784111777));
-  EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 00:49:37 PST"), Date::fromTimeIntervalSince1970(784111777));
-  for (const char* text : {"Sunday, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994", "1994-11-06T08:49:37Z",
-                           "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37",
-                           "Sun, 06 Nov 1994 25:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT junk"}) {
+TEST(HttpResponseTest, HttpDatesInTheirThreeFormsAndNothingElse) {
+  const Date t = Date::fromTimeIntervalSince1970(784111777);
+  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 6 Nov 1994 10:49:37 GMT+02:00",
+                           "Sun, 06 Nov 1994 00:49:37 PST", "SUN, 06 NOV 1994 09:49:37 +0100",
+                           "Sunday, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994", "Sun Nov 06 08:49:37 1994"}) {
+    EXPECT_EQ(parseHttpDate(text), t) << text;
+  }
+  EXPECT_EQ(parseHttpDate("Wed, 31 Dec 2025 23:59:60 GMT"), Date::fromTimeIntervalSince1970(1767225600));
+  // Two-digit years are at most 50 years ahead.
+  EXPECT_EQ(parseHttpDate("Thursday, 01-Jan-70 00:00:00 GMT"), std::nullopt);  // 2070 was no Thursday
+  EXPECT_EQ(parseHttpDate("Wednesday, 01-Jan-70 00:00:00 GMT"), Date::fromTimeIntervalSince1970(3155760000));
+  for (const char* text :
+       {"1994-11-06T08:49:37Z", "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37",
+        "Sun, 06 Nov 1994 25:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 GMT junk", "Mon, 06 Nov 1994 08:49:37 GMT",
+        "Sun, 06 Nov 1994 08:49:37 CET", "Sun, 06 Nov 1994 08:49:37 +02", "Sunday, 06 Nov 1994 08:49:37 GMT",
+        "Sun, 06-Nov-94 08:49:37 GMT", "Sun Nov  6 08:49:37 1994 GMT", "Sun Nov 6 08:49:37 1994",
+        "Sun, 06 November 1994 08:49:37 GMT", "Sat, 01 Jan 0000 00:00:00 GMT", " Sun, 06 Nov 1994 08:49:37 GMT",
+        "Sun, 06 Nov 1994 08:49:37 GMT\r\n", "Sun, 06 Nov 1994 08:49:37 GMT+2:0"}) {
     EXPECT_EQ(parseHttpDate(text), std::nullopt) << text;
   }
+  EXPECT_EQ(parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT" + std::string(60, ' ')), std::nullopt);
 }
 
 TEST(HttpCookieTest, ReadsCookiesWithDefaultsFromTheUrl) {

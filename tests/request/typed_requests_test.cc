@@ -263,13 +263,21 @@ TEST_F(TypedRequestTest, FileSystemFailuresBecomeTheErrorAndLeaveNoPartialFile) 
   EXPECT_EQ(result->error->code(), 512);
   EXPECT_EQ(result->filePath(), nullptr);
 
-  // A folder in the target's place is not removed.
+  // A folder or a named pipe in the target's place stays, and the error says which it is; the
+  // pipe is neither opened (which would wait for a reader) nor replaced.
   fs::create_directories(dir.path() / "folder" / "inside");
-  auto occupied = make<FileRequest>("/text");
-  occupied->targetPath = (dir.path() / "folder").string();
-  result = occupied->executeSynchronously();
-  ASSERT_TRUE(result && result->error);
+  ASSERT_EQ(::mkfifo((dir.path() / "pipe").c_str(), 0600), 0);
+  for (const auto& [name, what] : {std::pair{"folder", "a folder"}, std::pair{"pipe", "a named pipe"}}) {
+    auto occupied = make<FileRequest>("/text");
+    occupied->targetPath = (dir.path() / name).string();
+    result = occupied->executeSynchronously();
+    ASSERT_TRUE(result && result->error);
+    EXPECT_EQ(result->error->localizedDescription(), "The file \u201c" + std::string(name) +
+                                                         "\u201d couldn\u2019t be saved because " + what +
+                                                         " with the same name already exists.");
+  }
   EXPECT_TRUE(fs::exists(dir.path() / "folder" / "inside"));
+  EXPECT_TRUE(fs::is_fifo(fs::symlink_status(dir.path() / "pipe")));
 
   for (const auto& entry : fs::directory_iterator(dir.path())) {
     EXPECT_FALSE(entry.path().filename().string().starts_with(platform::kTemporaryFilePrefix)) << entry.path();

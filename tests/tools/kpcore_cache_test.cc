@@ -125,6 +125,9 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
       {"get missing", 1, "kpcore cache: no entry under missing\n"},
       {"curb", 2, "kpcore cache: curb needs --max BYTES\n"},
       {"curb --max lots", 2, "kpcore cache: not a size: lots\n"},
+      {"curb --max 0x10K", 2, "kpcore cache: not a size: 0x10K\n"},
+      {"curb --max ' 1K'", 2, "kpcore cache: not a size:  1K\n"},
+      {"curb --max nanM", 2, "kpcore cache: not a size: nanM\n"},
       {"shrink", 2, "kpcore cache: unknown subcommand: shrink\n"},
   };
   for (const auto& c : cases) {
@@ -152,6 +155,15 @@ TEST_F(KpcoreCacheTest, MaintainsTheFolderAndFailsWithOneLine) {
       << linked.output;
   EXPECT_NE(kpcore("stats").output.find("file storage size: 0 B\n"), std::string::npos);
   EXPECT_TRUE(fs::exists(elsewhere.path() / "precious.txt") && fs::exists(elsewhere.path() / "sub/more.txt"));
+  // So is a link in the place of the database, which no subcommand opens.
+  const auto database = dir_.path() / "centralcache.db";
+  fs::rename(database, elsewhere.path() / "cache.db");
+  fs::create_symlink(elsewhere.path() / "cache.db", database);
+  for (const char* action : {"stats", "wipe"}) {
+    EXPECT_EQ(kpcore(action).output, "kpcore cache: " + database.string() +
+                                         " is a symbolic link, not a database of the cache's own; the application"
+                                         " keeps its entries in memory\n");
+  }
 }
 
 TEST_F(KpcoreCacheTest, InspectingReportsAnUnreadableDatabaseAndLeavesItAsItIs) {

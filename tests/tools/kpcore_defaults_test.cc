@@ -34,8 +34,10 @@ TEST_F(KpcoreDefaults, ReadsWritesAndDeletesTypedValues) {
   ASSERT_EQ(kpcore("write --suite tool ratio -float 0.5").status, 0);
   ASSERT_EQ(kpcore("write --suite tool tiny -float 1e-320").status, 0);  // subnormal
   EXPECT_EQ(kpcore("read --suite tool tiny").output, "1e-320\n");
-  // What the file could hold but no reader could show is refused.
-  for (const char* refused : {"-float inf", "-float nan", "-float 1e999", "-date 0000-01-01T00:00:00Z"}) {
+  // What the file could hold but no reader could show is refused, and so is what is not
+  // wholly one number.
+  for (const char* refused : {"-float inf", "-float nan", "-float 1e999", "-date 0000-01-01T00:00:00Z", "-int +-3",
+                              "-float +-1", "-float ''", "-int 12abc"}) {
     EXPECT_EQ(kpcore(std::string("write --suite tool odd ") + refused).status, 2) << refused;
   }
   ASSERT_EQ(kpcore("write --suite tool name Bern").status, 0);

@@ -52,28 +52,27 @@ std::string humanDuration(double seconds) {
   return std::to_string(static_cast<long long>(s / 86400)) + "d";
 }
 
-// Sizes as bytes, or with a K, M or G suffix (powers of 1024).
+// Sizes as bytes, or with a K, M or G suffix (powers of 1024): "512", "1.5M", "2GiB".
 std::uint64_t parseSize(const std::string& text) {
-  std::size_t used = 0;
-  double value = 0;
-  try {
-    value = std::stod(text, &used);
-  } catch (const std::exception&) {
-    throw CommandError("not a size: " + text, 2);
-  }
-  std::string suffix = text.substr(used);
+  struct Unit {
+    std::string_view suffix;
+    double scale;
+  };
+  static constexpr Unit kUnits[] = {{"KiB", 1024.0}, {"MiB", 1024.0 * 1024}, {"GiB", 1024.0 * 1024 * 1024},
+                                    {"K", 1024.0},   {"M", 1024.0 * 1024},   {"G", 1024.0 * 1024 * 1024},
+                                    {"B", 1.0}};
+  std::string_view number = text;
   double scale = 1;
-  if (suffix == "K" || suffix == "KiB") {
-    scale = 1024.0;
-  } else if (suffix == "M" || suffix == "MiB") {
-    scale = 1024.0 * 1024;
-  } else if (suffix == "G" || suffix == "GiB") {
-    scale = 1024.0 * 1024 * 1024;
-  } else if (!suffix.empty() && suffix != "B") {
-    throw CommandError("not a size: " + text, 2);
+  for (const auto& unit : kUnits) {
+    if (number.ends_with(unit.suffix)) {
+      number.remove_suffix(unit.suffix.size());
+      scale = unit.scale;
+      break;
+    }
   }
-  const double bytes = value * scale;
-  if (!std::isfinite(bytes) || bytes < 0 || bytes >= 1.8e19) throw CommandError("not a size: " + text, 2);
+  const auto value = kpcore::strictDecimal(number);
+  const double bytes = value ? *value * scale : -1;
+  if (!value || bytes < 0 || bytes >= 1.8e19) throw CommandError("not a size: " + kpcore::printable(text), 2);
   return static_cast<std::uint64_t>(bytes);
 }
 
@@ -347,10 +346,16 @@ int runCache(kpcore::Args& args) {
   const std::uint64_t limit = max ? parseSize(*max) : 0;
 
   const fs::path folder = dir ? fs::path(*dir) : kp::cachesDirectory();
+  // A link in the database's place is not the cache's: the application neither follows nor
+  // replaces it, and keeps its entries in memory; there is nothing here to inspect or maintain.
+  const fs::path database = folder / kp::CacheController::kDatabaseFileName;
   std::error_code ec;
-  if (!fs::is_regular_file(folder / kp::CacheController::kDatabaseFileName, ec)) {
-    throw CommandError("no cache database in " + folder.string());
+  if (fs::is_symlink(fs::symlink_status(database, ec))) {
+    throw CommandError(printable(database.string()) +
+                       " is a symbolic link, not a database of the cache's own; the application keeps its entries"
+                       " in memory");
   }
+  if (!fs::is_regular_file(database, ec)) throw CommandError("no cache database in " + folder.string());
   const Output output{folder, json};
   if (*action == "stats" || *action == "list" || *action == "get") {
     // Inspecting opens the database read-only: a folder it cannot read is reported as it is,

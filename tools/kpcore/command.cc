@@ -158,24 +158,34 @@ std::string decimalText(double value) {
 
 }  // namespace
 
+std::optional<std::int64_t> strictInteger(std::string_view text) { return wholeNumber<std::int64_t>(text); }
+
+std::optional<std::uint64_t> strictUnsigned(std::string_view text) { return wholeNumber<std::uint64_t>(text); }
+
+std::optional<double> strictDecimal(std::string_view text) {
+  const auto value = wholeNumber<double>(text);
+  if (!value || !std::isfinite(*value)) return std::nullopt;
+  return value;
+}
+
 std::int64_t integerOption(std::string_view name, std::string_view text, std::int64_t min, std::int64_t max) {
-  const auto value = wholeNumber<std::int64_t>(text);
+  const auto value = strictInteger(text);
   if (!value || *value < min || *value > max)
     refuseNumber(name, std::to_string(min) + " to " + std::to_string(max), text);
   return *value;
 }
 
 double decimalOption(std::string_view name, std::string_view text, double min, double max) {
-  const auto value = wholeNumber<double>(text);
-  if (!value || !std::isfinite(*value) || *value < min || *value > max) {
+  const auto value = strictDecimal(text);
+  if (!value || *value < min || *value > max) {
     refuseNumber(name, decimalText(min) + " to " + decimalText(max), text);
   }
   return *value;
 }
 
 double secondsOption(std::string_view name, std::string_view text) {
-  const auto value = wholeNumber<double>(text);
-  if (!value || !std::isfinite(*value) || *value <= 0) refuseNumber(name, "a positive number of seconds", text);
+  const auto value = strictDecimal(text);
+  if (!value || *value <= 0) refuseNumber(name, "a positive number of seconds", text);
   return *value;
 }
 

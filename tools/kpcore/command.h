@@ -74,6 +74,13 @@ struct CommandInfo {
 // so that none can move the cursor, recolour the screen or forge a line.
 [[nodiscard]] std::string printable(std::string_view text);
 
+// Numbers from the command line, strictly: the whole text is one decimal number ("3x", " 3",
+// "+3", "0x10" and "" are not) that the type holds; a double is also finite ("nan", "inf" and
+// "1e400" are none). Every numeric argument of kpcore goes through these.
+[[nodiscard]] std::optional<std::int64_t> strictInteger(std::string_view text);
+[[nodiscard]] std::optional<std::uint64_t> strictUnsigned(std::string_view text);
+[[nodiscard]] std::optional<double> strictDecimal(std::string_view text);
+
 // Numeric option values, strictly: the whole text is one decimal number ("3x", " 3", "+3",
 // "0x10" are not) within the range. Anything else throws CommandError (status 2) naming the
 // option: "--parallel takes 1 to 64: 0".

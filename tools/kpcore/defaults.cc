@@ -87,25 +87,19 @@ kp::Value parseValue(std::string_view type, const std::string& text) {
     return CommandError("'" + kpcore::printable(text) + "' is not " + std::string(what), 2);
   };
   if (type == "-string") return kp::Value(text);
-  const std::string_view digits = text.starts_with('+') ? std::string_view(text).substr(1) : std::string_view(text);
-  const char* const end = digits.data() + digits.size();
+  // A plus sign may stand before a number written to a suite (but before no other sign).
+  std::string_view number = text;
+  if (number.starts_with('+') && number.size() > 1 && number[1] != '-') number.remove_prefix(1);
   if (type == "-int" || type == "-integer") {
-    std::int64_t n = 0;
-    if (auto [at, ec] = std::from_chars(digits.data(), end, n); ec == std::errc() && at == end) return kp::Value(n);
-    std::uint64_t u = 0;  // up to the largest unsigned 64-bit value
-    if (auto [at, ec] = std::from_chars(digits.data(), end, u); ec == std::errc() && at == end) return kp::Value(u);
+    if (const auto n = kpcore::strictInteger(number)) return kp::Value(*n);
+    if (const auto u = kpcore::strictUnsigned(number)) return kp::Value(*u);  // up to 2^64 - 1
     throw bad("an integer");
   }
   if (type == "-float" || type == "-double") {
-    double n = 0;
-    const auto [at, ec] = std::from_chars(digits.data(), end, n);
-    if (at != end || digits.empty() || (ec != std::errc() && ec != std::errc::result_out_of_range)) {
-      throw bad("a number");
-    }
-    if (ec != std::errc()) throw bad("a number a double can hold");
-    // The file could hold them, but no JSON reader (nor `read` here) could show them.
-    if (!std::isfinite(n)) throw bad("a finite number");
-    return kp::Value(n);
+    // Infinities and NaN are refused too: the file could hold them, but no JSON reader (nor
+    // `read` here) could show them.
+    if (const auto n = kpcore::strictDecimal(number)) return kp::Value(*n);
+    throw bad("a finite number a double can hold");
   }
   if (type == "-bool" || type == "-boolean") {
     if (text == "true" || text == "yes" || text == "YES" || text == "1") return kp::Value(true);

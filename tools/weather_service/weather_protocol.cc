@@ -151,7 +151,8 @@ std::optional<Refusal> appendJsonMembers(Parameters& out, std::string_view text)
     std::string name(member.key());
     if (value.is_string()) {
       out.emplace_back(std::move(name), std::string(value.get_string()));
-    } else if (value.is_number()) {
+    } else if (value.is_number() && std::isfinite(value.to_number<double>())) {
+      // A number beyond a double's range (1e400 reads as infinity) is skipped, as null is.
       out.emplace_back(std::move(name), numberText(value.to_number<double>()));
     } else if (value.is_bool()) {
       out.emplace_back(std::move(name), value.get_bool() ? "true" : "false");
@@ -261,6 +262,11 @@ void writeJson(std::string& out, const boost::json::value& value) {
       return;
     }
     case boost::json::kind::double_: {
+      // JSON has no infinity or NaN: such a value is written as JavaScript writes it.
+      if (!std::isfinite(value.get_double())) {
+        out += "null";
+        return;
+      }
       char digits[32];
       const auto [end, ec] = std::to_chars(digits, digits + sizeof digits, value.get_double());
       out.append(digits, end);

@@ -57,7 +57,7 @@ class KP_EXPORT JsonValue {
   JsonValue(std::int64_t i);  // NOLINT
   // An integer.
   JsonValue(int i) : JsonValue(static_cast<std::int64_t>(i)) {}  // NOLINT
-  // A number; a non-finite one cannot be written as JSON.
+  // A number; null for a non-finite one, which JSON has no form for.
   JsonValue(double d);  // NOLINT
   // A string (a copy).
   JsonValue(std::string_view s);  // NOLINT
@@ -68,7 +68,8 @@ class KP_EXPORT JsonValue {
   // An object of `members`, in order.
   [[nodiscard]] static JsonValue object(const std::vector<std::pair<std::string, JsonValue>>& members);
 
-  // Parses one JSON text; nothing (and `error`, when given) for anything else.
+  // Parses one JSON text; nothing (and `error`, when given) for anything else. A number
+  // beyond the range of a double (1e400) reads as null.
   [[nodiscard]] static std::optional<JsonValue> parse(std::string_view text, ErrorPtr* error = nullptr);
 
   [[nodiscard]] Type type() const noexcept;                                    // what the value is
@@ -135,7 +136,8 @@ struct KP_EXPORT Coding<JsonValue> {
 
 // Writes a tree as JSON text with the given date handling.
 [[nodiscard]] KP_EXPORT std::string writeJson(const Value& value, DateStrategy dates, bool pretty = false);
-// Reads JSON text as a tree. Throws CodingError (dataCorrupted).
+// Reads JSON text as a tree. Throws CodingError (dataCorrupted), also for a number beyond
+// the range of a double.
 [[nodiscard]] KP_EXPORT Value readJson(std::string_view text);
 
 // Writes codable values as JSON text.

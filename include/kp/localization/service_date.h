@@ -12,8 +12,9 @@
 //   epochSeconds   "1711848600", "-86400", "1711848600.25": seconds since 1970 (UTC)
 //   epochMilliseconds "1711848600000": milliseconds since 1970. When both epoch forms are on,
 //                  integers of up to 11 digits are seconds and of 12 to 15 digits milliseconds
-//   httpDate       "Sun, 31 Mar 2024 01:30:00 GMT" (IMF-fixdate; "UTC" or "+0000" style
-//                  offsets also), whose weekday must be the date's
+//   httpDate       "Sun, 31 Mar 2024 01:30:00 GMT", and the two older forms of HTTP dates
+//                  ("Sunday, 31-Mar-24 01:30:00 GMT", "Sun Mar 31 01:30:00 2024"), as
+//                  kp::parseHttpDate() reads them; the weekday must be the date's
 // Dates outside the years 1 to 9999 give nothing. The reader's zone is UTC unless given.
 //
 // Thread safety: immutable; the reader and the free functions may be used from any thread.

@@ -99,9 +99,6 @@ class KP_EXPORT HttpResponse : public HttpResponseType, public Archivable {
   [[nodiscard]] bool isEqual(const Archivable& other) const override;
 };
 
-// Parses "EEE, dd MMM yyyy HH:mm:ss z" (English names, zone such as "GMT" or "GMT+02:00").
-[[nodiscard]] KP_EXPORT std::optional<Date> parseHttpDate(std::string_view text);
-
 // The header fields HttpResponseType reads.
 enum class ResponseHeader { etag, contentType, lastModified, expires, date };
 // The field's name as the response's headers spell it ("ETag", "Content-Type", ...).
