@@ -18,7 +18,7 @@ set(problems "")
 # Third-party headers a host would need only because of the library's insides.
 foreach(banned
     "curl/" "sqlite3" "openssl/" "asio" "systemd/"
-    "sd-journal" "sd-bus" "glib" "gio/" "libsecret/" "unicode/" "plist/" "libpsl" "idn2" "webp/" "stb_"
+    "sd-journal" "sd-bus" "glib" "gio/" "libsecret/" "unicode/" "plist/" "libpsl" "idn2" "webp/" "turbojpeg" "stb_"
     "fmt/" "sys/" "unistd.h" "fcntl.h" "linux/" "netinet/" "arpa/" "pthread.h")
   string(REGEX MATCH "#[ \t]*include[ \t]*[<\"]${banned}[^>\"]*[>\"]" found "${code}")
   if(found)

@@ -12,6 +12,7 @@
 #include <typeinfo>
 
 #include "cache/background_work.h"
+#include "cache/entry_rules.h"
 #include "cache/file_storage.h"
 #include "cache/memory_storage.h"
 #include "cache/stored_entries.h"
@@ -32,60 +33,11 @@ namespace fs = std::filesystem;
 
 // What a queued task holds besides what it shares with the memory store.
 constexpr std::size_t kTaskOverhead = 256;
-constexpr int kMaxEstimateDepth = 8;
 
-// Roughly the bytes a value holds.
-std::size_t estimatedBytes(const ArchiveValue& value, int depth = 0) {
-  if (const auto* data = value.get<Data>()) return data->size();
-  if (const auto* text = value.get<std::string>()) return text->size();
-  if (auto image = value.object<ArchivableImage>()) return image->image().pixels().size();
-  if (depth >= kMaxEstimateDepth) return 64;
-  std::size_t total = 0;
-  if (const auto* array = value.get<ArchiveValue::Array>()) {
-    for (const auto& element : *array) total += estimatedBytes(element, depth + 1) + 16;
-    return total;
-  }
-  if (const auto* dictionary = value.get<ArchiveValue::Dictionary>()) {
-    for (const auto& [name, element] : *dictionary) total += name.size() + estimatedBytes(element, depth + 1) + 48;
-    return total;
-  }
-  return 64;
-}
-
-// Rolling expiry moves the row's timestamp on, not the creation date coded in the row: a
-// later one is the entry's.
-void adoptStoredTimestamp(Cacheable& entry, Date timestamp) {
-  if (entry.cacheConfiguration().rollingExpiration && timestamp > entry.creationDate()) {
-    entry.setCreationDate(timestamp);
-  }
-}
-
-// A general entry is valid when its payload suits its kind.
-bool isValid(const CacheItem& entry) {
-  if (!entry.item) return false;
-  switch (entry.cacheType) {
-    case CacheItemType::serialized: {
-      if (entry.item->isNull()) return false;
-      const auto* object = entry.item->get<ArchivablePtr>();
-      return object == nullptr || *object != nullptr;
-    }
-    case CacheItemType::rawDataToFile:
-      return entry.item->get<Data>() != nullptr;
-    case CacheItemType::image:
-      return entry.item->object<ArchivableImage>() != nullptr;
-  }
-  return false;
-}
-
-// A key or group the database cannot hold would share a row with another key, or leave a row
-// and a file that no clean-up and no trim can name; entries under such names live in memory
-// only.
+using internal::adoptStoredTimestamp;
 using internal::databaseCanHold;
-
-bool databaseCanHold(const Cacheable& entry, std::string_view key) {
-  const auto& group = entry.cacheConfiguration().groupName;
-  return databaseCanHold(key) && (!group || databaseCanHold(*group));
-}
+using internal::estimatedBytes;
+using internal::isValid;
 
 Duration intervalDuration(double seconds) {
   constexpr double kLongest = 366.0 * 24 * 3600;
@@ -487,8 +439,11 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key) {
 std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, bool loadData) {
   State& s = *state_;
   // CacheItem is final: comparing the exact type is enough, and cheaper than a cast.
-  if (auto hit = s.memory.get(key); hit && typeid(*hit) == typeid(CacheItem)) {
-    return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
+  if (auto hit = s.memory.get(key)) {
+    const Cacheable& cached = *hit;  // typeid of a plain reference: nothing to evaluate
+    if (typeid(cached) == typeid(CacheItem)) {
+      return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
+    }
   }
   return s.readCacheItem(key, loadData);
 }

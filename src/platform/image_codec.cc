@@ -1,5 +1,6 @@
-// The image codecs over stb (from the distribution's headers, compiled into this file only,
-// with internal linkage so they never clash with a host's own copy).
+// The PNG and GIF decoders and the PNG encoder over stb (from the distribution's headers,
+// compiled into this file only, with internal linkage so they never clash with a host's own
+// copy); JPEG and WebP have decoders of their own (image_jpeg.cc, image_webp.cc).
 #include "platform/image_codec.h"
 
 #include <algorithm>
@@ -68,31 +69,6 @@ class DecodeBudget {
   DecodeBudget& operator=(const DecodeBudget&) = delete;
 };
 
-// The JPEG decoder of the distribution's stb trusts the symbol counts of a Huffman table
-// (it writes up to 4080 symbols into room for 256). Such a table is damage whatever else the
-// file holds, so the file is refused before decoding. Every FF C4 is checked the way the
-// decoder reads a table segment (tables follow each other while the segment's length lasts,
-// and bytes past the end read as zero), so that no parse of the file can reach one unchecked.
-// True for bytes that are not a JPEG (which starts with FF, then any fill, then D8).
-bool jpegHuffmanTablesFit(std::span<const std::uint8_t> bytes) {
-  const std::size_t size = bytes.size();
-  if (size < 2 || bytes[0] != 0xff) return true;
-  const auto at = [&](std::size_t i) -> std::size_t { return i < size ? bytes[i] : 0; };
-  for (std::size_t p = 1; p + 1 < size; ++p) {
-    if (bytes[p] != 0xff || bytes[p + 1] != 0xc4) continue;
-    auto left = static_cast<std::int64_t>((at(p + 2) << 8) | at(p + 3)) - 2;
-    std::size_t table = p + 4;
-    while (left > 0 && table < size) {
-      std::size_t symbols = 0;
-      for (std::size_t k = 1; k <= 16; ++k) symbols += at(table + k);
-      if (symbols > 256) return false;
-      table += 17 + symbols;
-      left -= static_cast<std::int64_t>(17 + symbols);
-    }
-  }
-  return true;
-}
-
 // The PNG decoder of the distribution's stb copies each image-data chunk into a buffer it
 // allocates on the first chunk that has bytes, so an empty first chunk is copied to a null
 // pointer (undefined, if harmless in practice). Empty image-data chunks add nothing to the
@@ -130,7 +106,6 @@ std::optional<std::vector<std::uint8_t>> withoutEmptyPngData(std::span<const std
 #define STB_IMAGE_STATIC
 #define STB_IMAGE_IMPLEMENTATION
 #define STBI_ONLY_PNG
-#define STBI_ONLY_JPEG
 #define STBI_ONLY_GIF
 #define STBI_NO_STDIO
 #define STBI_NO_FAILURE_STRINGS
@@ -150,7 +125,9 @@ namespace kp::internal {
 std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits) {
   if (bytes.empty() || bytes.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
   if (isWebp(bytes)) return decodeWebp(bytes, limits);
-  if (!jpegHuffmanTablesFit(bytes)) return std::nullopt;
+  // stb's JPEG decoder trusts the tables a file brings (symbol counts, code lengths) and reads
+  // past them on damaged ones; libjpeg-turbo checks them.
+  if (isJpeg(bytes)) return decodeJpeg(bytes, limits);
   const auto compacted = withoutEmptyPngData(bytes);
   if (compacted) bytes = *compacted;
   const int length = static_cast<int>(bytes.size());

@@ -2,9 +2,9 @@
 // and encoding RGBA pixels as PNG. Internal; not installed.
 //
 // Decoding is bounded for hostile input: images larger than the limits are refused from their
-// header, before any pixel memory is taken, and every allocation the PNG, JPEG and GIF
+// header, before any pixel memory is taken, and every allocation the PNG and GIF
 // decoders make counts against a budget, so that a compressed bomb ends in a refusal instead
-// of exhausting memory (WebP: see image_webp.cc).
+// of exhausting memory (JPEG and WebP: see image_jpeg.cc and image_webp.cc).
 //
 // Thread safety: every function may be called from any thread at once.
 #pragma once
@@ -31,6 +31,12 @@ struct DecodeLimits {
 // The first frame of a PNG, JPEG, GIF or WebP image; nothing for anything else, for truncated
 // or damaged data and for images beyond `limits`.
 [[nodiscard]] std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, const DecodeLimits& limits);
+
+// True for bytes that open as a JPEG does (the start-of-image marker).
+[[nodiscard]] bool isJpeg(std::span<const std::uint8_t> bytes);
+// A JPEG image (baseline or progressive, grey or colour; CMYK files give nothing), as
+// decodeImage().
+[[nodiscard]] std::optional<DecodedPixels> decodeJpeg(std::span<const std::uint8_t> bytes, const DecodeLimits& limits);
 
 // True for bytes in a WebP container ("RIFF", a size, "WEBP").
 [[nodiscard]] bool isWebp(std::span<const std::uint8_t> bytes);

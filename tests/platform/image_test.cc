@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #define STB_IMAGE_WRITE_STATIC
@@ -159,6 +162,8 @@ TEST(Image, DecodesJpegAndTheFirstGifFrame) {
   EXPECT_EQ(photo->scale(), 1.0);
   EXPECT_NEAR(photo->pixels()[2], 230, 8);  // lossy, but blue
   EXPECT_EQ(photo->pixels()[3], 255);
+  // Cut short, it gives nothing.
+  EXPECT_FALSE(kp::Image::decode(std::span(jpeg.data(), jpeg.size() - 40)));
 
   // A one-pixel GIF whose palette starts with red.
   const Bytes gif = {'G', 'I',  'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0, 0xff, 0, 0, 0,   0,
@@ -228,6 +233,13 @@ TEST(Image, HostileBytesAreRefusedWithinBoundedMemory) {
   table.resize(table.size() + 14 + 300, 0);
   table.insert(table.end(), {0xff, 0xd9});
   EXPECT_FALSE(kp::Image::decode(kp::Data(table)));
+  // Huffman codes whose symbols lie past the table (a fuzzer's find; the sanitizers watch the
+  // decoder's reads).
+  std::ifstream found(std::string(std::getenv("KP_SOURCE_DIR")) + "/fuzz/corpus/image/jpeg-huffman-code-past-table.jpg",
+                      std::ios::binary);
+  const Bytes codes((std::istreambuf_iterator<char>(found)), std::istreambuf_iterator<char>());
+  ASSERT_EQ(codes.size(), 654u);
+  EXPECT_FALSE(kp::Image::decode(kp::Data(codes)));
   // Headers that promise more pixels than allowed are refused before any pixel memory.
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(100000, 100000, zlibBomb(1000)))));
   EXPECT_FALSE(kp::Image::decode(kp::Data(pngWith(16384, 16384, zlibBomb(1000)))));
