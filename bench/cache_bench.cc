@@ -115,6 +115,20 @@ void BM_Baseline_RawSqliteInsertPreparedEachTime(benchmark::State& state) {
 }
 BENCHMARK(BM_Baseline_RawSqliteInsertPreparedEachTime);
 
+// One row read by key, its blob copied out; false when no row has the key.
+bool runRawLoad(sqlite3_stmt* select, const std::string& key) {
+  sqlite3_bind_text(select, 1, key.c_str(), -1, SQLITE_TRANSIENT);
+  const bool found = sqlite3_step(select) == SQLITE_ROW;
+  if (found) {
+    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(select, 0));
+    benchmark::DoNotOptimize(std::vector<std::uint8_t>(bytes, bytes + sqlite3_column_bytes(select, 0)));
+    benchmark::DoNotOptimize(sqlite3_column_int(select, 1));
+  }
+  sqlite3_reset(select);
+  sqlite3_clear_bindings(select);
+  return found;
+}
+
 // A 1 KiB row read by key with a statement prepared once, its blob copied out.
 void BM_Baseline_RawSqliteLoad(benchmark::State& state) {
   sqlite3* db = openRawCache("raw-load");
@@ -128,15 +142,7 @@ void BM_Baseline_RawSqliteLoad(benchmark::State& state) {
   sqlite3_prepare_v2(db, "SELECT data, timestamp FROM cache WHERE id = ?;", -1, &select, nullptr);
   int i = 0;
   for (auto _ : state) {
-    const std::string key = "key-" + std::to_string(i++ % 1000);
-    sqlite3_bind_text(select, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-    if (sqlite3_step(select) == SQLITE_ROW) {
-      const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(select, 0));
-      benchmark::DoNotOptimize(std::vector<std::uint8_t>(bytes, bytes + sqlite3_column_bytes(select, 0)));
-      benchmark::DoNotOptimize(sqlite3_column_int(select, 1));
-    }
-    sqlite3_reset(select);
-    sqlite3_clear_bindings(select);
+    (void)runRawLoad(select, "key-" + std::to_string(i++ % 1000));
   }
   sqlite3_finalize(select);
   sqlite3_close(db);
@@ -346,14 +352,7 @@ void BM_Baseline_RawSqliteLoadOfStoredEntries(benchmark::State& state) {
   sqlite3_prepare_v2(db, "SELECT data, timestamp FROM cache WHERE id = ?;", -1, &select, nullptr);
   std::size_t i = 0;
   for (auto _ : state) {
-    const std::string& key = names[i++ % names.size()];
-    sqlite3_bind_text(select, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-    if (sqlite3_step(select) != SQLITE_ROW) state.SkipWithError("a row is missing");
-    const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(select, 0));
-    benchmark::DoNotOptimize(std::vector<std::uint8_t>(bytes, bytes + sqlite3_column_bytes(select, 0)));
-    benchmark::DoNotOptimize(sqlite3_column_int(select, 1));
-    sqlite3_reset(select);
-    sqlite3_clear_bindings(select);
+    if (!runRawLoad(select, names[i++ % names.size()])) state.SkipWithError("a row is missing");
   }
   sqlite3_finalize(select);
   sqlite3_close(db);
