@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 #include <system_error>
 
 #include "kp/platform/dispatch.h"
