@@ -135,10 +135,9 @@ std::optional<DecodedPixels> decodeImage(std::span<const std::uint8_t> bytes, co
   int height = 0;
   int channels = 0;
   if (stbi_info_from_memory(bytes.data(), length, &width, &height, &channels) == 0) return std::nullopt;
-  if (width <= 0 || height <= 0) return std::nullopt;
+  if (!limits.admit(width, height)) return std::nullopt;
   const auto w = static_cast<std::uint64_t>(width);
   const auto h = static_cast<std::uint64_t>(height);
-  if (w > limits.maxDimension || h > limits.maxDimension || w * h > limits.maxPixelCount) return std::nullopt;
 
   // Room for the decoders' working buffers (16-bit samples, interlacing, progressive
   // coefficients, GIF history) beside the result, and for the compressed input.

@@ -26,6 +26,14 @@ struct DecodedPixels {
 struct DecodeLimits {
   std::uint32_t maxDimension = 0;
   std::uint64_t maxPixelCount = 0;
+
+  // True for a size a header may announce: not empty, and within both limits.
+  [[nodiscard]] bool admit(int width, int height) const noexcept {
+    if (width <= 0 || height <= 0) return false;
+    const auto w = static_cast<std::uint64_t>(width);
+    const auto h = static_cast<std::uint64_t>(height);
+    return w <= maxDimension && h <= maxDimension && w * h <= maxPixelCount;
+  }
 };
 
 // The first frame of a PNG, JPEG, GIF or WebP image; nothing for anything else, for truncated

@@ -27,10 +27,9 @@ std::optional<DecodedPixels> decodeJpeg(std::span<const std::uint8_t> bytes, con
   if (tjDecompressHeader3(handle.get(), bytes.data(), bytes.size(), &width, &height, &subsampling, &colorspace) != 0) {
     return std::nullopt;
   }
-  if (width <= 0 || height <= 0) return std::nullopt;
+  if (!limits.admit(width, height)) return std::nullopt;
   const auto w = static_cast<std::uint64_t>(width);
   const auto h = static_cast<std::uint64_t>(height);
-  if (w > limits.maxDimension || h > limits.maxDimension || w * h > limits.maxPixelCount) return std::nullopt;
 
   DecodedPixels out;
   out.width = static_cast<std::uint32_t>(w);

@@ -65,10 +65,9 @@ std::optional<DecodedPixels> decodeWebp(std::span<const std::uint8_t> bytes, con
   if (WebPGetFeatures(bytes.data(), bytes.size(), &config.input) != VP8_STATUS_OK) return std::nullopt;
   // An animation's size is that of its canvas.
   const WebPBitstreamFeatures& features = config.input;
-  if (features.width <= 0 || features.height <= 0) return std::nullopt;
+  if (!limits.admit(features.width, features.height)) return std::nullopt;
   const auto w = static_cast<std::uint64_t>(features.width);
   const auto h = static_cast<std::uint64_t>(features.height);
-  if (w > limits.maxDimension || h > limits.maxDimension || w * h > limits.maxPixelCount) return std::nullopt;
 
   DecodedPixels decoded;
   decoded.width = static_cast<std::uint32_t>(w);
