@@ -266,10 +266,12 @@ TEST_F(CacheControllerTest, KilledBetweenFileAndRowLeavesTheOldEntryWholeAndNoRo
   kp::DefaultSQLiteDatabase holder(*kp::Url::parse(dir_.fileUrl("centralcache.db")));
   holder.createPreparedStatement("BEGIN IMMEDIATE;")->execute();
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-  kp::test::ChildProcess child(
-      {fs::read_symlink("/proc/self/exe").string(),
-       std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()},
-      {.captureOutput = true, .environment = {"KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string()}});
+  kp::test::ChildProcess child({fs::read_symlink("/proc/self/exe").string(),
+                                std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()},
+                               {.captureOutput = true,
+                                // The killed child's own temporary folders go with ours.
+                                .environment = {"KP_TEST_CHILD=1", "KP_CACHE_FOLDER=" + dir_.path().string(),
+                                                "TMPDIR=" + dir_.path().string()}});
   for (auto line = child.readLine(20s); line && *line != "saving";) line = child.readLine(20s);
   std::this_thread::sleep_for(500ms);
   child.signal(SIGKILL);

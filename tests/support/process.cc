@@ -9,6 +9,8 @@
 #include <fstream>
 #include <random>
 
+#include "support/temp_dir.h"
+
 namespace kp::test {
 
 std::string shellQuote(const std::string& text) {
@@ -52,8 +54,12 @@ ProcessResult runThisTestInChild(const std::string& environment, const std::stri
   const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
   const auto self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string filter = std::string(test->test_suite_name()) + "." + test->name();
-  return runCommand(wrapper + " env " + environment + " " + kChildVariable + "=1 " + shellQuote(self.string()) +
-                    " --gtest_filter=" + shellQuote(filter) + " 2>&1");
+  // The child makes its own temporary folders (its fixture's among them) in one that goes
+  // when it ends: a child that is killed cannot clean up after itself.
+  const TempDir childTemporary;
+  return runCommand(wrapper + " env " + environment + " TMPDIR=" + shellQuote(childTemporary.path().string()) + " " +
+                    kChildVariable + "=1 " + shellQuote(self.string()) + " --gtest_filter=" + shellQuote(filter) +
+                    " 2>&1");
 }
 
 }  // namespace kp::test
