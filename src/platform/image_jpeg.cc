@@ -5,6 +5,10 @@
 // count against a budget; so the dimensions are checked from the header first, progressive
 // files are held to a bounded number of scans, the pixels go straight into memory of our own,
 // and any warning (a file cut short, damaged data) ends the decode.
+//
+// CMYK and YCCK files (print-ready photos, what some image services pass on unchanged) come
+// out of the decoder as CMYK, which is turned into RGB in place. They are taken as stored
+// inverted, as the tools that write them (Adobe's first) store them.
 #include <turbojpeg.h>
 
 #include <memory>
@@ -36,9 +40,20 @@ std::optional<DecodedPixels> decodeJpeg(std::span<const std::uint8_t> bytes, con
   out.height = static_cast<std::uint32_t>(h);
   out.rgba.resize(w * h * 4);
   const int flags = TJFLAG_STOPONWARNING | TJFLAG_LIMITSCANS;
-  if (tjDecompress2(handle.get(), bytes.data(), bytes.size(), out.rgba.data(), width, 0, height, TJPF_RGBA, flags) !=
-      0) {
+  // The decoder converts neither of these to RGB; both have four bytes a pixel, as RGBA has.
+  const bool cmyk = colorspace == TJCS_CMYK || colorspace == TJCS_YCCK;
+  if (tjDecompress2(handle.get(), bytes.data(), bytes.size(), out.rgba.data(), width, 0, height,
+                    cmyk ? TJPF_CMYK : TJPF_RGBA, flags) != 0) {
     return std::nullopt;
+  }
+  if (cmyk) {
+    for (std::size_t i = 0; i < out.rgba.size(); i += 4) {
+      // Inverted: each ink byte is 255 where there is none, so black (k) darkens by product.
+      const unsigned k = out.rgba[i + 3];
+      for (std::size_t c = 0; c < 3; ++c)
+        out.rgba[i + c] = static_cast<std::uint8_t>((out.rgba[i + c] * k + 127) / 255);
+      out.rgba[i + 3] = 255;
+    }
   }
   return out;
 }

@@ -2,6 +2,7 @@
 #include "kp/platform/image.h"
 
 #include <gtest/gtest.h>
+#include <turbojpeg.h>
 #include <webp/encode.h>
 #include <webp/mux.h>
 
@@ -164,6 +165,34 @@ TEST(Image, DecodesJpegAndTheFirstGifFrame) {
   EXPECT_EQ(photo->pixels()[3], 255);
   // Cut short, it gives nothing.
   EXPECT_FALSE(kp::Image::decode(std::span(jpeg.data(), jpeg.size() - 40)));
+
+  // A print-ready file: CMYK stored inverted (255 is no ink), written as YCCK. Full cyan ink on
+  // the left half, half magenta and full yellow on the right: cyan and orange.
+  Bytes cmyk;
+  for (int i = 0; i < 16 * 8; ++i) {
+    if (i % 16 < 8) {
+      cmyk.insert(cmyk.end(), {0, 255, 255, 255});
+    } else {
+      cmyk.insert(cmyk.end(), {255, 128, 0, 255});
+    }
+  }
+  const std::unique_ptr<void, decltype(&tjDestroy)> compressor(tjInitCompress(), &tjDestroy);
+  unsigned char* printed = nullptr;
+  unsigned long printedSize = 0;  // NOLINT(google-runtime-int): TurboJPEG's own type
+  ASSERT_EQ(tjCompress2(compressor.get(), cmyk.data(), 16, 0, 8, TJPF_CMYK, &printed, &printedSize, TJSAMP_444, 100, 0),
+            0);
+  const auto print = kp::Image::decode(std::span(printed, printedSize));
+  tjFree(printed);
+  ASSERT_TRUE(print);
+  const auto* left = &print->pixels()[(3 * 16 + 2) * 4];
+  const auto* right = &print->pixels()[(3 * 16 + 13) * 4];
+  EXPECT_LT(left[0], 12);
+  EXPECT_GT(left[1], 243);
+  EXPECT_GT(left[2], 243);
+  EXPECT_GT(right[0], 243);
+  EXPECT_NEAR(right[1], 128, 12);
+  EXPECT_LT(right[2], 12);
+  EXPECT_EQ(right[3], 255);
 
   // A one-pixel GIF whose palette starts with red.
   const Bytes gif = {'G', 'I',  'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0, 0xff, 0, 0, 0,   0,
