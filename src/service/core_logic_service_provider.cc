@@ -7,6 +7,8 @@
 #include "kp/connectivity/connectivity.h"
 #include "kp/connectivity/connectivity_monitor.h"
 #include "kp/container/core_services.h"
+#include "kp/device/device_information.h"
+#include "kp/platform/dispatch.h"
 #include "kp/storage/user_defaults_storage.h"
 
 namespace kp {
@@ -18,6 +20,10 @@ void CoreLogicServiceProvider::register_(tarvix::ServiceContainer& services) {
   services.registerInstance<CacheService>(CacheController::sharedInstance());
   services.registerInstance<ConnectivityService>(Connectivity::default_());
   services.registerInstance<ConnectivityMonitorService>(ConnectivityMonitor::default_());
+  // The first web service's parameters need the device facts, whose read may wait for
+  // hostnamed (up to a second when the bus must start it first): it starts now, off the
+  // host's thread, and a reader that comes before it ends waits for it instead of reading again.
+  globalQueue()->async([] { (void)DeviceInformation::shared().facts(); });
 }
 
 }  // namespace kp

@@ -8,7 +8,8 @@
 //   kp::ConnectivityMonitorService  kp::ConnectivityMonitor::default_()
 // in this order. The first registration that throws ends the call with its error; those made
 // before it stay. The application and the non-fatal exception reporter are the host's to
-// register.
+// register. A successful call also starts reading the device facts on a background queue, so
+// that the first kp::TarvixWebServiceParameters need not wait for the system's services.
 //
 // Thread safety: stateless; the container serialises the registrations.
 //
