@@ -280,9 +280,9 @@ void UrlSession::Impl::handOnBody(const TaskPtr& task) {
 }
 
 void UrlSession::Impl::handOnGatheredBodies() {
-  std::vector<TaskPtr> tasks;
-  tasks.swap(gatheredBodies);
-  for (auto& task : tasks) handOnBody(task);
+  handedBodies.swap(gatheredBodies);
+  for (auto& task : handedBodies) handOnBody(task);
+  handedBodies.clear();
 }
 
 UrlSession::Impl::Delivery UrlSession::Impl::bodyDelivery(const TaskPtr& task, Data chunk) {
