@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <httplib.h>
+#include <sys/resource.h>
 
 #include <condition_variable>
 #include <cstdlib>
@@ -193,24 +194,42 @@ double processCpuSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Requests per second, and the process's CPU time per request since `cpuAtStart`: a figure
-// that the load of a shared machine skews far less than wall time.
-void countRequests(benchmark::State& state, double cpuAtStart) {
-  state.counters["requests/s"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-  state.counters["cpu_us/req"] = (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations());
+// The process's CPU time and context switches so far, every thread's (the in-process server's
+// too). Voluntary switches are a thread going to sleep, involuntary ones preemption; a sleep
+// and its wake-up cost more CPU here than most of the work of a small request.
+struct ProcessUsage {
+  double cpuSeconds = processCpuSeconds();
+  long voluntarySwitches = 0;
+  long involuntarySwitches = 0;
+  ProcessUsage() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    voluntarySwitches = usage.ru_nvcsw;
+    involuntarySwitches = usage.ru_nivcsw;
+  }
+};
+
+// Requests per second, and CPU time and context switches per request since `atStart`:
+// figures that the load of a shared machine skews far less than wall time.
+void countRequests(benchmark::State& state, const ProcessUsage& atStart) {
+  const ProcessUsage now;
+  const auto iterations = static_cast<double>(state.iterations());
+  state.counters["requests/s"] = benchmark::Counter(iterations, benchmark::Counter::kIsRate);
+  state.counters["cpu_us/req"] = (now.cpuSeconds - atStart.cpuSeconds) * 1e6 / iterations;
+  state.counters["vcsw/req"] = static_cast<double>(now.voluntarySwitches - atStart.voluntarySwitches) / iterations;
+  state.counters["ivcsw/req"] = static_cast<double>(now.involuntarySwitches - atStart.involuntarySwitches) / iterations;
 }
 
 void smallGetsOnOneSession(benchmark::State& state, std::shared_ptr<kp::HttpCookieStorage> cookies) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
   auto configuration = kp::UrlSessionConfiguration::defaultConfiguration();
   configuration.httpCookieStorage = std::move(cookies);
   auto session = kp::UrlSession::make(configuration, router);
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, session));
   session->invalidateAndCancel();
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 void BM_Transfer_SmallGets_Handler_SharedSession(benchmark::State& state) {
@@ -224,7 +243,7 @@ void BM_Transfer_SmallGets_Handler_SharedSession_NoCookieStore(benchmark::State&
 
 void smallGetsOnReusedEasy(benchmark::State& state, bool acceptEncodings) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   CURL* easy = curl_easy_init();
   setCommonOptions(easy, url);
   if (acceptEncodings) curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
@@ -237,7 +256,7 @@ void smallGetsOnReusedEasy(benchmark::State& state, bool acceptEncodings) {
     benchmark::DoNotOptimize(body);
   }
   curl_easy_cleanup(easy);
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 void BM_Transfer_SmallGets_RawCurl_ReusedEasy(benchmark::State& state) { smallGetsOnReusedEasy(state, false); }
@@ -253,7 +272,7 @@ void BM_Transfer_SmallGets_RawCurl_ReusedEasy_SameHeaders(benchmark::State& stat
 // that any session with a driver thread pays, and nothing else.
 void BM_Transfer_SmallGets_RawCurl_MultiOnThread(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   CURLM* multi = curl_multi_init();
   CURL* easy = curl_easy_init();
   setCommonOptions(easy, url);
@@ -313,34 +332,34 @@ void BM_Transfer_SmallGets_RawCurl_MultiOnThread(benchmark::State& state) {
   driver.join();
   curl_easy_cleanup(easy);
   curl_multi_cleanup(multi);
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 void BM_Transfer_SmallGets_Handler_PrivateSession(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   for (auto _ : state) benchmark::DoNotOptimize(runHandler(url, nullptr));
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 void BM_Transfer_SmallGets_RawCurl_NewEasy(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, nullptr));
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 // New easy handles whose connections live in a share handle: what a connection pool beneath
 // short-lived sessions would gain over a new connection per request.
 void BM_Transfer_SmallGets_RawCurl_NewEasy_PooledConnection(benchmark::State& state) {
   const std::string url = BenchServer::shared().url("/small");
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   CURLSH* share = curl_share_init();
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
   curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
   for (auto _ : state) benchmark::DoNotOptimize(fetchWithNewEasy(url, share));
   curl_share_cleanup(share);
-  countRequests(state, cpuAtStart);
+  countRequests(state, atStart);
 }
 
 void BM_Transfer_Large_Handler_ToMemory(benchmark::State& state) {
@@ -543,7 +562,7 @@ void BM_Execution_SmallGets_RequestQueue(benchmark::State& state) {
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
   auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
   auto queue = kp::RequestQueue::make();
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   for (auto _ : state) {
     Countdown countdown(kBatch);
     for (int i = 0; i < kBatch; ++i) {
@@ -558,7 +577,7 @@ void BM_Execution_SmallGets_RequestQueue(benchmark::State& state) {
   session->invalidateAndCancel();
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kBatch);
   state.counters["cpu_us/req"] =
-      (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations() * kBatch);
+      (ProcessUsage().cpuSeconds - atStart.cpuSeconds) * 1e6 / static_cast<double>(state.iterations() * kBatch);
 }
 
 // The same batch through handlers alone, two at a time: each completion starts the next.
@@ -566,7 +585,7 @@ void BM_Execution_SmallGets_HandlerAlone(benchmark::State& state) {
   const auto url = *kp::Url::parse(BenchServer::shared().url("/small"));
   auto router = std::make_shared<kp::HttpRequestURLSessionDelegateHandler>();
   auto session = kp::UrlSession::make(kp::UrlSessionConfiguration::defaultConfiguration(), router);
-  const double cpuAtStart = processCpuSeconds();
+  const ProcessUsage atStart;
   for (auto _ : state) {
     Countdown countdown(kBatch);
     std::atomic<int> next{0};
@@ -591,7 +610,7 @@ void BM_Execution_SmallGets_HandlerAlone(benchmark::State& state) {
   session->invalidateAndCancel();
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kBatch);
   state.counters["cpu_us/req"] =
-      (processCpuSeconds() - cpuAtStart) * 1e6 / static_cast<double>(state.iterations() * kBatch);
+      (ProcessUsage().cpuSeconds - atStart.cpuSeconds) * 1e6 / static_cast<double>(state.iterations() * kBatch);
 }
 
 void BM_Transfer_Large_FileRequest(benchmark::State& state) {

@@ -35,16 +35,23 @@ constexpr std::string_view kIrregularNames[] = {
 
 }  // namespace
 
-std::string canonicalHeaderName(std::string_view name) {
+void canonicalizeHeaderName(std::string& name) {
   for (std::string_view irregular : kIrregularNames) {
-    if (equalsIgnoringCase(name, irregular)) return std::string(irregular);
+    if (name.size() == irregular.size() && equalsIgnoringCase(name, irregular)) {
+      name.assign(irregular);
+      return;
+    }
   }
-  std::string out(name);
   bool wordStart = true;
-  for (char& c : out) {
+  for (char& c : name) {
     c = wordStart ? asciiUpper(c) : asciiLower(c);
     wordStart = c == '-';
   }
+}
+
+std::string canonicalHeaderName(std::string_view name) {
+  std::string out(name);
+  canonicalizeHeaderName(out);
   return out;
 }
 
@@ -125,7 +132,7 @@ std::vector<HttpUrlResponse::HeaderField> ResponseHeadParser::takeFields() { ret
 HttpUrlResponse::HttpUrlResponse(Url url, int statusCode, std::vector<HeaderField> headerFields)
     : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {
   for (auto& [name, value] : headerFields_) {
-    name = internal::canonicalHeaderName(name);
+    internal::canonicalizeHeaderName(name);
     auto [it, added] = allHeaderFields_.try_emplace(name, value);
     if (!added) {
       it->second += ", ";

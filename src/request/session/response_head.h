@@ -29,6 +29,8 @@ namespace kp::internal {
 // "WWW-Authenticate", and otherwise each hyphen-separated word capitalised
 // ("content-type" -> "Content-Type").
 [[nodiscard]] std::string canonicalHeaderName(std::string_view name);
+// The same, in place: a head's names are spelled anew without a string each.
+void canonicalizeHeaderName(std::string& name);
 
 // The body length that a head's Content-Length fields state: -1 when they state none (or
 // one that is not a length), and nothing when they contradict each other ("5" and "10", in

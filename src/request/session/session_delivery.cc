@@ -67,9 +67,8 @@ void UrlSession::Impl::completeUnstarted(const TaskPtr& task) {
 
 void UrlSession::Impl::askDeferred() {
   if (deferredHeads.empty()) return;
-  std::vector<TaskPtr> heads;
-  heads.swap(deferredHeads);
-  for (auto& task : heads) {
+  askedHeads.swap(deferredHeads);
+  for (auto& task : askedHeads) {
     auto& t = task->impl();
     if (!t.dispositionDeferred) continue;
     t.dispositionDeferred = false;
@@ -80,6 +79,7 @@ void UrlSession::Impl::askDeferred() {
       askForDisposition(task);
     }
   }
+  askedHeads.clear();
 }
 
 void UrlSession::Impl::askForDisposition(const TaskPtr& task) {
@@ -161,17 +161,19 @@ void UrlSession::Impl::deliverWhole(const TaskPtr& task) {
         });
     int waiting = WholeTransfer::kWaiting;
     if (whole->phase.compare_exchange_strong(waiting, WholeTransfer::kMovedOn)) return;
-    self->finishWhole(s, d, task, static_cast<ResponseDisposition>(whole->answer.load()), *whole);
+    self->finishWhole(s, d, task, static_cast<ResponseDisposition>(whole->answer.load()), *whole, true);
   });
   if (!delivered) {
     t.awaitingDisposition = false;
     finish(task, error);
+  } else if (whole->settleOnReturn) {
+    settle(task);
   }
 }
 
 // Delegate queue: the rest of a finished small transfer once the delegate has answered.
 void UrlSession::Impl::finishWhole(UrlSession& s, UrlSessionDelegate& d, const TaskPtr& task,
-                                   ResponseDisposition disposition, internal::WholeTransfer& whole) {
+                                   ResponseDisposition disposition, internal::WholeTransfer& whole, bool fromWholeJob) {
   auto& t = task->impl();
   const bool allowed = disposition == ResponseDisposition::allow;
   Data body = std::move(whole.body);
@@ -186,8 +188,14 @@ void UrlSession::Impl::finishWhole(UrlSession& s, UrlSessionDelegate& d, const T
     t.error = error;
     if (allowed) t.received += static_cast<std::int64_t>(body.size());
   }
-  auto self = shared_from_this();
-  post([self, task] { self->settle(task); }, false);
+  if (fromWholeJob && onDriverThread()) {
+    // The driver runs this job itself and settles the task once it returns: no command, and
+    // no pass of the driver for it.
+    whole.settleOnReturn = true;
+  } else {
+    auto self = shared_from_this();
+    post([self, task] { self->settle(task); }, false);
+  }
   if (allowed && !body.empty()) d.didReceiveData(s, static_cast<UrlSessionDataTask&>(*task), body);
   d.didComplete(s, *task, error);
 }

@@ -25,6 +25,9 @@ constexpr TimeInterval kMaximumTimeout = 10 * 365 * 24 * 3600.0;
 // waking the driver, which usually has more to do soon anyway.
 constexpr int kSettleWaitMs = 5;
 
+// The session whose loop this thread runs, if any.
+thread_local const UrlSession::Impl* drivenSession = nullptr;
+
 }  // namespace
 
 UrlSession::Impl::Impl(UrlSessionConfiguration config, std::shared_ptr<UrlSessionDelegate> sessionDelegate,
@@ -65,19 +68,28 @@ void UrlSession::Impl::wake() {
   if (transport.multi) curl_multi_wakeup(transport.multi);
 }
 
+bool UrlSession::Impl::onDriverThread() const noexcept { return drivenSession == this; }
+
 void UrlSession::Impl::run() {
+  struct Driving {
+    explicit Driving(const Impl* session) { drivenSession = session; }
+    ~Driving() { drivenSession = nullptr; }
+    Driving(const Driving&) = delete;
+    Driving& operator=(const Driving&) = delete;
+  } driving(this);
   Clock::time_point idleSince = Clock::now();
   for (;;) {
-    std::deque<std::function<void()>> batch;
     {
       MutexLock lock(mutex);
       if (commands.empty() && running.empty() && (ended || Clock::now() - idleSince > kIdleThreadLifetime)) {
         threadRunning = false;
         return;
       }
-      batch.swap(commands);
+      commandBatch.swap(commands);
     }
-    for (auto& command : batch) command();
+    // A command may post more; those go to `commands` and wait for the next pass.
+    for (auto& command : commandBatch) command();
+    commandBatch.clear();
     int stillRunning = 0;
     curl_multi_perform(transport.multi, &stillRunning);
     readMessages();

@@ -19,7 +19,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -79,7 +78,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   mutable Mutex mutex;
   std::shared_ptr<UrlSessionDelegate> delegate GUARDED_BY(mutex);
   std::shared_ptr<UrlSession> keepAlive GUARDED_BY(mutex);
-  std::deque<std::function<void()>> commands GUARDED_BY(mutex);
+  std::vector<std::function<void()>> commands GUARDED_BY(mutex);
   std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks GUARDED_BY(mutex);
   std::uint64_t nextTaskIdentifier GUARDED_BY(mutex) = 1;
   bool threadRunning GUARDED_BY(mutex) = false;
@@ -95,6 +94,12 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   std::vector<TaskPtr> deferredHeads;
   // Tasks whose body received during this pass has not gone to the delegate yet.
   std::vector<TaskPtr> gatheredBodies;
+  // The lists above and the commands, taken over by the driver for the step that works
+  // through them. They keep their room from pass to pass, so that a pass allocates nothing
+  // for its bookkeeping.
+  std::vector<std::function<void()>> commandBatch;
+  std::vector<TaskPtr> askedHeads;
+  std::vector<TaskPtr> handedBodies;
   // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
   std::size_t handedOver = 0;
   // A transfer has used https (its connections must not outlive the session).
@@ -116,6 +121,8 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // MARK: The driver (session_driver.cc)
 
   void run();
+  // Whether the calling thread is this session's driver, within its loop.
+  [[nodiscard]] bool onDriverThread() const noexcept;
   void endInvalidation();
   void releaseTransport(internal::Transport done);
   void waitInPoll(int waitMs);
@@ -163,9 +170,10 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   void unpause(const TaskPtr& task);
   void askDeferred();
   void deliverWhole(const TaskPtr& task);
-  // Delegate queue.
+  // Delegate queue. `fromWholeJob`: called by deliverWhole's own job, which may have run on
+  // the driver thread.
   void finishWhole(UrlSession& s, UrlSessionDelegate& d, const TaskPtr& task, ResponseDisposition disposition,
-                   internal::WholeTransfer& whole);
+                   internal::WholeTransfer& whole, bool fromWholeJob = false);
   void settle(const TaskPtr& task);
   void askForDisposition(const TaskPtr& task);
   void finish(const TaskPtr& taskRef, ErrorPtr error);

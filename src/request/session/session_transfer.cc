@@ -122,7 +122,9 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
     list = curl_slist_append(list, (value.empty() ? name + ";" : name + ": " + value).c_str());
   }
   if (auto cookies = cookieField(r)) list = curl_slist_append(list, cookies->c_str());
-  list = curl_slist_append(list, "Expect:");
+  // Only a body can make libcurl ask the server to continue first; without one, the empty
+  // field would cost every request a list entry and a look through it.
+  if (r.httpBody || method != "GET") list = curl_slist_append(list, "Expect:");
   t.headerList = list;
   curl_easy_setopt(e, CURLOPT_HTTPHEADER, list);
 
@@ -278,9 +280,9 @@ void UrlSession::Impl::handOnBody(const TaskPtr& task) {
 }
 
 void UrlSession::Impl::handOnGatheredBodies() {
-  std::vector<TaskPtr> tasks;
-  tasks.swap(gatheredBodies);
-  for (auto& task : tasks) handOnBody(task);
+  handedBodies.swap(gatheredBodies);
+  for (auto& task : handedBodies) handOnBody(task);
+  handedBodies.clear();
 }
 
 UrlSession::Impl::Delivery UrlSession::Impl::bodyDelivery(const TaskPtr& task, Data chunk) {

@@ -120,6 +120,9 @@ struct WholeTransfer {
   std::atomic<int> answer{-1};
   Data body;
   ErrorPtr error;
+  // Driver thread only: the job ran there, as the idle delegate queue's item, and left the
+  // settling of the task to deliverWhole.
+  bool settleOnReturn = false;
 };
 
 }  // namespace internal
