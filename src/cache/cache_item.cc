@@ -1,9 +1,12 @@
 // Coded forms of cache entries and their policy.
 #include "kp/cache/cache_item.h"
 
+#include <algorithm>
+
 #include "coding/binary_property_list.h"
 #include "kp/coding/coding.h"
 #include "kp/coding/property_list.h"
+#include "platform/no_destructor.h"
 
 namespace kp {
 namespace {
@@ -214,6 +217,14 @@ void CacheItem::adoptPayload(std::span<const std::uint8_t> archived) {
 }
 
 void CacheItem::adoptExtraItems(std::span<const std::uint8_t> archived) {
+  // Most entries carry no extra items, and their archive is always the same bytes: those are
+  // known without reading them. (Never destroyed: reads may still run while the process exits.)
+  static internal::NoDestructor<Data> noExtraItems(
+      KeyedArchiver::archivedData(ArchiveValue(ArchiveValue::Dictionary{})).value_or(Data()));
+  if (!noExtraItems->empty() && std::ranges::equal(archived, noExtraItems->bytes())) {
+    extraItems.clear();
+    return;
+  }
   auto extras = KeyedUnarchiver::safeUnarchivedObject(archived);
   if (auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr) {
     extraItems = std::move(*dictionary);

@@ -285,7 +285,11 @@ class BinaryWriter {
 // ---- Binary reader ----
 
 namespace {
-std::uint64_t be(const std::uint8_t* p, std::size_t n) {
+// Every object access reads a reference and an offset this way, most of them one or two bytes
+// wide: those widths take no loop.
+inline std::uint64_t be(const std::uint8_t* p, std::size_t n) {
+  if (n == 1) return p[0];
+  if (n == 2) return (std::uint64_t{p[0]} << 8) | p[1];
   std::uint64_t v = 0;
   for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
   return v;
@@ -308,6 +312,61 @@ BinaryPropertyListReader::BinaryPropertyListReader(std::span<const std::uint8_t>
       count_ > (end - tableOffset_) / offsetSize_) {
     corrupt("bad trailer");
   }
+}
+
+inline const std::uint8_t* BinaryPropertyListReader::need(std::uint64_t pos, std::uint64_t n) const {
+  if (pos > tableOffset_ || n > tableOffset_ - pos) corrupt("object runs past its area");
+  return b_.data() + pos;
+}
+
+inline std::uint64_t BinaryPropertyListReader::offsetOf(std::uint64_t ref) const {
+  if (ref >= count_) corrupt("object reference out of range");
+  const std::uint64_t o = be(b_.data() + tableOffset_ + ref * offsetSize_, offsetSize_);
+  if (o < 8 || o >= tableOffset_) corrupt("object offset out of range");
+  return o;
+}
+
+inline std::uint64_t BinaryPropertyListReader::countOf(std::uint8_t low, std::uint64_t& pos) const {
+  if (low != 0x0F) return low;
+  const std::uint8_t m = *need(pos, 1);
+  if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) corrupt("bad count");
+  const std::size_t n = std::size_t{1} << (m & 0x0F);
+  const std::uint64_t c = be(need(pos + 1, n), n);
+  pos += 1 + n;
+  return c;
+}
+
+inline std::optional<BinaryPropertyListReader::Container> BinaryPropertyListReader::container(std::uint64_t ref) const {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 != 0xA && marker >> 4 != 0xD) return std::nullopt;
+  const bool isArray = marker >> 4 == 0xA;
+  const std::uint64_t n = countOf(marker & 0x0F, pos);
+  const std::uint64_t refs = isArray ? n : n * 2;
+  if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
+  return Container{isArray, n, need(pos, refs * refSize_)};
+}
+
+inline bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 == 0x5) {
+    // Bytes above 0x7F read as Latin-1 and never equal the plain ASCII keys asked for.
+    const std::uint64_t n = countOf(marker & 0x0F, pos);
+    return n == key.size() && std::memcmp(need(pos, n), key.data(), key.size()) == 0;
+  }
+  if (marker >> 4 == 0x6) {
+    const std::uint64_t n = countOf(marker & 0x0F, pos);
+    if (n != key.size()) return false;
+    const std::uint8_t* p = need(pos, n * 2);
+    for (std::size_t i = 0; i < key.size(); ++i) {
+      if (be(p + 2 * i, 2) != static_cast<unsigned char>(key[i])) return false;
+    }
+    return true;
+  }
+  corrupt("dictionary key is not text");
 }
 
 Value BinaryPropertyListReader::build(std::uint64_t ref) { return object(ref, 0); }
@@ -368,61 +427,6 @@ std::uint64_t BinaryPropertyListReader::element(std::uint64_t ref, std::uint64_t
   const auto elements = container(ref);
   if (!elements || !elements->isArray || index >= elements->count) corrupt("no such array element");
   return be(elements->refs + index * refSize_, refSize_);
-}
-
-const std::uint8_t* BinaryPropertyListReader::need(std::uint64_t pos, std::uint64_t n) const {
-  if (pos > tableOffset_ || n > tableOffset_ - pos) corrupt("object runs past its area");
-  return b_.data() + pos;
-}
-
-std::uint64_t BinaryPropertyListReader::offsetOf(std::uint64_t ref) const {
-  if (ref >= count_) corrupt("object reference out of range");
-  const std::uint64_t o = be(b_.data() + tableOffset_ + ref * offsetSize_, offsetSize_);
-  if (o < 8 || o >= tableOffset_) corrupt("object offset out of range");
-  return o;
-}
-
-std::uint64_t BinaryPropertyListReader::countOf(std::uint8_t low, std::uint64_t& pos) const {
-  if (low != 0x0F) return low;
-  const std::uint8_t m = *need(pos, 1);
-  if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) corrupt("bad count");
-  const std::size_t n = std::size_t{1} << (m & 0x0F);
-  const std::uint64_t c = be(need(pos + 1, n), n);
-  pos += 1 + n;
-  return c;
-}
-
-std::optional<BinaryPropertyListReader::Container> BinaryPropertyListReader::container(std::uint64_t ref) const {
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
-  if (marker >> 4 != 0xA && marker >> 4 != 0xD) return std::nullopt;
-  const bool isArray = marker >> 4 == 0xA;
-  const std::uint64_t n = countOf(marker & 0x0F, pos);
-  const std::uint64_t refs = isArray ? n : n * 2;
-  if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
-  return Container{isArray, n, need(pos, refs * refSize_)};
-}
-
-bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
-  if (marker >> 4 == 0x5) {
-    // Bytes above 0x7F read as Latin-1 and never equal the plain ASCII keys asked for.
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    return n == key.size() && std::memcmp(need(pos, n), key.data(), key.size()) == 0;
-  }
-  if (marker >> 4 == 0x6) {
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    if (n != key.size()) return false;
-    const std::uint8_t* p = need(pos, n * 2);
-    for (std::size_t i = 0; i < key.size(); ++i) {
-      if (be(p + 2 * i, 2) != static_cast<unsigned char>(key[i])) return false;
-    }
-    return true;
-  }
-  corrupt("dictionary key is not text");
 }
 
 void BinaryPropertyListReader::spendNode() {

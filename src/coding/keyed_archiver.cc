@@ -309,6 +309,16 @@ struct ArchiveDecoder::State {
     if (uid == 0) return ArchiveValue();
     if (uid >= count) failArchive("object reference out of range");
     if (depth > kMaxPropertyListDepth) failArchive("nesting too deep");
+    if (depth == 0) {
+      // A root that is no object of a class (bytes, text, a number) refers to nothing: it is
+      // read at once, without the table of what was decoded.
+      const std::uint64_t ref = reader->element(objectList, uid);
+      if (!reader->isDictionary(ref)) {
+        spend(1);
+        return decodeFresh(ref, depth);
+      }
+    }
+    if (slots.empty()) slots.resize(count);
     Slot& slot = slots[uid];
     if (slot.done) {
       spend(slot.weight);
@@ -577,7 +587,6 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     state.count = static_cast<std::size_t>(*count);
     state.allowed = allowed;
     state.mapping = &mapping;
-    state.slots.resize(state.count);
     state.budget = 4 * bytes.size() + 1024;
     ArchiveValue out = state.decode(root, 0);
     if (out.isNull()) return std::nullopt;
