@@ -64,15 +64,16 @@ class StoredForm {
  private:
   // The entries of one dictionary, looked up in the order encode() writes them. Once every
   // entry was found under a distinct key, no key can have been written twice, so nothing was
-  // read that the tree's first-entry rule would not have read.
+  // read that the tree's first-entry rule would not have read; and no key asked for after
+  // that can be there.
   class Fields {
    public:
     Fields(coding_detail::BinaryPropertyListReader& reader, std::uint64_t ref)
-        : reader_(reader), ref_(ref), count_(reader.entryCount(ref)) {}
+        : reader_(reader), entries_(reader.dictionary(ref)) {}
 
     std::optional<std::uint64_t> find(std::string_view key) {
-      if (!count_) return std::nullopt;
-      auto found = reader_.find(ref_, key, cursor_);
+      if (!entries_ || found_ == entries_->count) return std::nullopt;
+      auto found = reader_.find(*entries_, key, cursor_);
       if (found) ++found_;
       return found;
     }
@@ -93,12 +94,11 @@ class StoredForm {
       out = reader_.bytes(*ref);
       return out.has_value();
     }
-    [[nodiscard]] bool allFound() const { return count_ && found_ == *count_; }
+    [[nodiscard]] bool allFound() const { return entries_ && found_ == entries_->count; }
 
    private:
     coding_detail::BinaryPropertyListReader& reader_;
-    std::uint64_t ref_;
-    std::optional<std::uint64_t> count_;  // nothing for no dictionary
+    std::optional<coding_detail::BinaryPropertyListReader::Dictionary> entries_;  // nothing for no dictionary
     std::uint64_t cursor_ = 0;
     std::uint64_t found_ = 0;
   };

@@ -384,14 +384,24 @@ std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, s
 
 std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, std::string_view key,
                                                             std::uint64_t& cursor) const {
+  const auto entries = dictionary(ref);
+  return entries ? find(*entries, key, cursor) : std::nullopt;
+}
+
+std::optional<BinaryPropertyListReader::Dictionary> BinaryPropertyListReader::dictionary(std::uint64_t ref) const {
   const auto entries = container(ref);
-  if (!entries || entries->isArray || entries->count == 0) return std::nullopt;
-  const std::uint64_t n = entries->count;
+  if (!entries || entries->isArray) return std::nullopt;
+  return Dictionary{entries->count, entries->refs};
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::find(const Dictionary& entries, std::string_view key,
+                                                            std::uint64_t& cursor) const {
+  const std::uint64_t n = entries.count;
   std::uint64_t i = cursor < n ? cursor : 0;
   for (std::uint64_t k = 0; k < n; ++k, i = i + 1 < n ? i + 1 : 0) {
-    if (keyEquals(be(entries->refs + i * refSize_, refSize_), key)) {
+    if (keyEquals(be(entries.refs + i * refSize_, refSize_), key)) {
       cursor = i + 1;
-      return be(entries->refs + (n + i) * refSize_, refSize_);
+      return be(entries.refs + (n + i) * refSize_, refSize_);
     }
   }
   return std::nullopt;
@@ -442,7 +452,11 @@ void BinaryPropertyListReader::spendBytes(std::uint64_t n) {
 Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
   if (depth > kMaxPropertyListDepth) corrupt("nesting too deep");
   spendNode();
-  if (auto entries = container(ref)) {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 == 0xA || marker >> 4 == 0xD) {
+    const auto entries = container(ref);
     // Sized on the first container: building scalars alone needs no marks.
     if (inProgress_.empty()) inProgress_.assign(count_, false);
     if (inProgress_[ref]) corrupt("object graph has a cycle");
@@ -469,9 +483,6 @@ Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
     inProgress_[ref] = false;
     return out;
   }
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
   const std::uint8_t low = marker & 0x0F;
   switch (marker >> 4) {
     case 0x0:

@@ -56,6 +56,17 @@ class BinaryPropertyListReader {
   // `cursor` past the entry found: keys looked up in the order they were written cost one
   // comparison each. Of a key written twice, the entry found may be either.
   [[nodiscard]] std::optional<std::uint64_t> find(std::uint64_t ref, std::string_view key, std::uint64_t& cursor) const;
+  // The entries of a dictionary where they lie, read once for a caller that looks up several
+  // of its keys.
+  struct Dictionary {
+    std::uint64_t count = 0;
+    const std::uint8_t* refs = nullptr;  // the key references, then the value references
+  };
+  // Nothing when `ref` is no dictionary.
+  [[nodiscard]] std::optional<Dictionary> dictionary(std::uint64_t ref) const;
+  // find() with a cursor, in entries read before.
+  [[nodiscard]] std::optional<std::uint64_t> find(const Dictionary& entries, std::string_view key,
+                                                  std::uint64_t& cursor) const;
   // The entry count of the dictionary `ref`; nothing when it is no dictionary.
   [[nodiscard]] std::optional<std::uint64_t> entryCount(std::uint64_t ref) const;
   [[nodiscard]] bool isDictionary(std::uint64_t ref) const;
