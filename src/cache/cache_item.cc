@@ -29,36 +29,34 @@ void withBytes(const KeyedDecoder& keyed, std::string_view key, F&& use) {
 class StoredForm {
  public:
   using Bytes = std::span<const std::uint8_t>;
+  using Reader = coding_detail::BinaryPropertyListReader;
 
   explicit StoredForm(Bytes bytes) : reader_(bytes) {}
 
-  // The entry with its payload and extra items still archived; nothing when the form is not
-  // the one written.
+  // The entry's fields, with its payload and extra items still archived; nothing when the form
+  // is not the one written.
   struct Read {
-    CacheItem entry;
+    CacheItemType type;
+    CacheItemConfiguration configuration;
+    Date creationDate;
     std::optional<Bytes> item;
     std::optional<Bytes> extras;
   };
   std::optional<Read> read() {
     Fields root(reader_, reader_.top());
     (void)root.find(CacheItem::kCodingVersionKey);
-    const auto rawType = root.value(CacheItem::kCacheTypeKey);
-    const auto* typeNumber = rawType ? rawType->ifInteger() : nullptr;
+    const auto typeNumber = root.scalar(CacheItem::kCacheTypeKey, &Reader::integer);
     const auto type = typeNumber ? cacheItemTypeFromRawValue(*typeNumber) : std::nullopt;
     const auto configuration = root.find(CacheItem::kCacheConfigurationKey);
-    const auto created = root.value(CacheItem::kCreationDateKey);
+    const auto created = root.scalar(CacheItem::kCreationDateKey, &Reader::date);
     std::optional<Bytes> extras, item;
-    if (!type || !configuration || !created || !created->ifDate() || !root.bytes(CacheItem::kExtraItemsKey, extras) ||
+    if (!type || !configuration || !created || !root.bytes(CacheItem::kExtraItemsKey, extras) ||
         !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
       return std::nullopt;
     }
     auto policy = readConfiguration(*configuration);
     if (!policy) return std::nullopt;
-    Read out{CacheItem(), *type == CacheItemType::serialized ? item : std::nullopt, extras};
-    out.entry.cacheType = *type;
-    out.entry.configuration = std::move(*policy);
-    out.entry.setCreationDate(*created->ifDate());
-    return out;
+    return Read{*type, std::move(*policy), *created, *type == CacheItemType::serialized ? item : std::nullopt, extras};
   }
 
  private:
@@ -68,8 +66,7 @@ class StoredForm {
   // that can be there.
   class Fields {
    public:
-    Fields(coding_detail::BinaryPropertyListReader& reader, std::uint64_t ref)
-        : reader_(reader), entries_(reader.dictionary(ref)) {}
+    Fields(Reader& reader, std::uint64_t ref) : reader_(reader), entries_(reader.dictionary(ref)) {}
 
     std::optional<std::uint64_t> find(std::string_view key) {
       if (!entries_ || found_ == entries_->count) return std::nullopt;
@@ -82,10 +79,13 @@ class StoredForm {
       if (!ref) return std::nullopt;
       return reader_.build(*ref);
     }
-    std::optional<bool> flag(std::string_view key) {
-      const auto found = value(key);
-      if (!found || !found->ifBoolean()) return std::nullopt;
-      return *found->ifBoolean();
+    // The scalar under `key` read in place by `read` (one of the reader's scalar accessors);
+    // nothing when it is missing or of another kind.
+    template <class T>
+    std::optional<T> scalar(std::string_view key, std::optional<T> (Reader::*read)(std::uint64_t) const) {
+      const auto ref = find(key);
+      if (!ref) return std::nullopt;
+      return (reader_.*read)(*ref);
     }
     // The bytes under `key`, none when it is missing; false for anything but bytes.
     bool bytes(std::string_view key, std::optional<Bytes>& out) {
@@ -97,27 +97,27 @@ class StoredForm {
     [[nodiscard]] bool allFound() const { return entries_ && found_ == entries_->count; }
 
    private:
-    coding_detail::BinaryPropertyListReader& reader_;
-    std::optional<coding_detail::BinaryPropertyListReader::Dictionary> entries_;  // nothing for no dictionary
+    Reader& reader_;
+    std::optional<Reader::Dictionary> entries_;  // nothing for no dictionary
     std::uint64_t cursor_ = 0;
     std::uint64_t found_ = 0;
   };
 
   std::optional<CacheItemConfiguration> readConfiguration(std::uint64_t ref) {
     Fields fields(reader_, ref);
-    const auto age = fields.value(CacheItemConfiguration::kMaximumAgeKey);
-    const auto onWarning = fields.flag(CacheItemConfiguration::kExpireOnMemoryWarningKey);
-    const auto backStore = fields.flag(CacheItemConfiguration::kRetainInBackStoreKey);
-    const auto inMemory = fields.flag(CacheItemConfiguration::kRetainInMemoryKey);
-    const auto rolling = fields.flag(CacheItemConfiguration::kRollingExpirationKey);
-    const auto automatic = fields.flag(CacheItemConfiguration::kAutoExpirationKey);
+    const auto flag = &Reader::boolean;
+    const auto age = fields.scalar(CacheItemConfiguration::kMaximumAgeKey, &Reader::real);
+    const auto onWarning = fields.scalar(CacheItemConfiguration::kExpireOnMemoryWarningKey, flag);
+    const auto backStore = fields.scalar(CacheItemConfiguration::kRetainInBackStoreKey, flag);
+    const auto inMemory = fields.scalar(CacheItemConfiguration::kRetainInMemoryKey, flag);
+    const auto rolling = fields.scalar(CacheItemConfiguration::kRollingExpirationKey, flag);
+    const auto automatic = fields.scalar(CacheItemConfiguration::kAutoExpirationKey, flag);
     const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
-    if (!age || !age->ifReal() || !onWarning || !backStore || !inMemory || !rolling || !automatic ||
-        !fields.allFound()) {
+    if (!age || !onWarning || !backStore || !inMemory || !rolling || !automatic || !fields.allFound()) {
       return std::nullopt;
     }
     CacheItemConfiguration config;
-    config.maximumAge = *age->ifReal();
+    config.maximumAge = *age;
     config.expireOnMemoryWarning = *onWarning;
     config.retainInBackStore = *backStore;
     config.retainInMemory = *inMemory;
@@ -130,7 +130,7 @@ class StoredForm {
     return config;
   }
 
-  coding_detail::BinaryPropertyListReader reader_;
+  Reader reader_;
 };
 
 }  // namespace
@@ -242,9 +242,10 @@ CacheItem CacheItem::decodeStored(std::span<const std::uint8_t> propertyList) {
       // damaged: decode() says how
     }
     if (read) {
-      if (read->item) read->entry.adoptPayload(*read->item);
-      if (read->extras) read->entry.adoptExtraItems(*read->extras);
-      return std::move(read->entry);
+      CacheItem entry(read->type, std::move(read->configuration), read->creationDate);
+      if (read->item) entry.adoptPayload(*read->item);
+      if (read->extras) entry.adoptExtraItems(*read->extras);
+      return entry;
     }
   }
   return PropertyListDecoder().decode<CacheItem>(propertyList);

@@ -348,25 +348,92 @@ inline std::optional<BinaryPropertyListReader::Container> BinaryPropertyListRead
   return Container{isArray, n, need(pos, refs * refSize_)};
 }
 
-inline bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
+inline std::uint8_t BinaryPropertyListReader::markerOf(std::uint64_t ref, std::uint64_t& pos) const {
+  pos = offsetOf(ref);
+  const std::uint8_t m = *need(pos, 1);
   ++pos;
-  if (marker >> 4 == 0x5) {
-    // Bytes above 0x7F read as Latin-1 and never equal the plain ASCII keys asked for.
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    return n == key.size() && std::memcmp(need(pos, n), key.data(), key.size()) == 0;
+  return m;
+}
+
+inline bool BinaryPropertyListReader::unitsEqual(std::uint64_t pos, std::uint64_t n, std::size_t unitSize,
+                                                 std::string_view text) const {
+  if (n != text.size()) return false;
+  // Bytes above 0x7F read as Latin-1, and UTF-16 units above it are no ASCII either: neither
+  // equals the plain ASCII text asked for.
+  const std::uint8_t* p = need(pos, n * unitSize);
+  if (unitSize == 1) return std::memcmp(p, text.data(), text.size()) == 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (be(p + 2 * i, 2) != static_cast<unsigned char>(text[i])) return false;
   }
-  if (marker >> 4 == 0x6) {
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    if (n != key.size()) return false;
-    const std::uint8_t* p = need(pos, n * 2);
-    for (std::size_t i = 0; i < key.size(); ++i) {
-      if (be(p + 2 * i, 2) != static_cast<unsigned char>(key[i])) return false;
-    }
-    return true;
+  return true;
+}
+
+inline bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x5 && m >> 4 != 0x6) corrupt("dictionary key is not text");
+  const std::uint64_t n = countOf(m & 0x0F, pos);
+  return unitsEqual(pos, n, m >> 4 == 0x5 ? 1 : 2, key);
+}
+
+bool BinaryPropertyListReader::textEquals(std::uint64_t ref, std::string_view text) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x5 && m >> 4 != 0x6) return false;
+  const std::uint64_t n = countOf(m & 0x0F, pos);
+  return unitsEqual(pos, n, m >> 4 == 0x5 ? 1 : 2, text);
+}
+
+double BinaryPropertyListReader::realAt(std::uint8_t head, std::uint64_t pos) const {
+  const std::uint8_t low = head & 0x0F;
+  if (low == 2) return std::bit_cast<float>(static_cast<std::uint32_t>(be(need(pos, 4), 4)));
+  if (low == 3) return std::bit_cast<double>(be(need(pos, 8), 8));
+  corrupt("bad real size");
+}
+
+std::optional<bool> BinaryPropertyListReader::boolean(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m == 0x08 || m == 0x09) return m == 0x09;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> BinaryPropertyListReader::integer(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x1) return std::nullopt;
+  if ((m & 0x0F) > 4) corrupt("bad integer size");
+  const std::size_t n = std::size_t{1} << (m & 0x0F);
+  const std::uint8_t* p = need(pos, n);
+  if (n == 16) {
+    // Of the 16-byte form, only values whose upper half is not zero are signed integers.
+    if (be(p, 8) == 0) return std::nullopt;
+    return static_cast<std::int64_t>(be(p + 8, 8));
   }
-  corrupt("dictionary key is not text");
+  return static_cast<std::int64_t>(be(p, n));
+}
+
+std::optional<double> BinaryPropertyListReader::real(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x2) return std::nullopt;
+  return realAt(m, pos);
+}
+
+std::optional<Date> BinaryPropertyListReader::date(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x3) return std::nullopt;
+  return Date::fromTimeIntervalSinceReferenceDate(realAt(m, pos));
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::uid(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x8) return std::nullopt;
+  const std::size_t n = (m & 0x0F) + 1u;
+  if (n > 8) corrupt("bad reference size");
+  return be(need(pos, n), n);
 }
 
 Value BinaryPropertyListReader::build(std::uint64_t ref) { return object(ref, 0); }
@@ -504,14 +571,7 @@ Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
     }
     case 0x2:
     case 0x3: {
-      double d;
-      if (low == 2) {
-        d = std::bit_cast<float>(static_cast<std::uint32_t>(be(need(pos, 4), 4)));
-      } else if (low == 3) {
-        d = std::bit_cast<double>(be(need(pos, 8), 8));
-      } else {
-        corrupt("bad real size");
-      }
+      const double d = realAt(marker, pos);
       if (marker >> 4 == 0x3) return Date::fromTimeIntervalSinceReferenceDate(d);
       return d;
     }

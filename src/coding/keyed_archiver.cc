@@ -571,16 +571,14 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     // The archive's own entries are looked up where they lie.
     const std::uint64_t top = reader.top();
     const auto archiver = reader.find(top, "$archiver");
-    if (!archiver) return std::nullopt;
-    const Value name = reader.build(*archiver);
-    if (!name.ifString() || *name.ifString() != "NSKeyedArchiver") return std::nullopt;
+    if (!archiver || !reader.textEquals(*archiver, "NSKeyedArchiver")) return std::nullopt;
     const auto objects = reader.find(top, "$objects");
     const auto count = objects ? reader.count(*objects) : std::nullopt;
     const auto topEntries = reader.find(top, "$top");
     if (!count || !topEntries) return std::nullopt;
     const auto rootRef = reader.find(*topEntries, "root");
-    if (!rootRef) return std::nullopt;
-    const Value root = reader.build(*rootRef);
+    const auto root = rootRef ? reader.uid(*rootRef) : std::nullopt;
+    if (!root) failArchive("expected an object reference");
     ArchiveDecoder::State state;
     state.reader = &reader;
     state.objectList = *objects;
@@ -588,7 +586,7 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     state.allowed = allowed;
     state.mapping = &mapping;
     state.budget = 4 * bytes.size() + 1024;
-    ArchiveValue out = state.decode(root, 0);
+    ArchiveValue out = state.decode(*root, 0);
     if (out.isNull()) return std::nullopt;
     return out;
   } catch (const std::exception&) {
