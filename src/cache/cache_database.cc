@@ -207,6 +207,7 @@ bool CacheControllerDatabase::open(const std::string& url) {
 }
 
 void CacheControllerDatabase::dropConnection() {
+  load_ = nullptr;
   statements_.clear();
   db_.reset();
 }
@@ -422,12 +423,16 @@ std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::load
   // Every read from the database takes this path: its one row is read by column position,
   // and its bytes are moved out rather than copied.
   MutexLock lock(mutex_);
-  auto* prepared = statement(kLoadWithTimestamp);
+  // Kept apart from the statements by text, so that a hit does not hash the SQL to find it.
+  if (!load_) load_ = statement(kLoadWithTimestamp);
+  auto* prepared = load_;
   if (!prepared) return std::nullopt;
+  // The key is bound where it lies: its caller's buffer outlives this run, whose end resets
+  // the statement and clears the binding.
   StatementRun run(*prepared);
   std::optional<std::vector<SQLiteValue>> row;
   try {
-    prepared->bind(SQLiteValue(std::string(key)));
+    prepared->bindBorrowedText(key);
     row = prepared->readValues();
   } catch (const std::exception&) {
     return std::nullopt;

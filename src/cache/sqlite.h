@@ -146,6 +146,9 @@ class SQLitePreparedStatement {
   virtual SQLitePreparedStatement& bind(const SQLiteValue& value) = 0;
   // Binds at a 1-based position; the current position stays as it is.
   virtual SQLitePreparedStatement& bind(const SQLiteValue& value, int position) = 0;
+  // Binds `text` at the current position, as bind() binds a string value, without copying
+  // it: the text must stay as it is until the statement is reset.
+  virtual SQLitePreparedStatement& bindBorrowedText(std::string_view text) = 0;
   // Runs the statement once to completion; a statement that yields a row fails.
   virtual SQLitePreparedStatement& execute() = 0;
   // The next result row's cells, or nothing when there is none (a stepping error also
@@ -214,6 +217,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
 
   PreparedStatement& bind(const SQLiteValue& value) override;
   PreparedStatement& bind(const SQLiteValue& value, int position) override;
+  PreparedStatement& bindBorrowedText(std::string_view text) override;
   PreparedStatement& execute() override;
   [[nodiscard]] std::optional<SQLiteCells> readCells() override;
   [[nodiscard]] std::vector<SQLiteCells> readAllCells() override;
@@ -226,6 +230,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
 
  private:
   void requireLive() const;
+  void advanceBindingPosition();
   [[nodiscard]] std::vector<std::string> columnNames() const;
   // Steps to the next row; false at the end of the result set, which stays ended.
   [[nodiscard]] bool step();
