@@ -44,7 +44,8 @@ class StoredForm {
   };
   std::optional<Read> read() {
     Fields root(reader_, reader_.top());
-    (void)root.find(CacheItem::kCodingVersionKey);
+    // Read although unused, as the general decoder reads every object: a damaged one fails it.
+    if (!root.scalar(CacheItem::kCodingVersionKey, &Reader::integer)) return std::nullopt;
     const auto typeNumber = root.scalar(CacheItem::kCacheTypeKey, &Reader::integer);
     const auto type = typeNumber ? cacheItemTypeFromRawValue(*typeNumber) : std::nullopt;
     const auto configuration = root.find(CacheItem::kCacheConfigurationKey);
