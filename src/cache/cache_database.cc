@@ -3,6 +3,7 @@
 #include "cache/cache_database.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <chrono>
 #include <cmath>
@@ -430,16 +431,16 @@ std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::load
   // The key is bound where it lies: its caller's buffer outlives this run, whose end resets
   // the statement and clears the binding.
   StatementRun run(*prepared);
-  std::optional<std::vector<SQLiteValue>> row;
+  std::array<SQLiteValue, 2> row;
   try {
     prepared->bindBorrowedText(key);
-    row = prepared->readValues();
+    if (!prepared->readValues(row)) return std::nullopt;
   } catch (const std::exception&) {
     return std::nullopt;
   }
-  if (!row || row->size() != 2 || !(*row)[0].asData()) return std::nullopt;
-  const auto seconds = (*row)[1].asInt32().value_or(0);
-  return StoredData{std::move((*row)[0]).takeData(), Date::fromTimeIntervalSince1970(seconds)};
+  if (!row[0].asData()) return std::nullopt;
+  const auto seconds = row[1].asInt32().value_or(0);
+  return StoredData{std::move(row[0]).takeData(), Date::fromTimeIntervalSince1970(seconds)};
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {

@@ -252,14 +252,14 @@ std::vector<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::readAllCells(
   return rows;
 }
 
-std::optional<std::vector<SQLiteValue>> DefaultSQLiteDatabase::PreparedStatement::readValues() {
+bool DefaultSQLiteDatabase::PreparedStatement::readValues(std::span<SQLiteValue> values) {
   requireLive();
-  if (!step()) return std::nullopt;
-  const int count = sqlite3_column_count(statement_);
-  std::vector<SQLiteValue> values;
-  values.reserve(static_cast<std::size_t>(count));
-  for (int i = 0; i < count; ++i) values.push_back(cell(i));
-  return values;
+  if (!step()) return false;
+  if (static_cast<std::size_t>(sqlite3_column_count(statement_)) < values.size()) {
+    throw SQLiteStatementError(SQLiteStatementError::Code::reading);
+  }
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = cell(static_cast<int>(i));
+  return true;
 }
 
 void DefaultSQLiteDatabase::PreparedStatement::reset() noexcept {

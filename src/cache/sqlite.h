@@ -28,6 +28,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -155,9 +156,11 @@ class SQLitePreparedStatement {
   // ends the result set).
   [[nodiscard]] virtual std::optional<SQLiteCells> readCells() = 0;
   [[nodiscard]] virtual std::vector<SQLiteCells> readAllCells() = 0;
-  // The next result row's cells in the order of the selected columns, read as readCells()
-  // reads them, for a caller that knows what it selected: no names are read or kept.
-  [[nodiscard]] virtual std::optional<std::vector<SQLiteValue>> readValues() = 0;
+  // The next result row's first `values.size()` cells in the order of the selected columns,
+  // read as readCells() reads them, into the caller's storage, for a caller that knows what it
+  // selected: no names are read or kept. False when there is no row; a row of fewer columns
+  // fails.
+  [[nodiscard]] virtual bool readValues(std::span<SQLiteValue> values) = 0;
   // Makes the statement fresh again for another run: its result set ends, its bindings are
   // cleared and the binding position is 1. Nothing on a finalized statement.
   virtual void reset() noexcept = 0;
@@ -221,7 +224,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
   PreparedStatement& execute() override;
   [[nodiscard]] std::optional<SQLiteCells> readCells() override;
   [[nodiscard]] std::vector<SQLiteCells> readAllCells() override;
-  [[nodiscard]] std::optional<std::vector<SQLiteValue>> readValues() override;
+  [[nodiscard]] bool readValues(std::span<SQLiteValue> values) override;
   void reset() noexcept override;
   void finalize() noexcept override;
 

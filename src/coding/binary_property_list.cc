@@ -290,6 +290,12 @@ namespace {
 inline std::uint64_t be(const std::uint8_t* p, std::size_t n) {
   if (n == 1) return p[0];
   if (n == 2) return (std::uint64_t{p[0]} << 8) | p[1];
+  if (n == 8) {
+    // The trailer's fields, reals and dates.
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+  }
   std::uint64_t v = 0;
   for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
   return v;

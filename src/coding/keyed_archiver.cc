@@ -569,12 +569,17 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     if (!coding_detail::isBinaryPropertyList(bytes)) binary = writePropertyList(readPropertyList(bytes));
     coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : bytes);
     // The archive's own entries are looked up where they lie.
-    const std::uint64_t top = reader.top();
-    const auto archiver = reader.find(top, "$archiver");
+    const auto top = reader.dictionary(reader.top());
+    if (!top) return std::nullopt;
+    const auto entry = [&](std::string_view key) {
+      std::uint64_t from = 0;  // from the first entry on: of a key written twice, the first counts
+      return reader.find(*top, key, from);
+    };
+    const auto archiver = entry("$archiver");
     if (!archiver || !reader.textEquals(*archiver, "NSKeyedArchiver")) return std::nullopt;
-    const auto objects = reader.find(top, "$objects");
+    const auto objects = entry("$objects");
     const auto count = objects ? reader.count(*objects) : std::nullopt;
-    const auto topEntries = reader.find(top, "$top");
+    const auto topEntries = entry("$top");
     if (!count || !topEntries) return std::nullopt;
     const auto rootRef = reader.find(*topEntries, "root");
     const auto root = rootRef ? reader.uid(*rootRef) : std::nullopt;
