@@ -480,6 +480,12 @@ std::optional<std::uint64_t> BinaryPropertyListReader::find(const Dictionary& en
   return std::nullopt;
 }
 
+std::optional<std::uint64_t> BinaryPropertyListReader::valueAt(const Dictionary& entries, std::uint64_t index,
+                                                               std::string_view key) const {
+  if (index >= entries.count || !textEquals(be(entries.refs + index * refSize_, refSize_), key)) return std::nullopt;
+  return be(entries.refs + (entries.count + index) * refSize_, refSize_);
+}
+
 std::optional<std::uint64_t> BinaryPropertyListReader::entryCount(std::uint64_t ref) const {
   const auto entries = container(ref);
   if (!entries || entries->isArray) return std::nullopt;

@@ -67,6 +67,10 @@ class BinaryPropertyListReader {
   // find() with a cursor, in entries read before.
   [[nodiscard]] std::optional<std::uint64_t> find(const Dictionary& entries, std::string_view key,
                                                   std::uint64_t& cursor) const;
+  // The value of entry `index` (below the count) when its key is the text `key`; nothing for
+  // any other key, text or not.
+  [[nodiscard]] std::optional<std::uint64_t> valueAt(const Dictionary& entries, std::uint64_t index,
+                                                     std::string_view key) const;
   // The entry count of the dictionary `ref`; nothing when it is no dictionary.
   [[nodiscard]] std::optional<std::uint64_t> entryCount(std::uint64_t ref) const;
   [[nodiscard]] bool isDictionary(std::uint64_t ref) const;

@@ -571,15 +571,20 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     // The archive's own entries are looked up where they lie.
     const auto top = reader.dictionary(reader.top());
     if (!top) return std::nullopt;
-    const auto entry = [&](std::string_view key) {
-      std::uint64_t from = 0;  // from the first entry on: of a key written twice, the first counts
-      return reader.find(*top, key, from);
-    };
-    const auto archiver = entry("$archiver");
+    // Archivers write these four entries, and only these, in this order: found there, each key
+    // is there once, and its entry is the one a lookup from the first entry finds. Anything
+    // else is looked up entry by entry.
+    constexpr std::string_view kKeys[4] = {"$version", "$archiver", "$top", "$objects"};
+    std::optional<std::uint64_t> found[4];
+    bool inOrder = top->count == 4;
+    for (std::size_t i = 0; inOrder && i < 4; ++i) inOrder = (found[i] = reader.valueAt(*top, i, kKeys[i])).has_value();
+    if (!inOrder) {
+      for (std::size_t i = 1; i < 4; ++i) found[i] = reader.find(reader.top(), kKeys[i]);
+    }
+    const auto& [version, archiver, topEntries, objects] = found;
+    (void)version;
     if (!archiver || !reader.textEquals(*archiver, "NSKeyedArchiver")) return std::nullopt;
-    const auto objects = entry("$objects");
     const auto count = objects ? reader.count(*objects) : std::nullopt;
-    const auto topEntries = entry("$top");
     if (!count || !topEntries) return std::nullopt;
     const auto rootRef = reader.find(*topEntries, "root");
     const auto root = rootRef ? reader.uid(*rootRef) : std::nullopt;
