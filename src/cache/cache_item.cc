@@ -44,20 +44,25 @@ class StoredForm {
   };
   std::optional<Read> read() {
     Fields root(reader_, reader_.top());
-    // Read although unused, as the general decoder reads every object: a damaged one fails it.
-    if (!root.scalar(CacheItem::kCodingVersionKey, &Reader::integer)) return std::nullopt;
-    const auto typeNumber = root.scalar(CacheItem::kCacheTypeKey, &Reader::integer);
-    const auto type = typeNumber ? cacheItemTypeFromRawValue(*typeNumber) : std::nullopt;
-    const auto configuration = root.find(CacheItem::kCacheConfigurationKey);
-    const auto created = root.scalar(CacheItem::kCreationDateKey, &Reader::date);
+    // Found by reference, not returned as optionals: the lookups are the hit's inner loop.
+    std::int64_t version = 0, typeNumber = 0;
+    std::uint64_t configuration = 0;
+    Date created;
     std::optional<Bytes> extras, item;
-    if (!type || !configuration || !created || !root.bytes(CacheItem::kExtraItemsKey, extras) ||
-        !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
+    // The version is read although unused, as the general decoder reads every object: a damaged
+    // one fails it.
+    if (!root.scalar(CacheItem::kCodingVersionKey, &Reader::integer, version) ||
+        !root.scalar(CacheItem::kCacheTypeKey, &Reader::integer, typeNumber) ||
+        !root.find(CacheItem::kCacheConfigurationKey, configuration) ||
+        !root.scalar(CacheItem::kCreationDateKey, &Reader::date, created) ||
+        !root.bytes(CacheItem::kExtraItemsKey, extras) || !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
       return std::nullopt;
     }
-    auto policy = readConfiguration(*configuration);
+    const auto type = cacheItemTypeFromRawValue(typeNumber);
+    if (!type) return std::nullopt;
+    auto policy = readConfiguration(configuration);
     if (!policy) return std::nullopt;
-    return Read{*type, std::move(*policy), *created, *type == CacheItemType::serialized ? item : std::nullopt, extras};
+    return Read{*type, std::move(*policy), created, *type == CacheItemType::serialized ? item : std::nullopt, extras};
   }
 
  private:
@@ -69,30 +74,36 @@ class StoredForm {
    public:
     Fields(Reader& reader, std::uint64_t ref) : reader_(reader), entries_(reader.dictionary(ref)) {}
 
-    std::optional<std::uint64_t> find(std::string_view key) {
-      if (!entries_ || found_ == entries_->count) return std::nullopt;
-      auto found = reader_.find(*entries_, key, cursor_);
-      if (found) ++found_;
-      return found;
+    // False when the key is not there.
+    bool find(std::string_view key, std::uint64_t& ref) {
+      if (!entries_ || found_ == entries_->count) return false;
+      const auto found = reader_.find(*entries_, key, cursor_);
+      if (!found) return false;
+      ++found_;
+      ref = *found;
+      return true;
     }
     std::optional<Value> value(std::string_view key) {
-      const auto ref = find(key);
-      if (!ref) return std::nullopt;
-      return reader_.build(*ref);
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return std::nullopt;
+      return reader_.build(ref);
     }
     // The scalar under `key` read in place by `read` (one of the reader's scalar accessors);
-    // nothing when it is missing or of another kind.
+    // false when it is missing or of another kind.
     template <class T>
-    std::optional<T> scalar(std::string_view key, std::optional<T> (Reader::*read)(std::uint64_t) const) {
-      const auto ref = find(key);
-      if (!ref) return std::nullopt;
-      return (reader_.*read)(*ref);
+    bool scalar(std::string_view key, std::optional<T> (Reader::*read)(std::uint64_t) const, T& out) {
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return false;
+      const auto found = (reader_.*read)(ref);
+      if (!found) return false;
+      out = *found;
+      return true;
     }
     // The bytes under `key`, none when it is missing; false for anything but bytes.
     bool bytes(std::string_view key, std::optional<Bytes>& out) {
-      const auto ref = find(key);
-      if (!ref) return true;
-      out = reader_.bytes(*ref);
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return true;
+      out = reader_.bytes(ref);
       return out.has_value();
     }
     [[nodiscard]] bool allFound() const { return entries_ && found_ == entries_->count; }
@@ -107,23 +118,17 @@ class StoredForm {
   std::optional<CacheItemConfiguration> readConfiguration(std::uint64_t ref) {
     Fields fields(reader_, ref);
     const auto flag = &Reader::boolean;
-    const auto age = fields.scalar(CacheItemConfiguration::kMaximumAgeKey, &Reader::real);
-    const auto onWarning = fields.scalar(CacheItemConfiguration::kExpireOnMemoryWarningKey, flag);
-    const auto backStore = fields.scalar(CacheItemConfiguration::kRetainInBackStoreKey, flag);
-    const auto inMemory = fields.scalar(CacheItemConfiguration::kRetainInMemoryKey, flag);
-    const auto rolling = fields.scalar(CacheItemConfiguration::kRollingExpirationKey, flag);
-    const auto automatic = fields.scalar(CacheItemConfiguration::kAutoExpirationKey, flag);
-    const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
-    if (!age || !onWarning || !backStore || !inMemory || !rolling || !automatic || !fields.allFound()) {
+    CacheItemConfiguration config;
+    if (!fields.scalar(CacheItemConfiguration::kMaximumAgeKey, &Reader::real, config.maximumAge) ||
+        !fields.scalar(CacheItemConfiguration::kExpireOnMemoryWarningKey, flag, config.expireOnMemoryWarning) ||
+        !fields.scalar(CacheItemConfiguration::kRetainInBackStoreKey, flag, config.retainInBackStore) ||
+        !fields.scalar(CacheItemConfiguration::kRetainInMemoryKey, flag, config.retainInMemory) ||
+        !fields.scalar(CacheItemConfiguration::kRollingExpirationKey, flag, config.rollingExpiration) ||
+        !fields.scalar(CacheItemConfiguration::kAutoExpirationKey, flag, config.autoExpiration)) {
       return std::nullopt;
     }
-    CacheItemConfiguration config;
-    config.maximumAge = *age;
-    config.expireOnMemoryWarning = *onWarning;
-    config.retainInBackStore = *backStore;
-    config.retainInMemory = *inMemory;
-    config.rollingExpiration = *rolling;
-    config.autoExpiration = *automatic;
+    const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
+    if (!fields.allFound()) return std::nullopt;
     if (group) {
       if (!group->ifString() || group->isNil()) return std::nullopt;
       config.groupName = *group->ifString();
