@@ -309,14 +309,10 @@ struct ArchiveDecoder::State {
     if (uid == 0) return ArchiveValue();
     if (uid >= count) failArchive("object reference out of range");
     if (depth > kMaxPropertyListDepth) failArchive("nesting too deep");
-    if (depth == 0) {
-      // A root that is no object of a class (bytes, text, a number) refers to nothing: it is
-      // read at once, without the table of what was decoded.
-      const std::uint64_t ref = reader->element(objectList, uid);
-      if (!reader->isDictionary(ref)) {
-        spend(1);
-        return decodeFresh(ref, depth);
-      }
+    // A root that is no object of a class (bytes, text, a number) refers to nothing: no slots.
+    if (depth == 0 && !reader->isDictionary(reader->element(objectList, uid))) {
+      spend(1);
+      return decodeFresh(reader->element(objectList, uid), depth);
     }
     if (slots.empty()) slots.resize(count);
     Slot& slot = slots[uid];
@@ -568,21 +564,16 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     std::optional<Data> binary;
     if (!coding_detail::isBinaryPropertyList(bytes)) binary = writePropertyList(readPropertyList(bytes));
     coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : bytes);
-    // The archive's own entries are looked up where they lie.
+    // The archive's own entries, where they lie: archivers write these four alone and in this
+    // order, so each once; in any other order each is looked up from the first entry on.
     const auto top = reader.dictionary(reader.top());
     if (!top) return std::nullopt;
-    // Archivers write these four entries, and only these, in this order: found there, each key
-    // is there once, and its entry is the one a lookup from the first entry finds. Anything
-    // else is looked up entry by entry.
     constexpr std::string_view kKeys[4] = {"$version", "$archiver", "$top", "$objects"};
     std::optional<std::uint64_t> found[4];
     bool inOrder = top->count == 4;
     for (std::size_t i = 0; inOrder && i < 4; ++i) inOrder = (found[i] = reader.valueAt(*top, i, kKeys[i])).has_value();
-    if (!inOrder) {
-      for (std::size_t i = 1; i < 4; ++i) found[i] = reader.find(reader.top(), kKeys[i]);
-    }
+    for (std::size_t i = 1; !inOrder && i < 4; ++i) found[i] = reader.find(reader.top(), kKeys[i]);
     const auto& [version, archiver, topEntries, objects] = found;
-    (void)version;
     if (!archiver || !reader.textEquals(*archiver, "NSKeyedArchiver")) return std::nullopt;
     const auto count = objects ? reader.count(*objects) : std::nullopt;
     if (!count || !topEntries) return std::nullopt;
