@@ -112,10 +112,11 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     bool mayKeep;
     std::uint64_t generation;
   };
-  [[nodiscard]] ReadStart startRead() const {
-    const bool mayKeep = pendingWipes.load() == 0;
-    return {mayKeep, memory.removalGeneration()};
-  }
+  // `generation` is the memory's removal count taken with the lookup that missed. The wipes
+  // are read after it: a wipe counts itself pending before it empties memory, so a read that
+  // took the count before the emptying finds the count moved on when it stores, and one that
+  // took it after finds the wipe pending.
+  [[nodiscard]] ReadStart startRead(std::uint64_t generation) const { return {pendingWipes.load() == 0, generation}; }
 
   // ---- background tasks ----
 
@@ -282,7 +283,8 @@ struct CacheController::State : std::enable_shared_from_this<State> {
     return ArchiveValue(std::make_shared<ArchivableImage>(std::move(*image)));
   }
 
-  [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData);
+  [[gnu::noinline]] std::shared_ptr<CacheItem> readCacheItem(std::string_view key, bool loadData,
+                                                             std::uint64_t generation);
 
   // The rules every read applies once it has found an entry: rolling expiry, expiry, and
   // keeping an entry read from the database in memory.
@@ -439,20 +441,22 @@ std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key) {
 std::shared_ptr<CacheItem> CacheController::getCacheItem(std::string_view key, bool loadData) {
   State& s = *state_;
   // CacheItem is final: comparing the exact type is enough, and cheaper than a cast.
-  if (auto hit = s.memory.get(key)) {
+  auto [hit, generation] = s.memory.lookup(key);
+  if (hit) {
     const Cacheable& cached = *hit;  // typeid of a plain reference: nothing to evaluate
     if (typeid(cached) == typeid(CacheItem)) {
       return std::static_pointer_cast<CacheItem>(s.finishRead(std::move(hit), key, true, false));
     }
   }
-  return s.readCacheItem(key, loadData);
+  return s.readCacheItem(key, loadData, generation);
 }
 
 // Apart from the memory hit, so that the hit stays a short call.
-std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData) {
+std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_view key, bool loadData,
+                                                                 std::uint64_t generation) {
   State& s = *this;
   if (!databaseCanHold(key)) return nullptr;
-  const auto start = s.startRead();
+  const auto start = s.startRead(generation);
   auto& slot = s.fileWriteSlot(key);
   const std::uint32_t writesBefore = slot.load(std::memory_order_acquire);
   auto stored = s.database.loadCacheDataAndTimestamp(key);
@@ -483,9 +487,10 @@ std::shared_ptr<CacheItem> CacheController::State::readCacheItem(std::string_vie
 
 std::shared_ptr<Cacheable> CacheController::get(const CacheableType& type, std::string_view key) {
   State& s = *state_;
-  if (auto hit = s.memory.get(key); hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
+  auto [hit, generation] = s.memory.lookup(key);
+  if (hit && type.accepts(*hit)) return s.finishRead(std::move(hit), key, true, false);
   if (!databaseCanHold(key)) return nullptr;
-  const auto start = s.startRead();
+  const auto start = s.startRead(generation);
   auto stored = s.database.loadCacheDataAndTimestamp(key);
   if (!stored) return nullptr;
   auto entry = type.decode(stored->data);

@@ -3,6 +3,7 @@
 #include "cache/cache_database.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <chrono>
 #include <cmath>
@@ -207,6 +208,7 @@ bool CacheControllerDatabase::open(const std::string& url) {
 }
 
 void CacheControllerDatabase::dropConnection() {
+  load_ = nullptr;
   statements_.clear();
   db_.reset();
 }
@@ -422,19 +424,23 @@ std::optional<CacheControllerDatabase::StoredData> CacheControllerDatabase::load
   // Every read from the database takes this path: its one row is read by column position,
   // and its bytes are moved out rather than copied.
   MutexLock lock(mutex_);
-  auto* prepared = statement(kLoadWithTimestamp);
+  // Kept apart from the statements by text, so that a hit does not hash the SQL to find it.
+  if (!load_) load_ = statement(kLoadWithTimestamp);
+  auto* prepared = load_;
   if (!prepared) return std::nullopt;
+  // The key is bound where it lies: its caller's buffer outlives this run, whose end resets
+  // the statement and clears the binding.
   StatementRun run(*prepared);
-  std::optional<std::vector<SQLiteValue>> row;
+  std::array<SQLiteValue, 2> row;
   try {
-    prepared->bind(SQLiteValue(std::string(key)));
-    row = prepared->readValues();
+    prepared->bindBorrowedText(key);
+    if (!prepared->readValues(row)) return std::nullopt;
   } catch (const std::exception&) {
     return std::nullopt;
   }
-  if (!row || row->size() != 2 || !(*row)[0].asData()) return std::nullopt;
-  const auto seconds = (*row)[1].asInt32().value_or(0);
-  return StoredData{std::move((*row)[0]).takeData(), Date::fromTimeIntervalSince1970(seconds)};
+  if (!row[0].asData()) return std::nullopt;
+  const auto seconds = row[1].asInt32().value_or(0);
+  return StoredData{std::move(row[0]).takeData(), Date::fromTimeIntervalSince1970(seconds)};
 }
 
 std::optional<CacheItemType> CacheControllerDatabase::getCacheItemType(std::string_view key) {

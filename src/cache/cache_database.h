@@ -186,6 +186,8 @@ class CacheControllerDatabase {
   // The statements of db_, by their SQL text.
   std::unordered_map<std::string, std::unique_ptr<SQLitePreparedStatement>, TextHash, std::equal_to<>> statements_
       GUARDED_BY(mutex_);
+  // The one of them that every read of an entry runs; null until its first use.
+  SQLitePreparedStatement* load_ GUARDED_BY(mutex_) = nullptr;
 };
 
 }  // namespace kp

@@ -1,9 +1,12 @@
 // Coded forms of cache entries and their policy.
 #include "kp/cache/cache_item.h"
 
+#include <algorithm>
+
 #include "coding/binary_property_list.h"
 #include "kp/coding/coding.h"
 #include "kp/coding/property_list.h"
+#include "platform/no_destructor.h"
 
 namespace kp {
 namespace {
@@ -26,100 +29,106 @@ void withBytes(const KeyedDecoder& keyed, std::string_view key, F&& use) {
 class StoredForm {
  public:
   using Bytes = std::span<const std::uint8_t>;
+  using Reader = coding_detail::BinaryPropertyListReader;
 
   explicit StoredForm(Bytes bytes) : reader_(bytes) {}
 
-  // The entry with its payload and extra items still archived; nothing when the form is not
-  // the one written.
+  // The entry's fields, with its payload and extra items still archived; nothing when the form
+  // is not the one written.
   struct Read {
-    CacheItem entry;
+    CacheItemType type;
+    CacheItemConfiguration configuration;
+    Date creationDate;
     std::optional<Bytes> item;
     std::optional<Bytes> extras;
   };
   std::optional<Read> read() {
     Fields root(reader_, reader_.top());
-    (void)root.find(CacheItem::kCodingVersionKey);
-    const auto rawType = root.value(CacheItem::kCacheTypeKey);
-    const auto* typeNumber = rawType ? rawType->ifInteger() : nullptr;
-    const auto type = typeNumber ? cacheItemTypeFromRawValue(*typeNumber) : std::nullopt;
-    const auto configuration = root.find(CacheItem::kCacheConfigurationKey);
-    const auto created = root.value(CacheItem::kCreationDateKey);
+    // Found by reference, not returned as optionals: the lookups are the hit's inner loop.
+    std::int64_t version = 0, typeNumber = 0;
+    std::uint64_t configuration = 0;
+    Date created;
     std::optional<Bytes> extras, item;
-    if (!type || !configuration || !created || !created->ifDate() || !root.bytes(CacheItem::kExtraItemsKey, extras) ||
-        !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
+    // The version is read although unused, as the general decoder reads every object: a damaged
+    // one fails it.
+    if (!root.scalar(CacheItem::kCodingVersionKey, &Reader::integer, version) ||
+        !root.scalar(CacheItem::kCacheTypeKey, &Reader::integer, typeNumber) ||
+        !root.find(CacheItem::kCacheConfigurationKey, configuration) ||
+        !root.scalar(CacheItem::kCreationDateKey, &Reader::date, created) ||
+        !root.bytes(CacheItem::kExtraItemsKey, extras) || !root.bytes(CacheItem::kItemKey, item) || !root.allFound()) {
       return std::nullopt;
     }
-    auto policy = readConfiguration(*configuration);
+    const auto type = cacheItemTypeFromRawValue(typeNumber);
+    if (!type) return std::nullopt;
+    auto policy = readConfiguration(configuration);
     if (!policy) return std::nullopt;
-    Read out{CacheItem(), *type == CacheItemType::serialized ? item : std::nullopt, extras};
-    out.entry.cacheType = *type;
-    out.entry.configuration = std::move(*policy);
-    out.entry.setCreationDate(*created->ifDate());
-    return out;
+    return Read{*type, std::move(*policy), created, *type == CacheItemType::serialized ? item : std::nullopt, extras};
   }
 
  private:
   // The entries of one dictionary, looked up in the order encode() writes them. Once every
   // entry was found under a distinct key, no key can have been written twice, so nothing was
-  // read that the tree's first-entry rule would not have read.
+  // read that the tree's first-entry rule would not have read; and no key asked for after
+  // that can be there.
   class Fields {
    public:
-    Fields(coding_detail::BinaryPropertyListReader& reader, std::uint64_t ref)
-        : reader_(reader), ref_(ref), count_(reader.entryCount(ref)) {}
+    Fields(Reader& reader, std::uint64_t ref) : reader_(reader), entries_(reader.dictionary(ref)) {}
 
-    std::optional<std::uint64_t> find(std::string_view key) {
-      if (!count_) return std::nullopt;
-      auto found = reader_.find(ref_, key, cursor_);
-      if (found) ++found_;
-      return found;
+    // False when the key is not there.
+    bool find(std::string_view key, std::uint64_t& ref) {
+      if (!entries_ || found_ == entries_->count) return false;
+      const auto found = reader_.find(*entries_, key, cursor_);
+      if (!found) return false;
+      ++found_;
+      ref = *found;
+      return true;
     }
     std::optional<Value> value(std::string_view key) {
-      const auto ref = find(key);
-      if (!ref) return std::nullopt;
-      return reader_.build(*ref);
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return std::nullopt;
+      return reader_.build(ref);
     }
-    std::optional<bool> flag(std::string_view key) {
-      const auto found = value(key);
-      if (!found || !found->ifBoolean()) return std::nullopt;
-      return *found->ifBoolean();
+    // The scalar under `key` read in place by `read` (one of the reader's scalar accessors);
+    // false when it is missing or of another kind.
+    template <class T>
+    bool scalar(std::string_view key, std::optional<T> (Reader::*read)(std::uint64_t) const, T& out) {
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return false;
+      const auto found = (reader_.*read)(ref);
+      if (!found) return false;
+      out = *found;
+      return true;
     }
     // The bytes under `key`, none when it is missing; false for anything but bytes.
     bool bytes(std::string_view key, std::optional<Bytes>& out) {
-      const auto ref = find(key);
-      if (!ref) return true;
-      out = reader_.bytes(*ref);
+      std::uint64_t ref = 0;
+      if (!find(key, ref)) return true;
+      out = reader_.bytes(ref);
       return out.has_value();
     }
-    [[nodiscard]] bool allFound() const { return count_ && found_ == *count_; }
+    [[nodiscard]] bool allFound() const { return entries_ && found_ == entries_->count; }
 
    private:
-    coding_detail::BinaryPropertyListReader& reader_;
-    std::uint64_t ref_;
-    std::optional<std::uint64_t> count_;  // nothing for no dictionary
+    Reader& reader_;
+    std::optional<Reader::Dictionary> entries_;  // nothing for no dictionary
     std::uint64_t cursor_ = 0;
     std::uint64_t found_ = 0;
   };
 
   std::optional<CacheItemConfiguration> readConfiguration(std::uint64_t ref) {
     Fields fields(reader_, ref);
-    const auto age = fields.value(CacheItemConfiguration::kMaximumAgeKey);
-    const auto onWarning = fields.flag(CacheItemConfiguration::kExpireOnMemoryWarningKey);
-    const auto backStore = fields.flag(CacheItemConfiguration::kRetainInBackStoreKey);
-    const auto inMemory = fields.flag(CacheItemConfiguration::kRetainInMemoryKey);
-    const auto rolling = fields.flag(CacheItemConfiguration::kRollingExpirationKey);
-    const auto automatic = fields.flag(CacheItemConfiguration::kAutoExpirationKey);
-    const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
-    if (!age || !age->ifReal() || !onWarning || !backStore || !inMemory || !rolling || !automatic ||
-        !fields.allFound()) {
+    const auto flag = &Reader::boolean;
+    CacheItemConfiguration config;
+    if (!fields.scalar(CacheItemConfiguration::kMaximumAgeKey, &Reader::real, config.maximumAge) ||
+        !fields.scalar(CacheItemConfiguration::kExpireOnMemoryWarningKey, flag, config.expireOnMemoryWarning) ||
+        !fields.scalar(CacheItemConfiguration::kRetainInBackStoreKey, flag, config.retainInBackStore) ||
+        !fields.scalar(CacheItemConfiguration::kRetainInMemoryKey, flag, config.retainInMemory) ||
+        !fields.scalar(CacheItemConfiguration::kRollingExpirationKey, flag, config.rollingExpiration) ||
+        !fields.scalar(CacheItemConfiguration::kAutoExpirationKey, flag, config.autoExpiration)) {
       return std::nullopt;
     }
-    CacheItemConfiguration config;
-    config.maximumAge = *age->ifReal();
-    config.expireOnMemoryWarning = *onWarning;
-    config.retainInBackStore = *backStore;
-    config.retainInMemory = *inMemory;
-    config.rollingExpiration = *rolling;
-    config.autoExpiration = *automatic;
+    const auto group = fields.value(CacheItemConfiguration::kGroupNameKey);
+    if (!fields.allFound()) return std::nullopt;
     if (group) {
       if (!group->ifString() || group->isNil()) return std::nullopt;
       config.groupName = *group->ifString();
@@ -127,7 +136,7 @@ class StoredForm {
     return config;
   }
 
-  coding_detail::BinaryPropertyListReader reader_;
+  Reader reader_;
 };
 
 }  // namespace
@@ -214,6 +223,14 @@ void CacheItem::adoptPayload(std::span<const std::uint8_t> archived) {
 }
 
 void CacheItem::adoptExtraItems(std::span<const std::uint8_t> archived) {
+  // Most entries carry no extra items, and their archive is always the same bytes: those are
+  // known without reading them. (Never destroyed: reads may still run while the process exits.)
+  static internal::NoDestructor<Data> noExtraItems(
+      KeyedArchiver::archivedData(ArchiveValue(ArchiveValue::Dictionary{})).value_or(Data()));
+  if (!noExtraItems->empty() && std::ranges::equal(archived, noExtraItems->bytes())) {
+    extraItems.clear();
+    return;
+  }
   auto extras = KeyedUnarchiver::safeUnarchivedObject(archived);
   if (auto* dictionary = extras ? extras->get<ArchiveValue::Dictionary>() : nullptr) {
     extraItems = std::move(*dictionary);
@@ -231,9 +248,10 @@ CacheItem CacheItem::decodeStored(std::span<const std::uint8_t> propertyList) {
       // damaged: decode() says how
     }
     if (read) {
-      if (read->item) read->entry.adoptPayload(*read->item);
-      if (read->extras) read->entry.adoptExtraItems(*read->extras);
-      return std::move(read->entry);
+      CacheItem entry(read->type, std::move(read->configuration), read->creationDate);
+      if (read->item) entry.adoptPayload(*read->item);
+      if (read->extras) entry.adoptExtraItems(*read->extras);
+      return entry;
     }
   }
   return PropertyListDecoder().decode<CacheItem>(propertyList);

@@ -24,6 +24,12 @@ std::shared_ptr<Cacheable> CacheMemoryStorage::get(std::string_view key) const {
   return it == items_.end() ? nullptr : it->second;
 }
 
+CacheMemoryStorage::Lookup CacheMemoryStorage::lookup(std::string_view key) const {
+  MutexLock lock(mutex_);
+  auto it = items_.find(key);
+  return {it == items_.end() ? nullptr : it->second, removals_};
+}
+
 void CacheMemoryStorage::remove(std::string_view key) {
   MutexLock lock(mutex_);
   if (auto it = items_.find(key); it != items_.end()) items_.erase(it);
@@ -36,11 +42,6 @@ void CacheMemoryStorage::remove(std::string_view key, const Cacheable& entry) {
     items_.erase(it);
     ++removals_;
   }
-}
-
-std::uint64_t CacheMemoryStorage::removalGeneration() const {
-  MutexLock lock(mutex_);
-  return removals_;
 }
 
 std::shared_ptr<Cacheable> CacheMemoryStorage::insertIfUnchanged(std::shared_ptr<Cacheable> entry, std::string_view key,

@@ -30,14 +30,19 @@ class CacheMemoryStorage {
   // memory (so storing an entry that is not to be retained evicts the old one).
   void set(std::shared_ptr<Cacheable> entry, std::string_view key);
   [[nodiscard]] std::shared_ptr<Cacheable> get(std::string_view key) const;
+  // get(), with a count that moves on with every removal and eviction, as it was at the
+  // lookup. A reader that takes it before reading an entry from elsewhere can store that entry
+  // with insertIfUnchanged() without bringing back what a removal, a wipe or a newer set()
+  // meant to be gone.
+  struct Lookup {
+    std::shared_ptr<Cacheable> entry;
+    std::uint64_t generation;
+  };
+  [[nodiscard]] Lookup lookup(std::string_view key) const;
   void remove(std::string_view key);
   // Removes the entry under `key` only when it is `entry` (not one stored since).
   void remove(std::string_view key, const Cacheable& entry);
 
-  // A count that moves on with every removal and eviction. A reader that takes it before
-  // reading an entry from elsewhere can store that entry with insertIfUnchanged() without
-  // bringing back what a removal, a wipe or a newer set() meant to be gone.
-  [[nodiscard]] std::uint64_t removalGeneration() const;
   // Stores `entry` under `key` when the key is free and nothing was removed since
   // `generation`. Returns the entry now under the key: `entry`, one stored meanwhile, or null.
   std::shared_ptr<Cacheable> insertIfUnchanged(std::shared_ptr<Cacheable> entry, std::string_view key,

@@ -27,6 +27,8 @@ namespace {
 
 // SQLite's "transient" destructor marker: SQLite copies the bytes before the call returns.
 const sqlite3_destructor_type sqliteTransient = SQLITE_TRANSIENT;
+// SQLite's "static" marker: the bytes stay where they are while SQLite uses them.
+const sqlite3_destructor_type sqliteStatic = SQLITE_STATIC;
 
 // Connections live until the process ends (see the top of this file); they are kept here so
 // that they stay reachable.
@@ -107,13 +109,35 @@ void DefaultSQLiteDatabase::PreparedStatement::requireLive() const {
   if (isFinalized_) throw SQLiteStatementError(SQLiteStatementError::Code::isFinalized);
 }
 
-DefaultSQLiteDatabase::PreparedStatement& DefaultSQLiteDatabase::PreparedStatement::bind(const SQLiteValue& value) {
-  bind(value, currentBindingPosition_);
+void DefaultSQLiteDatabase::PreparedStatement::advanceBindingPosition() {
   if (currentBindingPosition_ == std::numeric_limits<std::int32_t>::max()) {
     std::fputs("SQLite binding position overflow\n", stderr);
     std::abort();
   }
   ++currentBindingPosition_;
+}
+
+DefaultSQLiteDatabase::PreparedStatement& DefaultSQLiteDatabase::PreparedStatement::bind(const SQLiteValue& value) {
+  bind(value, currentBindingPosition_);
+  advanceBindingPosition();
+  return *this;
+}
+
+DefaultSQLiteDatabase::PreparedStatement& DefaultSQLiteDatabase::PreparedStatement::bindBorrowedText(
+    std::string_view text) {
+  requireLive();
+  // Cut at the first zero byte, as a bound string value is.
+  text = text.substr(0, text.find('\0'));
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    throw SQLiteStatementError(SQLiteStatementError::Code::binding);
+  }
+  // SQLite reads the text where it lies until the statement is reset (reset() also clears the
+  // binding, so that no statement keeps a pointer into a buffer that has gone).
+  if (sqlite3_bind_text(statement_, currentBindingPosition_, text.data(), static_cast<int>(text.size()),
+                        sqliteStatic) != SQLITE_OK) {
+    throw SQLiteStatementError(SQLiteStatementError::Code::binding);
+  }
+  advanceBindingPosition();
   return *this;
 }
 
@@ -228,14 +252,14 @@ std::vector<SQLiteCells> DefaultSQLiteDatabase::PreparedStatement::readAllCells(
   return rows;
 }
 
-std::optional<std::vector<SQLiteValue>> DefaultSQLiteDatabase::PreparedStatement::readValues() {
+bool DefaultSQLiteDatabase::PreparedStatement::readValues(std::span<SQLiteValue> values) {
   requireLive();
-  if (!step()) return std::nullopt;
-  const int count = sqlite3_column_count(statement_);
-  std::vector<SQLiteValue> values;
-  values.reserve(static_cast<std::size_t>(count));
-  for (int i = 0; i < count; ++i) values.push_back(cell(i));
-  return values;
+  if (!step()) return false;
+  if (static_cast<std::size_t>(sqlite3_column_count(statement_)) < values.size()) {
+    throw SQLiteStatementError(SQLiteStatementError::Code::reading);
+  }
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = cell(static_cast<int>(i));
+  return true;
 }
 
 void DefaultSQLiteDatabase::PreparedStatement::reset() noexcept {

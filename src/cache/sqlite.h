@@ -28,6 +28,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -146,15 +147,20 @@ class SQLitePreparedStatement {
   virtual SQLitePreparedStatement& bind(const SQLiteValue& value) = 0;
   // Binds at a 1-based position; the current position stays as it is.
   virtual SQLitePreparedStatement& bind(const SQLiteValue& value, int position) = 0;
+  // Binds `text` at the current position, as bind() binds a string value, without copying
+  // it: the text must stay as it is until the statement is reset.
+  virtual SQLitePreparedStatement& bindBorrowedText(std::string_view text) = 0;
   // Runs the statement once to completion; a statement that yields a row fails.
   virtual SQLitePreparedStatement& execute() = 0;
   // The next result row's cells, or nothing when there is none (a stepping error also
   // ends the result set).
   [[nodiscard]] virtual std::optional<SQLiteCells> readCells() = 0;
   [[nodiscard]] virtual std::vector<SQLiteCells> readAllCells() = 0;
-  // The next result row's cells in the order of the selected columns, read as readCells()
-  // reads them, for a caller that knows what it selected: no names are read or kept.
-  [[nodiscard]] virtual std::optional<std::vector<SQLiteValue>> readValues() = 0;
+  // The next result row's first `values.size()` cells in the order of the selected columns,
+  // read as readCells() reads them, into the caller's storage, for a caller that knows what it
+  // selected: no names are read or kept. False when there is no row; a row of fewer columns
+  // fails.
+  [[nodiscard]] virtual bool readValues(std::span<SQLiteValue> values) = 0;
   // Makes the statement fresh again for another run: its result set ends, its bindings are
   // cleared and the binding position is 1. Nothing on a finalized statement.
   virtual void reset() noexcept = 0;
@@ -214,10 +220,11 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
 
   PreparedStatement& bind(const SQLiteValue& value) override;
   PreparedStatement& bind(const SQLiteValue& value, int position) override;
+  PreparedStatement& bindBorrowedText(std::string_view text) override;
   PreparedStatement& execute() override;
   [[nodiscard]] std::optional<SQLiteCells> readCells() override;
   [[nodiscard]] std::vector<SQLiteCells> readAllCells() override;
-  [[nodiscard]] std::optional<std::vector<SQLiteValue>> readValues() override;
+  [[nodiscard]] bool readValues(std::span<SQLiteValue> values) override;
   void reset() noexcept override;
   void finalize() noexcept override;
 
@@ -226,6 +233,7 @@ class DefaultSQLiteDatabase::PreparedStatement final : public SQLitePreparedStat
 
  private:
   void requireLive() const;
+  void advanceBindingPosition();
   [[nodiscard]] std::vector<std::string> columnNames() const;
   // Steps to the next row; false at the end of the result set, which stays ended.
   [[nodiscard]] bool step();

@@ -17,7 +17,6 @@
 #include <cmath>
 #include <cstring>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kp::coding_detail {
@@ -28,56 +27,9 @@ void propertyListCorrupted(std::string reason) {
 
 namespace {
 
-using Kind = CodingError::Kind;
-
 [[noreturn]] void corrupt(std::string reason) { propertyListCorrupted(std::move(reason)); }
 
-// ---- UTF-8 / UTF-16 ----
-
-bool isAscii(std::string_view s) {
-  for (const char c : s) {
-    if (static_cast<unsigned char>(c) >= 0x80) return false;
-  }
-  return true;
-}
-
-// UTF-8 to UTF-16 code units; nothing for text that is not UTF-8.
-bool toUtf16(std::string_view s, std::vector<std::uint16_t>& out) {
-  out.clear();
-  for (std::size_t i = 0; i < s.size();) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    std::uint32_t cp;
-    std::size_t n;
-    if (c < 0x80) {
-      cp = c, n = 1;
-    } else if ((c & 0xE0) == 0xC0) {
-      cp = c & 0x1F, n = 2;
-    } else if ((c & 0xF0) == 0xE0) {
-      cp = c & 0x0F, n = 3;
-    } else if ((c & 0xF8) == 0xF0) {
-      cp = c & 0x07, n = 4;
-    } else {
-      return false;
-    }
-    if (i + n > s.size()) return false;
-    for (std::size_t k = 1; k < n; ++k) {
-      const auto cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    static constexpr std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      out.push_back(static_cast<std::uint16_t>(0xD800 + (cp >> 10)));
-      out.push_back(static_cast<std::uint16_t>(0xDC00 + (cp & 0x3FF)));
-    } else {
-      out.push_back(static_cast<std::uint16_t>(cp));
-    }
-    i += n;
-  }
-  return true;
-}
+// ---- UTF-8 ----
 
 void appendUtf8(std::string& out, std::uint32_t cp) {
   if (cp < 0x80) {
@@ -97,195 +49,22 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
   }
 }
 
-// ---- Binary writer ----
-
-class BinaryWriter {
- public:
-  Data write(const Value& root) {
-    // Pass 1: number every object (equal strings share one object).
-    collect(root, 0);
-    const std::size_t count = objects_.size();
-    refSize_ = count < 0x100 ? 1 : count < 0x10000 ? 2 : 4;
-    // Pass 2: write the objects, then the offset table and the trailer.
-    out_.append("bplist00", 8);
-    std::vector<std::uint64_t> offsets(count);
-    for (std::size_t i = 0; i < count; ++i) {
-      offsets[i] = out_.size();
-      writeObject(objects_[i]);
-    }
-    const std::uint64_t tableOffset = out_.size();
-    const std::size_t offsetSize = tableOffset < 0x100         ? 1
-                                   : tableOffset < 0x10000     ? 2
-                                   : tableOffset < 0x100000000 ? 4
-                                                               : 8;
-    for (const std::uint64_t o : offsets) writeBE(o, offsetSize);
-    std::uint8_t trailer[32] = {};
-    trailer[6] = static_cast<std::uint8_t>(offsetSize);
-    trailer[7] = static_cast<std::uint8_t>(refSize_);
-    putBE(trailer + 8, count, 8);
-    putBE(trailer + 16, 0, 8);
-    putBE(trailer + 24, tableOffset, 8);
-    out_.append(trailer, sizeof trailer);
-    return std::move(out_);
-  }
-
- private:
-  struct Object {
-    const Value* value;          // null for a dictionary key
-    const std::string* keyText;  // the key, when value is null
-    std::uint32_t firstChild;    // index into children_
-    std::uint32_t childCount;
-  };
-
-  std::uint32_t collect(const Value& v, std::size_t depth) {
-    if (depth > kMaxPropertyListDepth) throw CodingError(Kind::invalidValue, {}, "nesting too deep to encode");
-    ++references_;
-    if (const std::string* s = v.ifString()) return stringObject(s, &v);
-    const auto index = static_cast<std::uint32_t>(objects_.size());
-    objects_.push_back({&v, nullptr, 0, 0});
-    if (const Value::Array* a = v.ifArray()) {
-      std::vector<std::uint32_t> refs;
-      refs.reserve(a->size());
-      for (const Value& e : *a) refs.push_back(collect(e, depth + 1));
-      setChildren(index, refs);
-    } else if (const Value::Dictionary* d = v.ifDictionary()) {
-      std::vector<std::uint32_t> refs(d->size() * 2);
-      for (std::size_t i = 0; i < d->size(); ++i) {
-        ++references_;
-        refs[i] = stringObject(&(*d)[i].first, nullptr);
-        refs[d->size() + i] = collect((*d)[i].second, depth + 1);
-      }
-      setChildren(index, refs);
-    }
-    return index;
-  }
-
-  void setChildren(std::uint32_t index, const std::vector<std::uint32_t>& refs) {
-    objects_[index].firstChild = static_cast<std::uint32_t>(children_.size());
-    objects_[index].childCount = static_cast<std::uint32_t>(refs.size());
-    children_.insert(children_.end(), refs.begin(), refs.end());
-  }
-
-  // Equal text is written once and referenced again, while the reader's rebuilding of the
-  // repeats stays within its allowance; beyond it, the text is written again.
-  std::uint32_t stringObject(const std::string* text, const Value* value) {
-    const auto index = static_cast<std::uint32_t>(objects_.size());
-    auto [it, inserted] = strings_.try_emplace(*text, index);
-    if (!inserted) {
-      const std::uint64_t allowance = kRepeatAllowance + 14 * references_;
-      if (repeated_ + text->size() <= allowance) {
-        repeated_ += text->size();
-        return it->second;
-      }
-      it->second = index;
-    }
-    objects_.push_back({value, text, 0, 0});
-    return index;
-  }
-
-  static void putBE(std::uint8_t* p, std::uint64_t v, std::size_t n) {
-    for (std::size_t i = 0; i < n; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * (n - 1 - i)));
-  }
-  void writeBE(std::uint64_t v, std::size_t n) {
-    std::uint8_t buf[8];
-    putBE(buf, v, n);
-    out_.append(buf, n);
-  }
-  // Beyond the signed range an integer takes 16 bytes, the upper 8 zero, as the platform
-  // writes such values.
-  void writeUnsigned(std::uint64_t u) {
-    out_.push_back(0x14);
-    writeBE(0, 8);
-    writeBE(u, 8);
-  }
-  void writeInt(std::int64_t i) {
-    if (i >= 0 && i < 0x100) {
-      out_.push_back(0x10), writeBE(static_cast<std::uint64_t>(i), 1);
-    } else if (i >= 0 && i < 0x10000) {
-      out_.push_back(0x11), writeBE(static_cast<std::uint64_t>(i), 2);
-    } else if (i >= 0 && i < 0x100000000) {
-      out_.push_back(0x12), writeBE(static_cast<std::uint64_t>(i), 4);
-    } else {
-      out_.push_back(0x13), writeBE(static_cast<std::uint64_t>(i), 8);
-    }
-  }
-  void writeHeader(std::uint8_t kind, std::size_t count) {
-    if (count < 15) {
-      out_.push_back(static_cast<std::uint8_t>(kind | count));
-    } else {
-      out_.push_back(static_cast<std::uint8_t>(kind | 0x0F));
-      writeInt(static_cast<std::int64_t>(count));
-    }
-  }
-  void writeReal(std::uint8_t marker, double d) {
-    out_.push_back(marker);
-    writeBE(std::bit_cast<std::uint64_t>(d), 8);
-  }
-  void writeString(const std::string& s) {
-    if (isAscii(s)) {
-      writeHeader(0x50, s.size());
-      out_.append(s);
-      return;
-    }
-    if (!toUtf16(s, utf16_)) throw CodingError(Kind::invalidValue, {}, "text is not valid UTF-8");
-    writeHeader(0x60, utf16_.size());
-    for (const std::uint16_t u : utf16_) writeBE(u, 2);
-  }
-
-  void writeObject(const Object& o) {
-    if (o.keyText) return writeString(*o.keyText);
-    const Value& v = *o.value;
-    switch (v.type()) {
-      case Value::Type::null:
-        return writeString("$null");
-      case Value::Type::boolean:
-        return out_.push_back(*v.ifBoolean() ? 0x09 : 0x08);
-      case Value::Type::integer:
-        return writeInt(*v.ifInteger());
-      case Value::Type::unsignedInteger:
-        return writeUnsigned(*v.ifUnsignedInteger());
-      case Value::Type::real:
-        return writeReal(0x23, *v.ifReal());
-      case Value::Type::date:
-        return writeReal(0x33, v.ifDate()->timeIntervalSinceReferenceDate());
-      case Value::Type::string:
-        return writeString(*v.ifString());
-      case Value::Type::data:
-        writeHeader(0x40, v.ifData()->size());
-        out_.append(*v.ifData());
-        return;
-      case Value::Type::uid: {
-        const std::uint64_t u = v.ifUid()->value;
-        const std::size_t n = u < 0x100 ? 1 : u < 0x10000 ? 2 : u < 0x100000000 ? 4 : 8;
-        out_.push_back(static_cast<std::uint8_t>(0x80 | (n - 1)));
-        return writeBE(u, n);
-      }
-      case Value::Type::array:
-      case Value::Type::dictionary: {
-        const bool isArray = v.type() == Value::Type::array;
-        writeHeader(isArray ? 0xA0 : 0xD0, isArray ? o.childCount : o.childCount / 2);
-        for (std::uint32_t i = 0; i < o.childCount; ++i) writeBE(children_[o.firstChild + i], refSize_);
-        return;
-      }
-    }
-  }
-
-  std::vector<Object> objects_;
-  std::vector<std::uint32_t> children_;
-  std::unordered_map<std::string_view, std::uint32_t> strings_;
-  std::vector<std::uint16_t> utf16_;
-  std::uint64_t references_ = 0;  // every reference so far: one byte of the file at least
-  std::uint64_t repeated_ = 0;    // bytes of text the reader builds again for shared strings
-  std::size_t refSize_ = 1;
-  Data out_;
-};
-
 }  // namespace
 
 // ---- Binary reader ----
 
 namespace {
-std::uint64_t be(const std::uint8_t* p, std::size_t n) {
+// Every object access reads a reference and an offset this way, most of them one or two bytes
+// wide: those widths take no loop.
+inline std::uint64_t be(const std::uint8_t* p, std::size_t n) {
+  if (n == 1) return p[0];
+  if (n == 2) return (std::uint64_t{p[0]} << 8) | p[1];
+  if (n == 8) {
+    // The trailer's fields, reals and dates.
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+  }
   std::uint64_t v = 0;
   for (std::size_t i = 0; i < n; ++i) v = (v << 8) | p[i];
   return v;
@@ -310,6 +89,128 @@ BinaryPropertyListReader::BinaryPropertyListReader(std::span<const std::uint8_t>
   }
 }
 
+inline const std::uint8_t* BinaryPropertyListReader::need(std::uint64_t pos, std::uint64_t n) const {
+  if (pos > tableOffset_ || n > tableOffset_ - pos) corrupt("object runs past its area");
+  return b_.data() + pos;
+}
+
+inline std::uint64_t BinaryPropertyListReader::offsetOf(std::uint64_t ref) const {
+  if (ref >= count_) corrupt("object reference out of range");
+  const std::uint64_t o = be(b_.data() + tableOffset_ + ref * offsetSize_, offsetSize_);
+  if (o < 8 || o >= tableOffset_) corrupt("object offset out of range");
+  return o;
+}
+
+inline std::uint64_t BinaryPropertyListReader::countOf(std::uint8_t low, std::uint64_t& pos) const {
+  if (low != 0x0F) return low;
+  const std::uint8_t m = *need(pos, 1);
+  if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) corrupt("bad count");
+  const std::size_t n = std::size_t{1} << (m & 0x0F);
+  const std::uint64_t c = be(need(pos + 1, n), n);
+  pos += 1 + n;
+  return c;
+}
+
+inline std::optional<BinaryPropertyListReader::Container> BinaryPropertyListReader::container(std::uint64_t ref) const {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 != 0xA && marker >> 4 != 0xD) return std::nullopt;
+  const bool isArray = marker >> 4 == 0xA;
+  const std::uint64_t n = countOf(marker & 0x0F, pos);
+  const std::uint64_t refs = isArray ? n : n * 2;
+  if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
+  return Container{isArray, n, need(pos, refs * refSize_)};
+}
+
+inline std::uint8_t BinaryPropertyListReader::markerOf(std::uint64_t ref, std::uint64_t& pos) const {
+  pos = offsetOf(ref);
+  const std::uint8_t m = *need(pos, 1);
+  ++pos;
+  return m;
+}
+
+inline bool BinaryPropertyListReader::unitsEqual(std::uint64_t pos, std::uint64_t n, std::size_t unitSize,
+                                                 std::string_view text) const {
+  if (n != text.size()) return false;
+  // Bytes above 0x7F read as Latin-1, and UTF-16 units above it are no ASCII either: neither
+  // equals the plain ASCII text asked for.
+  const std::uint8_t* p = need(pos, n * unitSize);
+  if (unitSize == 1) return std::memcmp(p, text.data(), text.size()) == 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (be(p + 2 * i, 2) != static_cast<unsigned char>(text[i])) return false;
+  }
+  return true;
+}
+
+inline bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x5 && m >> 4 != 0x6) corrupt("dictionary key is not text");
+  const std::uint64_t n = countOf(m & 0x0F, pos);
+  return unitsEqual(pos, n, m >> 4 == 0x5 ? 1 : 2, key);
+}
+
+bool BinaryPropertyListReader::textEquals(std::uint64_t ref, std::string_view text) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x5 && m >> 4 != 0x6) return false;
+  const std::uint64_t n = countOf(m & 0x0F, pos);
+  return unitsEqual(pos, n, m >> 4 == 0x5 ? 1 : 2, text);
+}
+
+double BinaryPropertyListReader::realAt(std::uint8_t head, std::uint64_t pos) const {
+  const std::uint8_t low = head & 0x0F;
+  if (low == 2) return std::bit_cast<float>(static_cast<std::uint32_t>(be(need(pos, 4), 4)));
+  if (low == 3) return std::bit_cast<double>(be(need(pos, 8), 8));
+  corrupt("bad real size");
+}
+
+std::optional<bool> BinaryPropertyListReader::boolean(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m == 0x08 || m == 0x09) return m == 0x09;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> BinaryPropertyListReader::integer(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x1) return std::nullopt;
+  if ((m & 0x0F) > 4) corrupt("bad integer size");
+  const std::size_t n = std::size_t{1} << (m & 0x0F);
+  const std::uint8_t* p = need(pos, n);
+  if (n == 16) {
+    // Of the 16-byte form, only values whose upper half is not zero are signed integers.
+    if (be(p, 8) == 0) return std::nullopt;
+    return static_cast<std::int64_t>(be(p + 8, 8));
+  }
+  return static_cast<std::int64_t>(be(p, n));
+}
+
+std::optional<double> BinaryPropertyListReader::real(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x2) return std::nullopt;
+  return realAt(m, pos);
+}
+
+std::optional<Date> BinaryPropertyListReader::date(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x3) return std::nullopt;
+  return Date::fromTimeIntervalSinceReferenceDate(realAt(m, pos));
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::uid(std::uint64_t ref) const {
+  std::uint64_t pos = 0;
+  const std::uint8_t m = markerOf(ref, pos);
+  if (m >> 4 != 0x8) return std::nullopt;
+  const std::size_t n = (m & 0x0F) + 1u;
+  if (n > 8) corrupt("bad reference size");
+  return be(need(pos, n), n);
+}
+
 Value BinaryPropertyListReader::build(std::uint64_t ref) { return object(ref, 0); }
 
 std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, std::string_view key) const {
@@ -325,17 +226,33 @@ std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, s
 
 std::optional<std::uint64_t> BinaryPropertyListReader::find(std::uint64_t ref, std::string_view key,
                                                             std::uint64_t& cursor) const {
+  const auto entries = dictionary(ref);
+  return entries ? find(*entries, key, cursor) : std::nullopt;
+}
+
+std::optional<BinaryPropertyListReader::Dictionary> BinaryPropertyListReader::dictionary(std::uint64_t ref) const {
   const auto entries = container(ref);
-  if (!entries || entries->isArray || entries->count == 0) return std::nullopt;
-  const std::uint64_t n = entries->count;
+  if (!entries || entries->isArray) return std::nullopt;
+  return Dictionary{entries->count, entries->refs};
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::find(const Dictionary& entries, std::string_view key,
+                                                            std::uint64_t& cursor) const {
+  const std::uint64_t n = entries.count;
   std::uint64_t i = cursor < n ? cursor : 0;
   for (std::uint64_t k = 0; k < n; ++k, i = i + 1 < n ? i + 1 : 0) {
-    if (keyEquals(be(entries->refs + i * refSize_, refSize_), key)) {
+    if (keyEquals(be(entries.refs + i * refSize_, refSize_), key)) {
       cursor = i + 1;
-      return be(entries->refs + (n + i) * refSize_, refSize_);
+      return be(entries.refs + (n + i) * refSize_, refSize_);
     }
   }
   return std::nullopt;
+}
+
+std::optional<std::uint64_t> BinaryPropertyListReader::valueAt(const Dictionary& entries, std::uint64_t index,
+                                                               std::string_view key) const {
+  if (index >= entries.count || !textEquals(be(entries.refs + index * refSize_, refSize_), key)) return std::nullopt;
+  return be(entries.refs + (entries.count + index) * refSize_, refSize_);
 }
 
 std::optional<std::uint64_t> BinaryPropertyListReader::entryCount(std::uint64_t ref) const {
@@ -370,61 +287,6 @@ std::uint64_t BinaryPropertyListReader::element(std::uint64_t ref, std::uint64_t
   return be(elements->refs + index * refSize_, refSize_);
 }
 
-const std::uint8_t* BinaryPropertyListReader::need(std::uint64_t pos, std::uint64_t n) const {
-  if (pos > tableOffset_ || n > tableOffset_ - pos) corrupt("object runs past its area");
-  return b_.data() + pos;
-}
-
-std::uint64_t BinaryPropertyListReader::offsetOf(std::uint64_t ref) const {
-  if (ref >= count_) corrupt("object reference out of range");
-  const std::uint64_t o = be(b_.data() + tableOffset_ + ref * offsetSize_, offsetSize_);
-  if (o < 8 || o >= tableOffset_) corrupt("object offset out of range");
-  return o;
-}
-
-std::uint64_t BinaryPropertyListReader::countOf(std::uint8_t low, std::uint64_t& pos) const {
-  if (low != 0x0F) return low;
-  const std::uint8_t m = *need(pos, 1);
-  if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) corrupt("bad count");
-  const std::size_t n = std::size_t{1} << (m & 0x0F);
-  const std::uint64_t c = be(need(pos + 1, n), n);
-  pos += 1 + n;
-  return c;
-}
-
-std::optional<BinaryPropertyListReader::Container> BinaryPropertyListReader::container(std::uint64_t ref) const {
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
-  if (marker >> 4 != 0xA && marker >> 4 != 0xD) return std::nullopt;
-  const bool isArray = marker >> 4 == 0xA;
-  const std::uint64_t n = countOf(marker & 0x0F, pos);
-  const std::uint64_t refs = isArray ? n : n * 2;
-  if (n > tableOffset_ || refs > tableOffset_ / refSize_) corrupt("count larger than the data");
-  return Container{isArray, n, need(pos, refs * refSize_)};
-}
-
-bool BinaryPropertyListReader::keyEquals(std::uint64_t ref, std::string_view key) const {
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
-  if (marker >> 4 == 0x5) {
-    // Bytes above 0x7F read as Latin-1 and never equal the plain ASCII keys asked for.
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    return n == key.size() && std::memcmp(need(pos, n), key.data(), key.size()) == 0;
-  }
-  if (marker >> 4 == 0x6) {
-    const std::uint64_t n = countOf(marker & 0x0F, pos);
-    if (n != key.size()) return false;
-    const std::uint8_t* p = need(pos, n * 2);
-    for (std::size_t i = 0; i < key.size(); ++i) {
-      if (be(p + 2 * i, 2) != static_cast<unsigned char>(key[i])) return false;
-    }
-    return true;
-  }
-  corrupt("dictionary key is not text");
-}
-
 void BinaryPropertyListReader::spendNode() {
   if (nodeBudget_ == 0) corrupt("property list has more objects than its size allows");
   --nodeBudget_;
@@ -438,7 +300,11 @@ void BinaryPropertyListReader::spendBytes(std::uint64_t n) {
 Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
   if (depth > kMaxPropertyListDepth) corrupt("nesting too deep");
   spendNode();
-  if (auto entries = container(ref)) {
+  std::uint64_t pos = offsetOf(ref);
+  const std::uint8_t marker = *need(pos, 1);
+  ++pos;
+  if (marker >> 4 == 0xA || marker >> 4 == 0xD) {
+    const auto entries = container(ref);
     // Sized on the first container: building scalars alone needs no marks.
     if (inProgress_.empty()) inProgress_.assign(count_, false);
     if (inProgress_[ref]) corrupt("object graph has a cycle");
@@ -465,9 +331,6 @@ Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
     inProgress_[ref] = false;
     return out;
   }
-  std::uint64_t pos = offsetOf(ref);
-  const std::uint8_t marker = *need(pos, 1);
-  ++pos;
   const std::uint8_t low = marker & 0x0F;
   switch (marker >> 4) {
     case 0x0:
@@ -489,14 +352,7 @@ Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
     }
     case 0x2:
     case 0x3: {
-      double d;
-      if (low == 2) {
-        d = std::bit_cast<float>(static_cast<std::uint32_t>(be(need(pos, 4), 4)));
-      } else if (low == 3) {
-        d = std::bit_cast<double>(be(need(pos, 8), 8));
-      } else {
-        corrupt("bad real size");
-      }
+      const double d = realAt(marker, pos);
       if (marker >> 4 == 0x3) return Date::fromTimeIntervalSinceReferenceDate(d);
       return d;
     }
@@ -551,8 +407,6 @@ Value BinaryPropertyListReader::object(std::uint64_t ref, std::size_t depth) {
       corrupt("unknown object marker");
   }
 }
-
-Data writeBinaryPropertyList(const Value& root) { return BinaryWriter().write(root); }
 
 Value readBinaryPropertyList(std::span<const std::uint8_t> bytes) {
   BinaryPropertyListReader reader(bytes);

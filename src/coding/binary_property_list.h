@@ -56,12 +56,36 @@ class BinaryPropertyListReader {
   // `cursor` past the entry found: keys looked up in the order they were written cost one
   // comparison each. Of a key written twice, the entry found may be either.
   [[nodiscard]] std::optional<std::uint64_t> find(std::uint64_t ref, std::string_view key, std::uint64_t& cursor) const;
+  // The entries of a dictionary where they lie, read once for a caller that looks up several
+  // of its keys.
+  struct Dictionary {
+    std::uint64_t count = 0;
+    const std::uint8_t* refs = nullptr;  // the key references, then the value references
+  };
+  // Nothing when `ref` is no dictionary.
+  [[nodiscard]] std::optional<Dictionary> dictionary(std::uint64_t ref) const;
+  // find() with a cursor, in entries read before.
+  [[nodiscard]] std::optional<std::uint64_t> find(const Dictionary& entries, std::string_view key,
+                                                  std::uint64_t& cursor) const;
+  // The value of entry `index` (below the count) when its key is the text `key`; nothing for
+  // any other key, text or not.
+  [[nodiscard]] std::optional<std::uint64_t> valueAt(const Dictionary& entries, std::uint64_t index,
+                                                     std::string_view key) const;
   // The entry count of the dictionary `ref`; nothing when it is no dictionary.
   [[nodiscard]] std::optional<std::uint64_t> entryCount(std::uint64_t ref) const;
   [[nodiscard]] bool isDictionary(std::uint64_t ref) const;
   // The bytes of the data object `ref` where they lie in the input; nothing for any other
   // object.
   [[nodiscard]] std::optional<std::span<const std::uint8_t>> bytes(std::uint64_t ref) const;
+  // The scalar `ref` read where it lies, as build() would give it; nothing when it is an
+  // object of another kind (an integer beyond the signed range is no integer here).
+  [[nodiscard]] std::optional<bool> boolean(std::uint64_t ref) const;
+  [[nodiscard]] std::optional<std::int64_t> integer(std::uint64_t ref) const;
+  [[nodiscard]] std::optional<double> real(std::uint64_t ref) const;
+  [[nodiscard]] std::optional<Date> date(std::uint64_t ref) const;
+  [[nodiscard]] std::optional<std::uint64_t> uid(std::uint64_t ref) const;
+  // Whether the object `ref` is text equal to the ASCII `text`; false for any other object.
+  [[nodiscard]] bool textEquals(std::uint64_t ref, std::string_view text) const;
   // The element count of the array `ref`; nothing when it is no array.
   [[nodiscard]] std::optional<std::uint64_t> count(std::uint64_t ref) const;
   // REQUIRES: `ref` is an array of more than `index` elements, else CodingError.
@@ -81,6 +105,12 @@ class BinaryPropertyListReader {
   // The array or dictionary `ref`; nothing for any other object.
   [[nodiscard]] std::optional<Container> container(std::uint64_t ref) const;
   [[nodiscard]] bool keyEquals(std::uint64_t ref, std::string_view key) const;
+  // The marker of the object `ref`, with the position after it.
+  [[nodiscard]] std::uint8_t markerOf(std::uint64_t ref, std::uint64_t& pos) const;
+  // Text of `n` units (of `unitSize` bytes) at `pos` equal to the ASCII `text`.
+  [[nodiscard]] bool unitsEqual(std::uint64_t pos, std::uint64_t n, std::size_t unitSize, std::string_view text) const;
+  // The real after `marker` at `pos` (four or eight bytes).
+  [[nodiscard]] double realAt(std::uint8_t head, std::uint64_t pos) const;
   void spendNode();                  // one more node of a tree
   void spendBytes(std::uint64_t n);  // `n` bytes of text or data built
   [[nodiscard]] Value object(std::uint64_t ref, std::size_t depth);

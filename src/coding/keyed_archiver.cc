@@ -309,6 +309,12 @@ struct ArchiveDecoder::State {
     if (uid == 0) return ArchiveValue();
     if (uid >= count) failArchive("object reference out of range");
     if (depth > kMaxPropertyListDepth) failArchive("nesting too deep");
+    // A root that is no object of a class (bytes, text, a number) refers to nothing: no slots.
+    if (depth == 0 && !reader->isDictionary(reader->element(objectList, uid))) {
+      spend(1);
+      return decodeFresh(reader->element(objectList, uid), depth);
+    }
+    if (slots.empty()) slots.resize(count);
     Slot& slot = slots[uid];
     if (slot.done) {
       spend(slot.weight);
@@ -558,28 +564,30 @@ std::optional<ArchiveValue> KeyedUnarchiver::unarchive(std::span<const std::uint
     std::optional<Data> binary;
     if (!coding_detail::isBinaryPropertyList(bytes)) binary = writePropertyList(readPropertyList(bytes));
     coding_detail::BinaryPropertyListReader reader(binary ? binary->bytes() : bytes);
-    // The archive's own entries are looked up where they lie.
-    const std::uint64_t top = reader.top();
-    const auto archiver = reader.find(top, "$archiver");
-    if (!archiver) return std::nullopt;
-    const Value name = reader.build(*archiver);
-    if (!name.ifString() || *name.ifString() != "NSKeyedArchiver") return std::nullopt;
-    const auto objects = reader.find(top, "$objects");
+    // The archive's own entries, where they lie: archivers write these four alone and in this
+    // order, so each once; in any other order each is looked up from the first entry on.
+    const auto top = reader.dictionary(reader.top());
+    if (!top) return std::nullopt;
+    constexpr std::string_view kKeys[4] = {"$version", "$archiver", "$top", "$objects"};
+    std::optional<std::uint64_t> found[4];
+    bool inOrder = top->count == 4;
+    for (std::size_t i = 0; inOrder && i < 4; ++i) inOrder = (found[i] = reader.valueAt(*top, i, kKeys[i])).has_value();
+    for (std::size_t i = 1; !inOrder && i < 4; ++i) found[i] = reader.find(reader.top(), kKeys[i]);
+    const auto& [version, archiver, topEntries, objects] = found;
+    if (!archiver || !reader.textEquals(*archiver, "NSKeyedArchiver")) return std::nullopt;
     const auto count = objects ? reader.count(*objects) : std::nullopt;
-    const auto topEntries = reader.find(top, "$top");
     if (!count || !topEntries) return std::nullopt;
     const auto rootRef = reader.find(*topEntries, "root");
-    if (!rootRef) return std::nullopt;
-    const Value root = reader.build(*rootRef);
+    const auto root = rootRef ? reader.uid(*rootRef) : std::nullopt;
+    if (!root) failArchive("expected an object reference");
     ArchiveDecoder::State state;
     state.reader = &reader;
     state.objectList = *objects;
     state.count = static_cast<std::size_t>(*count);
     state.allowed = allowed;
     state.mapping = &mapping;
-    state.slots.resize(state.count);
     state.budget = 4 * bytes.size() + 1024;
-    ArchiveValue out = state.decode(root, 0);
+    ArchiveValue out = state.decode(*root, 0);
     if (out.isNull()) return std::nullopt;
     return out;
   } catch (const std::exception&) {

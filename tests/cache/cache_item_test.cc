@@ -144,6 +144,34 @@ TEST_F(CacheItemTest, BadKindsGarbageRowsAndUnknownClassesAreHandled) {
   EXPECT_FALSE(db_.decode<CacheItem>("missing"));
 }
 
+TEST_F(CacheItemTest, TheStoredFormReadsAsTheGeneralDecoderReadsIt) {
+  // The database reads the form it writes where it lies; the general decoder reads the tree.
+  CacheItem withExtras(kp::ArchiveValue(std::make_shared<app::Tile>(3)), kp::CacheItemConfiguration(60));
+  withExtras.configuration.groupName = "tiles";
+  withExtras.configuration.rollingExpiration = true;
+  withExtras.extraItems["result"] = kp::ArchiveValue(kp::ArchiveValue::Dictionary{{"status", 200}});
+  const CacheItem entries[] = {withExtras, CacheItem(kp::ArchiveValue(kp::Data{1, 2, 3})),
+                               CacheItem(kp::ArchiveValue("text"), kp::CacheItemConfiguration(-1)),
+                               CacheItem(kp::ArchiveValue(kp::Data{4}), {}, CacheItemType::rawDataToFile), CacheItem()};
+  for (const auto& entry : entries) {
+    const auto bytes = kp::CacheControllerDatabase::encodeEntry(entry);
+    ASSERT_TRUE(bytes);
+    const auto inPlace = CacheItem::decodeStored(bytes->bytes());
+    const auto general = kp::PropertyListDecoder().decode<CacheItem>(*bytes);
+    EXPECT_EQ(inPlace, general);
+    EXPECT_EQ(inPlace.creationDate(), general.creationDate());
+    EXPECT_EQ(inPlace.isComplete(), general.isComplete());
+  }
+
+  // An object the entry does not use is still read: damaged, it fails the entry as it fails the
+  // general decoder (here the coding version, an integer given an impossible width).
+  std::string damaged = kp::CacheControllerDatabase::encodeEntry(entries[1])->toString();
+  const auto version = damaged.find("codingVersion") + std::string("codingVersion").size();
+  ASSERT_EQ(damaged.substr(version, 2), std::string("\x10\x01"));
+  damaged[version] = '\x15';
+  EXPECT_THROW((void)CacheItem::decodeStored(kp::Data::fromString(damaged).bytes()), kp::CodingError);
+}
+
 TEST_F(CacheItemTest, StoredRowsAreStandardPropertyLists) {
   db_.encode(CacheItem(kp::ArchiveValue("payload"), kp::CacheItemConfiguration(60)), "k");
   const std::string script =

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 
 #include "support/temp_dir.h"
@@ -104,6 +105,22 @@ TEST_F(SQLiteTest, BindingPositionsExecuteRulesAndFinalizedStatements) {
   const auto row = db_->createPreparedStatement("SELECT number, real FROM t WHERE key = 'k'")->readRow<Col>();
   EXPECT_EQ(row->int32(Col::number), 5);
   EXPECT_EQ(row->double_(Col::real), 0.5);
+
+  // Borrowed text is read where it lies and cut at a zero, as a bound string is; the reset lets
+  // it go. Values read by position land in the caller's storage.
+  auto byKey = db_->createPreparedStatement("SELECT number, real FROM t WHERE key = ?");
+  const std::string buffer("k\0zz", 4);
+  std::array<SQLiteValue, 2> values;
+  byKey->bindBorrowedText(buffer);
+  ASSERT_TRUE(byKey->readValues(values));
+  EXPECT_EQ(values[0].asInt32(), 5);
+  EXPECT_EQ(values[1].asDouble(), 0.5);
+  byKey->reset();
+  EXPECT_FALSE(byKey->readValues(values));  // no key bound any more
+  byKey->reset();
+  std::array<SQLiteValue, 3> tooMany;
+  byKey->bindBorrowedText(std::string_view(buffer).substr(0, 1));
+  EXPECT_EQ(codeOf([&] { (void)byKey->readValues(tooMany); }), Code::reading);
   statement->finalize();
   statement->finalize();  // harmless
   EXPECT_TRUE(concrete.isFinalized());

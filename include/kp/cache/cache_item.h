@@ -61,6 +61,9 @@ class KP_EXPORT CacheItem final : public Cacheable {
       : cacheType(type), configuration(std::move(policy)), item(std::move(payload)) {}
   CacheItem(const CacheItem&) = default;             // a copy, creation date included
   CacheItem& operator=(const CacheItem&) = default;  // takes every field, creation date included
+  // Takes the payload and the extra items without copying them, and the creation date.
+  CacheItem(CacheItem&&) noexcept = default;
+  CacheItem& operator=(CacheItem&&) noexcept = default;  // see CacheItem(CacheItem&&)
 
   CacheItemType cacheType = CacheItemType::serialized;  // where the payload is kept
   CacheItemConfiguration configuration;                 // how the cache keeps the entry
@@ -93,6 +96,9 @@ class KP_EXPORT CacheItem final : public Cacheable {
   friend KP_EXPORT bool operator==(const CacheItem& a, const CacheItem& b);
 
  private:
+  // An entry read back from its stored form, without a payload yet.
+  CacheItem(CacheItemType type, CacheItemConfiguration policy, Date created) noexcept
+      : Cacheable(created), cacheType(type), configuration(std::move(policy)) {}
   // The archived payload, or the archived extra items; what cannot be read leaves the entry
   // incomplete.
   void adoptPayload(std::span<const std::uint8_t> archived);
