@@ -43,7 +43,11 @@ bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
   if (!target || !session) return false;
   // An idle delegate queue runs the callback here: one thread hand-off less per callback,
   // which is most of the cost of a small transfer.
-  if (mayRunHere && delegateQueue->runNowIfIdle([&] { call(*session, *target); })) return true;
+  // The job captures one pointer, so that std::function keeps it inline rather than on the heap.
+  if (mayRunHere) {
+    const auto here = [&] { call(*session, *target); };
+    if (delegateQueue->runNowIfIdle(std::cref(here))) return true;
+  }
   delegateQueue->async(
       [target = std::move(target), session = std::move(session), call = std::move(call)] { call(*session, *target); });
   return true;
@@ -53,7 +57,7 @@ bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
 void UrlSession::Impl::completeUnstarted(const TaskPtr& task) {
   auto& t = task->impl();
   t.finished = true;
-  ErrorPtr error = makeUrlError(UrlError::cancelled, t.current.url);
+  ErrorPtr error = makeUrlError(UrlError::cancelled, t.current().url);
   {
     MutexLock lock(t.mutex);
     t.state = UrlSessionTaskState::completed;
@@ -104,7 +108,7 @@ void UrlSession::Impl::answerResponse(const TaskPtr& task, ResponseDisposition d
   t.awaitingDisposition = false;
   t.lastActivity = Clock::now();
   if (disposition != ResponseDisposition::allow) {
-    finish(task, makeUrlError(UrlError::cancelled, t.current.url));
+    finish(task, makeUrlError(UrlError::cancelled, t.current().url));
     return;
   }
   if (!t.heldBody.empty()) {
@@ -183,7 +187,7 @@ void UrlSession::Impl::finishWhole(UrlSession& s, UrlSessionDelegate& d, const T
     MutexLock lock(t.mutex);
     // A cancel that came first is reported by the driver thread.
     if (t.state == UrlSessionTaskState::canceling || t.outcomeTaken.exchange(true)) return;
-    error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current.url);
+    error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current().url);
     t.state = UrlSessionTaskState::completed;
     t.error = error;
     if (allowed) t.received += static_cast<std::int64_t>(body.size());
@@ -232,7 +236,7 @@ void UrlSession::Impl::answerRedirect(const TaskPtr& task, std::optional<UrlRequ
     ++t.redirects;
     {
       MutexLock lock(t.mutex);
-      t.current = std::move(*next);
+      t.redirected = std::move(*next);
     }
     t.heldBody = Data();
     beginHop(task);
@@ -273,7 +277,7 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
     // The last buffered bytes reach the disk here, so closing can fail as a write does.
     const bool closed = std::fclose(t.file) == 0;
     t.file = nullptr;
-    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current.url);
+    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current().url);
   }
   {
     MutexLock lock(t.mutex);
