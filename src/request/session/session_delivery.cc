@@ -48,8 +48,14 @@ bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
     const auto here = [&] { call(*session, *target); };
     if (delegateQueue->runNowIfIdle(std::cref(here))) return true;
   }
-  delegateQueue->async(
-      [target = std::move(target), session = std::move(session), call = std::move(call)] { call(*session, *target); });
+  // The queue takes copyable work only; the callback goes along behind one shared pointer.
+  struct Queued {
+    std::shared_ptr<UrlSessionDelegate> target;
+    std::shared_ptr<UrlSession> session;
+    Delivery call;
+  };
+  auto queued = std::make_shared<Queued>(Queued{std::move(target), std::move(session), std::move(call)});
+  delegateQueue->async([queued = std::move(queued)] { queued->call(*queued->session, *queued->target); });
   return true;
 }
 

@@ -32,6 +32,7 @@
 #include "platform/thread_annotations.h"
 #include "platform/wakeup_event.h"
 #include "request/header_text.h"
+#include "request/session/delivery.h"
 #include "request/session/task_state.h"
 #include "request/session/transport.h"
 
@@ -59,7 +60,7 @@ using TrustDecision = std::pair<AuthChallengeDisposition, std::shared_ptr<const 
 struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   using Clock = internal::Clock;
   using TaskPtr = std::shared_ptr<UrlSessionTask>;
-  using Delivery = std::function<void(UrlSession&, UrlSessionDelegate&)>;
+  using Delivery = internal::Delivery;
   // What other threads ask of the driver, in the order asked: a task to start (the one
   // command of every request, kept without a closure on the heap) or any other work.
   struct Command {
