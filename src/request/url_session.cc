@@ -34,7 +34,7 @@ UrlSessionTaskState UrlSessionTask::state() const {
 }
 UrlRequest UrlSessionTask::currentRequest() const {
   MutexLock lock(impl_->mutex);
-  return impl_->current;
+  return impl_->current();
 }
 std::shared_ptr<const HttpUrlResponse> UrlSessionTask::response() const {
   MutexLock lock(impl_->mutex);
@@ -69,7 +69,7 @@ void UrlSessionTask::resume() {
     if (!session->keepAlive) session->keepAlive = session->owner.lock();
   }
   impl_->counted.store(true);
-  session->post([session, task = shared_from_this()] { session->start(task); });
+  session->postStart(shared_from_this());
 }
 
 void UrlSessionTask::cancel() {

@@ -113,6 +113,8 @@ ResponseHeadParser::Step ResponseHeadParser::feed(std::string_view line) {
   const std::string_view name = trimSpaces(line.substr(0, colon));
   // A line without a name is no field; what a server means by it cannot be known.
   if (colon == std::string_view::npos || name.empty()) return Step::more;
+  // Room for a usual head at once, rather than growing through 1, 2, 4 and 8 fields.
+  if (fields_.empty()) fields_.reserve(kUsualFieldCount);
   fields_.emplace_back(std::string(name), std::string(trimSpaces(line.substr(colon + 1))));
   return Step::more;
 }

@@ -60,6 +60,8 @@ class ResponseHeadParser {
   [[nodiscard]] std::vector<HttpUrlResponse::HeaderField> takeFields();
 
  private:
+  static constexpr std::size_t kUsualFieldCount = 12;
+
   int statusCode_ = 0;
   std::size_t size_ = 0;
   std::vector<HttpUrlResponse::HeaderField> fields_;

@@ -43,9 +43,19 @@ bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
   if (!target || !session) return false;
   // An idle delegate queue runs the callback here: one thread hand-off less per callback,
   // which is most of the cost of a small transfer.
-  if (mayRunHere && delegateQueue->runNowIfIdle([&] { call(*session, *target); })) return true;
-  delegateQueue->async(
-      [target = std::move(target), session = std::move(session), call = std::move(call)] { call(*session, *target); });
+  // The job captures one pointer, so that std::function keeps it inline rather than on the heap.
+  if (mayRunHere) {
+    const auto here = [&] { call(*session, *target); };
+    if (delegateQueue->runNowIfIdle(std::cref(here))) return true;
+  }
+  // The queue takes copyable work only; the callback goes along behind one shared pointer.
+  struct Queued {
+    std::shared_ptr<UrlSessionDelegate> target;
+    std::shared_ptr<UrlSession> session;
+    Delivery call;
+  };
+  auto queued = std::make_shared<Queued>(Queued{std::move(target), std::move(session), std::move(call)});
+  delegateQueue->async([queued = std::move(queued)] { queued->call(*queued->session, *queued->target); });
   return true;
 }
 
@@ -53,7 +63,7 @@ bool UrlSession::Impl::deliver(Delivery call, bool mayRunHere) {
 void UrlSession::Impl::completeUnstarted(const TaskPtr& task) {
   auto& t = task->impl();
   t.finished = true;
-  ErrorPtr error = makeUrlError(UrlError::cancelled, t.current.url);
+  ErrorPtr error = makeUrlError(UrlError::cancelled, t.current().url);
   {
     MutexLock lock(t.mutex);
     t.state = UrlSessionTaskState::completed;
@@ -104,7 +114,7 @@ void UrlSession::Impl::answerResponse(const TaskPtr& task, ResponseDisposition d
   t.awaitingDisposition = false;
   t.lastActivity = Clock::now();
   if (disposition != ResponseDisposition::allow) {
-    finish(task, makeUrlError(UrlError::cancelled, t.current.url));
+    finish(task, makeUrlError(UrlError::cancelled, t.current().url));
     return;
   }
   if (!t.heldBody.empty()) {
@@ -183,7 +193,7 @@ void UrlSession::Impl::finishWhole(UrlSession& s, UrlSessionDelegate& d, const T
     MutexLock lock(t.mutex);
     // A cancel that came first is reported by the driver thread.
     if (t.state == UrlSessionTaskState::canceling || t.outcomeTaken.exchange(true)) return;
-    error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current.url);
+    error = allowed ? whole.error : makeUrlError(UrlError::cancelled, t.current().url);
     t.state = UrlSessionTaskState::completed;
     t.error = error;
     if (allowed) t.received += static_cast<std::int64_t>(body.size());
@@ -232,7 +242,7 @@ void UrlSession::Impl::answerRedirect(const TaskPtr& task, std::optional<UrlRequ
     ++t.redirects;
     {
       MutexLock lock(t.mutex);
-      t.current = std::move(*next);
+      t.redirected = std::move(*next);
     }
     t.heldBody = Data();
     beginHop(task);
@@ -273,7 +283,7 @@ void UrlSession::Impl::finish(const TaskPtr& taskRef, ErrorPtr error) {
     // The last buffered bytes reach the disk here, so closing can fail as a write does.
     const bool closed = std::fclose(t.file) == 0;
     t.file = nullptr;
-    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current.url);
+    if (!closed && !error) error = makeUrlError(UrlError::cannotWriteToFile, t.current().url);
   }
   {
     MutexLock lock(t.mutex);

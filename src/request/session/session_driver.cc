@@ -42,6 +42,12 @@ UrlSession::Impl::Impl(UrlSessionConfiguration config, std::shared_ptr<UrlSessio
 UrlSession::Impl::~Impl() { releaseTransport(std::move(transport)); }
 
 void UrlSession::Impl::post(std::function<void()> command, bool urgent) {
+  enqueue(Command{nullptr, std::move(command)}, urgent);
+}
+
+void UrlSession::Impl::postStart(TaskPtr task) { enqueue(Command{std::move(task), nullptr}, true); }
+
+void UrlSession::Impl::enqueue(Command command, bool urgent) {
   bool start = false;
   bool wakeDriver = false;
   {
@@ -88,7 +94,13 @@ void UrlSession::Impl::run() {
       commandBatch.swap(commands);
     }
     // A command may post more; those go to `commands` and wait for the next pass.
-    for (auto& command : commandBatch) command();
+    for (auto& command : commandBatch) {
+      if (command.start) {
+        start(command.start);
+      } else {
+        command.work();
+      }
+    }
     commandBatch.clear();
     int stillRunning = 0;
     curl_multi_perform(transport.multi, &stillRunning);
@@ -158,11 +170,11 @@ void UrlSession::Impl::start(const TaskPtr& task) {
   // A timeout that is not positive (or not a number) falls back on the session's, then on the
   // default; infinity and huge values become the maximum.
   TimeInterval timeout =
-      t.current.timeoutInterval > 0 ? t.current.timeoutInterval : configuration.timeoutIntervalForRequest;
+      t.current().timeoutInterval > 0 ? t.current().timeoutInterval : configuration.timeoutIntervalForRequest;
   if (!(timeout > 0)) timeout = UrlSessionConfiguration().timeoutIntervalForRequest;
   t.timeout = std::min(timeout, kMaximumTimeout);
   if (t.download && !openDownloadFile(t)) {
-    finish(task, makeUrlError(UrlError::cannotCreateFile, t.current.url));
+    finish(task, makeUrlError(UrlError::cannotCreateFile, t.current().url));
     return;
   }
   beginHop(task);
@@ -170,22 +182,22 @@ void UrlSession::Impl::start(const TaskPtr& task) {
 
 void UrlSession::Impl::beginHop(const TaskPtr& task) {
   auto& t = task->impl();
-  if (!internal::isHttpScheme(t.current.url) || t.current.url.host().empty()) {
-    finish(task, makeUrlError(internal::isHttpScheme(t.current.url) ? UrlError::badURL : UrlError::unsupportedURL,
-                              t.current.url));
+  if (!internal::isHttpScheme(t.current().url) || t.current().url.host().empty()) {
+    finish(task, makeUrlError(internal::isHttpScheme(t.current().url) ? UrlError::badURL : UrlError::unsupportedURL,
+                              t.current().url));
     return;
   }
-  if (t.current.httpMethod == "HEAD" && t.current.httpBody) {
+  if (t.current().httpMethod == "HEAD" && t.current().httpBody) {
     // libcurl cannot send a body and still read a HEAD answer, whose content has no meaning
     // anyway; refused with the platform's code for a GET or HEAD with a body.
-    finish(task, internal::makeUrlError(UrlError::dataLengthExceedsMaximum, t.current.url,
+    finish(task, internal::makeUrlError(UrlError::dataLengthExceedsMaximum, t.current().url,
                                         "A HEAD request cannot carry a body."));
     return;
   }
   configure(t);
   t.lastActivity = Clock::now();
   if (curl_multi_add_handle(transport.multi, t.easy) != CURLM_OK) {
-    finish(task, makeUrlError(UrlError::unknown, t.current.url));
+    finish(task, makeUrlError(UrlError::unknown, t.current().url));
     return;
   }
   t.inMulti = true;
@@ -195,7 +207,7 @@ void UrlSession::Impl::cancel(const TaskPtr& task) {
   auto& t = task->impl();
   if (t.finished) return;
   if (running.count(t.id)) {
-    finish(task, makeUrlError(UrlError::cancelled, t.current.url));
+    finish(task, makeUrlError(UrlError::cancelled, t.current().url));
   } else {
     completeUnstarted(task);
   }
@@ -228,7 +240,7 @@ void UrlSession::Impl::invalidate(bool cancelRunning) {
   if (cancelRunning) {
     std::vector<TaskPtr> all;
     for (auto& [id, task] : running) all.push_back(task);
-    for (auto& task : all) finish(task, makeUrlError(UrlError::cancelled, task->impl().current.url));
+    for (auto& task : all) finish(task, makeUrlError(UrlError::cancelled, task->impl().current().url));
   }
   checkInvalidationDone();
 }
@@ -271,7 +283,7 @@ void UrlSession::Impl::transferDone(const TaskPtr& task, CURLcode code) {
   if (t.redirectRequest && code == CURLE_OK) {
     detach(t);
     if (t.redirects >= internal::kMaximumRedirects) {
-      finish(task, makeUrlError(UrlError::httpTooManyRedirects, t.current.url));
+      finish(task, makeUrlError(UrlError::httpTooManyRedirects, t.current().url));
       return;
     }
     askForRedirect(task);
@@ -305,7 +317,7 @@ int UrlSession::Impl::expireTimeouts() {
   }
   for (auto& task : expired) {
     task->impl().timedOut = true;
-    finish(task, makeUrlError(UrlError::timedOut, task->impl().current.url));
+    finish(task, makeUrlError(UrlError::timedOut, task->impl().current().url));
   }
   return static_cast<int>(wait.count());
 }

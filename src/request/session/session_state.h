@@ -32,6 +32,7 @@
 #include "platform/thread_annotations.h"
 #include "platform/wakeup_event.h"
 #include "request/header_text.h"
+#include "request/session/delivery.h"
 #include "request/session/task_state.h"
 #include "request/session/transport.h"
 
@@ -59,7 +60,13 @@ using TrustDecision = std::pair<AuthChallengeDisposition, std::shared_ptr<const 
 struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   using Clock = internal::Clock;
   using TaskPtr = std::shared_ptr<UrlSessionTask>;
-  using Delivery = std::function<void(UrlSession&, UrlSessionDelegate&)>;
+  using Delivery = internal::Delivery;
+  // What other threads ask of the driver, in the order asked: a task to start (the one
+  // command of every request, kept without a closure on the heap) or any other work.
+  struct Command {
+    TaskPtr start;
+    std::function<void()> work;
+  };
 
   Impl(UrlSessionConfiguration config, std::shared_ptr<UrlSessionDelegate> sessionDelegate,
        std::shared_ptr<DispatchQueue> queue);
@@ -78,7 +85,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   mutable Mutex mutex;
   std::shared_ptr<UrlSessionDelegate> delegate GUARDED_BY(mutex);
   std::shared_ptr<UrlSession> keepAlive GUARDED_BY(mutex);
-  std::vector<std::function<void()>> commands GUARDED_BY(mutex);
+  std::vector<Command> commands GUARDED_BY(mutex);
   std::unordered_map<std::uint64_t, std::weak_ptr<UrlSessionTask>> liveTasks GUARDED_BY(mutex);
   std::uint64_t nextTaskIdentifier GUARDED_BY(mutex) = 1;
   bool threadRunning GUARDED_BY(mutex) = false;
@@ -97,7 +104,7 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
   // The lists above and the commands, taken over by the driver for the step that works
   // through them. They keep their room from pass to pass, so that a pass allocates nothing
   // for its bookkeeping.
-  std::vector<std::function<void()>> commandBatch;
+  std::vector<Command> commandBatch;
   std::vector<TaskPtr> askedHeads;
   std::vector<TaskPtr> handedBodies;
   // Tasks whose end the delegate queue reports (deliverWhole) and that have not settled yet.
@@ -111,6 +118,9 @@ struct UrlSession::Impl : std::enable_shared_from_this<UrlSession::Impl> {
 
   // `urgent` false: the command may wait for the driver's next pass (see kSettleWaitMs).
   void post(std::function<void()> command, bool urgent = true) EXCLUDES(mutex);
+  // Posts the start of a resumed task.
+  void postStart(TaskPtr task) EXCLUDES(mutex);
+  void enqueue(Command command, bool urgent) EXCLUDES(mutex);
   // Wakes the driver from its poll. Called without `mutex` held: the woken driver takes it.
   void wake() EXCLUDES(mutex);
   // Queues a delegate callback; false when there is no delegate any more.

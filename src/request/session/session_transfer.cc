@@ -81,7 +81,7 @@ void UrlSession::Impl::configure(UrlSessionTask::Impl& t) {
   t.errorBuffer[0] = '\0';
 
   CURL* e = t.easy;
-  const UrlRequest& r = t.current;
+  const UrlRequest& r = t.current();
   if (internal::equalsIgnoringCase(r.url.scheme(), "https")) carriedTls = true;
   curl_easy_setopt(e, CURLOPT_URL, r.url.absoluteString().c_str());
   curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
@@ -158,10 +158,10 @@ size_t UrlSession::Impl::onHeader(char* buffer, size_t size, size_t count, void*
 }
 
 void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
-  auto response = std::make_shared<const HttpUrlResponse>(t.current.url, t.head.statusCode(), t.head.takeFields());
+  auto response = std::make_shared<const HttpUrlResponse>(t.current().url, t.head.statusCode(), t.head.takeFields());
   t.hopResponse = response;
   // Before the redirect below: its target sends what this hop set.
-  keepCookies(t.current, *response);
+  keepCookies(t.current(), *response);
   {
     MutexLock lock(t.mutex);
     t.response = response;
@@ -173,13 +173,13 @@ void UrlSession::Impl::headComplete(UrlSessionTask::Impl& t) {
     if (auto location = response->value("Location")) {
       // Servers send raw UTF-8 and spaces here too; they are encoded as in any URL typed.
       auto reference = Url::parseEncodingInvalidCharacters(internal::trimSpaces(*location));
-      auto target = reference ? reference->resolvedAgainst(t.current.url) : std::nullopt;
+      auto target = reference ? reference->resolvedAgainst(t.current().url) : std::nullopt;
       if (target) {
-        UrlRequest next = t.current;
+        UrlRequest next = t.current();
         next.url = *target;
         // The connect target stands for the first URL's authority only: a redirect to another
         // authority connects where its own URL says.
-        if (next.url.host() != t.current.url.host() || next.url.port() != t.current.url.port()) {
+        if (next.url.host() != t.current().url.host() || next.url.port() != t.current().url.port()) {
           next.connectTo.reset();
         }
         const bool toGet = (status == 303 && next.httpMethod != "HEAD") ||
@@ -314,26 +314,26 @@ int UrlSession::Impl::onProgress(void* user, curl_off_t, curl_off_t downloaded, 
 
 ErrorPtr UrlSession::Impl::errorFor(UrlSessionTask::Impl& t, CURLcode code) {
   if (t.cancelRequested.load() || t.trustCancelled) {
-    return makeUrlError(t.timedOut ? UrlError::timedOut : UrlError::cancelled, t.current.url);
+    return makeUrlError(t.timedOut ? UrlError::timedOut : UrlError::cancelled, t.current().url);
   }
   if (t.trustError) return t.trustError;
-  if (t.timedOut) return makeUrlError(UrlError::timedOut, t.current.url);
+  if (t.timedOut) return makeUrlError(UrlError::timedOut, t.current().url);
   // libcurl before 8.6 reports a head line beyond its limit (100 KiB) as running out of
   // memory: with the head still incomplete, that is the server's fault.
   if (t.badHead || (code == CURLE_OUT_OF_MEMORY && !t.hopResponse)) {
-    return makeUrlError(UrlError::badServerResponse, t.current.url);
+    return makeUrlError(UrlError::badServerResponse, t.current().url);
   }
   // While a transfer is paused, libcurl keeps what the rest of the current read inflates to
   // and gives up at 64 MiB: a compressed body that swells so far is as much beyond any limit
   // as an endless plain one.
   if (code == CURLE_OUT_OF_MEMORY && t.hopResponse && t.hopResponse->value("Content-Encoding")) {
-    return makeUrlError(UrlError::dataLengthExceedsMaximum, t.current.url);
+    return makeUrlError(UrlError::dataLengthExceedsMaximum, t.current().url);
   }
   if (code == CURLE_OK) return nullptr;
   long osErrno = 0;
   if (t.easy) curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);
   const std::string detail = t.errorBuffer[0] ? t.errorBuffer : curl_easy_strerror(code);
-  return makeUrlError(internal::urlErrorOf(code, osErrno, internal::isHttpScheme(t.current.url)), t.current.url,
+  return makeUrlError(internal::urlErrorOf(code, osErrno, internal::isHttpScheme(t.current().url)), t.current().url,
                       Error::make("libcurl", code, detail));
 }
 

@@ -45,9 +45,9 @@ int UrlSession::Impl::onVerify(X509_STORE_CTX* context, void* user) {
   auto session = sessionOf(t);
   // A sealed service URL's authority resolves nowhere; the certificate must be for the server
   // the connection really goes to.
-  const auto* target = connectTargetOf(t.current);
-  const std::string host = withoutBrackets(target ? target->host : t.current.url.host());
-  const int port = target ? target->port : portOf(t.current.url);
+  const auto* target = connectTargetOf(t.current());
+  const std::string host = withoutBrackets(target ? target->host : t.current().url.host());
+  const int port = target ? target->port : portOf(t.current().url);
   X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(context);
   if (X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) != 1) {
     X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size());
@@ -81,7 +81,7 @@ int UrlSession::Impl::onVerify(X509_STORE_CTX* context, void* user) {
     return 1;
   }
   if (trusted) return 1;
-  t.trustError = makeUrlError(UrlError::serverCertificateUntrusted, t.current.url,
+  t.trustError = makeUrlError(UrlError::serverCertificateUntrusted, t.current().url,
                               Error::make("OpenSSL", verifyError, trust->failureReason()));
   return 0;
 }

@@ -34,11 +34,7 @@ struct UrlSessionTask::Impl {
   using Clock = internal::Clock;
 
   Impl(std::weak_ptr<UrlSession::Impl> owner, std::uint64_t identifier, UrlRequest request, bool isDownload)
-      : session(std::move(owner)),
-        id(identifier),
-        download(isDownload),
-        original(request),
-        current(std::move(request)) {}
+      : session(std::move(owner)), id(identifier), download(isDownload), original(std::move(request)) {}
 
   const std::weak_ptr<UrlSession::Impl> session;
   const std::uint64_t id;
@@ -49,8 +45,12 @@ struct UrlSessionTask::Impl {
   // Read from any thread.
   mutable Mutex mutex;
   UrlSessionTaskState state GUARDED_BY(mutex) = UrlSessionTaskState::suspended;
-  // The driver thread alone changes it, under the lock, and reads it without.
-  UrlRequest current;
+  // The request of the latest redirect hop. The driver thread alone changes it, under the
+  // lock, and reads it without.
+  std::optional<UrlRequest> redirected;
+  // The request of the current hop: the original one until a redirect is followed, so that a
+  // request without redirects is held once.
+  [[nodiscard]] const UrlRequest& current() const noexcept { return redirected ? *redirected : original; }
   std::shared_ptr<const HttpUrlResponse> response GUARDED_BY(mutex);
   ErrorPtr error GUARDED_BY(mutex);
   std::int64_t received GUARDED_BY(mutex) = 0;
